@@ -1,0 +1,287 @@
+#include "vlog.h"
+
+#include <pthread.h>
+#include <signal.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
+#include <cstdarg>
+#include <cstddef>
+#include <cstdint>
+#include <cstdio>
+
+namespace {
+
+constexpr int kDebug = 0;
+constexpr int kInfo = 1;
+constexpr int kWarn = 2;
+constexpr int kError = 3;
+constexpr int kFatal = 4;
+constexpr int kEvent = 5;
+constexpr int kOperation = 6;
+constexpr int kTrace = 7;
+
+std::atomic<int> currentLevel{kWarn};
+
+const char* LevelName(int level)
+{
+    switch (level) {
+        case kDebug:
+            return "DEBUG";
+        case kInfo:
+            return "INFO";
+        case kWarn:
+            return "WARN";
+        case kError:
+            return "ERROR";
+        case kFatal:
+            return "FATAL";
+        case kEvent:
+            return "EVENT";
+        case kOperation:
+            return "OPLOG";
+        case kTrace:
+            return "TRACE";
+        default:
+            return "UNKNOWN";
+    }
+}
+
+const char* OrNull(const char* text)
+{
+    return text != nullptr ? text : "(null)";
+}
+
+struct Date {
+    int64_t year;
+    unsigned month;
+    unsigned day;
+};
+
+// The calendar date of a day counted from 1970-01-01. The C library's conversions take a lock and may read the time
+// zone from a file, which a logger that is called from anywhere must not.
+Date DateOfDay(int64_t daysSinceEpoch)
+{
+    constexpr int64_t kDaysPerEra = 146097;  // 400 years
+    // Counted from 0000-03-01, a leap day is the last day of its year.
+    const int64_t days = daysSinceEpoch + 719468;
+    const int64_t era = (days >= 0 ? days : days - (kDaysPerEra - 1)) / kDaysPerEra;
+    const auto dayOfEra = static_cast<unsigned>(days - era * kDaysPerEra);
+    const unsigned yearOfEra = (dayOfEra - dayOfEra / 1460 + dayOfEra / 36524 - dayOfEra / 146096) / 365;
+    const unsigned dayOfYear = dayOfEra - (365 * yearOfEra + yearOfEra / 4 - yearOfEra / 100);
+    const unsigned monthFromMarch = (5 * dayOfYear + 2) / 153;
+    const unsigned day = dayOfYear - (153 * monthFromMarch + 2) / 5 + 1;
+    const unsigned month = monthFromMarch < 10 ? monthFromMarch + 3 : monthFromMarch - 9;
+    return {era * 400 + yearOfEra + (month <= 2 ? 1 : 0), month, day};
+}
+
+// One line, built on the stack. What does not fit is cut; room for the closing newline is always kept.
+class Line {
+public:
+    void Append(const char* fmt, ...) __attribute__((format(printf, 2, 3)))
+    {
+        va_list args;
+        va_start(args, fmt);
+        AppendArgs(fmt, args);
+        va_end(args);
+    }
+
+    void AppendArgs(const char* fmt, va_list args) __attribute__((format(printf, 2, 0)))
+    {
+        const size_t room = sizeof(text_) - length_;
+        const int wanted = vsnprintf(text_ + length_, room, fmt, args);
+        if (wanted > 0) {
+            length_ += static_cast<size_t>(wanted) < room ? static_cast<size_t>(wanted) : room - 1;
+        }
+    }
+
+    void AppendTime()
+    {
+        constexpr int64_t kSecondsPerDay = 24 * 60 * 60;
+        timespec now{};
+        clock_gettime(CLOCK_REALTIME, &now);
+        const Date date = DateOfDay(now.tv_sec / kSecondsPerDay);
+        const auto second = static_cast<int>(now.tv_sec % kSecondsPerDay);
+        Append("%04lld-%02u-%02uT%02d:%02d:%02d.%06ldZ", static_cast<long long>(date.year), date.month, date.day,
+               second / 3600, second / 60 % 60, second % 60, now.tv_nsec / 1000);
+    }
+
+    // The finished line: without the newlines that the text ended in, with one of its own.
+    void End()
+    {
+        while (length_ > 0 && text_[length_ - 1] == '\n') {
+            --length_;
+        }
+        text_[length_++] = '\n';
+    }
+
+    const char* text() const { return text_; }
+    size_t length() const { return length_; }
+
+private:
+    char text_[10240];
+    size_t length_ = 0;
+};
+
+// Keeps a broken pipe from killing the process, for the calling thread and the length of a scope. A SIGPIPE that was
+// pending before stays pending.
+class SigpipeGuard {
+public:
+    SigpipeGuard()
+    {
+        sigemptyset(&sigpipe_);
+        sigaddset(&sigpipe_, SIGPIPE);
+        blocked_ = pthread_sigmask(SIG_BLOCK, &sigpipe_, &before_) == 0 && sigismember(&before_, SIGPIPE) == 0;
+    }
+    ~SigpipeGuard()
+    {
+        if (blocked_) {
+            pthread_sigmask(SIG_SETMASK, &before_, nullptr);
+        }
+    }
+    SigpipeGuard(const SigpipeGuard&) = delete;
+    SigpipeGuard& operator=(const SigpipeGuard&) = delete;
+
+    // Removes the signal of a write that failed with EPIPE.
+    void Consume()
+    {
+        if (blocked_) {
+            const timespec noWait{};
+            sigtimedwait(&sigpipe_, nullptr, &noWait);
+        }
+    }
+
+private:
+    sigset_t sigpipe_;
+    sigset_t before_;
+    bool blocked_ = false;
+};
+
+void WriteToStandardError(const Line& line)
+{
+    SigpipeGuard guard;
+    // A short or failed write loses the rest of the line: repeating it could block or mix lines.
+    const ssize_t written = write(STDERR_FILENO, line.text(), line.length());
+    if (written == -1 && errno == EPIPE) {
+        guard.Consume();
+    }
+}
+
+void AppendPairs(Line& line, const KeyValue* pairs, int pairCount)
+{
+    if (pairs == nullptr) {
+        return;
+    }
+    for (int i = 0; i < pairCount; ++i) {
+        line.Append(" {%s=%s}", OrNull(pairs[i].kname), OrNull(pairs[i].value));
+    }
+}
+
+void WriteLine(int moduleId, int level, const KeyValue* pairs, int pairCount, const char* fmt, va_list args)
+    __attribute__((format(printf, 5, 0)));
+
+void WriteLine(int moduleId, int level, const KeyValue* pairs, int pairCount, const char* fmt, va_list args)
+{
+    const int savedErrno = errno;
+    Line line;
+    line.AppendTime();
+    line.Append(" %s [%d]", LevelName(level), moduleId);
+    AppendPairs(line, pairs, pairCount);
+    line.Append(" ");
+    if (fmt != nullptr) {
+        errno = savedErrno;  // the format may contain %m
+        line.AppendArgs(fmt, args);
+    } else {
+        line.Append("(null)");
+    }
+    line.End();
+    WriteToStandardError(line);
+    errno = savedErrno;
+}
+
+}  // namespace
+
+int vlog_init(void)
+{
+    return 0;
+}
+
+int vlog_getlevel(int /*moduleId*/, int* enableEvent)
+{
+    if (enableEvent != nullptr) {
+        *enableEvent = 1;
+    }
+    return currentLevel.load(std::memory_order_relaxed);
+}
+
+int vlog_setlevel(int level)
+{
+    if (level < kDebug || level > kError) {
+        return -1;
+    }
+    currentLevel.store(level, std::memory_order_relaxed);
+    return 0;
+}
+
+int CheckLogLevel(int /*moduleId*/, int logLevel)
+{
+    return logLevel >= currentLevel.load(std::memory_order_relaxed) ? 1 : 0;
+}
+
+void VlogDebugInner(int moduleId, const char* fmt, ...)
+{
+    va_list args;
+    va_start(args, fmt);
+    WriteLine(moduleId, kDebug, nullptr, 0, fmt, args);
+    va_end(args);
+}
+
+void VlogInfoInner(int moduleId, const char* fmt, ...)
+{
+    va_list args;
+    va_start(args, fmt);
+    WriteLine(moduleId, kInfo, nullptr, 0, fmt, args);
+    va_end(args);
+}
+
+void VlogWarnInner(int moduleId, const char* fmt, ...)
+{
+    va_list args;
+    va_start(args, fmt);
+    WriteLine(moduleId, kWarn, nullptr, 0, fmt, args);
+    va_end(args);
+}
+
+void VlogErrorInner(int moduleId, const char* fmt, ...)
+{
+    va_list args;
+    va_start(args, fmt);
+    WriteLine(moduleId, kError, nullptr, 0, fmt, args);
+    va_end(args);
+}
+
+void VlogEventInner(int moduleId, const char* fmt, ...)
+{
+    va_list args;
+    va_start(args, fmt);
+    WriteLine(moduleId, kEvent, nullptr, 0, fmt, args);
+    va_end(args);
+}
+
+void VlogInner(int moduleId, int level, const char* fmt, ...)
+{
+    va_list args;
+    va_start(args, fmt);
+    WriteLine(moduleId, level, nullptr, 0, fmt, args);
+    va_end(args);
+}
+
+void VlogWithKVInner(int moduleId, int level, KeyValue* pairs, int pairCount, const char* fmt, ...)
+{
+    va_list args;
+    va_start(args, fmt);
+    WriteLine(moduleId, level, pairs, pairCount, fmt, args);
+    va_end(args);
+}

@@ -1,0 +1,84 @@
+#ifndef GAKPPC_LOG_H
+#define GAKPPC_LOG_H
+
+#include <atomic>
+#include <cstdint>
+
+#include "gakppc_export.h"
+
+// Log lines of the library's classes. Each call composes one line from the caller's message, source file, line,
+// function and thread id and hands it to the platform's device logging library under module id 38.
+//
+// Any thread may call these functions at any time, also while the process exits. They keep all buffers on the caller's
+// stack (about 16 KiB), never wait, and never fail: a null function name, file name or format, a message of more than
+// 8191 characters and a line of more than 8191 characters are dropped without a trace. They raise nothing but
+// std::system_error when a mutex cannot be locked.
+
+// A plain line, at level INFO. "%s,[%s:%d:%s]%d Msg: running ok\n" of message, file, line, function, thread id.
+GAKPPC_API void QEL_LOG_IMPL(const char* funcName, const char* fileName, int line, const char* fmt, ...)
+    __attribute__((format(printf, 4, 5)));
+
+// A line with a status number, whose bits 12 to 15 give the level and whose text ends the line. Numbers below the
+// current level or with a level above 4 (FATAL) are dropped before anything is composed; FATAL is written as INFO.
+GAKPPC_API void QEL_LOG_IMPL(const char* funcName, const char* fileName, int line, uint32_t status, const char* fmt,
+                             ...) __attribute__((format(printf, 5, 6)));
+
+// An event, always written. "%s,[%s:%d:%s]%d\n" of message, file, line, function, thread id.
+GAKPPC_API void QEL_EVENT_LOG_IMPL(const char* funcName, const char* fileName, int line, const char* fmt, ...)
+    __attribute__((format(printf, 4, 5)));
+
+// A trace: the line of an event, with the key/value pair "status" = `statusText` beside it.
+GAKPPC_API void QEL_TRACE_LOG_IMPL(const char* funcName, const char* fileName, int line, const char* statusText,
+                                   const char* fmt, ...) __attribute__((format(printf, 5, 6)));
+
+// An operation log line, always written. "[%s:%d:%s]%d %s\n" of file, line, function, thread id, message.
+GAKPPC_API void QEL_OPLOG_IMPL(const char* funcName, const char* fileName, int line, const char* fmt, ...)
+    __attribute__((format(printf, 4, 5)));
+
+namespace qel {
+
+class Mutex;
+
+// The one logging instance: the current level and the way from a composed line to the platform's sinks. Never
+// destroyed; any thread may call anything at any time.
+class GAKPPC_API QELLog {
+public:
+    // The instance, initialised: the first call in a process runs Init.
+    static QELLog& GetInstance();
+
+    // Opens the platform's logging library and reads its level, once in the life of the process; later calls do
+    // nothing. GetInstance calls it; nobody else needs to.
+    void Init();
+
+    // The platform's level for this module: 0 DEBUG, 1 INFO, 2 WARN, 3 ERROR; anything else it says counts as INFO.
+    uint32_t QELGetCurLogLevel();
+
+    // Reads the level again and returns it. For the embedding process: the library never calls it.
+    int QELRefreshLevel();
+
+    // Whether the level field of `status` is at least the current level and at most 4.
+    bool QELLogOutputEnable(uint32_t status);
+
+    // Hands one composed line to the sink of `level`: 0 to 3 DEBUG to ERROR, 5 event, 6 operation log, 7 trace, all
+    // others INFO. DEBUG, INFO, WARN and trace lines are written only if the sink says that the level is on. A null
+    // `text` is ignored; `statusText` is used at level 7 only.
+    void QELSaveLog(int moduleId, uint32_t level, const char* text, const char* statusText);
+
+    QELLog(const QELLog&) = delete;
+    QELLog& operator=(const QELLog&) = delete;
+
+private:
+    template <typename T>
+    friend class NoDestroy;
+    QELLog() = default;
+    ~QELLog() = default;
+
+    GAKPPC_LOCAL static std::atomic<bool> isInitFlag;
+    GAKPPC_LOCAL static Mutex mutexHandle;  // serialises the first initialisation
+
+    std::atomic<uint32_t> currentLevel_{1};
+};
+
+}  // namespace qel
+
+#endif

@@ -1,0 +1,66 @@
+#include "string_util.h"
+
+#include <algorithm>
+#include <cctype>
+
+namespace qel {
+namespace {
+
+bool IsSpace(char c)
+{
+    return std::isspace(static_cast<unsigned char>(c)) != 0;
+}
+
+}  // namespace
+
+std::string& RTrim(std::string& s)
+{
+    s.erase(std::find_if_not(s.rbegin(), s.rend(), IsSpace).base(), s.end());
+    return s;
+}
+
+std::string& LTrim(std::string& s)
+{
+    s.erase(s.begin(), std::find_if_not(s.begin(), s.end(), IsSpace));
+    return s;
+}
+
+std::string& Trim(std::string& s)
+{
+    return LTrim(RTrim(s));
+}
+
+void ReplaceAllSubStrDistinct(std::string& s, const std::string& from, const std::string& to)
+{
+    if (&s == &from || &s == &to) {
+        // The text changes below, so a pattern that is the text itself is copied first.
+        ReplaceAllSubStrDistinct(s, std::string(from), std::string(to));
+        return;
+    }
+    for (size_t at = s.find(from); at != std::string::npos; at = s.find(from, at + to.size())) {
+        s.replace(at, from.size(), to);
+    }
+}
+
+std::string RemoveEscapeChar(const std::string& in)
+{
+    static constexpr char kFirstEscaped = 7;
+    static constexpr char kLastEscaped = 13;
+    static constexpr char kLetters[] = "abtnvfr";  // for the bytes 7 to 13, in order
+
+    std::string out;
+    out.reserve(in.size());
+    for (const char c : in) {
+        if (c >= kFirstEscaped && c <= kLastEscaped) {
+            out += '\\';
+            out += kLetters[c - kFirstEscaped];
+        } else {
+            out += c;
+        }
+    }
+    ReplaceAllSubStrDistinct(out, "%0a", "%%0a");
+    ReplaceAllSubStrDistinct(out, "%0d", "%%0d");
+    return out;
+}
+
+}  // namespace qel

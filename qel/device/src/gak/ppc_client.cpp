@@ -1,0 +1,414 @@
+#include "ppc_client.h"
+
+#include <unistd.h>
+
+#include <map>
+#include <memory>
+#include <new>
+
+#include "gak_limits.h"
+#include "gak_log.h"
+#include "mutex.h"
+#include "no_destroy.h"
+#include "ppc.h"
+#include "ppc_record.h"
+#include "process_exit.h"
+#include "status_table.h"
+
+namespace qel {
+namespace {
+
+constexpr char kSourcePath[] = "qel/device/src/gak/ppc_client";
+
+constexpr int kClientCreateArgument1 = 100;
+constexpr int kClientCreateArgument2 = 0;
+constexpr int32_t kLargestWaitType = 3;
+
+uint32_t OwnPid()
+{
+    return static_cast<uint32_t>(getpid());
+}
+
+// One bit for each device, plus the process type. Devices of 4 and more share the keys of lower ones.
+uint32_t SessionKey(uint32_t deviceId, PPCMessage::ProcessType procType)
+{
+    return (1U << ((deviceId * 8U) % 32U)) + static_cast<uint32_t>(procType);
+}
+
+// The process type that goes out for an accepted wait type. Not the rule of GetPPCProcessType: whatever is neither ZOLT
+// nor CUSTOM_COMPUTE is announced as COMPUTE.
+PPCMessage::ProcessType ProcessTypeToSend(GakWaitType waitType)
+{
+    switch (waitType) {
+        case PPCMessage::ZOLT:
+            return PPCMessage::ZOLT;
+        case PPCMessage::CUSTOM_COMPUTE:
+            return PPCMessage::CUSTOM_COMPUTE;
+        default:
+            return PPCMessage::COMPUTE;
+    }
+}
+
+PPCMessage MessageToDaemon(PPCMessage::MsgType type, uint32_t deviceId, PPCMessage::ProcessType procType)
+{
+    PPCMessage msg;
+    msg.set_type(type);
+    msg.set_src_id(deviceId);
+    msg.set_dest_id(kPpcServerId);
+    msg.set_proc_type(procType);
+    msg.set_sub_proc_pid(OwnPid());
+    return msg;
+}
+
+}  // namespace
+
+struct PpcClient::State {
+    static State& Instance()
+    {
+        static NoDestroy<State> state;
+        return *state;
+    }
+
+    std::atomic<void*> ppcClient_{nullptr};
+
+    Mutex sessionMutex_;
+    std::map<uint32_t, ppc::PpcSessionRef> sessionMap_ GAKPPC_GUARDED_BY(sessionMutex_);
+
+    Mutex subProcDevMutex_;
+    std::map<uint32_t, uint32_t> subProcDevMap_ GAKPPC_GUARDED_BY(subProcDevMutex_);
+
+    CondVar custStartCond_;
+    Mutex custStartMutex_;
+    bool custStartFlag_ GAKPPC_GUARDED_BY(custStartMutex_) = false;
+
+    // The process that opened the sessions, 0 before. Their tear-down is that process's alone.
+    std::atomic<pid_t> owner_{0};
+
+    bool BelongsToParent() const
+    {
+        const pid_t owner = owner_;
+        return owner != 0 && owner != getpid();
+    }
+
+    bool CreateClient();
+    ppc::PpcSessionRef GetPpcSession(uint32_t deviceId, PPCMessage::ProcessType procType);
+    void DestroySessions();
+    void DestroyClient();
+    void RecordDevice(uint32_t pid, uint32_t deviceId);
+    bool FindDevice(uint32_t pid, uint32_t* deviceId);
+    void ReportCustomStart();
+    void WaitForCustomStart();
+};
+
+// What SendHeartbeat and SendAbnormalMsg differ in.
+struct PpcClient::Report {
+    const char* function;
+    const char* word;
+    PPCMessage::MsgType type;
+};
+
+std::atomic<bool> PpcClient::clientRecvFlag_{false};
+
+PpcClient* PpcClient::GetInstance()
+{
+    static NoDestroy<PpcClient> instance;
+    static const ProcessExit<PpcClient> atExit(*instance);
+    return &*instance;
+}
+
+PpcClient::PpcClient() : state_(State::Instance()) {}
+
+PpcClient::~PpcClient()
+{
+    OnProcessExit();
+}
+
+void PpcClient::OnProcessExit()
+{
+    if (state_.BelongsToParent()) {
+        return;
+    }
+    GAK_LOG_AS("~PpcClient", "PpcClient::~PpcClient() destructor function called");
+    Destroy();
+}
+
+// Two threads may come here at once; the handle of the one that came too late is given back.
+bool PpcClient::State::CreateClient()
+{
+    if (ppcClient_ != nullptr) {
+        return true;
+    }
+    if (drvPpcInit() != PPC_OK) {
+        GAK_LOG_AS("GetPpcSession", kStatusPpcInitFail, "[GAKPPCCLI] GetPpcSession() drvPpcInit fail");
+        return false;
+    }
+    void* created = nullptr;
+    if (drvPpcClientCreate(&created, kClientCreateArgument1, kClientCreateArgument2) != PPC_OK) {
+        GAK_LOG_AS("GetPpcSession", kStatusPpcCreateFail, "[GAKPPCCLI] GetPpcSession() drvPdcClientCreate fail");
+        return false;
+    }
+    void* none = nullptr;
+    if (!ppcClient_.compare_exchange_strong(none, created) && created != nullptr) {
+        drvPpcClientDestroy(created);
+    }
+    return true;
+}
+
+ppc::PpcSessionRef PpcClient::State::GetPpcSession(uint32_t deviceId, PPCMessage::ProcessType procType)
+{
+    if (!CreateClient()) {
+        return {};
+    }
+    MutexLock lock(sessionMutex_);
+    const uint32_t key = SessionKey(deviceId, procType);
+    const auto found = sessionMap_.find(key);
+    if (found != sessionMap_.end()) {
+        return found->second;
+    }
+    GAK_LOG("[GAKPPCCLI] GetPpcSession() will Create session use serverId: %u", kPpcServerId);
+    PpcSession* session = nullptr;
+    if (drvPpcSessionConnect(static_cast<int>(kPpcServerId), &session) != PPC_OK || session == nullptr) {
+        GAK_LOG(kStatusPpcConnectFail, "[GAKPPCCLI] GetPpcSession() drvPpcSessionConnect fail");
+        return {};
+    }
+    // The session is ended if it cannot be stored, for nobody else would.
+    const auto endSession = [](PpcSession* unstored) { drvPpcSessionDestroy(unstored); };
+    std::unique_ptr<PpcSession, decltype(endSession)> unstored(session, endSession);
+    const ppc::PpcSessionRef ref(session);
+    sessionMap_.emplace(key, ref);
+    unstored.release();
+    owner_ = getpid();
+    clientRecvFlag_ = true;
+    GAK_LOG("[GAKPPCCLI] [serverId=%u] GetPpcSession() receive thread has been started", kPpcServerId);
+    return ref;
+}
+
+void* PpcClient::GetPpcSession(uint32_t deviceId, PPCMessage::ProcessType procType)
+{
+    return state_.GetPpcSession(deviceId, procType).Get();
+}
+
+uint32_t PpcClient::SendData(void*& session, const PPCMessage& msg)
+{
+    return SendMsg(session, msg);
+}
+
+uint32_t PpcClient::RecvData(uint32_t deviceId, GakWaitType waitType)
+{
+    const PPCMessage::ProcessType procType = GetPPCProcessType(waitType);
+    const ppc::PpcSessionRef held = state_.GetPpcSession(deviceId, procType);
+    void* session = held.Get();
+    for (;;) {
+        if (!clientRecvFlag_) {
+            GAK_LOG(kStatusPpcRecvFail, "[GAKPPCCLI] recvdata device %d clientRecvFlag_ is false receive msg failed",
+                    static_cast<int>(deviceId));
+            return kStatusPpcRecvFail;
+        }
+        PPCMessage msg;
+        const uint32_t status = RecvMsg(session, msg);
+        if (!clientRecvFlag_) {
+            // The text says the opposite of what happened; log readers know it so.
+            GAK_LOG("[GAKPPCCLI] recvdata device %d client recvflag has been set true", static_cast<int>(deviceId));
+            return status;
+        }
+        if (status != kStatusOk) {
+            GAK_LOG(status, "[GAKPPCCLI] recvdata device %d client receive message failed", static_cast<int>(deviceId));
+            return status;
+        }
+        const uint32_t result = RecvMsgProc(deviceId, session, procType, msg);
+        if (result != kStatusPpcClientNotExpected) {
+            GAK_LOG("[PPCClient]Process Exit DevId:%u procType:%u(0:ZOLT,1:COMPUTE,2:CUSTOM_COMPUTE)", deviceId,
+                    static_cast<uint32_t>(procType));
+            return result;
+        }
+    }
+}
+
+uint32_t PpcClient::RecvMsgProc(uint32_t deviceId, void*& session, const PPCMessage::ProcessType& procType,
+                                const PPCMessage& msg)
+{
+    GAK_LOG("PpcClient:: msg.type[%u], msg.proc_type[%u]", static_cast<uint32_t>(msg.type()),
+            static_cast<uint32_t>(msg.proc_type()));
+    if (msg.type() == PPCMessage::START_RSP && msg.proc_type() == PPCMessage::CUSTOM_COMPUTE) {
+        state_.ReportCustomStart();
+    }
+    GAK_LOG("PpcClient::RecvMsgProc, size=%u, subpid=%u", static_cast<uint32_t>(msg.ByteSizeLong()),
+            msg.sub_proc_pid());
+    if (msg.type() != PPCMessage::SHUTDOWN || msg.dest_id() != deviceId) {
+        GAK_LOG("[PPCClient] RecvMsgProc() device[%u] procType[%u] msgType[%u] no match continue", deviceId,
+                static_cast<uint32_t>(procType), static_cast<uint32_t>(msg.type()));
+        return kStatusPpcClientNotExpected;
+    }
+    const PPCMessage answer = MessageToDaemon(PPCMessage::SHUTDOWN_RSP, deviceId, procType);
+    GAK_LOG("PpcClient::RecvMsgProc, subpid1=%u, subpid2=%u", answer.sub_proc_pid(), answer.sub_proc_pid());
+    const uint32_t status = SendData(session, answer);
+    if (status == kStatusOk) {
+        GAK_EVENT("[PPCCLIEVENT] #### PPCClient->GAK Close Rsp send OK device[%u] procType:%u ####", deviceId,
+                  static_cast<uint32_t>(procType));
+    } else {
+        GAK_LOG(status, "[PPCClient] SendCloseRsp error");
+    }
+    return status;
+}
+
+void PpcClient::State::ReportCustomStart()
+{
+    MutexLock lock(custStartMutex_);
+    custStartCond_.NotifyAll();
+    custStartFlag_ = true;
+}
+
+void PpcClient::State::WaitForCustomStart()
+{
+    MutexLock lock(custStartMutex_);
+    while (!custStartFlag_) {
+        custStartCond_.Wait(custStartMutex_);
+    }
+}
+
+void PpcClient::Destroy()
+{
+    if (state_.BelongsToParent()) {
+        return;
+    }
+    GAK_LOG("[GAKPPCCLI]  Destroy() enter");
+    if (!clientRecvFlag_) {
+        GAK_LOG(kStatusDriverError, "[GAKPPCCLI]  Destroy() ppcclient not run");
+        return;
+    }
+    clientRecvFlag_ = false;
+    state_.DestroySessions();
+    state_.DestroyClient();
+    drvPpcUninit();
+    GAK_LOG("[GAKPPCCLI]  Destroy() exit");
+}
+
+void PpcClient::State::DestroySessions()
+{
+    MutexLock lock(sessionMutex_);
+    for (const auto& entry : sessionMap_) {
+        const int result = drvPpcSessionDestroy(static_cast<PpcSession*>(entry.second.Get()));
+        GAK_LOG_AS("Destroy", "[GAKPPCCLI] Destroy() call drvPpcSessionDestroy func return [drvRet:%d]", result);
+        if (result != PPC_OK) {
+            GAK_LOG_AS("Destroy", kStatusDriverError, "[GAKPPCCLI]  Destroy() drvPpcSessionDestroy fail");
+        }
+    }
+    sessionMap_.clear();
+}
+
+void PpcClient::State::DestroyClient()
+{
+    void* client = ppcClient_.exchange(nullptr);
+    if (client != nullptr && drvPpcClientDestroy(client) != PPC_OK) {
+        GAK_LOG_AS("Destroy", kStatusDriverError, "[GAKPPCCLI] Destroy() drvPpcClientDestroy fail");
+    }
+}
+
+PPCMessage::ProcessType PpcClient::GetPPCProcessType(GakWaitType waitType)
+{
+    return waitType < PPCMessage::MAXPROCTYPE ? static_cast<PPCMessage::ProcessType>(waitType)
+                                              : PPCMessage::MAXPROCTYPE;
+}
+
+void PpcClient::State::RecordDevice(uint32_t pid, uint32_t deviceId)
+{
+    MutexLock lock(subProcDevMutex_);
+    subProcDevMap_[pid] = deviceId;
+}
+
+bool PpcClient::State::FindDevice(uint32_t pid, uint32_t* deviceId)
+{
+    MutexLock lock(subProcDevMutex_);
+    const auto found = subProcDevMap_.find(pid);
+    if (found == subProcDevMap_.end()) {
+        return false;
+    }
+    *deviceId = found->second;
+    return true;
+}
+
+uint32_t PpcClient::SendPpcMsg(uint32_t deviceId, GakWaitType waitType, PPCMessage::MsgType msgType)
+{
+    GAK_LOG("[GAKPPCCLI] SendPpcMsg() deviceId: %u waitType:%u(0:ZOLT,1:COMPUTE,2:CUSTOM_COMPUTE) is running", deviceId,
+            waitType);
+    if (deviceId >= MAX_DEVNUM_PER_OS) {
+        GAK_LOG(kStatusPpcClientInvalidParam, "[GAKPPCCLI] SendPpcMsg() srcDevId >= MAX_DEVNUM_PER_OS invalid param");
+        return kStatusPpcClientInvalidParam;
+    }
+    if (static_cast<int32_t>(waitType) > kLargestWaitType) {
+        GAK_LOG(kStatusPpcClientInvalidParam, "[GAKPPCCLI] SendPpcMsg() waitType > COMPUTE invalid param");
+        return kStatusPpcClientInvalidParam;
+    }
+    const PPCMessage::ProcessType procType = ProcessTypeToSend(waitType);
+    const PPCMessage msg = MessageToDaemon(msgType, deviceId, procType);
+    state_.RecordDevice(msg.sub_proc_pid(), deviceId);
+    const ppc::PpcSessionRef held = state_.GetPpcSession(deviceId, procType);
+    void* session = held.Get();
+    return SendData(session, msg);
+}
+
+uint32_t PpcClient::GakWaitForShutdownProc(uint32_t deviceId, GakWaitType waitType)
+{
+    GAK_LOG(
+        "[GAKPPCCLI] GakWaitForShutdownProc() deviceId: %u waitType:%u(0:ZOLT,1:COMPUTE,2:CUSTOM_COMPUTE) "
+        "is running",
+        deviceId, waitType);
+    if (SendPpcMsg(deviceId, waitType, PPCMessage::START_RSP) != kStatusOk) {
+        GAK_LOG(kStatusPpcCreateFail, "[GAKPPCCLI] GakWaitForShutdownProc() SendData fail");
+        return kStatusPpcCreateFail;
+    }
+    return RecvData(deviceId, waitType);
+}
+
+uint32_t PpcClient::SendHeartbeat(uint32_t deviceId, GakWaitType waitType)
+{
+    return SendReport({__func__, "heartbeat", PPCMessage::HEARTBEAT}, deviceId, waitType);
+}
+
+uint32_t PpcClient::SendAbnormalMsg(uint32_t deviceId, GakWaitType waitType)
+{
+    return SendReport({__func__, "abnormal", PPCMessage::ABNORMAL}, deviceId, waitType);
+}
+
+uint32_t PpcClient::SendReport(const Report& report, uint32_t deviceId, GakWaitType waitType)
+{
+    GAK_LOG_AS(report.function,
+               "[GAKPPCCLI] %s() deviceId: %u waitType:%u(0:ZOLT,1:COMPUTE,2:CUSTOM_COMPUTE) is running",
+               report.function, deviceId, waitType);
+    if (SendPpcMsg(deviceId, waitType, report.type) != kStatusOk) {
+        GAK_LOG_AS(report.function, kStatusPpcCreateFail,
+                   "[GAKPPCCLI] Send %s fail device[%u],procType:%u(0:ZOLT,1:COMPUTE,2:CUSTOM_COMPUTE), subProcPid[%u]",
+                   report.word, deviceId, waitType, OwnPid());
+        return kStatusPpcCreateFail;
+    }
+    GAK_LOG_AS(report.function,
+               "[GAKPPCCLI] Send %s success device[%u] procType:%u(0:ZOLT,1:COMPUTE,2:CUSTOM_COMPUTE), subProcPid[%u]",
+               report.word, deviceId, waitType, OwnPid());
+    return kStatusOk;
+}
+
+uint32_t PpcClient::CreateOrFindCustPid(std::vector<std::string>& libNames, uint32_t hostPid)
+{
+    uint32_t deviceId = 0;
+    if (!state_.FindDevice(OwnPid(), &deviceId)) {
+        return kStatusPpcCreateFail;
+    }
+    PPCMessage msg = MessageToDaemon(PPCMessage::NOTIFY_VEXOINFO, deviceId, PPCMessage::CUSTOM_COMPUTE);
+    msg.set_host_pid(hostPid);
+    auto* names = new (std::nothrow) VexoSdLibNames;
+    if (names == nullptr) {
+        return kStatusPpcCreateFail;
+    }
+    msg.set_allocated_lib_names(names);
+    for (const std::string& name : libNames) {
+        names->add_lib_name(name);
+    }
+    // Over the compute process's session: the custom process has none yet.
+    const ppc::PpcSessionRef held = state_.GetPpcSession(deviceId, PPCMessage::COMPUTE);
+    void* session = held.Get();
+    const uint32_t status = SendData(session, msg);
+    state_.WaitForCustomStart();
+    return status;
+}
+
+}  // namespace qel

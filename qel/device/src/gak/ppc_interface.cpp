@@ -1,0 +1,185 @@
+#include "ppc_interface.h"
+
+#include <algorithm>
+#include <cstdint>
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+#include <new>
+#include <utility>
+
+#include "gak_log.h"
+#include "memguard.h"
+#include "ppc.h"
+#include "status_table.h"
+
+namespace qel {
+namespace {
+
+constexpr char kSourcePath[] = "qel/device/src/gak/ppc_interface";
+
+// The payload begins with the encoded length, in the host's byte order (the frame's own length field is big-endian).
+constexpr uint32_t kInnerLengthSize = 4;
+constexpr uint32_t kLargestEncodedSize = 0xFFFFFFFA;  // more, and the payload length would overflow
+constexpr uint32_t kLargestPayload = 0x20000000;      // 512 MiB
+constexpr uint32_t kReceiveReserved = 0x100000;
+
+// A message descriptor of the driver, freed on every path.
+class Descriptor {
+public:
+    Descriptor() = default;
+    ~Descriptor()
+    {
+        if (msg_ != nullptr) {
+            drvPpcFreeMsg(msg_);
+        }
+    }
+    Descriptor(const Descriptor&) = delete;
+    Descriptor& operator=(const Descriptor&) = delete;
+
+    int Alloc(void* session) { return drvPpcAllocMsg(static_cast<PpcSession*>(session), &msg_, 1); }
+    // Frees it now; the result is the driver's.
+    int Free() { return drvPpcFreeMsg(std::exchange(msg_, nullptr)); }
+    // Gives up a pointer that a failed Alloc left behind.
+    void Forget() { msg_ = nullptr; }
+    PpcMsg* Get() const { return msg_; }
+
+private:
+    PpcMsg* msg_ = nullptr;
+};
+
+uint32_t EncodedSize(const PPCMessage& msg)
+{
+    return static_cast<uint32_t>(std::min<size_t>(msg.ByteSizeLong(), UINT32_MAX));
+}
+
+// Null when the payload is too long or memory runs out.
+std::unique_ptr<uint8_t[]> MakePayloadBuffer(uint32_t size)
+{
+    if (size > kLargestPayload) {
+        return nullptr;
+    }
+    std::unique_ptr<uint8_t[]> buffer(new (std::nothrow) uint8_t[size]);
+    if (buffer != nullptr && memset_s(buffer.get(), size, 0, size) != 0) {
+        return nullptr;
+    }
+    return buffer;
+}
+
+// The encoded length that a payload announces; 0 when the payload is too short to hold it.
+uint32_t InnerLength(const void* payload, uint32_t size)
+{
+    uint32_t length = 0;
+    if (size >= kInnerLengthSize) {
+        memcpy(&length, payload, kInnerLengthSize);
+    }
+    return length;
+}
+
+// False when memory runs out. A message that cannot be decoded leaves what could be, which is the receiver's to judge.
+bool Decode(const void* payload, uint32_t encodedSize, PPCMessage& msg)
+{
+    try {
+        msg.ParseFromArray(static_cast<const uint8_t*>(payload) + kInnerLengthSize, static_cast<int>(encodedSize));
+        return true;
+    } catch (const std::bad_alloc&) {
+        return false;
+    }
+}
+
+}  // namespace
+
+PpcInterface::PpcInterface() = default;
+PpcInterface::~PpcInterface() = default;
+
+uint32_t PpcInterface::SendMsg(void* session, const PPCMessage& msg)
+{
+    if (session == nullptr) {
+        GAK_LOG(kStatusPpcNoSession, "[GAKPPCIF] SendMsg() serverId-%u  src_devid %u ppcSession is not existed",
+                msg.dest_id(), msg.src_id());
+        return kStatusPpcNoSession;
+    }
+    const uint32_t encodedSize = EncodedSize(msg);
+    GAK_LOG("PpcInterface::SendMsg, size=%u, subpid=%u", encodedSize, msg.sub_proc_pid());
+    if (encodedSize > kLargestEncodedSize) {
+        GAK_LOG(kStatusIntegerReversed, "Integer reversed addA: %u + addB: %u", encodedSize, kInnerLengthSize);
+        return kStatusIntegerReversed;
+    }
+    const uint32_t size = encodedSize + kInnerLengthSize;
+    const std::unique_ptr<uint8_t[]> payload = MakePayloadBuffer(size);
+    if (payload == nullptr) {
+        GAK_LOG(kStatusMemoryExhausted, "[GAKPPCIF] SendMsg() msgBuffer is nullptr error");
+        return kStatusMemoryExhausted;
+    }
+    memcpy(payload.get(), &encodedSize, kInnerLengthSize);
+    msg.SerializePartialToArray(payload.get() + kInnerLengthSize, static_cast<int>(encodedSize));
+
+    // Declared after the payload: the descriptor goes first, the payload stays ours and goes last.
+    Descriptor descriptor;
+    descriptor.Alloc(session);
+    if (descriptor.Get() == nullptr) {
+        GAK_LOG(kStatusPpcMsgAllocFail, "[GAKPPCIF] SendMsg() Alloc memory for PPCMessage fail");
+        return kStatusPpcMsgAllocFail;
+    }
+    if (drvPpcAddMsgBuffer(descriptor.Get(), payload.get(), static_cast<int>(size)) != PPC_OK) {
+        GAK_LOG(kStatusPpcMsgBufferFail, "[GAKPPCIF] SendMsg() add msg buffer fail");
+        return kStatusPpcMsgBufferFail;
+    }
+    if (drvPpcSend(static_cast<PpcSession*>(session), descriptor.Get(), 0) != PPC_OK) {
+        GAK_LOG(kStatusPpcSendRecvFail, "[GAKPPCIF] SendMsg() Send message buffer fail");
+        return kStatusPpcSendRecvFail;
+    }
+    if (descriptor.Free() != PPC_OK) {
+        GAK_LOG(kStatusPpcMsgFreeFail, "[GAKPPCIF] SendMsg() drvPpcFreeMsg fail");
+        return kStatusPpcMsgFreeFail;
+    }
+    return kStatusOk;
+}
+
+uint32_t PpcInterface::RecvMsg(void* session, PPCMessage& msg)
+{
+    Descriptor descriptor;
+    if (descriptor.Alloc(session) != PPC_OK || descriptor.Get() == nullptr) {
+        descriptor.Forget();
+        GAK_LOG(kStatusPpcMsgAllocFail, "[GAKPPCIF] drvPpcAllocMsg fail");
+        return kStatusPpcMsgAllocFail;
+    }
+    uint32_t count = 0;
+    const int received = drvPpcRecv(static_cast<PpcSession*>(session), descriptor.Get(), kReceiveReserved, 0, &count);
+    if (received != PPC_OK) {
+        GAK_LOG(kStatusWarning, "[GAKPPCIF] drvPpcRecv fail %d", received);
+        return received == PPC_ERR_SOCKET_CLOSED ? kStatusPpcSocketClosed : kStatusPpcSendRecvFail;
+    }
+    void* payload = nullptr;
+    uint32_t size = 0;
+    if (drvPpcGetMsgBuffer(descriptor.Get(), 0, &payload, &size) != PPC_OK) {
+        GAK_LOG(kStatusPpcMsgBufferFail, "[GAKPPCIF] drvPpcGetMsgBuffer fail");
+        return kStatusPpcMsgBufferFail;
+    }
+    if (payload == nullptr) {
+        GAK_LOG(kStatusPpcBufferNull, "[GAKPPCIF] RecvMsg() Message buffer is null");
+        return kStatusPpcBufferNull;
+    }
+    const uint32_t encodedSize = InnerLength(payload, size);
+    if (encodedSize > kLargestEncodedSize) {
+        GAK_LOG(kStatusIntegerReversed, "Integer reversed addA: %u + addB: %u", encodedSize, kInnerLengthSize);
+        return kStatusIntegerReversed;
+    }
+    if (size != encodedSize + kInnerLengthSize || size < kInnerLengthSize) {
+        GAK_LOG(kStatusPpcLengthMismatch, "[GAKPPCIF] receive buffer len:%d, message_len:%d", static_cast<int>(size),
+                static_cast<int>(encodedSize + kInnerLengthSize));
+        return kStatusPpcLengthMismatch;
+    }
+    if (!Decode(payload, encodedSize, msg)) {
+        GAK_LOG(kStatusMemoryExhausted, "[GAKPPCIF] RecvMsg() no memory for the message");
+        return kStatusMemoryExhausted;
+    }
+    GAK_LOG("PpcInterface::RecvMsg, size=%u, subpid=%u", EncodedSize(msg), msg.sub_proc_pid());
+    if (descriptor.Free() != PPC_OK) {
+        GAK_LOG(kStatusPpcMsgFreeFail, "[GAKPPCIF] RecvMsg() drvPpcFreeMsg fail");
+        return kStatusPpcMsgFreeFail;
+    }
+    return kStatusOk;
+}
+
+}  // namespace qel

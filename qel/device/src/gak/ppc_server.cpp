@@ -1,0 +1,650 @@
+#include "ppc_server.h"
+
+#include <sys/prctl.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cinttypes>
+#include <cstdio>
+#include <exception>
+#include <iterator>
+#include <list>
+#include <map>
+#include <sstream>
+#include <string>
+#include <system_error>
+#include <thread>
+#include <utility>
+
+#include "gak_limits.h"
+#include "gak_log.h"
+#include "library_thread.h"
+#include "mutex.h"
+#include "no_destroy.h"
+#include "ppc.h"
+#include "ppc_record.h"
+#include "process_exit.h"
+#include "status_table.h"
+
+namespace qel {
+namespace {
+
+constexpr char kSourcePath[] = "qel/device/src/gak/ppc_server.cpp";
+
+// What a receive thread reports of a session that closed before its first message.
+constexpr uint32_t kNoDevice = MAX_DEVNUM_PER_OS;
+constexpr uint32_t kNoProcessType = PPCMessage::MAXPROCTYPE;
+
+#define GAKPPC_MSG_TYPES \
+    "(0:START RSP,1:SHUTDOWN RSP,2:HEARTBEAT,3:NOTIFY_VEXOINFO,4:ABNORMAL,5:SHUTDOWN,6:SOCKET_CLOSE)"
+
+using Handler = void (*)(const PPCMessage&);
+
+// A receive thread that has ended. The system gives thread ids again, so a serial number goes with each: an entry that
+// nobody claimed must never be taken for a younger thread, which the reaper would then wait for.
+struct FinishedThread {
+    std::thread::id id;
+    uint64_t serial;
+};
+
+struct ReceiveThread {
+    std::thread thread;
+    uint64_t serial;
+};
+
+// The entry with which this thread will report its end; made before the thread starts, so that reporting cannot fail.
+thread_local std::list<FinishedThread>* ownFinishedEntry = nullptr;
+
+// Set while a handler runs on this thread.
+thread_local bool insideHandler = false;
+
+class InsideHandler {
+public:
+    InsideHandler() : outer_(std::exchange(insideHandler, true)) {}
+    ~InsideHandler() { insideHandler = outer_; }
+    InsideHandler(const InsideHandler&) = delete;
+    InsideHandler& operator=(const InsideHandler&) = delete;
+
+private:
+    const bool outer_;
+};
+
+void NameThisThread(const char* name)
+{
+    prctl(PR_SET_NAME, name);
+}
+
+// As a stream prints it; empty when memory runs out, because threads log this on their way out.
+std::string ThreadIdText(std::thread::id id)
+{
+    try {
+        std::ostringstream text;
+        text << id;
+        return text.str();
+    } catch (const std::exception&) {
+        return {};
+    }
+}
+
+// A worker's message that the server does not take ends its receive thread.
+bool IsAcceptable(const PPCMessage& msg)
+{
+    if (msg.src_id() >= MAX_DEVNUM_PER_OS) {
+        GAK_LOG_AS("RecvData", kStatusPpcServerInvalidParam,
+                   "[GAKPPCSER] RecvData() srcDevId >= MAX_DEVNUM_PER_OS invalid param");
+        return false;
+    }
+    if (static_cast<int32_t>(msg.proc_type()) > PPCMessage::CUSTOM_COMPUTE) {
+        // CUSTOM_COMPUTE passes although the text names COMPUTE.
+        GAK_LOG_AS("RecvData", kStatusPpcServerInvalidParam, "[GAKPPCSER] RecvData() proctype > COMPUTE invalid param");
+        return false;
+    }
+    if (static_cast<int32_t>(msg.type()) > PPCMessage::ABNORMAL) {
+        GAK_LOG_AS("RecvData", kStatusPpcServerInvalidParam, "[GAKPPCSER] RecvData() msgType > ABNORMAL invalid param");
+        return false;
+    }
+    return true;
+}
+
+}  // namespace
+
+struct PpcServer::State {
+    static State& Instance()
+    {
+        static NoDestroy<State> state;
+        return *state;
+    }
+
+    // Self-synchronised.
+    std::atomic<void*> server{nullptr};  // written under the life-cycle mutex; null means that no server exists
+    std::atomic<uint32_t> serverId_{0};
+    std::atomic<pid_t> owner{0};  // the process that created the server
+
+    Mutex lifeCycleMutex;
+    std::thread acceptThread GAKPPC_GUARDED_BY(lifeCycleMutex);
+
+    // Raising serverRecvFlag_ and lowering both flags: an accept must not raise it again behind Destroy.
+    Mutex flagMutex;
+
+    Mutex sessionListMutex;
+    std::list<void*> sessions GAKPPC_GUARDED_BY(sessionListMutex);
+    // The session whose receive thread has been started but which is not listed yet; null if that thread closed it.
+    void* unlisted GAKPPC_GUARDED_BY(sessionListMutex) = nullptr;
+
+    Mutex threadListMutex;
+    std::list<ReceiveThread> receiveThreads GAKPPC_GUARDED_BY(threadListMutex);
+    uint64_t lastSerial GAKPPC_GUARDED_BY(threadListMutex) = 0;
+
+    Mutex freeThreadMutex;
+    std::list<FinishedThread> finishedThreads GAKPPC_GUARDED_BY(freeThreadMutex);
+
+    Mutex handlerMutex;
+    std::map<uint32_t, Handler> handlers GAKPPC_GUARDED_BY(handlerMutex);
+
+    Mutex sessionTableMutex;
+    std::map<uint32_t, std::map<uint32_t, ppc::PpcSessionRef>> sessionTable GAKPPC_GUARDED_BY(sessionTableMutex);
+
+    bool BelongsToParent() const { return server != nullptr && owner != getpid(); }
+
+    bool RaiseRecvFlag();
+    void LowerFlags();
+
+    void AnnounceSession(void* session);
+    void ListAnnouncedSession();
+    void CloseListedSessions();
+
+    void JoinReceiveThreads();
+    size_t CountFinishedThreads();
+    std::list<ReceiveThread>::iterator JoinIfFinished(std::list<ReceiveThread>::iterator candidate)
+        GAKPPC_REQUIRES(threadListMutex);
+    void ReportFinished();
+
+    ppc::PpcSessionRef GetPpcSession(uint32_t deviceId, uint32_t subProcPid);
+    bool HasSession(uint32_t deviceId, uint32_t subProcPid, void* session);
+    void ClearTables();
+};
+
+std::atomic<bool> PpcServer::serverRunningFlag_{false};
+std::atomic<bool> PpcServer::serverRecvFlag_{false};
+
+PpcServer& PpcServer::GetInstance()
+{
+    static NoDestroy<PpcServer> instance;
+    static const ProcessExit<PpcServer> atExit(*instance);
+    return *instance;
+}
+
+PpcServer::PpcServer() : state_(State::Instance()) {}
+
+PpcServer::~PpcServer()
+{
+    OnProcessExit();
+}
+
+void PpcServer::OnProcessExit()
+{
+    if (state_.BelongsToParent()) {
+        return;
+    }
+    GAK_LOG_AS("~PpcServer", "PpcServer::~PpcServer() destructor function called");
+    Destroy();
+}
+
+// ---- Life cycle ----
+
+uint32_t PpcServer::CreateServer(uint32_t serverId)
+{
+    if (serverRunningFlag_) {
+        return kStatusOk;
+    }
+    if (insideHandler) {
+        GAK_LOG(kStatusPpcServerInvalidParam, "[GAKPPCSER] CreateServer() called inside a handler, nothing done");
+        return kStatusPpcServerInvalidParam;
+    }
+    MutexLock lifeCycle(state_.lifeCycleMutex);
+    if (serverRunningFlag_) {
+        return kStatusOk;  // another thread was first
+    }
+    state_.serverId_ = serverId;
+    int result = drvPpcInit();
+    if (result != PPC_OK) {
+        GAK_LOG(kStatusPpcInitFail, "[GAKPPCSER] drvPpcInit return %d", result);
+        return kStatusPpcInitFail;
+    }
+    auto* server = static_cast<PpcServerHead*>(state_.server.load());
+    result = drvPpcServerCreate(static_cast<int>(serverId), &server);
+    state_.owner = getpid();
+    state_.server = server;
+    if (result != PPC_OK || server == nullptr) {
+        GAK_LOG(kStatusPpcCreateFail, "[GAKPPCSER] drvPpcServerCreate return %d", result);
+        return kStatusPpcCreateFail;
+    }
+    serverRunningFlag_ = true;
+    try {
+        state_.acceptThread = StartLibraryThread([this] { AcceptConnection(); });
+    } catch (const std::exception& error) {
+        serverRunningFlag_ = false;
+        GAK_LOG(kStatusPpcCreateFail, "[GAKPPCSER] accept thread can not be started: %s", error.what());
+        drvPpcServerDestroy(server);
+        state_.server = nullptr;
+        return kStatusPpcCreateFail;
+    }
+    GAK_LOG("[GAKPPCSER] [serverId=%u] ppcserver receive thread started succ", serverId);
+    return kStatusOk;
+}
+
+uint32_t PpcServer::Destroy()
+{
+    if (state_.server == nullptr || state_.BelongsToParent()) {
+        return kStatusOk;
+    }
+    if (insideHandler) {
+        GAK_LOG(kStatusPpcServerInvalidParam, "[GAKPPCSER] Destroy() called inside a handler, nothing done");
+        return kStatusPpcServerInvalidParam;
+    }
+    MutexLock lifeCycle(state_.lifeCycleMutex);
+    void* server = state_.server;
+    if (server == nullptr) {
+        return kStatusOk;  // another thread was first
+    }
+    state_.LowerFlags();
+    GAK_LOG("[GAKPPCSER] Destory ppc sever [serverId=%u] [pid=%u]", state_.serverId_.load(),
+            static_cast<uint32_t>(getpid()));
+    // Accepting ends before any session is closed: a session that came in between would not be listed yet, would never
+    // be closed, and the join of its receive thread would never return.
+    ppc::PpcStopAccept(server);
+    if (state_.acceptThread.joinable()) {
+        state_.acceptThread.join();
+    }
+    state_.CloseListedSessions();
+    state_.JoinReceiveThreads();
+    if (drvPpcServerDestroy(static_cast<PpcServerHead*>(server)) != PPC_OK) {
+        GAK_LOG(kStatusPpcDestroyFail, "[GAKPPCSER] Destory ppc sever failed");
+    }
+    state_.server = nullptr;
+    state_.ClearTables();
+    return kStatusOk;
+}
+
+bool PpcServer::IsPPCServerRunning() const
+{
+    return serverRunningFlag_;
+}
+
+// False when the server is being destroyed.
+bool PpcServer::State::RaiseRecvFlag()
+{
+    MutexLock lock(flagMutex);
+    if (serverRunningFlag_) {
+        serverRecvFlag_ = true;
+    }
+    return serverRunningFlag_;
+}
+
+void PpcServer::State::LowerFlags()
+{
+    MutexLock lock(flagMutex);
+    serverRunningFlag_ = false;
+    serverRecvFlag_ = false;
+}
+
+void PpcServer::State::ClearTables()
+{
+    std::map<uint32_t, std::map<uint32_t, ppc::PpcSessionRef>> forgotten;
+    {
+        MutexLock lock(handlerMutex);
+        handlers.clear();
+    }
+    {
+        MutexLock lock(sessionTableMutex);
+        forgotten.swap(sessionTable);
+    }
+}
+
+// ---- Accepting ----
+
+uint32_t PpcServer::AcceptConnection()
+{
+    NameThisThread("ppc_srv_accept");
+    while (serverRunningFlag_) {
+        PpcSession* session = nullptr;
+        const int result = drvPpcSessionAccept(static_cast<PpcServerHead*>(state_.server.load()), &session);
+        if (!serverRunningFlag_ || (result == PPC_OK && !state_.RaiseRecvFlag())) {
+            GAK_LOG("[GAKPPCSER] accept connection runningflag has been set false, drvRet = %u",
+                    static_cast<uint32_t>(result));
+            if (result == PPC_OK) {
+                drvPpcSessionClose(session);
+            }
+            return kStatusOk;
+        }
+        if (result != PPC_OK) {
+            GAK_LOG("[GAKPPCSER] drvPpcSessionAccept() [return:%u] continue", static_cast<uint32_t>(result));
+            if (result == PPC_ERR_SOCKET_CLOSED) {
+                GAK_LOG(kStatusPpcSocketClosed, "[GAKPPCSER] drvPpcSessionAccept receive socket close msg,server exit");
+                return kStatusPpcSocketClosed;
+            }
+            continue;
+        }
+        state_.AnnounceSession(session);
+        if (StartReceiveThread(session)) {
+            state_.ListAnnouncedSession();
+        } else {
+            drvPpcSessionClose(session);
+        }
+    }
+    return kStatusOk;
+}
+
+// The thread is started before its session is listed, so a session that closes at once is taken off a list it is not
+// on yet. Announcing it first lets the receive thread say so.
+void PpcServer::State::AnnounceSession(void* session)
+{
+    MutexLock lock(sessionListMutex);
+    unlisted = session;
+}
+
+void PpcServer::State::ListAnnouncedSession()
+{
+    MutexLock lock(sessionListMutex);
+    if (unlisted != nullptr) {
+        sessions.push_back(std::exchange(unlisted, nullptr));
+    }
+}
+
+bool PpcServer::StartReceiveThread(void* session)
+{
+    MutexLock lock(state_.threadListMutex);
+    const uint64_t number = state_.receiveThreads.size();
+    const uint64_t serial = ++state_.lastSerial;
+    try {
+        state_.receiveThreads.push_back({std::thread(), serial});
+        // The thread holds the session's record for its whole life: others may end the session between two receives.
+        auto body = [this, number, held = ppc::PpcSessionRef(session),
+                     finished = std::list<FinishedThread>{{std::thread::id(), serial}}]() mutable {
+            ownFinishedEntry = &finished;
+            void* const handle = held.Get();
+            RecvData(handle, number);
+            ownFinishedEntry = nullptr;
+        };
+        state_.receiveThreads.back().thread = StartLibraryThread(std::move(body));
+        return true;
+    } catch (const std::exception& error) {
+        if (state_.receiveThreads.size() > number) {
+            state_.receiveThreads.pop_back();
+        }
+        GAK_LOG_AS("AcceptConnection", kStatusMemoryExhausted,
+                   "[GAKPPCSER] receive thread can not be started, session closed: %s", error.what());
+        return false;
+    }
+}
+
+// ---- Sessions ----
+
+void PpcServer::SetPpcSession(uint32_t deviceId, uint32_t subProcPid, void* const& session)
+{
+    GAK_LOG("[PpcServer] SetPpcSession, deviceId:%u, subProcPid:%u", deviceId, subProcPid);
+    if (state_.HasSession(deviceId, subProcPid, session)) {
+        return;  // the usual case: every message of a worker comes here
+    }
+    ppc::PpcSessionRef entry(session);
+    {
+        MutexLock lock(state_.sessionTableMutex);
+        std::swap(state_.sessionTable[deviceId][subProcPid], entry);
+    }
+    // The former entry is let go here, outside the lock.
+}
+
+// Only for a session that the table holds: the address of such a one cannot have become another session.
+bool PpcServer::State::HasSession(uint32_t deviceId, uint32_t subProcPid, void* session)
+{
+    MutexLock lock(sessionTableMutex);
+    const auto device = sessionTable.find(deviceId);
+    if (device == sessionTable.end()) {
+        return false;
+    }
+    const auto entry = device->second.find(subProcPid);
+    return entry != device->second.end() && entry->second.IsHeld() && entry->second.Get() == session;
+}
+
+// A pair that was never seen is entered with a null handle.
+ppc::PpcSessionRef PpcServer::State::GetPpcSession(uint32_t deviceId, uint32_t subProcPid)
+{
+    GAK_LOG("[PpcServer] GetPpcSession, deviceId:%u, subProcPid:%u", deviceId, subProcPid);
+    MutexLock lock(sessionTableMutex);
+    return sessionTable[deviceId][subProcPid];
+}
+
+void* PpcServer::GetPpcSession(uint32_t deviceId, uint32_t subProcPid)
+{
+    return state_.GetPpcSession(deviceId, subProcPid).Get();
+}
+
+uint32_t PpcServer::SendData(const PPCMessage& msg)
+{
+    if (msg.dest_id() >= MAX_DEVNUM_PER_OS) {
+        GAK_LOG(kStatusPpcServerInvalidParam,
+                "[GAKPPCSER] GetPpcSession() deviceId >= MAX_DEVNUM_PER_OS invalid param");
+        return kStatusPpcServerInvalidParam;
+    }
+    if (static_cast<int32_t>(msg.proc_type()) > PPCMessage::CUSTOM_COMPUTE) {
+        GAK_LOG(kStatusPpcServerInvalidParam, "[GAKPPCSER] GetPpcSession() proctype > CUSTOM_COMPUTE invalid param");
+        return kStatusPpcServerInvalidParam;
+    }
+    // Held while sending: the table may get another session for this worker meanwhile.
+    const ppc::PpcSessionRef session = state_.GetPpcSession(msg.dest_id(), msg.sub_proc_pid());
+    if (session.Get() == nullptr) {
+        GAK_LOG(kStatusPpcNoSession,
+                "[GAKPPCSER] SendData() failed, session not exist deviceId:%u procType:%u(0:ZOLT,1:COMPUTE,"
+                "2:CUSTOM_COMPUTE)",
+                msg.dest_id(), static_cast<uint32_t>(msg.proc_type()));
+        return kStatusPpcNoSession;
+    }
+    return SendMsg(session.Get(), msg);
+}
+
+void PpcServer::CloseSomeSession(void* const& session)
+{
+    if (drvPpcSessionClose(static_cast<PpcSession*>(session)) != PPC_OK) {
+        GAK_LOG(kStatusPpcCloseFail, "[GAKPPCSER] CloseSomeSession ppc session failed");
+        return;
+    }
+    RemoveFromPpcSessionList(session);
+}
+
+void PpcServer::RemoveFromPpcSessionList(void* const& session)
+{
+    MutexLock lock(state_.sessionListMutex);
+    GAK_LOG("[GAKPPCSER] CloseSomeSession enter [sessionSize:%zu]", state_.sessions.size());
+    const auto found = std::find(state_.sessions.begin(), state_.sessions.end(), session);
+    if (found == state_.sessions.end()) {
+        GAK_LOG(kStatusPpcCloseFail, "[GAKPPCSER] CloseSomeSession session is not exist");
+        if (session == state_.unlisted) {
+            state_.unlisted = nullptr;
+        }
+        return;
+    }
+    state_.sessions.erase(found);
+    GAK_LOG("[GAKPPCSER] CloseSomeSession exit [sessionSize:%zu]", state_.sessions.size());
+}
+
+void PpcServer::State::CloseListedSessions()
+{
+    MutexLock lock(sessionListMutex);
+    for (void* session : sessions) {
+        const int result = drvPpcSessionClose(static_cast<PpcSession*>(session));
+        GAK_LOG_AS("Destroy", "[GAKPPCSER] Destory ppc session serverId_=%u", serverId_.load());
+        if (result != PPC_OK) {
+            GAK_LOG_AS("Destroy", kStatusPpcDestroyFail, "[GAKPPCSER] Destory ppc session failed");
+        }
+    }
+    sessions.clear();
+}
+
+// ---- Receiving ----
+
+void PpcServer::RecvData(void* const& session, uint64_t threadNumber)
+{
+    char threadName[40];
+    snprintf(threadName, sizeof(threadName), "ppc_srv_recv_%" PRIu64, threadNumber);
+    NameThisThread(threadName);
+    PPCMessage msg;
+    if (!serverRecvFlag_) {
+        return;
+    }
+    uint32_t lastDevice = kNoDevice;
+    uint32_t lastProcessType = kNoProcessType;
+    uint32_t status = GetInstance().RecvMsg(session, msg);
+    while (status == kStatusOk) {
+        lastDevice = msg.src_id();
+        lastProcessType = static_cast<uint32_t>(msg.proc_type());
+        if (!IsAcceptable(msg)) {
+            return;
+        }
+        Deliver(session, msg);
+        GAK_LOG(kStatusOk,
+                "[GAKPPCSER] ##### [threadName:%s] RecvData [ret=%u] Save [device index in os:%u] "
+                "[notifyProcType:%u]####",
+                threadName, status, lastDevice, lastProcessType);
+        if (!serverRecvFlag_) {
+            return;
+        }
+        status = GetInstance().RecvMsg(session, msg);
+    }
+    ReportSocketClosed(status, lastDevice, lastProcessType, msg);
+    CloseSomeSession(session);
+    GAK_EVENT("[GAKPPCSER] [threadName:%s] RecvData [ret=%u] [tid=%s]thread exit", threadName, status,
+              ThreadIdText(std::this_thread::get_id()).c_str());
+    state_.ReportFinished();
+}
+
+// A worker that cannot be entered in the table can still be heard.
+void PpcServer::Deliver(void* const& session, const PPCMessage& msg)
+{
+    try {
+        SetPpcSession(msg.src_id(), msg.sub_proc_pid(), session);
+    } catch (const std::bad_alloc&) {
+        GAK_LOG_AS("RecvData", kStatusMemoryExhausted, "[GAKPPCSER] RecvData() no memory for the session table");
+    }
+    PPCSerMsgProc(msg);
+}
+
+// Tells the daemon that the peer has gone, by a message that no worker can send. Other failures are only logged.
+void PpcServer::ReportSocketClosed(uint32_t status, uint32_t lastDevice, uint32_t lastProcessType, PPCMessage& msg)
+{
+    GAK_EVENT_AS("RecvData",
+                 "[GAKPPCSER] 0 SOCKET_CLOSED notify device index in os[%u] procType[%u] ret=[%u]?[%u]GAK to clean",
+                 lastDevice, lastProcessType, status, kStatusPpcSocketClosed);
+    if (status != kStatusPpcSocketClosed) {
+        return;
+    }
+    GAK_EVENT_AS("RecvData",
+                 "[GAKPPCSER] 1 SOCKET_CLOSED notify device index in os[%u] procType[%u] ret[%u] GAK to clean",
+                 lastDevice, lastProcessType, status);
+    // All other fields keep what the last received message brought, so that the daemon can tell which worker it was.
+    msg.set_type(PPCMessage::SOCKET_CLOSE);
+    msg.set_src_id(lastDevice);
+    msg.set_dest_id(kPpcServerId);
+    msg.set_proc_type(static_cast<PPCMessage::ProcessType>(lastProcessType));
+    PPCSerMsgProc(msg);
+    GAK_EVENT_AS("RecvData",
+                 "[GAKPPCSER] 2 SOCKET_CLOSED notify device index in os[%u] procType[%u] ret[%u] GAK to clean",
+                 lastDevice, lastProcessType, kStatusPpcSocketClosed);
+}
+
+void PpcServer::PPCSerMsgProc(const PPCMessage& msg)
+{
+    const auto type = static_cast<uint32_t>(msg.type());
+    MutexLock lock(state_.handlerMutex);
+    GAK_LOG("[GAKPPCSER] PPCSerMsgProc msg type: %u", type);
+    const auto found = state_.handlers.find(type);
+    if (found == state_.handlers.end()) {
+        GAK_LOG("[GAKPPCSER] PPCSerMsgProc msg type:%u" GAKPPC_MSG_TYPES " processFunc not exist", type);
+        return;
+    }
+    if (found->second == nullptr) {
+        return;
+    }
+    const InsideHandler inside;
+    try {
+        found->second(msg);
+    } catch (const std::exception& error) {
+        GAK_LOG(kStatusWarning, "[GAKPPCSER] PPCSerMsgProc handler of msg type: %u failed: %s", type, error.what());
+    } catch (...) {
+        GAK_LOG(kStatusWarning, "[GAKPPCSER] PPCSerMsgProc handler of msg type: %u failed", type);
+    }
+}
+
+void PpcServer::RegPPCSerMsgProcFunc(uint32_t msgType, void (*handler)(const PPCMessage&))
+{
+    MutexLock lock(state_.handlerMutex);
+    if (!state_.handlers.emplace(msgType, handler).second) {
+        GAK_LOG("[GAKPPCSER] RegPPCSerMsgProcFunc type:%u" GAKPPC_MSG_TYPES " has exist,no need to register", msgType);
+        return;
+    }
+    GAK_LOG("[GAKPPCSER] RegPPCSerMsgProcFunc type:%u" GAKPPC_MSG_TYPES " success", msgType);
+}
+
+// ---- Reaping receive threads ----
+
+void PpcServer::State::ReportFinished()
+{
+    std::list<FinishedThread> entry;
+    if (ownFinishedEntry != nullptr) {
+        entry.splice(entry.end(), *ownFinishedEntry);
+    } else {
+        entry.push_back({std::thread::id(), 0});  // a thread that the server did not start: nobody will join it
+    }
+    entry.front().id = std::this_thread::get_id();
+    MutexLock lock(freeThreadMutex);
+    finishedThreads.splice(finishedThreads.end(), entry);
+}
+
+void PpcServer::State::JoinReceiveThreads()
+{
+    MutexLock lock(threadListMutex);
+    for (ReceiveThread& receiver : receiveThreads) {
+        receiver.thread.join();
+    }
+    receiveThreads.clear();
+}
+
+size_t PpcServer::State::CountFinishedThreads()
+{
+    MutexLock lock(freeThreadMutex);
+    return finishedThreads.size();
+}
+
+void PpcServer::JoinAllPPCRcvThreads()
+{
+    MutexLock lock(state_.threadListMutex);
+    GAK_LOG("[GAKPPCSER] JoinAllPPCRcvThreads() enter [threadSize=%zu]", state_.receiveThreads.size());
+    auto candidate = state_.receiveThreads.begin();
+    while (candidate != state_.receiveThreads.end() && state_.CountFinishedThreads() != 0) {
+        GAK_LOG("[GAKPPCSER] JoinAllPPCRcvThreads() [ppc tid=%s] [threadSize=%zu] [freeThreadSize=%zu]",
+                ThreadIdText(candidate->thread.get_id()).c_str(), state_.receiveThreads.size(),
+                state_.CountFinishedThreads());
+        candidate = state_.JoinIfFinished(candidate);
+    }
+    GAK_LOG("[GAKPPCSER] JoinAllPPCRcvThreads() exit [threadSize=%zu] [freeThreadSize=%zu]",
+            state_.receiveThreads.size(), state_.CountFinishedThreads());
+}
+
+// Returns the thread that follows. The join is short: a thread in the finished list has nothing left to do.
+std::list<ReceiveThread>::iterator PpcServer::State::JoinIfFinished(std::list<ReceiveThread>::iterator candidate)
+{
+    MutexLock lock(freeThreadMutex);
+    for (auto finished = finishedThreads.begin(); finished != finishedThreads.end(); ++finished) {
+        GAK_LOG_AS("JoinAllPPCRcvThreads", "[GAKPPCSER] JoinAllPPCRcvThreads() [free tid=%s]",
+                   ThreadIdText(finished->id).c_str());
+        if (finished->serial == candidate->serial && candidate->thread.joinable()) {
+            GAK_LOG_AS("JoinAllPPCRcvThreads", "[GAKPPCSER] JoinAllPPCRcvThreads() Find free tid and joinable");
+            candidate->thread.join();
+            finishedThreads.erase(finished);
+            return receiveThreads.erase(candidate);
+        }
+    }
+    GAK_LOG_AS("JoinAllPPCRcvThreads", "[GAKPPCSER] JoinAllPPCRcvThreads() Not find free tid");
+    return std::next(candidate);
+}
+
+}  // namespace qel
