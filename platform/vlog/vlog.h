@@ -33,7 +33,8 @@ int vlog_init(void);
 /* Returns the current level (0 to 3), whatever the module. `*enableEvent` becomes 1 (events are on); it may be null. */
 int vlog_getlevel(int moduleId, int* enableEvent);
 
-/* Returns 1 when a line of `logLevel` should be written, that is when it is not below the current level, otherwise 0. */
+/* Returns 1 when a line of `logLevel` should be written, that is when it is not below the current level, otherwise 0.
+ */
 int CheckLogLevel(int moduleId, int logLevel);
 
 /* Write one line at the level of their name. */

@@ -102,32 +102,6 @@ struct Place {
     int line;
 };
 
-bool IsComplete(const Place& place)
-{
-    return place.function != nullptr && place.file != nullptr;
-}
-
-// A text buffer on the stack. Only its first byte is cleared: nothing reads behind the terminating zero.
-template <size_t Size>
-struct TextBuffer {
-    char text[Size];
-    TextBuffer() { text[0] = '\0'; }
-};
-
-// One caller's message, formatted.
-class Message {
-public:
-    // False when the message does not fit or cannot be formatted; the line is then dropped.
-    bool Format(const char* fmt, va_list args) __attribute__((format(printf, 2, 0)))
-    {
-        return vsnprintf_s(buffer_.text, kMessageSize, kMessageLimit, fmt, args) != -1;
-    }
-    const char* text() const { return buffer_.text; }
-
-private:
-    TextBuffer<kMessageSize + 1> buffer_;
-};
-
 // The text of `status`; empty also when there is no memory for it, because a log call must not raise.
 std::string StatusText(uint32_t status)
 {
@@ -138,44 +112,52 @@ std::string StatusText(uint32_t status)
     }
 }
 
-void LogWithStatusText(const Place& place, uint32_t level, uint32_t status, const char* fmt, va_list args)
-    __attribute__((format(printf, 4, 0)));
+// What a line consists of besides the caller's message.
+struct LineParts {
+    Place place;
+    uint32_t level;
+    bool hasStatus;  // the line ends in the text of `status`
+    uint32_t status;
+    const char* traceStatus;  // of a trace
+};
 
-void LogWithStatusText(const Place& place, uint32_t level, uint32_t status, const char* fmt, va_list args)
+int ComposeLine(char* line, const LineParts& parts, const char* message)
 {
-    QELLog::GetInstance();
-    Message message;
-    if (!SinkIsOn(kModuleId, level) || !message.Format(fmt, args)) {
-        return;
+    const Place& place = parts.place;
+    const int thread = osalGetTid();
+    if (parts.hasStatus) {
+        return sprintf_s(line, kLineSize, "%s,[%s:%d:%s]%d Msg: %s\n", message, place.file, place.line, place.function,
+                         thread, StatusText(parts.status).c_str());
     }
-    const std::string statusText = StatusText(status);
-    TextBuffer<kLineSize + 1> line;
-    if (sprintf_s(line.text, kLineSize, "%s,[%s:%d:%s]%d Msg: %s\n", message.text(), place.file, place.line,
-                  place.function, osalGetTid(), statusText.c_str()) == -1) {
-        return;
+    if (parts.level == kOperation) {
+        return sprintf_s(line, kLineSize, "[%s:%d:%s]%d %s\n", place.file, place.line, place.function, thread, message);
     }
-    WriteToSink(kModuleId, level, line.text, nullptr);
+    return sprintf_s(line, kLineSize, "%s,[%s:%d:%s]%d\n", message, place.file, place.line, place.function, thread);
 }
 
-void LogWithoutStatusText(const Place& place, uint32_t level, const char* statusText, const char* fmt, va_list args)
-    __attribute__((format(printf, 4, 0)));
-
-void LogWithoutStatusText(const Place& place, uint32_t level, const char* statusText, const char* fmt, va_list args)
+// Not inlined, so that a line that nobody will see costs neither the buffers nor the stack pages under them.
+__attribute__((noinline, format(printf, 2, 0))) void WriteLine(const LineParts& parts, const char* fmt, va_list args)
 {
+    // Only the first byte is cleared: nothing reads behind a terminating zero.
+    char message[kMessageSize + 1];
+    char line[kLineSize + 1];
+    message[0] = '\0';
+    line[0] = '\0';
+    if (vsnprintf_s(message, kMessageSize, kMessageLimit, fmt, args) == -1 || ComposeLine(line, parts, message) == -1) {
+        return;
+    }
+    WriteToSink(kModuleId, parts.level, line, parts.traceStatus);
+}
+
+__attribute__((format(printf, 2, 0))) void LogLine(const LineParts& parts, const char* fmt, va_list args)
+{
+    if (parts.place.function == nullptr || parts.place.file == nullptr) {
+        return;
+    }
     QELLog::GetInstance();
-    Message message;
-    if (!SinkIsOn(kModuleId, level) || !message.Format(fmt, args)) {
-        return;
+    if (SinkIsOn(kModuleId, parts.level)) {
+        WriteLine(parts, fmt, args);
     }
-    TextBuffer<kLineSize + 1> line;
-    const int length = level == kOperation ? sprintf_s(line.text, kLineSize, "[%s:%d:%s]%d %s\n", place.file,
-                                                       place.line, place.function, osalGetTid(), message.text())
-                                           : sprintf_s(line.text, kLineSize, "%s,[%s:%d:%s]%d\n", message.text(),
-                                                       place.file, place.line, place.function, osalGetTid());
-    if (length == -1) {
-        return;
-    }
-    WriteToSink(kModuleId, level, line.text, statusText);
 }
 
 }  // namespace
@@ -235,61 +217,44 @@ void QELLog::QELSaveLog(int moduleId, uint32_t level, const char* text, const ch
 
 void QEL_LOG_IMPL(const char* funcName, const char* fileName, int line, const char* fmt, ...)
 {
-    const qel::Place place = {funcName, fileName, line};
-    if (!qel::IsComplete(place)) {
-        return;
-    }
     va_list args;
     va_start(args, fmt);
-    qel::LogWithStatusText(place, qel::kInfo, qel::kStatusOk, fmt, args);
+    qel::LogLine({{funcName, fileName, line}, qel::kInfo, true, qel::kStatusOk, nullptr}, fmt, args);
     va_end(args);
 }
 
 void QEL_LOG_IMPL(const char* funcName, const char* fileName, int line, uint32_t status, const char* fmt, ...)
 {
-    const qel::Place place = {funcName, fileName, line};
-    if (!qel::QELLog::GetInstance().QELLogOutputEnable(status) || !qel::IsComplete(place)) {
+    if (!qel::QELLog::GetInstance().QELLogOutputEnable(status)) {
         return;
     }
     va_list args;
     va_start(args, fmt);
-    qel::LogWithStatusText(place, qel::StatusLevel(status), status, fmt, args);
+    qel::LogLine({{funcName, fileName, line}, qel::StatusLevel(status), true, status, nullptr}, fmt, args);
     va_end(args);
 }
 
 void QEL_EVENT_LOG_IMPL(const char* funcName, const char* fileName, int line, const char* fmt, ...)
 {
-    const qel::Place place = {funcName, fileName, line};
-    if (!qel::IsComplete(place)) {
-        return;
-    }
     va_list args;
     va_start(args, fmt);
-    qel::LogWithoutStatusText(place, qel::kEvent, nullptr, fmt, args);
+    qel::LogLine({{funcName, fileName, line}, qel::kEvent, false, 0, nullptr}, fmt, args);
     va_end(args);
 }
 
 void QEL_TRACE_LOG_IMPL(const char* funcName, const char* fileName, int line, const char* statusText, const char* fmt,
                         ...)
 {
-    const qel::Place place = {funcName, fileName, line};
-    if (!qel::IsComplete(place)) {
-        return;
-    }
     va_list args;
     va_start(args, fmt);
-    qel::LogWithoutStatusText(place, qel::kTrace, statusText, fmt, args);
+    qel::LogLine({{funcName, fileName, line}, qel::kTrace, false, 0, statusText}, fmt, args);
     va_end(args);
 }
 
 void QEL_OPLOG_IMPL(const char* funcName, const char* fileName, int line, const char* fmt, ...)
 {
-    const qel::Place place = {funcName, fileName, line};
-    if (!qel::IsComplete(place)) {
-        return;
-    }
     va_list args;
     va_start(args, fmt);
-    qel::LogWithoutStatusText(place, qel::kOperation, nullptr, fmt, args);
+    qel::LogLine({{funcName, fileName, line}, qel::kOperation, false, 0, nullptr}, fmt, args);
     va_end(args);
 }

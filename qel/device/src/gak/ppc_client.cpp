@@ -3,13 +3,13 @@
 #include <unistd.h>
 
 #include <map>
-#include <memory>
 #include <new>
 
 #include "gak_limits.h"
 #include "gak_log.h"
 #include "mutex.h"
 #include "no_destroy.h"
+#include "own_pid.h"
 #include "ppc.h"
 #include "ppc_record.h"
 #include "process_exit.h"
@@ -23,11 +23,6 @@ constexpr char kSourcePath[] = "qel/device/src/gak/ppc_client";
 constexpr int kClientCreateArgument1 = 100;
 constexpr int kClientCreateArgument2 = 0;
 constexpr int32_t kLargestWaitType = 3;
-
-uint32_t OwnPid()
-{
-    return static_cast<uint32_t>(getpid());
-}
 
 // One bit for each device, plus the process type. Devices of 4 and more share the keys of lower ones.
 uint32_t SessionKey(uint32_t deviceId, PPCMessage::ProcessType procType)
@@ -58,6 +53,20 @@ PPCMessage MessageToDaemon(PPCMessage::MsgType type, uint32_t deviceId, PPCMessa
     msg.set_proc_type(procType);
     msg.set_sub_proc_pid(OwnPid());
     return msg;
+}
+
+// False when memory runs out.
+bool AddLibNames(const std::vector<std::string>& libNames, PPCMessage& msg)
+{
+    try {
+        VexoSdLibNames* names = msg.mutable_lib_names();
+        for (const std::string& name : libNames) {
+            names->add_lib_name(name);
+        }
+        return true;
+    } catch (const std::bad_alloc&) {
+        return false;
+    }
 }
 
 }  // namespace
@@ -171,12 +180,14 @@ ppc::PpcSessionRef PpcClient::State::GetPpcSession(uint32_t deviceId, PPCMessage
         GAK_LOG(kStatusPpcConnectFail, "[GAKPPCCLI] GetPpcSession() drvPpcSessionConnect fail");
         return {};
     }
-    // The session is ended if it cannot be stored, for nobody else would.
-    const auto endSession = [](PpcSession* unstored) { drvPpcSessionDestroy(unstored); };
-    std::unique_ptr<PpcSession, decltype(endSession)> unstored(session, endSession);
     const ppc::PpcSessionRef ref(session);
-    sessionMap_.emplace(key, ref);
-    unstored.release();
+    try {
+        sessionMap_.emplace(key, ref);
+    } catch (const std::bad_alloc&) {
+        drvPpcSessionDestroy(session);
+        GAK_LOG(kStatusMemoryExhausted, "[GAKPPCCLI] GetPpcSession() no memory for the session");
+        return {};
+    }
     owner_ = getpid();
     clientRecvFlag_ = true;
     GAK_LOG("[GAKPPCCLI] [serverId=%u] GetPpcSession() receive thread has been started", kPpcServerId);
@@ -313,7 +324,12 @@ PPCMessage::ProcessType PpcClient::GetPPCProcessType(GakWaitType waitType)
 void PpcClient::State::RecordDevice(uint32_t pid, uint32_t deviceId)
 {
     MutexLock lock(subProcDevMutex_);
-    subProcDevMap_[pid] = deviceId;
+    try {
+        subProcDevMap_[pid] = deviceId;
+    } catch (const std::bad_alloc&) {
+        // The message still goes out, and the next one records it.
+        GAK_LOG_AS("SendPpcMsg", kStatusMemoryExhausted, "[GAKPPCCLI] SendPpcMsg() no memory for the device");
+    }
 }
 
 bool PpcClient::State::FindDevice(uint32_t pid, uint32_t* deviceId)
@@ -395,13 +411,8 @@ uint32_t PpcClient::CreateOrFindCustPid(std::vector<std::string>& libNames, uint
     }
     PPCMessage msg = MessageToDaemon(PPCMessage::NOTIFY_VEXOINFO, deviceId, PPCMessage::CUSTOM_COMPUTE);
     msg.set_host_pid(hostPid);
-    auto* names = new (std::nothrow) VexoSdLibNames;
-    if (names == nullptr) {
+    if (!AddLibNames(libNames, msg)) {
         return kStatusPpcCreateFail;
-    }
-    msg.set_allocated_lib_names(names);
-    for (const std::string& name : libNames) {
-        names->add_lib_name(name);
     }
     // Over the compute process's session: the custom process has none yet.
     const ppc::PpcSessionRef held = state_.GetPpcSession(deviceId, PPCMessage::COMPUTE);

@@ -387,9 +387,12 @@ void PpcServer::SetPpcSession(uint32_t deviceId, uint32_t subProcPid, void* cons
         return;  // the usual case: every message of a worker comes here
     }
     ppc::PpcSessionRef entry(session);
-    {
+    try {
         MutexLock lock(state_.sessionTableMutex);
         std::swap(state_.sessionTable[deviceId][subProcPid], entry);
+    } catch (const std::bad_alloc&) {
+        GAK_LOG(kStatusMemoryExhausted, "[GAKPPCSER] SetPpcSession() no memory for deviceId:%u, subProcPid:%u",
+                deviceId, subProcPid);
     }
     // The former entry is let go here, outside the lock.
 }
@@ -406,12 +409,18 @@ bool PpcServer::State::HasSession(uint32_t deviceId, uint32_t subProcPid, void* 
     return entry != device->second.end() && entry->second.IsHeld() && entry->second.Get() == session;
 }
 
-// A pair that was never seen is entered with a null handle.
+// A pair that was never seen is entered with a null handle. Null also when there is no memory for that.
 ppc::PpcSessionRef PpcServer::State::GetPpcSession(uint32_t deviceId, uint32_t subProcPid)
 {
     GAK_LOG("[PpcServer] GetPpcSession, deviceId:%u, subProcPid:%u", deviceId, subProcPid);
-    MutexLock lock(sessionTableMutex);
-    return sessionTable[deviceId][subProcPid];
+    try {
+        MutexLock lock(sessionTableMutex);
+        return sessionTable[deviceId][subProcPid];
+    } catch (const std::bad_alloc&) {
+        GAK_LOG(kStatusMemoryExhausted, "[GAKPPCSER] GetPpcSession() no memory for deviceId:%u, subProcPid:%u",
+                deviceId, subProcPid);
+        return {};
+    }
 }
 
 void* PpcServer::GetPpcSession(uint32_t deviceId, uint32_t subProcPid)
@@ -500,7 +509,8 @@ void PpcServer::RecvData(void* const& session, uint64_t threadNumber)
         if (!IsAcceptable(msg)) {
             return;
         }
-        Deliver(session, msg);
+        SetPpcSession(msg.src_id(), msg.sub_proc_pid(), session);
+        PPCSerMsgProc(msg);
         GAK_LOG(kStatusOk,
                 "[GAKPPCSER] ##### [threadName:%s] RecvData [ret=%u] Save [device index in os:%u] "
                 "[notifyProcType:%u]####",
@@ -515,17 +525,6 @@ void PpcServer::RecvData(void* const& session, uint64_t threadNumber)
     GAK_EVENT("[GAKPPCSER] [threadName:%s] RecvData [ret=%u] [tid=%s]thread exit", threadName, status,
               ThreadIdText(std::this_thread::get_id()).c_str());
     state_.ReportFinished();
-}
-
-// A worker that cannot be entered in the table can still be heard.
-void PpcServer::Deliver(void* const& session, const PPCMessage& msg)
-{
-    try {
-        SetPpcSession(msg.src_id(), msg.sub_proc_pid(), session);
-    } catch (const std::bad_alloc&) {
-        GAK_LOG_AS("RecvData", kStatusMemoryExhausted, "[GAKPPCSER] RecvData() no memory for the session table");
-    }
-    PPCSerMsgProc(msg);
 }
 
 // Tells the daemon that the peer has gone, by a message that no worker can send. Other failures are only logged.
@@ -577,8 +576,14 @@ void PpcServer::PPCSerMsgProc(const PPCMessage& msg)
 void PpcServer::RegPPCSerMsgProcFunc(uint32_t msgType, void (*handler)(const PPCMessage&))
 {
     MutexLock lock(state_.handlerMutex);
-    if (!state_.handlers.emplace(msgType, handler).second) {
-        GAK_LOG("[GAKPPCSER] RegPPCSerMsgProcFunc type:%u" GAKPPC_MSG_TYPES " has exist,no need to register", msgType);
+    try {
+        if (!state_.handlers.emplace(msgType, handler).second) {
+            GAK_LOG("[GAKPPCSER] RegPPCSerMsgProcFunc type:%u" GAKPPC_MSG_TYPES " has exist,no need to register",
+                    msgType);
+            return;
+        }
+    } catch (const std::bad_alloc&) {
+        GAK_LOG(kStatusMemoryExhausted, "[GAKPPCSER] RegPPCSerMsgProcFunc no memory for type:%u", msgType);
         return;
     }
     GAK_LOG("[GAKPPCSER] RegPPCSerMsgProcFunc type:%u" GAKPPC_MSG_TYPES " success", msgType);

@@ -16,9 +16,8 @@ namespace qel {
 // CreateServer. After Destroy the server can be created again.
 //
 // Results are status numbers, 0x1011000 for success; every failure is logged. Any thread may call any function, with
-// the exceptions named at Destroy and RegPPCSerMsgProcFunc. Functions raise std::bad_alloc when memory runs out where
-// they store something (RegPPCSerMsgProcFunc, SetPpcSession, GetPpcSession, SendData) and std::system_error when a
-// mutex cannot be locked.
+// the exceptions named at Destroy and RegPPCSerMsgProcFunc. Nothing is raised but std::system_error when a mutex cannot
+// be locked; what cannot be stored for lack of memory is logged and left out.
 //
 // Threads. "ppc_srv_accept" runs AcceptConnection from CreateServer until Destroy, or until the driver reports that
 // the endpoint is gone. "ppc_srv_recv_<n>" runs RecvData for one session; it ends when its session closes, when its
@@ -97,7 +96,6 @@ private:
     GAKPPC_LOCAL PpcServer();
     GAKPPC_LOCAL void OnProcessExit();
     GAKPPC_LOCAL bool StartReceiveThread(void* session);
-    GAKPPC_LOCAL void Deliver(void* const& session, const PPCMessage& msg);
     GAKPPC_LOCAL void ReportSocketClosed(uint32_t status, uint32_t lastDevice, uint32_t lastProcessType,
                                          PPCMessage& msg);
 

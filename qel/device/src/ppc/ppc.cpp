@@ -2,6 +2,7 @@
 
 #include <arpa/inet.h>
 #include <fcntl.h>
+#include <poll.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/uio.h>
@@ -82,6 +83,7 @@ constexpr int kBacklog = 10;
 constexpr socklen_t kPeerAddressLength = 110;
 constexpr uint32_t kBufferCount = 1;
 constexpr int kLengthFieldSize = 4;
+constexpr int kExhaustedPauseMs = 10;
 
 // The directory text once the directory is there; never cleared.
 std::atomic<const char*> ppcSockDir{nullptr};
@@ -119,6 +121,16 @@ int OpenSocket()
     const int fd = socket(AF_UNIX, SOCK_STREAM, 0);
     CloseOnExec(fd);
     return fd;
+}
+
+// When descriptors or memory have run out, clients stay queued and accept fails again at once. A short pause keeps the
+// caller's loop from filling a processor and the log. Ends early when the endpoint is shut down.
+void PauseIfExhausted(int error, int listenFd)
+{
+    if (error == EMFILE || error == ENFILE || error == ENOBUFS || error == ENOMEM) {
+        pollfd endpoint = {listenFd, 0, 0};  // no event asked for: only a shutdown ends the pause
+        poll(&endpoint, 1, kExhaustedPauseMs);
+    }
 }
 
 int AcceptPeer(int listenFd)
@@ -376,8 +388,10 @@ int drvPpcSessionAccept(PpcServerHead* server, PpcSession** ppSession)
             PPC_WARN(PPC_TEXT("Server socket closed pHead %p"), static_cast<void*>(server));
             return PPC_ERR_SOCKET_CLOSED;
         }
-        PPC_ERROR(PPC_TEXT("accept ppc socket error: %s(errno: %d) pHead->listenFd %d pHead %p"), strerror(errno),
-                  errno, call.Fd(), static_cast<void*>(server));
+        const int error = errno;
+        PPC_ERROR(PPC_TEXT("accept ppc socket error: %s(errno: %d) pHead->listenFd %d pHead %p"), strerror(error), error,
+                  call.Fd(), static_cast<void*>(server));
+        PauseIfExhausted(error, call.Fd());
         return PPC_ERR_SOCKET_ACCEPT;
     }
     PPC_INFO(PPC_TEXT("Ppc Accept Session %d, Server fd %d, pid %d"), fd.Get(), call.Fd(), getpid());
