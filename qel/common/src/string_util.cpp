@@ -11,6 +11,20 @@ bool IsSpace(char c)
     return std::isspace(static_cast<unsigned char>(c)) != 0;
 }
 
+// An empty pattern is found at position 0 and then behind each inserted copy, until that position passes the end of the
+// text as it was.
+void InsertCopies(std::string& s, const std::string& to)
+{
+    if (to.empty()) {
+        return;
+    }
+    std::string copies;
+    for (size_t at = 0; at <= s.size(); at += to.size()) {
+        copies += to;
+    }
+    s.insert(0, copies);
+}
+
 }  // namespace
 
 std::string& RTrim(std::string& s)
@@ -35,6 +49,10 @@ void ReplaceAllSubStrDistinct(std::string& s, const std::string& from, const std
     if (&s == &from || &s == &to) {
         // The text changes below, so a pattern that is the text itself is copied first.
         ReplaceAllSubStrDistinct(s, std::string(from), std::string(to));
+        return;
+    }
+    if (from.empty()) {
+        InsertCopies(s, to);
         return;
     }
     for (size_t at = s.find(from); at != std::string::npos; at = s.find(from, at + to.size())) {

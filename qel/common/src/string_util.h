@@ -17,8 +17,8 @@ GAKPPC_API std::string& RTrim(std::string& s);
 
 // Replaces in place, left to right, every occurrence of `from` that begins at or after the end of the previous
 // replacement; the replacement itself is never searched again. An empty `from` inserts `to` at position 0 and then
-// after each inserted copy until the position passes the end. `from` and `to` must not both be empty: that call would
-// never end. Either may be `s` itself.
+// after each inserted copy until the position passes the end that `s` had before; callers never pass both empty, which
+// changes nothing here. Either may be `s` itself.
 GAKPPC_API void ReplaceAllSubStrDistinct(std::string& s, const std::string& from, const std::string& to);
 
 // Returns a copy of `in` that is safe in one log line: the bytes 7 to 13 become a backslash and one of the letters

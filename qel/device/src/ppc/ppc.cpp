@@ -615,7 +615,7 @@ int drvPpcSocketSend(int fd, const void* buf, int len)
     }
     const ssize_t frameSize = static_cast<ssize_t>(len) + kLengthFieldSize;
     const ssize_t written = WriteFrame(fd, buf, len);
-    if (written == frameSize) {
+    if (written != -1 && written == frameSize) {
         return PPC_OK;
     }
     PPC_ERROR(PPC_TEXT("send (sockfd %d)error: %s(errno: %d)  %d %d %d"), fd, strerror(errno), errno,
