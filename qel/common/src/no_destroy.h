@@ -13,18 +13,18 @@ template <typename T>
 class NoDestroy {
 public:
     template <typename... Args>
-    explicit NoDestroy(Args&&... args)
+    explicit NoDestroy(Args&&... args) : object_(new (storage_) T(std::forward<Args>(args)...))
     {
-        new (storage_) T(std::forward<Args>(args)...);
     }
     NoDestroy(const NoDestroy&) = delete;
     NoDestroy& operator=(const NoDestroy&) = delete;
 
-    T& operator*() { return *std::launder(reinterpret_cast<T*>(storage_)); }
-    T* operator->() { return &**this; }
+    T& operator*() { return *object_; }
+    T* operator->() { return object_; }
 
 private:
     alignas(T) unsigned char storage_[sizeof(T)];
+    T* const object_;
 };
 
 }  // namespace qel

@@ -90,6 +90,10 @@ struct PpcClient::State {
     Mutex custStartMutex_;
     bool custStartFlag_ GAKPPC_GUARDED_BY(custStartMutex_) = false;
 
+    // Raised by Destroy until the next session is opened. The receive loop then opens none: it may be a thread that
+    // found out late, while the process exits.
+    std::atomic<bool> destroyed_{false};
+
     // The process that opened the sessions, 0 before. Their tear-down is that process's alone.
     std::atomic<pid_t> owner_{0};
 
@@ -189,6 +193,7 @@ ppc::PpcSessionRef PpcClient::State::GetPpcSession(uint32_t deviceId, PPCMessage
         return {};
     }
     owner_ = getpid();
+    destroyed_ = false;
     clientRecvFlag_ = true;
     GAK_LOG("[GAKPPCCLI] [serverId=%u] GetPpcSession() receive thread has been started", kPpcServerId);
     return ref;
@@ -207,7 +212,7 @@ uint32_t PpcClient::SendData(void*& session, const PPCMessage& msg)
 uint32_t PpcClient::RecvData(uint32_t deviceId, GakWaitType waitType)
 {
     const PPCMessage::ProcessType procType = GetPPCProcessType(waitType);
-    const ppc::PpcSessionRef held = state_.GetPpcSession(deviceId, procType);
+    const ppc::PpcSessionRef held = state_.destroyed_ ? ppc::PpcSessionRef() : state_.GetPpcSession(deviceId, procType);
     void* session = held.Get();
     for (;;) {
         if (!clientRecvFlag_) {
@@ -287,6 +292,7 @@ void PpcClient::Destroy()
         GAK_LOG(kStatusDriverError, "[GAKPPCCLI]  Destroy() ppcclient not run");
         return;
     }
+    state_.destroyed_ = true;
     clientRecvFlag_ = false;
     state_.DestroySessions();
     state_.DestroyClient();

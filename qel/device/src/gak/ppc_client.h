@@ -36,7 +36,8 @@ public:
     uint32_t SendData(void*& session, const PPCMessage& msg);
 
     // The receive loop: blocks until a message ends it (see RecvMsgProc), receiving fails, or the client is destroyed
-    // (0x1093040, or the status of the receive that it ended).
+    // (0x1093040, or the status of the receive that it ended). After Destroy it opens no session and returns 0x1093040
+    // at once; sending or GetPpcSession starts over.
     uint32_t RecvData(uint32_t deviceId, GakWaitType waitType);
 
     // Handles one received message. 0x109303E means that the loop goes on. A SHUTDOWN whose dest_id is `deviceId` is
@@ -46,7 +47,7 @@ public:
                          const PPCMessage& msg);
 
     // Ends all sessions; threads blocked in them return soon, and nobody waits for them. Does nothing when there is no
-    // session, and in a forked child. The next GetPpcSession starts over.
+    // session, and in a forked child. The next GetPpcSession, also one for a message to send, starts over.
     void Destroy();
 
     // 0, 1 and 2 are the process type of that number, all others MAXPROCTYPE.

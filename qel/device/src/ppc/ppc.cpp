@@ -384,7 +384,7 @@ int drvPpcSessionAccept(PpcServerHead* server, PpcSession** ppSession)
     const PpcCall call(record);
     OwnFd fd(AcceptPeer(call.Fd()));
     if (fd.Get() < 0) {
-        if (record->ShownFd() == -1) {
+        if (call.Fd() == -1 || record->ShownFd() == -1) {
             PPC_WARN(PPC_TEXT("Server socket closed pHead %p"), static_cast<void*>(server));
             return PPC_ERR_SOCKET_CLOSED;
         }

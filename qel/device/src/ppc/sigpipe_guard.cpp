@@ -52,13 +52,13 @@ SigpipeGuard::~SigpipeGuard()
 
 void SigpipeGuard::Consume()
 {
-    if (wasPending_) {
-        return;  // the caller's own, which the write's coincided with
-    }
     const int savedErrno = errno;
     const sigset_t pipe = SigpipeSet();
     const timespec noWait = {};
-    sigtimedwait(&pipe, nullptr, &noWait);
+    sigtimedwait(&pipe, nullptr, &noWait);  // takes the thread's own before the process's
+    if (wasPending_ && !SigpipeIsPending()) {
+        pthread_kill(pthread_self(), SIGPIPE);  // the two had merged: the caller's goes back
+    }
     errno = savedErrno;
 }
 

@@ -1,0 +1,243 @@
+#ifndef GAKPPC_SERVER_FIXTURE_H
+#define GAKPPC_SERVER_FIXTURE_H
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <chrono>
+#include <condition_variable>
+#include <functional>
+#include <mutex>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "driver_calls.h"
+#include "fault.h"
+#include "log_capture.h"
+#include "log_lines.h"
+#include "ppc.h"
+#include "ppc_server.h"
+#include "process.h"
+#include "raw_peer.h"
+
+namespace gaktest {
+
+using namespace std::chrono_literals;
+
+constexpr uint32_t kOk = 0x1011000;
+constexpr uint32_t kServerId = 19280;
+
+inline qel::PPCMessage Message(const testsupport::RawMessage& raw)
+{
+    qel::PPCMessage msg;
+    msg.set_type(static_cast<qel::PPCMessage::MsgType>(raw.type));
+    msg.set_src_id(raw.src_id);
+    msg.set_dest_id(raw.dest_id);
+    msg.set_proc_type(static_cast<qel::PPCMessage::ProcessType>(raw.proc_type));
+    msg.set_sub_proc_pid(raw.sub_proc_pid);
+    msg.set_host_pid(raw.host_pid);
+    return msg;
+}
+
+// The order for a worker: what the daemon sends to (device, sub-process).
+inline qel::PPCMessage Order(uint32_t device, uint32_t pid)
+{
+    return Message({5, 0, device, 0, pid, 0, {}});
+}
+
+// What a worker reports of itself.
+inline testsupport::RawMessage Report(uint32_t device, uint32_t pid, uint32_t type = 0)
+{
+    return {type, device, kServerId, 0, pid, 0, {}};
+}
+
+// A daemon's handler that keeps what it is given. One for the process: handlers are plain functions.
+class Inbox {
+public:
+    static void Handler(const qel::PPCMessage& msg) { Instance().Take(msg); }
+
+    // Runs inside the handler, after the message has been kept.
+    static void OnMessage(std::function<void(const qel::PPCMessage&)> action)
+    {
+        std::lock_guard<std::mutex> lock(Instance().mutex_);
+        Instance().action_ = std::move(action);
+    }
+    static std::vector<testsupport::RawMessage> Messages()
+    {
+        std::lock_guard<std::mutex> lock(Instance().mutex_);
+        return Instance().messages_;
+    }
+    static bool WaitFor(size_t count, testsupport::Deadline deadline = 10s)
+    {
+        Inbox& inbox = Instance();
+        std::unique_lock<std::mutex> lock(inbox.mutex_);
+        return inbox.changed_.wait_until(lock, deadline.When(), [&] { return inbox.messages_.size() >= count; });
+    }
+    static void Clear()
+    {
+        std::lock_guard<std::mutex> lock(Instance().mutex_);
+        Instance().messages_.clear();
+        Instance().action_ = nullptr;
+    }
+
+private:
+    static Inbox& Instance()
+    {
+        static Inbox* const inbox = new Inbox;  // receive threads may run until the process ends
+        return *inbox;
+    }
+
+    void Take(const qel::PPCMessage& msg)
+    {
+        testsupport::RawMessage raw{static_cast<uint32_t>(msg.type()),
+                                    msg.src_id(),
+                                    msg.dest_id(),
+                                    static_cast<uint32_t>(msg.proc_type()),
+                                    msg.sub_proc_pid(),
+                                    msg.host_pid(),
+                                    {}};
+        if (msg.has_lib_names()) {
+            raw.lib_names.emplace(msg.lib_names().lib_name().begin(), msg.lib_names().lib_name().end());
+        }
+        std::function<void(const qel::PPCMessage&)> action;
+        {
+            std::lock_guard<std::mutex> lock(mutex_);
+            messages_.push_back(raw);
+            action = action_;
+            changed_.notify_all();
+        }
+        if (action) {
+            action(msg);
+        }
+    }
+
+    std::mutex mutex_;
+    std::condition_variable changed_;
+    std::vector<testsupport::RawMessage> messages_;
+    std::function<void(const qel::PPCMessage&)> action_;
+};
+
+// A worker in a process of its own. Make it before the server exists; it connects when it is started.
+class WorkerProcess {
+public:
+    explicit WorkerProcess(const std::function<int(testsupport::Fd& socket)>& body)
+        : pipe_(MakePipe()), child_([this, &body] {
+              char go = 0;
+              pipe_.second.Reset();
+              if (read(pipe_.first.get(), &go, 1) != 1) {
+                  return 100;
+              }
+              testsupport::Fd socket = testsupport::RawConnect(static_cast<int>(kServerId));
+              return socket.valid() ? body(socket) : 101;
+          })
+    {
+    }
+
+    void Start() { EXPECT_EQ(write(pipe_.second.get(), "g", 1), 1); }
+    testsupport::ChildProcess& Process() { return child_; }
+
+private:
+    static std::pair<testsupport::Fd, testsupport::Fd> MakePipe()
+    {
+        int fds[2] = {-1, -1};
+        EXPECT_EQ(pipe2(fds, O_CLOEXEC), 0);
+        return {testsupport::Fd(fds[0]), testsupport::Fd(fds[1])};
+    }
+
+    std::pair<testsupport::Fd, testsupport::Fd> pipe_;
+    testsupport::ChildProcess child_;
+};
+
+inline size_t CountThreads(const std::string& name)
+{
+    const std::vector<std::string> names = testsupport::ThreadNames();
+    return static_cast<size_t>(std::count(names.begin(), names.end(), name));
+}
+
+inline testing::AssertionResult ThreadsBecome(const std::string& name, size_t count)
+{
+    if (testsupport::WaitUntil([&] { return CountThreads(name) == count; }, 10s)) {
+        return testing::AssertionSuccess();
+    }
+    return testing::AssertionFailure() << CountThreads(name) << " threads are named " << name;
+}
+
+// The server of this process, not created yet. A test whose hooks or handlers refer to its own variables destroys the
+// server before it ends.
+class ServerTest : public testing::Test {
+protected:
+    ServerTest() { EXPECT_EQ(ppcInit(), 0); }
+    ~ServerTest() override
+    {
+        accepts_.Reset();
+        closes_.Reset();
+        server_.Destroy();
+        Inbox::Clear();
+    }
+
+    // Returns when the accept thread is ready.
+    void Create()
+    {
+        const uint64_t before = accepts_.Count();
+        ASSERT_EQ(server_.CreateServer(kServerId), kOk);
+        ASSERT_TRUE(AcceptCallsBecome(before + 1));
+    }
+    void Handle(uint32_t type) { server_.RegPPCSerMsgProcFunc(type, &Inbox::Handler); }
+
+    // A worker whose session is listed.
+    testsupport::Fd Connect()
+    {
+        const uint64_t before = accepts_.Count();
+        testsupport::Fd worker = testsupport::RawConnect(static_cast<int>(kServerId));
+        EXPECT_TRUE(worker.valid());
+        EXPECT_TRUE(AcceptCallsBecome(before + 1));
+        return worker;
+    }
+    // A worker that the server has heard of.
+    testsupport::Fd ConnectAs(uint32_t device, uint32_t pid)
+    {
+        testsupport::Fd worker = Connect();
+        Say(worker, Report(device, pid));
+        return worker;
+    }
+    // Sends, and waits until the server has done with the message.
+    void Say(const testsupport::Fd& worker, const testsupport::RawMessage& raw)
+    {
+        const size_t before = log_.Count("##### [threadName:");
+        EXPECT_TRUE(WriteAll(worker, testsupport::PpcFrame(raw)));
+        EXPECT_TRUE(log_.WaitFor("##### [threadName:", 10s, before + 1));
+    }
+    // Waits until so many receive threads have said that they end, and have ended.
+    bool WaitForExits(size_t count)
+    {
+        return log_.WaitFor("]thread exit", 10s, count) &&
+               testsupport::WaitUntil([this] { return ExitsAreDone(); }, 10s);
+    }
+
+    testsupport::LogCapture log_;
+    testsupport::CountingHook<DriverSessionAccept> accepts_;
+    testsupport::CountingHook<DriverSessionClose> closes_;
+    qel::PpcServer& server_ = qel::PpcServer::GetInstance();
+
+private:
+    bool ExitsAreDone() const
+    {
+        const std::vector<testsupport::LogLine> lines = log_.Lines();
+        return std::none_of(lines.begin(), lines.end(), [](const testsupport::LogLine& line) {
+            return line.text.find("]thread exit") != std::string::npos &&
+                   access(("/proc/self/task/" + std::to_string(line.threadId)).c_str(), F_OK) == 0;
+        });
+    }
+    // The session of one accept call is listed before the next call is made.
+    bool AcceptCallsBecome(uint64_t count)
+    {
+        return testsupport::WaitUntil([&] { return accepts_.Count() >= count; }, 10s);
+    }
+};
+
+}  // namespace gaktest
+
+#endif

@@ -1,0 +1,172 @@
+#include "process.h"
+
+#include <dirent.h>
+#include <gtest/gtest.h>
+#include <poll.h>
+#include <sys/prctl.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <csignal>
+#include <cstdio>
+#include <cstring>
+#include <exception>
+#include <fstream>
+#include <memory>
+#include <ostream>
+#include <stdexcept>
+
+namespace testsupport {
+namespace {
+
+constexpr int kAskAgainMs = 2;
+
+std::vector<std::string> DirectoryEntries(const char* path)
+{
+    const std::unique_ptr<DIR, int (*)(DIR*)> directory(opendir(path), &closedir);
+    if (directory == nullptr) {
+        throw std::runtime_error(std::string(path) + ": " + strerror(errno));
+    }
+    std::vector<std::string> names;
+    while (const dirent* entry = readdir(directory.get())) {
+        if (entry->d_name[0] != '.') {
+            names.emplace_back(entry->d_name);
+        }
+    }
+    return names;
+}
+
+int RunBody(const std::function<int()>& body)
+{
+    try {
+        const int code = body();
+        return code == 0 && testing::Test::HasFailure() ? ChildProcess::kFailedAssertionCode : code;
+    } catch (const std::exception& error) {
+        fprintf(stderr, "exception in a child process: %s\n", error.what());
+    } catch (...) {
+        fprintf(stderr, "unknown exception in a child process\n");
+    }
+    return ChildProcess::kExceptionCode;
+}
+
+[[noreturn]] void RunChild(const std::function<int()>& body, pid_t parent)
+{
+    prctl(PR_SET_PDEATHSIG, SIGKILL);
+    if (getppid() != parent) {
+        _exit(ChildProcess::kExceptionCode);  // the parent died before the line above
+    }
+    const int code = RunBody(body);
+    fflush(nullptr);
+    _exit(code);
+}
+
+}  // namespace
+
+std::ostream& operator<<(std::ostream& out, const ExitStatus& status)
+{
+    if (!status.ended) {
+        return out << "still running";
+    }
+    if (status.signal != 0) {
+        return out << "killed by signal " << status.signal;
+    }
+    return out << "exited with " << status.code;
+}
+
+ChildProcess::ChildProcess(const std::function<int()>& body)
+{
+    fflush(nullptr);  // what is buffered now would be written twice
+    const pid_t parent = getpid();
+    pid_ = fork();
+    if (pid_ == -1) {
+        throw std::runtime_error(std::string("fork: ") + strerror(errno));
+    }
+    if (pid_ == 0) {
+        RunChild(body, parent);
+    }
+    pidFd_ = static_cast<int>(syscall(SYS_pidfd_open, pid_, 0));
+    if (pidFd_ == -1) {
+        const int error = errno;
+        kill(pid_, SIGKILL);
+        waitpid(pid_, nullptr, 0);
+        throw std::runtime_error(std::string("pidfd_open: ") + strerror(error));
+    }
+}
+
+ChildProcess::~ChildProcess()
+{
+    Kill(SIGKILL);
+    Reap();
+    close(pidFd_);
+}
+
+ExitStatus ChildProcess::WaitExit(Deadline deadline)
+{
+    pollfd wanted{pidFd_, POLLIN, 0};
+    int ready = 0;
+    do {
+        ready = poll(&wanted, 1, deadline.RemainingMs());
+    } while (ready == -1 && errno == EINTR);
+    if (ready == 1) {
+        Reap();
+    }
+    return status_;
+}
+
+void ChildProcess::Kill(int signal)
+{
+    if (!status_.ended) {
+        kill(pid_, signal);
+    }
+}
+
+void ChildProcess::Reap()
+{
+    if (status_.ended) {
+        return;
+    }
+    int status = 0;
+    while (waitpid(pid_, &status, 0) == -1 && errno == EINTR) {
+    }
+    status_.ended = true;
+    status_.code = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    status_.signal = WIFSIGNALED(status) ? WTERMSIG(status) : 0;
+}
+
+size_t OpenDescriptors()
+{
+    return DirectoryEntries("/proc/self/fd").size() - 1;  // the listing itself has one open
+}
+
+size_t ThreadCount()
+{
+    return DirectoryEntries("/proc/self/task").size();
+}
+
+std::vector<std::string> ThreadNames()
+{
+    std::vector<std::string> names;
+    for (const std::string& id : DirectoryEntries("/proc/self/task")) {
+        std::ifstream file("/proc/self/task/" + id + "/comm");
+        std::string name;
+        if (std::getline(file, name)) {
+            names.push_back(name);
+        }
+    }
+    return names;
+}
+
+bool WaitUntil(const std::function<bool()>& condition, Deadline deadline)
+{
+    while (!condition()) {
+        if (deadline.Passed()) {
+            return false;
+        }
+        poll(nullptr, 0, kAskAgainMs);
+    }
+    return true;
+}
+
+}  // namespace testsupport
