@@ -6,6 +6,7 @@
 #include <csignal>
 #include <future>
 #include <memory>
+#include <new>
 #include <sstream>
 #include <stdexcept>
 #include <string>
@@ -545,6 +546,20 @@ TEST_F(PpcServerRecvTest, TypeOfAHandlerIsNotRangeTested)
     Handle(0xFFFFFFF0);
     EXPECT_EQ(log_.Count("RegPPCSerMsgProcFunc type:4294967280(0:START RSP"), 1u);
     server_.PPCSerMsgProc(Message(Report(1, 7, 0xFFFFFFF0)));
+    EXPECT_EQ(Inbox::Messages().size(), 1u);
+}
+
+TEST_F(PpcServerRecvTest, HandlerThatCannotBeStoredForLackOfMemoryCanBeRegisteredLater)
+{
+    {
+        testsupport::CountingHook<testsupport::calls::OperatorNew> memory;
+        memory.OnCall([](uint64_t, size_t) -> std::optional<void*> { throw std::bad_alloc(); });
+        Handle(2);
+    }
+    EXPECT_EQ(log_.Count(LogSink::kError, "memory exhausted error"), 1u);
+    EXPECT_EQ(log_.Count(" success"), 0u);
+    Handle(2);
+    server_.PPCSerMsgProc(Message(Report(1, 7, 2)));
     EXPECT_EQ(Inbox::Messages().size(), 1u);
 }
 

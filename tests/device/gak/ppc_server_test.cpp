@@ -11,6 +11,7 @@
 #include <cstdlib>
 #include <future>
 #include <memory>
+#include <new>
 #include <string>
 #include <thread>
 #include <type_traits>
@@ -409,6 +410,39 @@ TEST_F(PpcServerTest, FailedLookupEntersThePairWithANullHandle)
     EXPECT_EQ(server_.GetPpcSession(2, 5), nullptr);
     EXPECT_EQ(server_.GetPpcSession(2, 6), nullptr);
     EXPECT_EQ(allocations.Count(), 0u);
+}
+
+// The library finds no memory for what it wants to store while one exists.
+class NoMemory {
+public:
+    NoMemory()
+    {
+        hook_.OnCall([](uint64_t, size_t) -> std::optional<void*> { throw std::bad_alloc(); });
+    }
+
+private:
+    CountingHook<calls::OperatorNew> hook_;
+};
+
+TEST_F(PpcServerTest, SessionThatCannotBeStoredForLackOfMemoryIsLoggedAndNotRaised)
+{
+    int foreign = 0;
+    {
+        const NoMemory noMemory;
+        server_.SetPpcSession(1, 7, &foreign);
+    }
+    EXPECT_EQ(log_.Count(LogSink::kError, "memory exhausted error"), 1u);
+    EXPECT_EQ(server_.GetPpcSession(1, 7), nullptr);
+}
+
+TEST_F(PpcServerTest, LookupWithoutMemoryFindsNothingAndRaisesNothing)
+{
+    {
+        const NoMemory noMemory;
+        EXPECT_EQ(server_.GetPpcSession(1, 7), nullptr);
+        EXPECT_EQ(server_.SendData(Order(1, 7)), 0x1093036u);
+    }
+    EXPECT_EQ(log_.Count(LogSink::kError, "memory exhausted error"), 2u);
 }
 
 // ---- SendData ----

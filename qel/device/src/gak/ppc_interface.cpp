@@ -165,7 +165,7 @@ uint32_t PpcInterface::RecvMsg(void* session, PPCMessage& msg)
         GAK_LOG(kStatusIntegerReversed, "Integer reversed addA: %u + addB: %u", encodedSize, kInnerLengthSize);
         return kStatusIntegerReversed;
     }
-    if (size != encodedSize + kInnerLengthSize || size < kInnerLengthSize) {
+    if (size != encodedSize + kInnerLengthSize) {  // also a payload that is too short for the length field
         GAK_LOG(kStatusPpcLengthMismatch, "[GAKPPCIF] receive buffer len:%d, message_len:%d", static_cast<int>(size),
                 static_cast<int>(encodedSize + kInnerLengthSize));
         return kStatusPpcLengthMismatch;
