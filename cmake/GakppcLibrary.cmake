@@ -20,6 +20,7 @@ set(GAKPPC_PUBLIC_HEADERS
 
 add_library(gakppc SHARED
             "${GAKPPC_COMMON_DIR}/log.cpp"
+            "${GAKPPC_COMMON_DIR}/own_pid.cpp"
             "${GAKPPC_COMMON_DIR}/status_factory.cpp"
             "${GAKPPC_COMMON_DIR}/string_util.cpp"
             "${GAKPPC_PPC_DIR}/ppc.cpp"
@@ -27,7 +28,6 @@ add_library(gakppc SHARED
             "${GAKPPC_PPC_DIR}/sigpipe_guard.cpp"
             "${GAKPPC_GAK_DIR}/gak.cpp"
             "${GAKPPC_GAK_DIR}/library_thread.cpp"
-            "${GAKPPC_GAK_DIR}/own_pid.cpp"
             "${GAKPPC_GAK_DIR}/ppc_client.cpp"
             "${GAKPPC_GAK_DIR}/ppc_interface.cpp"
             "${GAKPPC_GAK_DIR}/ppc_server.cpp"

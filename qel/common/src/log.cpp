@@ -95,6 +95,20 @@ void WriteToSink(int moduleId, uint32_t level, const char* text, const char* sta
     }
 }
 
+}  // namespace
+
+// Opens the platform's library before the first line; costs one load afterwards.
+struct QELLog::Opener {
+    static void Open()
+    {
+        if (!isInitFlag.load(std::memory_order_acquire)) {
+            GetInstance();
+        }
+    }
+};
+
+namespace {
+
 // Where a log call stands in its caller's source.
 struct Place {
     const char* function;
@@ -149,15 +163,15 @@ __attribute__((noinline, format(printf, 2, 0))) void WriteLine(const LineParts& 
     WriteToSink(kModuleId, parts.level, line, parts.traceStatus);
 }
 
-__attribute__((format(printf, 2, 0))) void LogLine(const LineParts& parts, const char* fmt, va_list args)
+// Whether a line is to be composed: the platform's library is open, the line has a place, its sink is on. Asked first,
+// because most lines are never seen.
+bool IsWanted(const Place& place, uint32_t level)
 {
-    if (parts.place.function == nullptr || parts.place.file == nullptr) {
-        return;
+    if (place.function == nullptr || place.file == nullptr) {
+        return false;
     }
-    QELLog::GetInstance();
-    if (SinkIsOn(kModuleId, parts.level)) {
-        WriteLine(parts, fmt, args);
-    }
+    QELLog::Opener::Open();
+    return SinkIsOn(kModuleId, level);
 }
 
 }  // namespace
@@ -217,44 +231,62 @@ void QELLog::QELSaveLog(int moduleId, uint32_t level, const char* text, const ch
 
 void QEL_LOG_IMPL(const char* funcName, const char* fileName, int line, const char* fmt, ...)
 {
+    const qel::Place place = {funcName, fileName, line};
+    if (!qel::IsWanted(place, qel::kInfo)) {
+        return;
+    }
     va_list args;
     va_start(args, fmt);
-    qel::LogLine({{funcName, fileName, line}, qel::kInfo, true, qel::kStatusOk, nullptr}, fmt, args);
+    qel::WriteLine({place, qel::kInfo, true, qel::kStatusOk, nullptr}, fmt, args);
     va_end(args);
 }
 
 void QEL_LOG_IMPL(const char* funcName, const char* fileName, int line, uint32_t status, const char* fmt, ...)
 {
-    if (!qel::QELLog::GetInstance().QELLogOutputEnable(status)) {
+    const qel::Place place = {funcName, fileName, line};
+    const uint32_t level = qel::StatusLevel(status);
+    if (!qel::QELLog::GetInstance().QELLogOutputEnable(status) || !qel::IsWanted(place, level)) {
         return;
     }
     va_list args;
     va_start(args, fmt);
-    qel::LogLine({{funcName, fileName, line}, qel::StatusLevel(status), true, status, nullptr}, fmt, args);
+    qel::WriteLine({place, level, true, status, nullptr}, fmt, args);
     va_end(args);
 }
 
 void QEL_EVENT_LOG_IMPL(const char* funcName, const char* fileName, int line, const char* fmt, ...)
 {
+    const qel::Place place = {funcName, fileName, line};
+    if (!qel::IsWanted(place, qel::kEvent)) {
+        return;
+    }
     va_list args;
     va_start(args, fmt);
-    qel::LogLine({{funcName, fileName, line}, qel::kEvent, false, 0, nullptr}, fmt, args);
+    qel::WriteLine({place, qel::kEvent, false, 0, nullptr}, fmt, args);
     va_end(args);
 }
 
 void QEL_TRACE_LOG_IMPL(const char* funcName, const char* fileName, int line, const char* statusText, const char* fmt,
                         ...)
 {
+    const qel::Place place = {funcName, fileName, line};
+    if (!qel::IsWanted(place, qel::kTrace)) {
+        return;
+    }
     va_list args;
     va_start(args, fmt);
-    qel::LogLine({{funcName, fileName, line}, qel::kTrace, false, 0, statusText}, fmt, args);
+    qel::WriteLine({place, qel::kTrace, false, 0, statusText}, fmt, args);
     va_end(args);
 }
 
 void QEL_OPLOG_IMPL(const char* funcName, const char* fileName, int line, const char* fmt, ...)
 {
+    const qel::Place place = {funcName, fileName, line};
+    if (!qel::IsWanted(place, qel::kOperation)) {
+        return;
+    }
     va_list args;
     va_start(args, fmt);
-    qel::LogLine({{funcName, fileName, line}, qel::kOperation, false, 0, nullptr}, fmt, args);
+    qel::WriteLine({place, qel::kOperation, false, 0, nullptr}, fmt, args);
     va_end(args);
 }

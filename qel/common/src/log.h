@@ -64,6 +64,8 @@ public:
     // `text` is ignored; `statusText` is used at level 7 only.
     void QELSaveLog(int moduleId, uint32_t level, const char* text, const char* statusText);
 
+    struct GAKPPC_LOCAL Opener;  // for the log functions above
+
     QELLog(const QELLog&) = delete;
     QELLog& operator=(const QELLog&) = delete;
 

@@ -83,6 +83,8 @@ struct PpcClient::State {
     Mutex sessionMutex_;
     std::map<uint32_t, ppc::PpcSessionRef> sessionMap_ GAKPPC_GUARDED_BY(sessionMutex_);
 
+    // The last pair entered in the map below, process id above device: nearly every message brings the same.
+    std::atomic<uint64_t> lastRecorded_{0};
     Mutex subProcDevMutex_;
     std::map<uint32_t, uint32_t> subProcDevMap_ GAKPPC_GUARDED_BY(subProcDevMutex_);
 
@@ -192,7 +194,7 @@ ppc::PpcSessionRef PpcClient::State::GetPpcSession(uint32_t deviceId, PPCMessage
         GAK_LOG(kStatusMemoryExhausted, "[GAKPPCCLI] GetPpcSession() no memory for the session");
         return {};
     }
-    owner_ = getpid();
+    owner_ = static_cast<pid_t>(OwnPid());
     destroyed_ = false;
     clientRecvFlag_ = true;
     GAK_LOG("[GAKPPCCLI] [serverId=%u] GetPpcSession() receive thread has been started", kPpcServerId);
@@ -329,9 +331,14 @@ PPCMessage::ProcessType PpcClient::GetPPCProcessType(GakWaitType waitType)
 
 void PpcClient::State::RecordDevice(uint32_t pid, uint32_t deviceId)
 {
+    const uint64_t pair = (uint64_t{pid} << 32) | deviceId;
+    if (lastRecorded_ == pair) {
+        return;
+    }
     MutexLock lock(subProcDevMutex_);
     try {
         subProcDevMap_[pid] = deviceId;
+        lastRecorded_ = pair;
     } catch (const std::bad_alloc&) {
         // The message still goes out, and the next one records it.
         GAK_LOG_AS("SendPpcMsg", kStatusMemoryExhausted, "[GAKPPCCLI] SendPpcMsg() no memory for the device");

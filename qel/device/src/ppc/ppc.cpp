@@ -389,8 +389,8 @@ int drvPpcSessionAccept(PpcServerHead* server, PpcSession** ppSession)
             return PPC_ERR_SOCKET_CLOSED;
         }
         const int error = errno;
-        PPC_ERROR(PPC_TEXT("accept ppc socket error: %s(errno: %d) pHead->listenFd %d pHead %p"), strerror(error), error,
-                  call.Fd(), static_cast<void*>(server));
+        PPC_ERROR(PPC_TEXT("accept ppc socket error: %s(errno: %d) pHead->listenFd %d pHead %p"), strerror(error),
+                  error, call.Fd(), static_cast<void*>(server));
         PauseIfExhausted(error, call.Fd());
         return PPC_ERR_SOCKET_ACCEPT;
     }

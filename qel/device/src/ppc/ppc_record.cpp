@@ -6,6 +6,8 @@
 #include <cstdlib>
 #include <utility>
 
+#include "own_pid.h"
+
 namespace ppc {
 
 // The records of one kind that can be recognised: all live ones and the last few retired ones.
@@ -125,7 +127,7 @@ RecordDirectory& DirectoryOf(PpcRecord::Kind kind)
 }  // namespace
 
 PpcRecord::PpcRecord(Kind kind, int fd, std::atomic<int32_t>* shownFd)
-    : fd_(fd), creator_(getpid()), shownFd_(shownFd), kind_(kind)
+    : fd_(fd), creator_(static_cast<pid_t>(qel::OwnPid())), shownFd_(shownFd), kind_(kind)
 {
 }
 

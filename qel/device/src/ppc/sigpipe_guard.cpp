@@ -18,6 +18,8 @@ sigset_t SigpipeSet()
     return set;
 }
 
+const sigset_t kSigpipe = SigpipeSet();
+
 bool SigpipeIsPending()
 {
     sigset_t pending;
@@ -33,10 +35,8 @@ SigpipeGuard::SigpipeGuard()
     if (staysBlocked) {
         return;
     }
-    const sigset_t pipe = SigpipeSet();
     sigset_t previous;
-    sigemptyset(&previous);
-    pthread_sigmask(SIG_BLOCK, &pipe, &previous);
+    pthread_sigmask(SIG_BLOCK, &kSigpipe, &previous);
     unblockAtEnd_ = sigismember(&previous, SIGPIPE) == 0;
     // A thread that does not block the signal has none pending.
     wasPending_ = !unblockAtEnd_ && SigpipeIsPending();
@@ -45,17 +45,15 @@ SigpipeGuard::SigpipeGuard()
 SigpipeGuard::~SigpipeGuard()
 {
     if (unblockAtEnd_) {
-        const sigset_t pipe = SigpipeSet();
-        pthread_sigmask(SIG_UNBLOCK, &pipe, nullptr);
+        pthread_sigmask(SIG_UNBLOCK, &kSigpipe, nullptr);
     }
 }
 
 void SigpipeGuard::Consume()
 {
     const int savedErrno = errno;
-    const sigset_t pipe = SigpipeSet();
     const timespec noWait = {};
-    sigtimedwait(&pipe, nullptr, &noWait);  // takes the thread's own before the process's
+    sigtimedwait(&kSigpipe, nullptr, &noWait);  // takes the thread's own before the process's
     if (wasPending_ && !SigpipeIsPending()) {
         pthread_kill(pthread_self(), SIGPIPE);  // the two had merged: the caller's goes back
     }
