@@ -94,7 +94,7 @@ void ReadDynamicSection(const ElfW(Dyn) * entry, Library& library)
 
 struct Search {
     const std::string& name;
-    Library library;
+    Library object;
 };
 
 int VisitLibrary(dl_phdr_info* info, size_t /*size*/, void* data)
@@ -103,7 +103,7 @@ int VisitLibrary(dl_phdr_info* info, size_t /*size*/, void* data)
     if (!HasFileName(info->dlpi_name, search->name)) {
         return 0;
     }
-    Library& library = search->library;
+    Library& library = search->object;
     library.base = info->dlpi_addr;
     for (int i = 0; i < info->dlpi_phnum; ++i) {
         const ElfW(Phdr)& header = info->dlpi_phdr[i];
@@ -122,10 +122,10 @@ int VisitLibrary(dl_phdr_info* info, size_t /*size*/, void* data)
 Library FindLibrary(const std::string& name)
 {
     Search search{name, {}};
-    if (dl_iterate_phdr(&VisitLibrary, &search) == 0 || search.library.symbols == nullptr) {
+    if (dl_iterate_phdr(&VisitLibrary, &search) == 0 || search.object.symbols == nullptr) {
         throw std::runtime_error("ImportHook: " + name + " is not loaded");
     }
-    return search.library;
+    return search.object;
 }
 
 void CollectSlots(const Library& library, const ElfW(Rela) * first, size_t bytes, const std::string& symbol,

@@ -33,7 +33,7 @@ struct State {
     std::condition_variable changed;
     std::vector<LogLine> lines;
     int minimumLevel = kDebugLevel;
-    int libraryLevel = kDebugLevel;
+    int platformLevel = kDebugLevel;
     std::map<int, size_t> checkCalls;
     size_t getLevelCalls = 0;
     size_t initCalls = 0;
@@ -167,7 +167,7 @@ int AnswerGetLevel(int /*moduleId*/, int* enableEvent)
     std::lock_guard<std::mutex> lock(state.mutex);
     ++state.getLevelCalls;
     *enableEvent = 1;
-    return state.libraryLevel;
+    return state.platformLevel;
 }
 
 int AnswerInit()
@@ -374,7 +374,7 @@ LogCapture::LogCapture(const std::string& library)
         std::lock_guard<std::mutex> lock(state.mutex);
         state.lines.clear();
         state.minimumLevel = kDebugLevel;
-        state.libraryLevel = kDebugLevel;
+        state.platformLevel = kDebugLevel;
         state.checkCalls.clear();
         state.getLevelCalls = 0;
         state.initCalls = 0;
@@ -395,7 +395,7 @@ void LogCapture::SetMinimumLevel(int level)
 void LogCapture::SetLibraryLevel(int level)
 {
     std::lock_guard<std::mutex> lock(TheState().mutex);
-    TheState().libraryLevel = level;
+    TheState().platformLevel = level;
 }
 
 size_t LogCapture::CheckLogLevelCalls() const
