@@ -7,6 +7,7 @@ set(GAKPPC_EXPORT_LIST "${PROJECT_SOURCE_DIR}/cmake/gakppc.map")
 
 set(GAKPPC_PUBLIC_HEADERS
     "${GAKPPC_COMMON_DIR}/gakppc_export.h"
+    "${GAKPPC_COMMON_DIR}/gak_limits.h"
     "${GAKPPC_COMMON_DIR}/log.h"
     "${GAKPPC_COMMON_DIR}/status_factory.h"
     "${GAKPPC_COMMON_DIR}/status_table.h"
@@ -69,5 +70,3 @@ target_include_directories(gakppc PUBLIC
                            $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}>)
 target_include_directories(gakppc SYSTEM PUBLIC $<BUILD_INTERFACE:${GAKPPC_GENERATED_DIR}>)
 
-install(TARGETS gakppc LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR})
-install(FILES ${GAKPPC_PUBLIC_HEADERS} DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/gakppc)

@@ -5,8 +5,10 @@
 // The handlers run on the library's receive threads and must be quick, so they only put the message into a mailbox. All
 // decisions are taken on the main thread, which therefore needs no lock for its own data.
 
+#include <gakppc/gak_limits.h>
 #include <gakppc/ppc.h>
 #include <gakppc/ppc_server.h>
+#include <gakppc/status_table.h>
 #include <poll.h>
 #include <sys/eventfd.h>
 #include <sys/prctl.h>
@@ -36,8 +38,6 @@ using Clock = std::chrono::steady_clock;
 using qel::PPCMessage;
 using qel::PpcServer;
 
-constexpr uint32_t kServerId = 0x4B50;  // the one that workers connect to
-constexpr uint32_t kStatusOk = 0x1011000;
 constexpr uint32_t kDevices = 4;
 constexpr std::chrono::seconds kShutdownTime{3};
 
@@ -156,7 +156,7 @@ bool Daemon::Open()
                             PPCMessage::NOTIFY_VEXOINFO, PPCMessage::ABNORMAL, PPCMessage::SOCKET_CLOSE}) {
         server.RegPPCSerMsgProcFunc(type, PutIntoMailbox);
     }
-    return server.CreateServer(kServerId) == kStatusOk;
+    return server.CreateServer(qel::kPpcServerId) == qel::kStatusOk;
 }
 
 // Only on the main thread: the kernel kills the worker when the thread that started it ends.
@@ -321,11 +321,11 @@ bool Daemon::Send(PPCMessage::MsgType type, PPCMessage::ProcessType about, pid_t
     const Worker& worker = workers_.at(to);
     PPCMessage msg;
     msg.set_type(type);
-    msg.set_src_id(kServerId);
+    msg.set_src_id(qel::kPpcServerId);
     msg.set_dest_id(worker.device);
     msg.set_proc_type(about);
     msg.set_sub_proc_pid(static_cast<uint32_t>(to));
-    const bool sent = PpcServer::GetInstance().SendData(msg) == kStatusOk;
+    const bool sent = PpcServer::GetInstance().SendData(msg) == qel::kStatusOk;
     Say(to, worker, (sent ? "SENT " : "UNREACHABLE ") + qel::PPCMessage_MsgType_Name(type));
     return sent;
 }

@@ -1,6 +1,7 @@
 // The library, through its public interface. GAKPPC_BENCH_LOG=info writes its lines of level INFO to /dev/null.
 
 #include <gakppc/gak.h>
+#include <gakppc/gak_limits.h>
 #include <gakppc/ppc_client.h>
 #include <gakppc/ppc_server.h>
 #include <gakppc/status_table.h>
@@ -14,7 +15,6 @@
 namespace bench {
 namespace {
 
-constexpr uint32_t kServerId = 0x4B50;
 constexpr int kInfoLevel = 1;
 constexpr GakWaitType kCompute = 1;
 
@@ -44,7 +44,7 @@ public:
              {qel::PPCMessage::START_RSP, qel::PPCMessage::HEARTBEAT, qel::PPCMessage::NOTIFY_VEXOINFO}) {
             server_.RegPPCSerMsgProcFunc(type, Handle);
         }
-        Require(server_.CreateServer(kServerId) == qel::kStatusOk, "CreateServer");
+        Require(server_.CreateServer(qel::kPpcServerId) == qel::kStatusOk, "CreateServer");
     }
 
     void Tidy() override { server_.JoinAllPPCRcvThreads(); }

@@ -60,6 +60,8 @@ bool AddLibNames(const std::vector<std::string>& libNames, PPCMessage& msg)
 {
     try {
         VexoSdLibNames* names = msg.mutable_lib_names();
+        // Once for all: a name whose place cannot be made would be lost.
+        names->mutable_lib_name()->Reserve(static_cast<int>(libNames.size()));
         for (const std::string& name : libNames) {
             names->add_lib_name(name);
         }

@@ -128,8 +128,9 @@ struct PpcServer::State {
 
     Mutex sessionListMutex;
     std::list<void*> sessions GAKPPC_GUARDED_BY(sessionListMutex);
-    // The session whose receive thread has been started but which is not listed yet; null if that thread closed it.
-    void* unlisted GAKPPC_GUARDED_BY(sessionListMutex) = nullptr;
+    // The session whose receive thread has been started but which is not listed yet; empty if that thread closed it.
+    // A list of its own, so that listing the session cannot fail.
+    std::list<void*> unlisted GAKPPC_GUARDED_BY(sessionListMutex);
 
     Mutex threadListMutex;
     std::list<ReceiveThread> receiveThreads GAKPPC_GUARDED_BY(threadListMutex);
@@ -149,7 +150,7 @@ struct PpcServer::State {
     bool RaiseRecvFlag();
     void LowerFlags();
 
-    void AnnounceSession(void* session);
+    bool AnnounceSession(void* session);
     void ListAnnouncedSession();
     void CloseListedSessions();
 
@@ -325,8 +326,7 @@ uint32_t PpcServer::AcceptConnection()
             }
             continue;
         }
-        state_.AnnounceSession(session);
-        if (StartReceiveThread(session)) {
+        if (state_.AnnounceSession(session) && StartReceiveThread(session)) {
             state_.ListAnnouncedSession();
         } else {
             drvPpcSessionClose(session);
@@ -337,18 +337,24 @@ uint32_t PpcServer::AcceptConnection()
 
 // The thread is started before its session is listed, so a session that closes at once is taken off a list it is not
 // on yet. Announcing it first lets the receive thread say so.
-void PpcServer::State::AnnounceSession(void* session)
+bool PpcServer::State::AnnounceSession(void* session)
 {
+    std::list<void*> announced;
+    try {
+        announced.push_back(session);
+    } catch (const std::bad_alloc&) {
+        GAK_LOG_AS("AcceptConnection", kStatusMemoryExhausted, "[GAKPPCSER] no memory for the session, session closed");
+        return false;
+    }
     MutexLock lock(sessionListMutex);
-    unlisted = session;
+    unlisted.swap(announced);
+    return true;
 }
 
 void PpcServer::State::ListAnnouncedSession()
 {
     MutexLock lock(sessionListMutex);
-    if (unlisted != nullptr) {
-        sessions.push_back(std::exchange(unlisted, nullptr));
-    }
+    sessions.splice(sessions.end(), unlisted);
 }
 
 bool PpcServer::StartReceiveThread(void* session)
@@ -467,9 +473,7 @@ void PpcServer::RemoveFromPpcSessionList(void* const& session)
     const auto found = std::find(state_.sessions.begin(), state_.sessions.end(), session);
     if (found == state_.sessions.end()) {
         GAK_LOG(kStatusPpcCloseFail, "[GAKPPCSER] CloseSomeSession session is not exist");
-        if (session == state_.unlisted) {
-            state_.unlisted = nullptr;
-        }
+        state_.unlisted.remove(session);
         return;
     }
     state_.sessions.erase(found);

@@ -1,0 +1,197 @@
+#include <fstream>
+
+#include "tool.h"
+
+namespace testsupport {
+namespace {
+
+std::string HexOf(const Bytes& bytes)
+{
+    return Hex(bytes);
+}
+
+TEST(DecodeVerb, HexadecimalMessageIsShown)
+{
+    const Outcome outcome = Ctl({"decode"}, HexOf(PpcFrame(FromWorker(2))));
+    EXPECT_TRUE(outcome.status.ExitedWith(0)) << outcome.status << outcome.err;
+    EXPECT_NE(outcome.out.find("HEARTBEAT {\"type\":\"HEARTBEAT\",\"src_id\":0,\"dest_id\":19280,"
+                               "\"proc_type\":\"COMPUTE\",\"sub_proc_pid\":4711,\"host_pid\":0}"),
+              std::string::npos)
+        << outcome.out;
+}
+
+TEST(DecodeVerb, DashIsStandardInputAndPrefixesAreAccepted)
+{
+    const Outcome outcome = Ctl({"decode", "-"}, "0x00000004 0x00000000");
+    EXPECT_TRUE(outcome.status.ExitedWith(0));
+    EXPECT_NE(outcome.out.find("START_RSP"), std::string::npos);
+}
+
+TEST(DecodeVerb, SeveralFramesAreToldApart)
+{
+    const Outcome outcome =
+        Ctl({"decode", "--json"}, HexOf(PpcFrame(FromWorker(0))) + " " + HexOf(PpcFrame(FromWorker(2))));
+    EXPECT_EQ(CountOf(outcome.out, "\n"), 2u);
+    EXPECT_TRUE(FitsSchema(outcome.out, "record"));
+}
+
+TEST(DecodeVerb, HexOptionRepeatsTheBytes)
+{
+    const Outcome outcome = Ctl({"decode", "--hex"}, "00000004 00000000");
+    EXPECT_NE(outcome.out.find("\n    0000000400000000\n"), std::string::npos) << outcome.out;
+    EXPECT_TRUE(FitsSchema(Ctl({"decode", "--hex", "--json"}, "00000004 00000000").out, "record"));
+}
+
+TEST(DecodeVerb, LibraryNamesAreShown)
+{
+    RawMessage message = FromWorker(3);
+    message.lib_names = {{"first", "second"}};
+    const Outcome outcome = Ctl({"decode", "--json"}, HexOf(PpcFrame(message)));
+    EXPECT_NE(outcome.out.find("\"lib_names\":{\"lib_name\":[\"first\",\"second\"]}"), std::string::npos);
+    EXPECT_TRUE(FitsSchema(outcome.out, "record"));
+}
+
+TEST(DecodeVerb, UnknownEnumerationValuesStayNumbers)
+{
+    RawMessage message = FromWorker(77);
+    message.proc_type = 9;
+    const Outcome outcome = Ctl({"decode", "--json"}, HexOf(PpcFrame(message)));
+    EXPECT_NE(outcome.out.find("\"type\":77"), std::string::npos) << outcome.out;
+    EXPECT_NE(outcome.out.find("\"proc_type\":9"), std::string::npos);
+    EXPECT_TRUE(FitsSchema(outcome.out, "record"));
+}
+
+struct Malformed {
+    const char* hex;
+    const char* problem;
+};
+void PrintTo(const Malformed& malformed, std::ostream* out)
+{
+    *out << malformed.hex;
+}
+class DecodeMalformed : public testing::TestWithParam<Malformed> {};
+
+TEST_P(DecodeMalformed, IsNamedAndFails)
+{
+    const Outcome outcome = Ctl({"decode", "--json"}, GetParam().hex);
+    EXPECT_TRUE(outcome.status.ExitedWith(1)) << outcome.status;
+    EXPECT_NE(outcome.out.find(GetParam().problem), std::string::npos) << outcome.out;
+    EXPECT_TRUE(FitsSchema(outcome.out, "record"));
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Kinds, DecodeMalformed,
+    testing::Values(Malformed{"00", "length field of 1 byte"}, Malformed{"0000", "length field of 2 byte"},
+                    Malformed{"000000", "length field of 3 byte"}, Malformed{"00000000", "frame of length 0"},
+                    Malformed{"40000001", "above the limit"}, Malformed{"DEADBEEF 0102", "above the limit"},
+                    Malformed{"0000000A 0102", "2 byte(s) where a length of 10"},
+                    Malformed{"00000003 010203", "no room for its inner length"},
+                    Malformed{"00000006 0300 0000 0802", "inner length 3 where 2"},
+                    Malformed{"00000006 0200 0000 08FF", "encoding is damaged"}));
+
+TEST(DecodeVerb, OddNumberOfDigitsFails)
+{
+    const Outcome outcome = Ctl({"decode"}, "000");
+    EXPECT_TRUE(outcome.status.ExitedWith(1));
+    EXPECT_EQ(outcome.out, "");
+}
+
+TEST(DecodeVerb, MissingFileFails)
+{
+    const Outcome outcome = Ctl({"decode", "/nowhere/trace.cap"});
+    EXPECT_TRUE(outcome.status.ExitedWith(1));
+    EXPECT_NE(outcome.err.find("No such file"), std::string::npos) << outcome.err;
+}
+
+// One heartbeat by the description of the format, byte by byte.
+Bytes CaptureOfOneHeartbeat(uint8_t version)
+{
+    const Bytes frame = PpcFrame(FromWorker(2));
+    Bytes file = ToBytes("GAKPPCAP");
+    const Bytes rest{version,
+                     0,
+                     0,
+                     0,  //
+                     0x40,
+                     0x42,
+                     0x0F,
+                     0,
+                     0,
+                     0,
+                     0,
+                     0,  // one second after the epoch
+                     7,
+                     0,
+                     0,
+                     0,  // connection
+                     1,
+                     0,
+                     0,
+                     0,  // frame, to the daemon
+                     0x67,
+                     0x12,
+                     0,
+                     0,
+                     0xE8,
+                     3,
+                     0,
+                     0,  // pid 4711, uid 1000
+                     static_cast<uint8_t>(frame.size()),
+                     0,
+                     0,
+                     0,
+                     0,
+                     0,
+                     0,
+                     0,
+                     static_cast<uint8_t>(frame.size()),
+                     0,
+                     0,
+                     0};
+    file.insert(file.end(), rest.begin(), rest.end());
+    file.insert(file.end(), frame.begin(), frame.end());
+    return file;
+}
+
+void WriteFile(const std::string& path, const Bytes& bytes)
+{
+    std::ofstream(path, std::ios::binary)
+        .write(reinterpret_cast<const char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
+}
+
+TEST(DecodeVerb, CaptureIsShownAsRecorded)
+{
+    WriteFile("/home/one.cap", CaptureOfOneHeartbeat(1));
+    const Outcome outcome = Ctl({"decode", "/home/one.cap"});
+    EXPECT_TRUE(outcome.status.ExitedWith(0)) << outcome.err;
+    EXPECT_EQ(outcome.out.find("1970-01-01T00:00:01.000000Z #7 -> pid 4711 uid 1000 HEARTBEAT {"), 0u) << outcome.out;
+}
+
+TEST(DecodeVerb, CaptureThatWasCutShowsWhatIsWhole)
+{
+    Bytes file = CaptureOfOneHeartbeat(1);
+    file.insert(file.end(), {1, 2, 3});
+    WriteFile("/home/cut.cap", file);
+    const Outcome outcome = Ctl({"decode", "/home/cut.cap"});
+    EXPECT_TRUE(outcome.status.ExitedWith(0)) << outcome.err;
+    EXPECT_EQ(CountOf(outcome.out, "\n"), 1u);
+}
+
+TEST(DecodeVerb, CaptureOfAnotherVersionIsRefused)
+{
+    WriteFile("/home/new.cap", CaptureOfOneHeartbeat(2));
+    const Outcome outcome = Ctl({"decode", "/home/new.cap"});
+    EXPECT_TRUE(outcome.status.ExitedWith(1));
+    EXPECT_NE(outcome.err.find("version 2"), std::string::npos);
+}
+
+TEST(DecodeVerb, DamagedCaptureIsRefused)
+{
+    Bytes file = CaptureOfOneHeartbeat(1);
+    file[8 + 4 + 12] = 9;  // kind
+    WriteFile("/home/damaged.cap", file);
+    EXPECT_TRUE(Ctl({"decode", "/home/damaged.cap"}).status.ExitedWith(1));
+}
+
+}  // namespace
+}  // namespace testsupport

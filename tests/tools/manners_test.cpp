@@ -1,0 +1,147 @@
+#include <fstream>
+#include <iterator>
+
+#include "tool.h"
+
+namespace testsupport {
+namespace {
+
+struct Command {
+    const char* program;
+    const char* verb;
+};
+
+void PrintTo(const Command& command, std::ostream* out)
+{
+    const std::string program = command.program;
+    *out << program.substr(program.rfind('/') + 1) << ' ' << command.verb;
+}
+
+std::vector<std::string> Arguments(const Command& command, std::vector<std::string> arguments)
+{
+    if (*command.verb != '\0') {
+        arguments.insert(arguments.begin(), command.verb);
+    }
+    return arguments;
+}
+
+class Manners : public testing::TestWithParam<Command> {};
+
+TEST_P(Manners, HelpShowsExamplesAndExitStatuses)
+{
+    const Outcome outcome = RunTool(GetParam().program, Arguments(GetParam(), {"--help"}));
+    EXPECT_TRUE(outcome.status.ExitedWith(0)) << outcome.status;
+    EXPECT_EQ(outcome.err, "");
+    EXPECT_NE(outcome.out.find("Usage: "), std::string::npos) << outcome.out;
+    EXPECT_NE(outcome.out.find("\nExamples:\n  $ "), std::string::npos);
+    EXPECT_NE(outcome.out.find("Exit status: 0 success, 1 failed, 2 wrong usage, 3 no daemon, 124 time limit."),
+              std::string::npos);
+}
+
+TEST_P(Manners, VersionIsTheProjects)
+{
+    const Outcome outcome = RunTool(GetParam().program, Arguments(GetParam(), {"--version"}));
+    EXPECT_TRUE(outcome.status.ExitedWith(0));
+    const bool daemon = std::string(GetParam().program) == kGakppcd;
+    EXPECT_EQ(outcome.out, (daemon ? "gakppcd" : "gakppctl") + std::string(" (libgakppc) " GAKPPC_VERSION "\n"));
+}
+
+TEST_P(Manners, UnknownOptionIsWrongUsageAndNothingIsPrinted)
+{
+    const Outcome outcome = RunTool(GetParam().program, Arguments(GetParam(), {"--no-such-option"}));
+    EXPECT_TRUE(outcome.status.ExitedWith(2)) << outcome.status;
+    EXPECT_EQ(outcome.out, "");
+    EXPECT_NE(outcome.err, "");
+}
+
+TEST_P(Manners, ManualPageSaysWhatHelpSays)
+{
+    const std::string verb = GetParam().verb;
+    const std::string program = std::string(GetParam().program) == kGakppcd ? "gakppcd" : "gakppctl";
+    const std::string page = program + (verb.empty() ? "" : "-" + verb);
+    std::ifstream in(std::string(GAKPPC_MAN_DIR) + "/" + page + ".1");
+    const std::string text{std::istreambuf_iterator<char>(in), {}};
+    EXPECT_NE(text.find(".SH NAME"), std::string::npos) << page;
+    EXPECT_NE(text.find("\\-\\-version"), std::string::npos) << text;
+    EXPECT_NE(text.find(".SH EXAMPLES\n"), std::string::npos) << text;
+    EXPECT_NE(text.find("\n\\f(CW$ "), std::string::npos) << "the examples are not on lines of their own:\n" << text;
+}
+
+INSTANTIATE_TEST_SUITE_P(Commands, Manners,
+                         testing::Values(Command{kGakppctl, ""}, Command{kGakppctl, "worker"},
+                                         Command{kGakppctl, "send"}, Command{kGakppctl, "tap"},
+                                         Command{kGakppctl, "replay"}, Command{kGakppctl, "decode"},
+                                         Command{kGakppctl, "status"}, Command{kGakppctl, "doctor"},
+                                         Command{kGakppcd, ""}));
+
+TEST(MannersOfGakppctl, NeedsAVerb)
+{
+    EXPECT_TRUE(Ctl({}).status.ExitedWith(2));
+    EXPECT_TRUE(Ctl({"dance"}).status.ExitedWith(2));
+}
+
+TEST(MannersOfGakppctl, ClosedOutputIsAFailure)
+{
+    Tool tool("sh", {"-c", "exec \"$0\" status --list >&-", kGakppctl});
+    EXPECT_TRUE(tool.Finish().ExitedWith(1)) << tool.err();
+}
+
+TEST(MannersOfGakppctl, ColoursOnlyOnATerminalThatWantsThem)
+{
+    const std::vector<std::string> arguments{"decode", "/home/frame.hex"};
+    std::ofstream("/home/frame.hex") << "00000004 00000000";
+    const auto output = [&arguments](Tool::Output kind, const std::vector<std::string>& environment) {
+        Tool tool(kGakppctl, arguments, kind, environment);
+        tool.Finish();
+        return tool.out();
+    };
+    const std::string escape = "\033";
+    EXPECT_NE(output(Tool::Output::kTerminal, {"TERM=xterm", "NO_COLOR="}).find(escape), std::string::npos);
+    EXPECT_EQ(output(Tool::Output::kTerminal, {"TERM=xterm", "NO_COLOR=1"}).find(escape), std::string::npos);
+    EXPECT_EQ(output(Tool::Output::kTerminal, {"TERM=dumb", "NO_COLOR="}).find(escape), std::string::npos);
+    EXPECT_EQ(output(Tool::Output::kPipe, {"TERM=xterm", "NO_COLOR="}).find(escape), std::string::npos);
+}
+
+// What bash offers behind these words, of which the last is unfinished.
+std::string Completions(const std::string& program, const std::string& words)
+{
+    const std::string script = ". " GAKPPC_COMPLETION_DIR "/" + program + "; COMP_WORDS=(" + words +
+                               "); COMP_CWORD=$((${#COMP_WORDS[@]} - 1)); _" + program +
+                               " \"${COMP_WORDS[0]}\"; echo \" ${COMPREPLY[*]} \"";
+    return RunTool("bash", {"-c", script}).out;
+}
+
+TEST(Completion, OffersVerbs)
+{
+    EXPECT_EQ(Completions("gakppctl", std::string(kGakppctl) + " s"), " send status \n");
+    EXPECT_NE(Completions("gakppctl", std::string(kGakppctl) + " ''").find(" doctor "), std::string::npos);
+}
+
+TEST(Completion, OffersOptionsOfTheVerb)
+{
+    EXPECT_EQ(Completions("gakppctl", std::string(kGakppctl) + " tap --li"), " --linger \n");
+    EXPECT_EQ(Completions("gakppctl", std::string(kGakppctl) + " worker --cr"), " --crash-after \n");
+}
+
+TEST(Completion, OffersValues)
+{
+    EXPECT_EQ(Completions("gakppctl", std::string(kGakppctl) + " worker --type C"), " COMPUTE CUSTOM_COMPUTE \n");
+    EXPECT_EQ(Completions("gakppctl", std::string(kGakppctl) + " send H"), " HEARTBEAT \n");
+    EXPECT_EQ(Completions("gakppctl", std::string(kGakppctl) + " send --expect A"), " ABNORMAL \n");
+}
+
+TEST(Completion, OffersOptionsOfTheDaemon)
+{
+    EXPECT_EQ(Completions("gakppcd", std::string(kGakppcd) + " --auto"), " --auto-custom \n");
+}
+
+// The check itself must be able to fail.
+TEST(SchemaCheck, RefusesWhatDoesNotFit)
+{
+    EXPECT_FALSE(FitsSchema("", "status"));
+    EXPECT_FALSE(FitsSchema("{}\n", "status"));
+    EXPECT_FALSE(FitsSchema("no json\n", "status"));
+}
+
+}  // namespace
+}  // namespace testsupport

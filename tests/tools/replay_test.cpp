@@ -1,0 +1,91 @@
+#include <csignal>
+
+#include "tool.h"
+
+namespace testsupport {
+namespace {
+
+constexpr char kCapture[] = "/home/trace.cap";
+
+// Records two workers: the first sends two messages and gets one, the second sends one.
+void Record(const Fd& listener)
+{
+    Tool tap(kGakppctl, {"tap", "--write", kCapture});
+    ASSERT_TRUE(tap.WaitForErr("in place"));
+    for (uint32_t device = 0; device < 2; ++device) {
+        const Fd worker = RawConnect(kServer);
+        ASSERT_TRUE(WriteAll(worker, PpcFrame(FromWorker(0, device))));
+        const Fd daemon = RawAccept(listener, kLimit);
+        ASSERT_TRUE(ReadPpcFrame(daemon, kLimit).has_value());
+        if (device == 0) {
+            ASSERT_TRUE(WriteAll(daemon, PpcFrame(FromWorker(5, device))));
+            ASSERT_TRUE(ReadPpcFrame(worker, kLimit).has_value());
+            ASSERT_FALSE(WaitReadable(daemon, std::chrono::milliseconds(150))) << "a pause for the recording";
+            ASSERT_TRUE(WriteAll(worker, PpcFrame(FromWorker(2, device))));
+            ASSERT_TRUE(ReadPpcFrame(daemon, kLimit).has_value());
+        }
+    }
+    tap.Kill(SIGINT);
+    ASSERT_TRUE(tap.Finish().ExitedWith(0)) << tap.err();
+}
+
+class ReplayVerb : public testing::Test {
+protected:
+    void SetUp() override { ASSERT_NO_FATAL_FAILURE(Record(listener_)); }
+
+    Fd listener_ = RawListen(kServer);
+};
+
+TEST_F(ReplayVerb, SendsWhatTheWorkersSentAgain)
+{
+    Tool replay(kGakppctl, {"replay", kCapture, "--json"});
+    const Fd first = RawAccept(listener_, kLimit);
+    EXPECT_EQ(ReadPpcFrame(first, kLimit), FromWorker(0, 0));
+    ASSERT_TRUE(WriteAll(first, PpcFrame(FromWorker(5))));
+    const auto begin = std::chrono::steady_clock::now();
+    EXPECT_EQ(ReadPpcFrame(first, kLimit), FromWorker(2, 0));
+    EXPECT_GE(std::chrono::steady_clock::now() - begin, std::chrono::milliseconds(100));
+    EXPECT_TRUE(ExpectEof(first, kLimit));
+    const Fd second = RawAccept(listener_, kLimit);
+    EXPECT_EQ(ReadPpcFrame(second, kLimit), FromWorker(0, 1));
+    EXPECT_TRUE(replay.Finish().ExitedWith(0)) << replay.err();
+    EXPECT_EQ(replay.out(), "{\"connections\":2,\"sent\":3,\"received\":1,\"left_out\":0}\n");
+    EXPECT_TRUE(FitsSchema(replay.out(), "replay"));
+}
+
+TEST_F(ReplayVerb, OneConnectionCanBeChosen)
+{
+    Tool replay(kGakppctl, {"replay", kCapture, "--connection", "2", "--speed", "0", "--wait", "0"});
+    const Fd only = RawAccept(listener_, kLimit);
+    EXPECT_EQ(ReadPpcFrame(only, kLimit), FromWorker(0, 1));
+    EXPECT_TRUE(replay.Finish().ExitedWith(0));
+    EXPECT_EQ(replay.out(), "1 connection(s), 1 message(s) sent, 0 received\n");
+}
+
+TEST_F(ReplayVerb, SpeedStretchesThePauses)
+{
+    Tool replay(kGakppctl, {"replay", kCapture, "--connection", "1", "--speed", "0.25"});
+    const Fd only = RawAccept(listener_, kLimit);
+    EXPECT_EQ(ReadPpcFrame(only, kLimit), FromWorker(0, 0));
+    EXPECT_FALSE(WaitReadable(only, std::chrono::milliseconds(400)));
+    EXPECT_EQ(ReadPpcFrame(only, kLimit), FromWorker(2, 0));
+}
+
+TEST_F(ReplayVerb, NoDaemonIsTold)
+{
+    listener_.Reset();
+    EXPECT_TRUE(Ctl({"replay", kCapture, "--timeout", "1"}).status.ExitedWith(3));
+}
+
+TEST(ReplayVerbAlone, WhatIsNoCaptureIsRefused)
+{
+    const Outcome outcome = Ctl({"replay", "/proc/version"});
+    EXPECT_TRUE(outcome.status.ExitedWith(1));
+    EXPECT_NE(outcome.err.find("not a capture"), std::string::npos) << outcome.err;
+    EXPECT_TRUE(Ctl({"replay", "/nowhere"}).status.ExitedWith(1));
+    EXPECT_TRUE(Ctl({"replay"}).status.ExitedWith(2));
+    EXPECT_TRUE(Ctl({"replay", "/proc/version", "--speed", "-1"}).status.ExitedWith(2));
+}
+
+}  // namespace
+}  // namespace testsupport

@@ -1,0 +1,83 @@
+#include "tool.h"
+
+namespace testsupport {
+namespace {
+
+constexpr char kNoSession[] =
+    "0x1093036 (17379382) system 0x01 module 0x09 level ERROR number 0x036 \"PPC session is not existed\"\n";
+
+TEST(StatusVerb, NumberGivesFieldsAndText)
+{
+    const Outcome outcome = Ctl({"status", "0x1093036"});
+    EXPECT_TRUE(outcome.status.ExitedWith(0)) << outcome.status;
+    EXPECT_EQ(outcome.out, kNoSession);
+    EXPECT_EQ(outcome.err, "");
+}
+
+TEST(StatusVerb, DecimalNumberOfALogLineIsUnderstood)
+{
+    EXPECT_EQ(Ctl({"status", "17379382"}).out, kNoSession);
+}
+
+TEST(StatusVerb, HexadecimalNumberNeedsNoPrefix)
+{
+    EXPECT_EQ(Ctl({"status", "1093036"}).out, kNoSession);
+}
+
+TEST(StatusVerb, TextGivesItsNumber)
+{
+    EXPECT_EQ(Ctl({"status", "ppc session IS not existed"}).out, kNoSession);
+}
+
+TEST(StatusVerb, TextOfTwoNumbersGivesBoth)
+{
+    const Outcome outcome = Ctl({"status", "memory copy failed"});
+    EXPECT_EQ(CountOf(outcome.out, "\n"), 2u);
+    EXPECT_NE(outcome.out.find("0x11230cb"), std::string::npos);
+    EXPECT_NE(outcome.out.find("0x11730f0"), std::string::npos);
+}
+
+TEST(StatusVerb, PartOfATextFindsAllThatContainIt)
+{
+    const Outcome outcome = Ctl({"status", "PPC m"});
+    EXPECT_EQ(CountOf(outcome.out, "\n"), CountOf(outcome.out, "\"PPC m"));
+    EXPECT_GE(CountOf(outcome.out, "\n"), 6u);
+}
+
+TEST(StatusVerb, ListHasTheWholeTable)
+{
+    const Outcome outcome = Ctl({"status", "--list"});
+    EXPECT_TRUE(outcome.status.ExitedWith(0));
+    EXPECT_EQ(CountOf(outcome.out, "\n"), 251u);
+}
+
+TEST(StatusVerb, JsonFitsItsSchema)
+{
+    EXPECT_TRUE(FitsSchema(Ctl({"status", "--list", "--json"}).out, "status"));
+    EXPECT_TRUE(FitsSchema(Ctl({"status", "0xdead", "--json"}).out, "status"));
+}
+
+TEST(StatusVerb, UnknownNumberIsTakenApartAndFails)
+{
+    const Outcome outcome = Ctl({"status", "0x1094fff"});
+    EXPECT_TRUE(outcome.status.ExitedWith(1)) << outcome.status;
+    EXPECT_NE(outcome.out.find("module 0x09 level FATAL number 0xfff not in the table"), std::string::npos)
+        << outcome.out;
+}
+
+TEST(StatusVerb, UnknownTextFails)
+{
+    const Outcome outcome = Ctl({"status", "no such text"});
+    EXPECT_TRUE(outcome.status.ExitedWith(1));
+    EXPECT_EQ(outcome.out, "");
+    EXPECT_NE(outcome.err.find("no such text"), std::string::npos);
+}
+
+TEST(StatusVerb, NeedsAQueryOrTheListButNotBoth)
+{
+    EXPECT_TRUE(Ctl({"status"}).status.ExitedWith(2));
+    EXPECT_TRUE(Ctl({"status", "--list", "0x1093036"}).status.ExitedWith(2));
+}
+
+}  // namespace
+}  // namespace testsupport

@@ -1,0 +1,189 @@
+#include <unistd.h>
+
+#include <csignal>
+
+#include "tap_fixture.h"
+
+namespace testsupport {
+namespace {
+
+TEST_F(TapVerb, ShowsBothDirectionsWithTheRealProcessBesideTheClaimedOne)
+{
+    ASSERT_NO_FATAL_FAILURE(Start());
+    ASSERT_NO_FATAL_FAILURE(Connect());
+    ASSERT_TRUE(WriteAll(worker_, PpcFrame(FromWorker(2, 1, 999999))));
+    EXPECT_EQ(ReadPpcFrame(daemon_, kLimit), FromWorker(2, 1, 999999));
+    ASSERT_TRUE(WriteAll(daemon_, PpcFrame(FromWorker(5))));
+    EXPECT_EQ(ReadPpcFrame(worker_, kLimit), FromWorker(5));
+    const std::string self = "pid " + std::to_string(getpid()) + " uid 0 ";
+    EXPECT_TRUE(
+        tap_->WaitForOut("#1 -> " + self + "HEARTBEAT (claims pid 999999) {\"type\":\"HEARTBEAT\",\"src_id\":1,"));
+    EXPECT_TRUE(tap_->WaitForOut("#1 <- " + self + "SHUTDOWN {"));
+}
+
+TEST_F(TapVerb, JsonFitsItsSchema)
+{
+    ASSERT_NO_FATAL_FAILURE(Start({"--json", "--hex"}));
+    ASSERT_NO_FATAL_FAILURE(Connect());
+    ASSERT_TRUE(WriteAll(worker_, PpcFrame(FromWorker(2))));
+    ASSERT_TRUE(WriteAll(worker_, {0, 0, 0, 0, 0xFF}));
+    ReadExactly(daemon_, PpcFrame(FromWorker(2)).size() + 5, kLimit);
+    Disconnect();
+    ASSERT_TRUE(tap_->WaitForOut("\"event\":\"close\""));
+    EXPECT_EQ(CountOf(tap_->out(), "\n"), 5u) << tap_->out();
+    EXPECT_TRUE(FitsSchema(tap_->out(), "record"));
+}
+
+TEST_F(TapVerb, SocketKeepsItsModeAndOwner)
+{
+    const uid_t uid = MapsOtherUsers() ? 1234 : 0;
+    const gid_t gid = MapsOtherUsers() ? 4321 : 0;
+    ASSERT_EQ(chown(kSock.c_str(), uid, gid), 0);
+    ASSERT_EQ(chmod(kSock.c_str(), 0770), 0);
+    ASSERT_NO_FATAL_FAILURE(Start());
+    EXPECT_EQ(FileAt(kSock).st_mode & 07777, 0770u);
+    EXPECT_EQ(FileAt(kSock).st_uid, uid);
+    EXPECT_EQ(FileAt(kSock).st_gid, gid);
+}
+
+class TapSignal : public TapVerb, public testing::WithParamInterface<int> {};
+
+TEST_P(TapSignal, GivesThePlaceBack)
+{
+    ASSERT_NO_FATAL_FAILURE(Start());
+    tap_->Kill(GetParam());
+    EXPECT_TRUE(tap_->Finish().ExitedWith(0)) << tap_->err();
+    EXPECT_TRUE(PlaceIsGivenBack());
+    const Fd worker = RawConnect(kServer);
+    EXPECT_TRUE(RawAccept(listener_, kLimit).valid());
+}
+
+INSTANTIATE_TEST_SUITE_P(Signals, TapSignal, testing::Values(SIGINT, SIGTERM, SIGHUP));
+
+TEST_F(TapVerb, CountEndsIt)
+{
+    ASSERT_NO_FATAL_FAILURE(Start({"--count", "2"}));
+    ASSERT_NO_FATAL_FAILURE(Connect());
+    for (int i = 0; i < 5; ++i) {
+        ASSERT_TRUE(WriteAll(worker_, PpcFrame(FromWorker(2))));
+        EXPECT_EQ(ReadPpcFrame(daemon_, kLimit), FromWorker(2));
+    }
+    EXPECT_TRUE(WaitUntil([this] { return PlaceIsGivenBack(); }, kLimit));
+    Disconnect();
+    EXPECT_TRUE(tap_->Finish().ExitedWith(0)) << tap_->err();
+    EXPECT_EQ(CountOf(tap_->out(), "\"type\":\"HEARTBEAT\""), 2u) << tap_->out();
+}
+
+TEST_F(TapVerb, TimeEndsIt)
+{
+    ASSERT_NO_FATAL_FAILURE(Start({"--for", "0.1"}));
+    EXPECT_TRUE(tap_->Finish().ExitedWith(0));
+    EXPECT_TRUE(PlaceIsGivenBack());
+}
+
+TEST_F(TapVerb, ReaderThatLeavesEndsIt)
+{
+    ASSERT_NO_FATAL_FAILURE(Start());
+    tap_->CloseOutput();
+    ASSERT_NO_FATAL_FAILURE(Connect());
+    ASSERT_TRUE(WriteAll(worker_, PpcFrame(FromWorker(2))));
+    EXPECT_EQ(ReadPpcFrame(daemon_, kLimit), FromWorker(2));
+    EXPECT_TRUE(WaitUntil([this] { return PlaceIsGivenBack(); }, kLimit));
+    Disconnect();
+    EXPECT_TRUE(tap_->Finish().ExitedWith(1));
+}
+
+TEST_F(TapVerb, ReaderThatPausesHoldsNobodyUp)
+{
+    ASSERT_NO_FATAL_FAILURE(Start());
+    ASSERT_NO_FATAL_FAILURE(Connect());
+    const Bytes frame = PpcFrame(FromWorker(2));
+    for (int i = 0; i < 5000; ++i) {  // far more text than a pipe holds
+        ASSERT_TRUE(WriteAll(worker_, frame));
+        ASSERT_TRUE(ReadPpcFrame(daemon_, kLimit).has_value()) << i;
+    }
+    tap_->Kill(SIGINT);
+    EXPECT_TRUE(WaitUntil([this] { return PlaceIsGivenBack(); }, kLimit));
+}
+
+TEST_F(TapVerb, OpenConnectionsFlowOnAfterItHasStopped)
+{
+    ASSERT_NO_FATAL_FAILURE(Start());
+    ASSERT_NO_FATAL_FAILURE(Connect());
+    tap_->Kill(SIGINT);
+    ASSERT_TRUE(tap_->WaitForErr("1 open connection(s) still lead through the tap"));
+    EXPECT_TRUE(PlaceIsGivenBack());
+    ASSERT_TRUE(WriteAll(worker_, PpcFrame(FromWorker(2))));
+    EXPECT_EQ(ReadPpcFrame(daemon_, kLimit), FromWorker(2));
+    Disconnect();
+    EXPECT_TRUE(tap_->Finish().ExitedWith(0)) << tap_->err();
+}
+
+TEST_F(TapVerb, SecondSignalCutsThem)
+{
+    ASSERT_NO_FATAL_FAILURE(Start());
+    ASSERT_NO_FATAL_FAILURE(Connect());
+    tap_->Kill(SIGINT);
+    ASSERT_TRUE(tap_->WaitForErr("still lead through the tap"));
+    tap_->Kill(SIGINT);
+    EXPECT_TRUE(tap_->Finish().ExitedWith(1));
+    EXPECT_TRUE(ExpectEof(worker_, kLimit));
+    EXPECT_TRUE(ExpectEof(daemon_, kLimit));
+}
+
+TEST_F(TapVerb, LingerLimitsTheWait)
+{
+    ASSERT_NO_FATAL_FAILURE(Start({"--linger", "0.1"}));
+    ASSERT_NO_FATAL_FAILURE(Connect());
+    tap_->Kill(SIGINT);
+    EXPECT_TRUE(tap_->Finish().ExitedWith(1));
+    EXPECT_TRUE(ExpectEof(worker_, kLimit));
+}
+
+TEST_F(TapVerb, DaemonThatStartsAnewKeepsItsPlace)
+{
+    ASSERT_NO_FATAL_FAILURE(Start());
+    const Fd next = RawListen(kServer);
+    const ino_t inode = FileAt(kSock).st_ino;
+    EXPECT_TRUE(tap_->Finish().ExitedWith(1));
+    EXPECT_EQ(FileAt(kSock).st_ino, inode);
+    EXPECT_EQ(access(kAside.c_str(), F_OK), -1);
+}
+
+TEST_F(TapVerb, SecondTapIsRefused)
+{
+    ASSERT_NO_FATAL_FAILURE(Start());
+    const Outcome second = Ctl({"tap"});
+    EXPECT_TRUE(second.status.ExitedWith(1)) << second.status;
+    EXPECT_NE(second.err.find("another tap runs"), std::string::npos);
+}
+
+TEST(TapVerbAlone, NoDaemonIsTold)
+{
+    EXPECT_TRUE(Ctl({"tap"}).status.ExitedWith(3));
+}
+
+TEST_F(TapVerb, FileThatCannotBeWrittenIsTold)
+{
+    EXPECT_TRUE(Ctl({"tap", "--write", "/nowhere/trace.cap"}).status.ExitedWith(1));
+    EXPECT_EQ(access(kAside.c_str(), F_OK), -1);
+}
+
+TEST_F(TapVerb, CaptureIsDecodedToTheSameLines)
+{
+    ASSERT_NO_FATAL_FAILURE(Start({"--write", "/home/trace.cap"}));
+    ASSERT_NO_FATAL_FAILURE(Connect());
+    ASSERT_TRUE(WriteAll(worker_, PpcFrame(FromWorker(0))));
+    ASSERT_TRUE(ReadPpcFrame(daemon_, kLimit).has_value());
+    ASSERT_TRUE(WriteAll(daemon_, {0, 0, 0, 0}));
+    ReadExactly(worker_, 4, kLimit);
+    Disconnect();
+    tap_->Kill(SIGTERM);
+    ASSERT_TRUE(tap_->Finish().ExitedWith(0)) << tap_->err();
+    const Outcome decoded = Ctl({"decode", "/home/trace.cap"});
+    EXPECT_EQ(decoded.out, tap_->out());
+    EXPECT_TRUE(decoded.status.ExitedWith(1)) << "the zero-length frame is malformed";
+}
+
+}  // namespace
+}  // namespace testsupport

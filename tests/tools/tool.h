@@ -1,0 +1,79 @@
+#ifndef GAKPPC_TOOL_H
+#define GAKPPC_TOOL_H
+
+#include <gtest/gtest.h>
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "deadline.h"
+#include "process.h"
+#include "raw_peer.h"
+
+// Runs the tools as a user would: as processes, with pipes or a terminal at their ends.
+namespace testsupport {
+
+extern const char kGakppctl[];
+extern const char kGakppcd[];
+constexpr int kServer = 19280;
+constexpr std::chrono::seconds kLimit{20};
+
+class Tool {
+public:
+    enum class Output { kPipe, kTerminal };
+
+    // Starts `program` with these arguments. `environment` holds NAME=VALUE entries to add.
+    Tool(const std::string& program, const std::vector<std::string>& arguments, Output output = Output::kPipe,
+         const std::vector<std::string>& environment = {});
+
+    pid_t pid() const { return process_->pid(); }
+    void Kill(int signal) { process_->Kill(signal); }
+
+    void Write(const std::string& text);
+    void CloseInput() { input_.Reset(); }
+    void CloseOutput() { output_.Reset(); }
+
+    // Waits until standard output, or standard error, holds the text.
+    bool WaitForOut(const std::string& text, Deadline deadline = kLimit) { return WaitFor(out_, text, deadline); }
+    bool WaitForErr(const std::string& text, Deadline deadline = kLimit) { return WaitFor(err_, text, deadline); }
+
+    // Closes standard input, collects all output and waits for the end.
+    ExitStatus Finish(Deadline deadline = kLimit);
+
+    const std::string& out() const { return out_; }
+    const std::string& err() const { return err_; }
+
+private:
+    bool WaitFor(const std::string& where, const std::string& text, Deadline deadline);
+    bool ReadSome(Deadline deadline);
+    static void ReadInto(Fd& from, std::string& to);
+
+    Fd input_, output_, error_;
+    std::string out_, err_;
+    std::unique_ptr<ChildProcess> process_;
+};
+
+// Runs a tool to its end with `input` on standard input.
+struct Outcome {
+    ExitStatus status;
+    std::string out;
+    std::string err;
+};
+Outcome RunTool(const std::string& program, const std::vector<std::string>& arguments, const std::string& input = "");
+Outcome Ctl(const std::vector<std::string>& arguments, const std::string& input = "");
+
+// Whether every line of `text`, and there is at least one, is JSON that docs/schema/<name>.json accepts.
+testing::AssertionResult FitsSchema(const std::string& text, const std::string& name);
+
+// Whether files can be given to other users: not in the user namespace of an ordinary user's test run.
+bool MapsOtherUsers();
+
+size_t CountOf(const std::string& text, const std::string& part);
+
+// A worker's message to the daemon.
+RawMessage FromWorker(uint32_t type, uint32_t device = 0, uint32_t pid = 4711);
+
+}  // namespace testsupport
+
+#endif

@@ -1,0 +1,137 @@
+#include <csignal>
+#include <set>
+
+#include "tool.h"
+
+namespace testsupport {
+namespace {
+
+// A daemon of the test, and workers that connect to it.
+class WorkerVerb : public testing::Test {
+protected:
+    Fd Start(std::vector<std::string> arguments)
+    {
+        arguments.insert(arguments.begin(), "worker");
+        tool_ = std::make_unique<Tool>(kGakppctl, arguments);
+        return RawAccept(listener_, kLimit);
+    }
+
+    RawMessage Expected(uint32_t type, uint32_t device, uint32_t process) const
+    {
+        RawMessage message = FromWorker(type, device, static_cast<uint32_t>(tool_->pid()));
+        message.proc_type = process;
+        return message;
+    }
+
+    static Bytes Order(uint32_t type, uint32_t device, uint32_t process = 1)
+    {
+        RawMessage message;
+        message.type = type;
+        message.src_id = kServer;
+        message.dest_id = device;
+        message.proc_type = process;
+        return PpcFrame(message);
+    }
+
+    Fd listener_ = RawListen(kServer);
+    std::unique_ptr<Tool> tool_;
+};
+
+TEST_F(WorkerVerb, ReportsItsStartAndEndsOnShutdown)
+{
+    const Fd worker = Start({"--device", "2", "--type", "ZOLT", "--heartbeat", "0"});
+    EXPECT_EQ(ReadPpcFrame(worker, kLimit), Expected(0, 2, 0));
+    ASSERT_TRUE(WriteAll(worker, Order(5, 2, 0)));
+    EXPECT_EQ(ReadPpcFrame(worker, kLimit), Expected(1, 2, 0));
+    EXPECT_TRUE(tool_->Finish().ExitedWith(0)) << tool_->err();
+    EXPECT_EQ(CountOf(tool_->out(), "\n"), 2u) << tool_->out();
+    EXPECT_NE(tool_->out().find("device 2 ZOLT pid " + std::to_string(tool_->pid()) + " SHUTDOWN\n"),
+              std::string::npos);
+}
+
+TEST_F(WorkerVerb, SendsHeartbeats)
+{
+    const Fd worker = Start({"--heartbeat", "0.02"});
+    EXPECT_EQ(ReadPpcFrame(worker, kLimit), Expected(0, 0, 1));
+    for (int i = 0; i < 3; ++i) {
+        EXPECT_EQ(ReadPpcFrame(worker, kLimit), Expected(2, 0, 1));
+    }
+}
+
+TEST_F(WorkerVerb, AsksForTheCustomProcessWithItsLibraries)
+{
+    const Fd worker = Start({"--libs", "liba.so,libb.so", "--host-pid", "99", "--heartbeat", "0", "--json"});
+    EXPECT_EQ(ReadPpcFrame(worker, kLimit), Expected(0, 0, 1));
+    const auto request = ReadPpcFrame(worker, kLimit);
+    ASSERT_TRUE(request.has_value());
+    EXPECT_EQ(request->type, 3u);
+    EXPECT_EQ(request->host_pid, 99u);
+    EXPECT_EQ(request->lib_names, (std::vector<std::string>{"liba.so", "libb.so"}));
+    ASSERT_TRUE(WriteAll(worker, Order(0, 0, 2)));
+    EXPECT_TRUE(tool_->WaitForOut("CUSTOM_READY"));
+    EXPECT_TRUE(FitsSchema(tool_->out(), "worker"));
+}
+
+TEST_F(WorkerVerb, CrashesWithoutNotice)
+{
+    const Fd worker = Start({"--crash-after", "0.05", "--heartbeat", "0"});
+    EXPECT_EQ(ReadPpcFrame(worker, kLimit), Expected(0, 0, 1));
+    EXPECT_TRUE(ExpectEof(worker, kLimit));
+    EXPECT_TRUE(tool_->Finish().KilledBy(SIGKILL));
+}
+
+TEST_F(WorkerVerb, ReportsAnAbnormalEnd)
+{
+    const Fd worker = Start({"--abnormal-after", "0.05", "--heartbeat", "0", "--json"});
+    EXPECT_EQ(ReadPpcFrame(worker, kLimit), Expected(0, 0, 1));
+    EXPECT_EQ(ReadPpcFrame(worker, kLimit), Expected(4, 0, 1));
+    EXPECT_TRUE(tool_->Finish().ExitedWith(1));
+    EXPECT_TRUE(FitsSchema(tool_->out(), "worker"));
+}
+
+TEST_F(WorkerVerb, LeavesAtItsTimeLimit)
+{
+    const Fd worker = Start({"--timeout", "0.05"});
+    EXPECT_TRUE(tool_->Finish().ExitedWith(124));
+}
+
+TEST_F(WorkerVerb, LostConnectionIsAFailure)
+{
+    Fd worker = Start({});
+    ASSERT_TRUE(ReadPpcFrame(worker, kLimit).has_value());
+    worker.Reset();
+    EXPECT_TRUE(tool_->Finish().ExitedWith(1));
+    EXPECT_NE(tool_->out().find(" LOST\n"), std::string::npos);
+}
+
+TEST_F(WorkerVerb, CountStartsSoManyProcesses)
+{
+    std::vector<Fd> workers;
+    workers.push_back(Start({"--count", "3", "--heartbeat", "0"}));
+    workers.push_back(RawAccept(listener_, kLimit));
+    workers.push_back(RawAccept(listener_, kLimit));
+    std::set<uint32_t> pids;
+    for (const Fd& worker : workers) {
+        const auto start = ReadPpcFrame(worker, kLimit);
+        ASSERT_TRUE(start.has_value());
+        pids.insert(start->sub_proc_pid);
+        ASSERT_TRUE(WriteAll(worker, Order(5, 0)));
+    }
+    EXPECT_EQ(pids.size(), 3u);
+    EXPECT_TRUE(tool_->Finish().ExitedWith(0)) << tool_->err();
+}
+
+TEST(WorkerVerbAlone, NoDaemonIsTold)
+{
+    EXPECT_TRUE(Ctl({"worker"}).status.ExitedWith(3));
+}
+
+TEST(WorkerVerbAlone, WrongArgumentsAreWrongUsage)
+{
+    EXPECT_TRUE(Ctl({"worker", "--device", "4"}).status.ExitedWith(2));
+    EXPECT_TRUE(Ctl({"worker", "--type", "OTHER"}).status.ExitedWith(2));
+    EXPECT_TRUE(Ctl({"worker", "--count", "0"}).status.ExitedWith(2));
+}
+
+}  // namespace
+}  // namespace testsupport

@@ -1,0 +1,76 @@
+#include "cli.h"
+
+#include <fmt/format.h>
+
+#include <csignal>
+#include <iostream>
+#include <sstream>
+
+#include "deadline.h"
+#include "output.h"
+
+namespace tools {
+namespace {
+
+// CLI11 has many codes of its own for a wrong command line.
+int ExitOfParse(const CLI::App& app, const CLI::ParseError& error)
+{
+    std::ostringstream out;
+    std::ostringstream err;
+    const int code = app.exit(error, out, err);
+    std::cerr << err.str();
+    if (!out.str().empty() && !WriteOut(out.str())) {
+        return kExitFailed;
+    }
+    return code == 0 ? kExitOk : kExitUsage;
+}
+
+int RunVerb(const Verb& verb)
+{
+    try {
+        return verb.run();
+    } catch (const Failure& failure) {
+        Complain(failure.what());
+        return failure.code();
+    } catch (const std::exception& error) {
+        Complain(error.what());
+        return kExitFailed;
+    }
+}
+
+}  // namespace
+
+void SetManners(CLI::App& app, const std::string& examples)
+{
+    const CLI::App& program = app.get_parent() != nullptr ? *app.get_parent() : app;
+    app.set_version_flag("--version", fmt::format("{} (libgakppc) {}", program.get_name(), GAKPPC_VERSION),
+                         "Print the version and exit");
+    app.footer("Examples:\n" + examples +
+               "\n\nExit status: 0 success, 1 failed, 2 wrong usage, 3 no daemon, 124 time limit.");
+}
+
+int RunProgram(CLI::App& app, const std::vector<Verb>& verbs, int argc, char** argv)
+{
+    SetProgramName(app.get_name());
+    signal(SIGPIPE, SIG_IGN);  // a reader that left shows as a failed write
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::ParseError& error) {
+        return ExitOfParse(app, error);
+    }
+    for (const Verb& verb : verbs) {
+        if (verb.app == &app || verb.app->parsed()) {
+            return RunVerb(verb);
+        }
+    }
+    return kExitUsage;
+}
+
+CLI::Option* AddSeconds(CLI::App& app, const std::string& name, double& seconds, const std::string& help)
+{
+    return app.add_option(name, seconds, help)
+        ->check(CLI::Range(0.0, kLongestSeconds).description(""))
+        ->type_name("SECONDS");
+}
+
+}  // namespace tools

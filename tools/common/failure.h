@@ -1,0 +1,36 @@
+#ifndef GAKPPC_FAILURE_H
+#define GAKPPC_FAILURE_H
+
+#include <stdexcept>
+#include <string>
+
+namespace tools {
+
+// Exit statuses of all programs and verbs.
+enum ExitCode {
+    kExitOk = 0,
+    kExitFailed = 1,
+    kExitUsage = 2,
+    kExitNoDaemon = 3,
+    kExitTimeLimit = 124,
+};
+
+// Ends the program: the text goes to standard error, `code` becomes the exit status.
+class Failure : public std::runtime_error {
+public:
+    Failure(ExitCode code, const std::string& text) : std::runtime_error(text), code_(code) {}
+    ExitCode code() const { return code_; }
+
+private:
+    ExitCode code_;
+};
+
+// Writes "<program>: <text>" to standard error.
+void Complain(const std::string& text);
+
+// The name that Complain writes.
+void SetProgramName(const std::string& name);
+
+}  // namespace tools
+
+#endif

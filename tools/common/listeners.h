@@ -1,0 +1,26 @@
+#ifndef GAKPPC_LISTENERS_H
+#define GAKPPC_LISTENERS_H
+
+#include <sys/types.h>
+
+#include <string>
+#include <vector>
+
+namespace tools {
+
+// A process that listens at a path. Processes that see other files under the same path (another mount namespace) are
+// left out. One whose descriptors we may not look at has the pid 0.
+struct ListeningProcess {
+    std::string path;  // under which the socket was bound; it may have been renamed or removed since
+    pid_t pid = 0;
+};
+
+// All that were bound at `path`.
+std::vector<ListeningProcess> ListenersAt(const std::string& path);
+
+// The value of one line "key:  value" of a file, empty when it is missing.
+std::string ValueInFile(const std::string& file, const std::string& key);
+
+}  // namespace tools
+
+#endif

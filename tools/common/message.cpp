@@ -1,0 +1,152 @@
+#include "message.h"
+
+#include <fmt/format.h>
+#include <google/protobuf/util/json_util.h>
+
+#include <nlohmann/json.hpp>
+
+#include <charconv>
+#include <stdexcept>
+
+namespace tools {
+namespace {
+
+using qel::PPCMessage;
+
+constexpr size_t kInnerLengthSize = 4;
+
+// The inner length has the host's byte order, little-endian on every host of the system.
+uint32_t DecodeLittleEndian(const uint8_t* bytes)
+{
+    return static_cast<uint32_t>(bytes[3]) << 24 | static_cast<uint32_t>(bytes[2]) << 16 |
+           static_cast<uint32_t>(bytes[1]) << 8 | static_cast<uint32_t>(bytes[0]);
+}
+
+std::optional<int> ParseNumber(const std::string& text)
+{
+    int number = 0;
+    const char* end = text.data() + text.size();
+    const auto result = std::from_chars(text.data(), end, number);
+    return result.ec == std::errc() && result.ptr == end ? std::optional<int>(number) : std::nullopt;
+}
+
+std::string DescribeFragment(const Piece& piece)
+{
+    if (piece.wireLength < kFrameHeaderSize) {
+        return fmt::format("length field of {} byte(s)", piece.wireLength);
+    }
+    const uint32_t length = DecodeBigEndian(piece.bytes.data());
+    if (length > kMaxPayload) {
+        return fmt::format("no frame: a length of {} is above the limit of {}", length, kMaxPayload);
+    }
+    return fmt::format("no frame: {} byte(s) where a length of {} was announced", piece.wireLength - kFrameHeaderSize,
+                       length);
+}
+
+}  // namespace
+
+std::string JsonLine(const Json& json)
+{
+    return json.dump(-1, ' ', false, Json::error_handler_t::replace) + "\n";
+}
+
+std::string TypeName(int type)
+{
+    return PPCMessage::MsgType_IsValid(type) ? PPCMessage::MsgType_Name(static_cast<PPCMessage::MsgType>(type))
+                                             : std::to_string(type);
+}
+
+std::string ProcessName(int type)
+{
+    return PPCMessage::ProcessType_IsValid(type)
+               ? PPCMessage::ProcessType_Name(static_cast<PPCMessage::ProcessType>(type))
+               : std::to_string(type);
+}
+
+PPCMessage::MsgType ParseType(const std::string& text)
+{
+    PPCMessage::MsgType type = PPCMessage::START_RSP;
+    if (PPCMessage::MsgType_Parse(text, &type)) {
+        return type;
+    }
+    if (const auto number = ParseNumber(text)) {
+        return static_cast<PPCMessage::MsgType>(*number);
+    }
+    throw std::invalid_argument(
+        fmt::format("{} is no message type (START_RSP, SHUTDOWN_RSP, HEARTBEAT, "
+                    "NOTIFY_VEXOINFO, ABNORMAL, SHUTDOWN, SOCKET_CLOSE or a number)",
+                    text));
+}
+
+PPCMessage::ProcessType ParseProcess(const std::string& text)
+{
+    PPCMessage::ProcessType type = PPCMessage::ZOLT;
+    if (PPCMessage::ProcessType_Parse(text, &type)) {
+        return type;
+    }
+    if (const auto number = ParseNumber(text)) {
+        return static_cast<PPCMessage::ProcessType>(*number);
+    }
+    throw std::invalid_argument(fmt::format("{} is no process type (ZOLT, COMPUTE, CUSTOM_COMPUTE or a number)", text));
+}
+
+Json ToJson(const PPCMessage& message)
+{
+    google::protobuf::util::JsonPrintOptions options;
+    options.always_print_primitive_fields = true;
+    options.preserve_proto_field_names = true;
+    std::string text;
+    if (!google::protobuf::util::MessageToJsonString(message, &text, options).ok()) {
+        return Json::object();
+    }
+    return Json::parse(text);
+}
+
+PPCMessage FromJson(const std::string& text)
+{
+    PPCMessage message;
+    const auto status = google::protobuf::util::JsonStringToMessage(text, &message);
+    if (!status.ok()) {
+        throw std::invalid_argument("no message in JSON: " + status.ToString());
+    }
+    return message;
+}
+
+Bytes FrameOfMessage(const PPCMessage& message)
+{
+    const auto length = static_cast<uint32_t>(message.ByteSizeLong());
+    Bytes payload(kInnerLengthSize + length);
+    for (size_t i = 0; i < kInnerLengthSize; ++i) {
+        payload[i] = static_cast<uint8_t>(length >> (8 * i));
+    }
+    message.SerializePartialToArray(payload.data() + kInnerLengthSize, static_cast<int>(length));
+    return FrameOf(payload);
+}
+
+Decoded DecodePiece(const Piece& piece)
+{
+    if (piece.kind == PieceKind::kFragment) {
+        return {std::nullopt, DescribeFragment(piece)};
+    }
+    if (piece.IsCut()) {
+        return {std::nullopt, fmt::format("only {} of {} bytes were kept", piece.bytes.size(), piece.wireLength)};
+    }
+    const size_t payload = piece.bytes.size() - kFrameHeaderSize;
+    if (payload == 0) {
+        return {std::nullopt, "frame of length 0"};
+    }
+    if (payload < kInnerLengthSize) {
+        return {std::nullopt, fmt::format("payload of {} byte(s) has no room for its inner length", payload)};
+    }
+    const uint8_t* inner = piece.bytes.data() + kFrameHeaderSize;
+    const uint32_t length = DecodeLittleEndian(inner);
+    if (length != payload - kInnerLengthSize) {
+        return {std::nullopt,
+                fmt::format("inner length {} where {} byte(s) follow it", length, payload - kInnerLengthSize)};
+    }
+    PPCMessage message;
+    const bool good = message.ParseFromArray(inner + kInnerLengthSize, static_cast<int>(length));
+    return {message, good ? "" : "the encoding is damaged; shown is what could be read"};
+}
+
+}  // namespace tools

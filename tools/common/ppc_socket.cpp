@@ -1,0 +1,123 @@
+#include "ppc_socket.h"
+
+#include <fmt/format.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+
+#include <cerrno>
+#include <cstring>
+
+#include "failure.h"
+
+namespace tools {
+namespace {
+
+constexpr int kAskAgainMs = 1;
+
+sockaddr_un AddressOf(const char* path)
+{
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    strncpy(address.sun_path, path, sizeof(address.sun_path) - 1);
+    return address;
+}
+
+Fd NewSocket()
+{
+    return Fd(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+}
+
+bool WaitFor(int fd, short events, const Deadline& deadline)
+{
+    pollfd wanted{fd, events, 0};
+    int ready = 0;
+    do {
+        ready = poll(&wanted, 1, deadline.RemainingMs());
+    } while (ready == -1 && errno == EINTR);
+    return ready == 1;
+}
+
+}  // namespace
+
+Peer PeerOf(const Fd& socket)
+{
+    ucred credentials{};
+    socklen_t length = sizeof(credentials);
+    if (getsockopt(socket.get(), SOL_SOCKET, SO_PEERCRED, &credentials, &length) == -1) {
+        return {};
+    }
+    return {credentials.pid, credentials.uid};
+}
+
+Fd TryConnect(const char* path)
+{
+    Fd socket = NewSocket();
+    const sockaddr_un address = AddressOf(path);
+    int result = -1;
+    do {
+        result = connect(socket.get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address));
+    } while (result == -1 && errno == EINTR);
+    if (result == -1) {
+        const int error = errno;
+        socket.Reset();
+        errno = error;
+    }
+    return socket;
+}
+
+Fd ConnectToDaemon(const Deadline& deadline)
+{
+    for (;;) {
+        Fd socket = TryConnect(kSocketPath);
+        if (socket.valid()) {
+            return socket;
+        }
+        if (errno == ENOENT || errno == ECONNREFUSED || errno == ENOTDIR) {
+            throw Failure(kExitNoDaemon, fmt::format("no daemon listens at {}: {}", kSocketPath, strerror(errno)));
+        }
+        if (errno != EAGAIN) {
+            throw Failure(kExitFailed, fmt::format("{}: {}", kSocketPath, strerror(errno)));
+        }
+        if (deadline.Passed()) {
+            throw Failure(kExitTimeLimit, "the daemon takes no connections");
+        }
+        poll(nullptr, 0, kAskAgainMs);  // nothing tells when the queue has room
+    }
+}
+
+Fd ListenAt(const char* path, int backlog)
+{
+    Fd socket = NewSocket();
+    const sockaddr_un address = AddressOf(path);
+    if (bind(socket.get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)) == -1 ||
+        listen(socket.get(), backlog) == -1) {
+        throw Failure(kExitFailed, fmt::format("{}: {}", path, strerror(errno)));
+    }
+    return socket;
+}
+
+bool WaitReadable(int fd, const Deadline& deadline)
+{
+    return WaitFor(fd, POLLIN, deadline);
+}
+
+void SendAll(const Fd& socket, const Bytes& bytes, const Deadline& deadline)
+{
+    size_t sent = 0;
+    while (sent < bytes.size()) {
+        const ssize_t result =
+            send(socket.get(), bytes.data() + sent, bytes.size() - sent, MSG_NOSIGNAL | MSG_DONTWAIT);
+        if (result >= 0) {
+            sent += static_cast<size_t>(result);
+        } else if (errno == EAGAIN) {
+            if (!WaitFor(socket.get(), POLLOUT, deadline)) {
+                throw Failure(kExitTimeLimit, "the peer does not read");
+            }
+        } else if (errno != EINTR) {
+            throw Failure(kExitFailed, fmt::format("the peer has closed the connection: {}", strerror(errno)));
+        }
+    }
+}
+
+}  // namespace tools

@@ -1,0 +1,123 @@
+#include "record.h"
+
+#include <fmt/color.h>
+#include <fmt/format.h>
+
+#include <nlohmann/json.hpp>
+
+namespace tools {
+namespace {
+
+const char* EventName(RecordKind kind, bool sound)
+{
+    switch (kind) {
+        case RecordKind::kOpen:
+            return "open";
+        case RecordKind::kClose:
+            return "close";
+        default:
+            return sound ? "message" : "malformed";
+    }
+}
+
+bool HasBytes(const Record& record)
+{
+    return record.kind == RecordKind::kFrame || record.kind == RecordKind::kFragment;
+}
+
+Decoded Decode(const Record& record)
+{
+    Piece piece;
+    piece.kind = static_cast<PieceKind>(record.kind);
+    piece.wireLength = record.wireLength;
+    piece.bytes = record.bytes;
+    return DecodePiece(piece);
+}
+
+std::string ShowJson(const Record& record, const Decoded& decoded, bool hex)
+{
+    Json json;
+    json["time"] = UtcTime(record.time);
+    json["event"] = EventName(record.kind, decoded.problem.empty());
+    json["connection"] = record.connection;
+    json["pid"] = record.peer.pid;
+    json["uid"] = record.peer.uid;
+    if (HasBytes(record)) {
+        json["direction"] = record.direction == Direction::kToDaemon ? "to_daemon" : "to_worker";
+        json["length"] = record.wireLength;
+        if (decoded.message.has_value()) {
+            json["claimed_pid"] = decoded.message->sub_proc_pid();
+            json["message"] = ToJson(*decoded.message);
+        }
+        if (!decoded.problem.empty()) {
+            json["problem"] = decoded.problem;
+        }
+        if (hex) {
+            json["hex"] = ToHex(record.bytes);
+        }
+    }
+    return JsonLine(json);
+}
+
+// What the message says about its sender, where the kernel says otherwise.
+std::string Contradiction(const Record& record, const qel::PPCMessage& message)
+{
+    const bool differs =
+        record.direction == Direction::kToDaemon && message.sub_proc_pid() != static_cast<uint32_t>(record.peer.pid);
+    return differs && record.peer.pid != 0 ? fmt::format(" (claims pid {})", message.sub_proc_pid()) : "";
+}
+
+std::string Body(const Record& record, const Decoded& decoded, bool coloured)
+{
+    if (!HasBytes(record)) {
+        return EventName(record.kind, true);
+    }
+    std::string text;
+    if (decoded.message.has_value()) {
+        const auto style = coloured ? fmt::emphasis::bold : fmt::text_style();
+        text = fmt::format("{}{} {}", fmt::format(style, "{}", TypeName(decoded.message->type())),
+                           Contradiction(record, *decoded.message), ToJson(*decoded.message).dump());
+    }
+    if (!decoded.problem.empty()) {
+        const auto style = coloured ? fg(fmt::terminal_color::red) : fmt::text_style();
+        text += (text.empty() ? "" : " ") + fmt::format(style, "MALFORMED ({})", decoded.problem);
+    }
+    return text;
+}
+
+std::string ShowText(const Record& record, const Decoded& decoded, const RecordStyle& style)
+{
+    const char* arrow = "--";
+    if (HasBytes(record)) {
+        arrow = record.direction == Direction::kToDaemon ? "->" : "<-";
+    }
+    std::string text = fmt::format("{} #{} {} pid {} uid {} {}\n", UtcTime(record.time), record.connection, arrow,
+                                   record.peer.pid, record.peer.uid, Body(record, decoded, style.coloured));
+    if (style.hex && HasBytes(record)) {
+        text += "    " + ToHex(record.bytes) + "\n";
+    }
+    return text;
+}
+
+}  // namespace
+
+Record RecordOf(Piece&& piece)
+{
+    Record record;
+    record.time = std::chrono::system_clock::now();
+    record.kind = static_cast<RecordKind>(piece.kind);
+    record.wireLength = piece.wireLength;
+    record.bytes = std::move(piece.bytes);
+    return record;
+}
+
+std::string Show(const Record& record, const RecordStyle& style, bool* malformed)
+{
+    const Decoded decoded = HasBytes(record) ? Decode(record) : Decoded{};
+    if (malformed != nullptr) {
+        *malformed = !decoded.problem.empty();
+    }
+    return style.json ? ShowJson(record, decoded, style.hex) : ShowText(record, decoded, style);
+}
+
+}  // namespace tools

@@ -1,0 +1,66 @@
+#ifndef GAKPPC_DAEMON_H
+#define GAKPPC_DAEMON_H
+
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "common/deadline.h"
+#include "common/signals.h"
+#include "controller.h"
+#include "orders.h"
+#include "spawner.h"
+#include "view.h"
+#include "workers.h"
+
+namespace tools {
+
+struct DaemonOptions {
+    std::vector<SpawnRequest> spawn;
+    std::string workerProgram;
+    bool autoCustom = false;
+    bool replace = false;
+    bool json = false;
+    double grace = 3;
+    double duration = 0;
+    std::string log;
+};
+
+// The daemon: serves the socket until a signal, an order or its time limit ends it. All decisions are taken on the main
+// thread; the server's threads only fill the mailbox.
+class Daemon {
+public:
+    explicit Daemon(const DaemonOptions& options);
+
+    // The exit status: kExitOk when every worker that was left has ended in order.
+    int Run();
+
+private:
+    void Open();
+    void SpawnWorkers();
+    void Step(LineReader& input);
+    int StepTimeoutMs() const;
+
+    void OnMessage(const qel::PPCMessage& message);
+    void OnSignals();
+    void OnOrder(const std::string& line);
+    void Reap();
+
+    void BeginStop();
+    bool IsStopped() const;
+    void EndRest();
+
+    const DaemonOptions& options_;
+    SignalFd signals_{SIGINT, SIGTERM, SIGHUP, SIGCHLD};
+    Spawner spawner_;
+    WorkerTable workers_;
+    View view_;
+    Controller controller_{spawner_, workers_, view_};
+    std::optional<Deadline> end_;
+    std::optional<Deadline> stopLimit_;  // set when the stop begins
+    bool orderly_ = true;
+};
+
+}  // namespace tools
+
+#endif

@@ -1,0 +1,44 @@
+#ifndef GAKPPC_MAILBOX_H
+#define GAKPPC_MAILBOX_H
+
+#include <gakppc/qel_message.pb.h>
+#include <sys/eventfd.h>
+
+#include <deque>
+#include <mutex>
+#include <utility>
+
+#include "common/fd.h"
+
+namespace tools {
+
+// Carries messages from the server's receive threads, on which handlers run and must be quick, to the main thread,
+// which polls Descriptor().
+class Mailbox {
+public:
+    void Put(const qel::PPCMessage& message)
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        messages_.push_back(message);
+        eventfd_write(fd_.get(), 1);
+    }
+
+    std::deque<qel::PPCMessage> TakeAll()
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        eventfd_t ignored = 0;
+        eventfd_read(fd_.get(), &ignored);
+        return std::exchange(messages_, {});
+    }
+
+    int Descriptor() const { return fd_.get(); }
+
+private:
+    const Fd fd_{eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)};
+    std::mutex mutex_;
+    std::deque<qel::PPCMessage> messages_;
+};
+
+}  // namespace tools
+
+#endif

@@ -1,0 +1,89 @@
+// gakppcd: a daemon for worker processes, to watch and to drive by hand.
+
+#include <fcntl.h>
+#include <fmt/format.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+
+#include "common/cli.h"
+#include "common/output.h"
+#include "daemon.h"
+
+namespace tools {
+namespace {
+
+// Log lines of the library would be written across the table.
+void RedirectLog(const DaemonOptions& options)
+{
+    const bool acrossTable = !options.json && OutputIsTerminal() && isatty(STDERR_FILENO) == 1;
+    if (options.log.empty() && !acrossTable) {
+        return;
+    }
+    const char* const path = options.log.empty() ? "/dev/null" : options.log.c_str();
+    const int log = open(path, O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
+    if (log == -1 || dup2(log, STDERR_FILENO) == -1) {
+        throw Failure(kExitFailed, fmt::format("{}: {}", path, strerror(errno)));
+    }
+    close(log);
+}
+
+int Run(const DaemonOptions& options)
+{
+    RedirectLog(options);
+    return Daemon(options).Run();
+}
+
+void AddOptions(CLI::App& app, DaemonOptions& options, std::vector<std::string>& spawn)
+{
+    app.add_option("--spawn", spawn, "Start N workers (1) for this device and of this process type; repeatable")
+        ->type_name("DEVICE:TYPE[:N]")
+        ->expected(1)
+        ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll);
+    app.add_option("--worker-program", options.workerProgram, "What is started (the gakppctl beside this program)")
+        ->type_name("FILE");
+    app.add_flag("--auto-custom", options.autoCustom,
+                 "Start the custom process as soon as a worker asks for it, without waiting for start-custom");
+    app.add_flag("--replace", options.replace, "Take the socket's place even when a daemon listens there");
+    AddSeconds(app, "--grace", options.grace, "Time for the workers to shut down when this daemon ends (3)");
+    AddSeconds(app, "--for", options.duration, "End after this time");
+    app.add_flag("--json", options.json, "Print one JSON object per line");
+    app.add_option("--log", options.log,
+                   "Append log lines to this file (default: standard error; nowhere when that is the table's terminal)")
+        ->type_name("FILE");
+}
+
+// CLI11 reports what a callback raises as wrong usage.
+void ReadSpawn(const std::vector<std::string>& texts, DaemonOptions& options)
+{
+    for (const std::string& text : texts) {
+        try {
+            options.spawn.push_back(ParseSpawn(text));
+        } catch (const std::invalid_argument& error) {
+            throw CLI::ValidationError("--spawn", error.what());
+        }
+    }
+}
+
+}  // namespace
+}  // namespace tools
+
+int main(int argc, char** argv)
+{
+    using namespace tools;
+    CLI::App app(
+        "Serves the workers' socket. Shows the workers in a table on a terminal, as lines in a pipe; ends in order on "
+        "SIGINT, SIGTERM and SIGHUP.",
+        "gakppcd");
+    DaemonOptions options;
+    options.workerProgram = DefaultWorkerProgram();
+    std::vector<std::string> spawn;
+    AddOptions(app, options, spawn);
+    app.callback([&] { ReadSpawn(spawn, options); });
+    SetManners(app, std::string("  $ gakppcd --spawn 0:COMPUTE --spawn 1:ZOLT:2 --auto-custom\n"
+                                "  $ echo 'shutdown all' | gakppcd --json --for 10\n\n"
+                                "Orders on standard input:\n") +
+                        kOrderHelp);
+    return RunProgram(app, {{&app, [&options] { return Run(options); }}}, argc, argv);
+}

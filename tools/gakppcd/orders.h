@@ -1,0 +1,47 @@
+#ifndef GAKPPC_ORDERS_H
+#define GAKPPC_ORDERS_H
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+namespace tools {
+
+// What may be written to the daemon's standard input, one order a line.
+extern const char kOrderHelp[];
+
+enum class OrderKind {
+    kShutdown,     // one worker
+    kShutdownAll,  // every worker
+    kStartCustom,  // the custom process that a worker has asked for
+    kQuit,         // the daemon
+};
+
+struct Order {
+    OrderKind kind = OrderKind::kQuit;
+    uint32_t device = 0;
+    uint32_t pid = 0;
+};
+
+// Raises std::invalid_argument for anything that is no order.
+Order ParseOrder(const std::string& line);
+
+// Reads lines from a descriptor that poll(2) has reported. Lines that are longer than any order are cut.
+class LineReader {
+public:
+    explicit LineReader(int fd) : fd_(fd) {}
+
+    // The complete lines that have come, without empty ones.
+    std::vector<std::string> Take();
+
+    bool AtEnd() const { return atEnd_; }
+
+private:
+    int fd_;
+    std::string pending_;
+    bool atEnd_ = false;
+};
+
+}  // namespace tools
+
+#endif

@@ -1,0 +1,80 @@
+#ifndef GAKPPC_RELAY_H
+#define GAKPPC_RELAY_H
+
+#include <sys/epoll.h>
+
+#include <cstdint>
+#include <functional>
+#include <list>
+#include <memory>
+#include <vector>
+
+#include "channel.h"
+#include "common/record.h"
+
+namespace tools {
+
+// Accepts workers on a listener, connects on to the daemon for each of them, and passes on what both say, unchanged and
+// in order. A connection that one end closes is closed at the other end as soon as everything has been passed on. One
+// thread, one epoll; the owner drives it by calling Step.
+class Relay {
+public:
+    using Sink = std::function<void(Record&&)>;
+
+    // `listener` stays the caller's; `daemonPath` is connected to. `sink` is told of everything after it happened.
+    Relay(int listener, const char* daemonPath, Sink sink);
+    ~Relay();
+    Relay(const Relay&) = delete;
+    Relay& operator=(const Relay&) = delete;
+
+    // Step returns as soon as this descriptor can be read.
+    void WakeOn(int fd) { Watch(fd, nullptr); }
+
+    // Handles what has happened, waits up to `timeoutMs` for something to happen. Whether the time passed or one of the
+    // descriptors of WakeOn can be read.
+    bool Step(int timeoutMs);
+
+    // Where workers that are still to be connected find the daemon from now on.
+    void SetDaemonPath(const char* path) { daemonPath_ = path; }
+
+    // Connections that are open or still to be connected on.
+    size_t Open() const { return connections_.size(); }
+
+private:
+    struct Connection;
+    struct End {
+        Connection* connection;
+        bool isWorker;
+        Fd fd;
+        Peer peer;
+        uint32_t interest = 0;
+        bool registered = false;
+        bool hungUp = false;  // the peer has closed altogether
+    };
+
+    void Watch(int fd, void* mark);
+    void AcceptAll();
+    void ConnectOn(Connection& connection);
+    void ConnectWaiting();
+    void Handle(End& end, uint32_t events);
+    void AfterPump(Connection& connection);
+    void Close(Connection& connection);
+    void SetInterest(End& end);
+    void Report(const Connection& connection, RecordKind kind);
+    FrameStream::Sink ReportPieces(const Connection& connection, Direction direction);
+    void PauseAccepting(bool pause);
+
+    int listener_;
+    const char* daemonPath_;
+    Sink sink_;
+    Fd epoll_;
+    uint32_t lastNumber_ = 0;
+    bool acceptingPaused_ = false;
+    size_t toConnectOn_ = 0;
+    bool someClosed_ = false;
+    std::list<std::unique_ptr<Connection>> connections_;
+};
+
+}  // namespace tools
+
+#endif

@@ -1,0 +1,224 @@
+// gakppctl tap: shows every message between the workers that connect from now on and the daemon.
+//
+// It takes the place of the daemon's socket (place.h), passes everything on (relay.h) and shows it on another thread
+// (record_printer.h). When it is told to stop it gives the place back at once. Connections that lead through it are
+// passed on until they end, because cutting them would end their workers.
+
+#include <fmt/format.h>
+#include <sys/eventfd.h>
+#include <sys/resource.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <memory>
+#include <optional>
+#include <utility>
+
+#include "common/signals.h"
+#include "place.h"
+#include "record_printer.h"
+#include "relay.h"
+#include "verbs.h"
+
+namespace tools {
+namespace {
+
+constexpr int kTickMs = 200;
+constexpr std::chrono::milliseconds kTick{kTickMs};
+constexpr std::chrono::milliseconds kGraceForLateWorkers{20};
+constexpr std::chrono::seconds kPrintTime{5};
+
+struct Options {
+    RecordStyle style;
+    std::string capture;
+    double duration = 0;
+    uint64_t count = 0;
+    double linger = -1;
+};
+
+class Tap {
+public:
+    explicit Tap(const Options& options);
+    int Run();
+
+private:
+    void OnRecord(Record&& record);
+    void Serve();
+    void Linger();
+    bool ShouldStop();
+    int Finish();
+
+    const Options& options_;
+    SignalFd signals_{SIGINT, SIGTERM, SIGHUP};
+    Fd outputFailed_{eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)};
+    RecordPrinter printer_;
+    Place place_;
+    Relay relay_;
+    std::optional<Deadline> end_;
+    uint64_t messages_ = 0;
+    int exit_ = kExitOk;
+};
+
+std::unique_ptr<CaptureWriter> OpenCapture(const std::string& path)
+{
+    return path.empty() ? nullptr : std::make_unique<CaptureWriter>(path);
+}
+
+Tap::Tap(const Options& options)
+    : options_(options),
+      printer_(options.style, OpenCapture(options.capture), [this] { eventfd_write(outputFailed_.get(), 1); }),
+      relay_(place_.Listener().get(), kAsidePath, [this](Record&& record) { OnRecord(std::move(record)); })
+{
+    relay_.WakeOn(signals_.get());
+    relay_.WakeOn(outputFailed_.get());
+    if (options.duration > 0) {
+        end_.emplace(Seconds(options.duration));
+    }
+}
+
+bool CountsAsMessage(const Record& record)
+{
+    return record.kind == RecordKind::kFrame || record.kind == RecordKind::kFragment;
+}
+
+void Tap::OnRecord(Record&& record)
+{
+    if (options_.count > 0 && messages_ >= options_.count) {
+        return;
+    }
+    messages_ += CountsAsMessage(record) ? 1 : 0;
+    printer_.Push(std::move(record));
+}
+
+bool Tap::ShouldStop()
+{
+    eventfd_t failed = 0;
+    if (eventfd_read(outputFailed_.get(), &failed) == 0) {
+        exit_ = kExitFailed;
+        return true;
+    }
+    if (signals_.Take() != 0 || HasPassed(end_)) {
+        return true;
+    }
+    if (!place_.IsOurs()) {
+        Complain("another daemon has put its socket in the place of the tap's");
+        exit_ = kExitFailed;
+        return true;
+    }
+    return false;
+}
+
+void Tap::Serve()
+{
+    Complain("the tap is in place; workers that connect from now on are shown");
+    Deadline check(kTick);
+    for (bool stop = false; !stop;) {
+        const bool woken = relay_.Step(end_.has_value() ? std::min(kTickMs, end_->RemainingMs()) : kTickMs);
+        stop = options_.count > 0 && messages_ >= options_.count;
+        // Not for every message: each look costs system calls.
+        if (woken || check.Passed()) {
+            stop = stop || ShouldStop();
+            check = Deadline(kTick);
+        }
+    }
+}
+
+void Tap::Linger()
+{
+    relay_.SetDaemonPath(kSocketPath);
+    // A worker may have found our socket just before it left its place.
+    const Deadline late(kGraceForLateWorkers);
+    std::optional<Deadline> end;
+    if (options_.linger >= 0) {
+        end.emplace(Seconds(options_.linger));
+    }
+    bool told = false;
+    while (!late.Passed() || relay_.Open() > 0) {
+        relay_.Step(late.Passed() ? kTickMs : late.RemainingMs());
+        if (late.Passed() && relay_.Open() > 0 && !std::exchange(told, true)) {
+            Complain(
+                fmt::format("the place is given back; {} open connection(s) still lead through the tap, which "
+                            "stays until they end (a second signal cuts them)",
+                            relay_.Open()));
+        }
+        if (signals_.Take() != 0 || (HasPassed(end) && late.Passed())) {
+            break;
+        }
+    }
+    if (relay_.Open() > 0) {
+        Complain(fmt::format("{} connection(s) cut", relay_.Open()));
+        exit_ = kExitFailed;
+    }
+}
+
+int Tap::Finish()
+{
+    const bool shown = printer_.Finish(Deadline(kPrintTime));
+    if (printer_.LeftOut() > 0) {
+        Complain(fmt::format("{} message(s) were passed on but not shown: the output is read too slowly",
+                             printer_.LeftOut()));
+        exit_ = kExitFailed;
+    }
+    if (!shown) {
+        Complain("the output is not read; the rest is not shown");
+        fflush(stderr);
+        _exit(kExitFailed);  // the printing thread cannot be joined
+    }
+    return exit_;
+}
+
+int Tap::Run()
+{
+    Serve();
+    place_.GiveBack();
+    Linger();
+    return Finish();
+}
+
+// Each worker needs two descriptors.
+void RaiseDescriptorLimit()
+{
+    rlimit limit{};
+    if (getrlimit(RLIMIT_NOFILE, &limit) == 0 && limit.rlim_cur < limit.rlim_max) {
+        limit.rlim_cur = limit.rlim_max;
+        setrlimit(RLIMIT_NOFILE, &limit);
+    }
+}
+
+int Run(const Options& options)
+{
+    RaiseDescriptorLimit();
+    Tap tap(options);
+    return tap.Run();
+}
+
+}  // namespace
+
+Verb AddTap(CLI::App& program)
+{
+    CLI::App* app = program.add_subcommand(
+        "tap",
+        "Show the messages of all workers that connect from now on. The tap takes the place of the daemon's socket and "
+        "passes everything on; it gives the place back on SIGINT, SIGTERM, SIGHUP, at its limits and on errors, and "
+        "then stays until the connections through it have ended");
+    auto options = std::make_shared<Options>();
+    app->add_flag("--json", options->style.json, "Print one JSON object per line");
+    app->add_flag("--hex", options->style.hex, "Print the bytes as well");
+    app->add_option("--write", options->capture, "Write a capture for replay and decode")->type_name("FILE");
+    app->add_option("--count", options->count, "Stop after so many messages")
+        ->check(CLI::PositiveNumber)
+        ->type_name("N");
+    AddSeconds(*app, "--for", options->duration, "Stop after this time");
+    AddSeconds(*app, "--linger", options->linger,
+               "After stopping, cut connections that are still open after this time (default: wait for their end)");
+    SetManners(*app,
+               "  $ gakppctl tap\n"
+               "  $ gakppctl tap --json --for 10 | jq .message.type\n"
+               "  $ gakppctl tap --write trace.cap --count 100");
+    return {app, [options] {
+                options->style.coloured = OutputIsColoured();
+                return Run(*options);
+            }};
+}
+
+}  // namespace tools

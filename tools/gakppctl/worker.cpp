@@ -1,0 +1,247 @@
+// gakppctl worker: a worker process of any type, made of the library's own calls.
+
+#include <fmt/format.h>
+#include <gakppc/gak.h>
+#include <gakppc/ppc_client.h>
+#include <sys/prctl.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <csignal>
+#include <cstring>
+#include <memory>
+#include <nlohmann/json.hpp>
+#include <optional>
+#include <thread>
+
+#include "common/message.h"
+#include "verbs.h"
+#include "worker_end.h"
+
+namespace tools {
+namespace {
+
+constexpr uint32_t kStatusOk = 0x1011000;
+
+struct Options {
+    uint32_t device = 0;
+    std::string type = "COMPUTE";
+    double heartbeat = 1;
+    std::vector<std::string> libs;
+    uint32_t hostPid = 0;
+    double crashAfter = -1;
+    double abnormalAfter = -1;
+    double timeout = -1;
+    uint32_t count = 1;
+    bool json = false;
+};
+
+void Say(const Options& options, const std::string& event)
+{
+    if (!options.json) {
+        Print(fmt::format("device {} {} pid {} {}\n", options.device, options.type, getpid(), event));
+        return;
+    }
+    Json line;
+    line["time"] = UtcTime(std::chrono::system_clock::now());
+    line["event"] = event;
+    line["device"] = options.device;
+    line["process_type"] = options.type;
+    line["pid"] = getpid();
+    Print(JsonLine(line));
+}
+
+std::optional<Deadline> After(double seconds)
+{
+    return seconds < 0 ? std::nullopt : std::optional<Deadline>(Deadline(Seconds(seconds)));
+}
+
+// One worker from its connection to its end.
+class Worker {
+public:
+    explicit Worker(const Options& options)
+        : options_(options), type_(static_cast<GakWaitType>(ParseProcess(options.type)))
+    {
+    }
+
+    int Run();
+
+private:
+    void Connect();
+    void WaitForShutdown();
+    void AskForCustomProcess();
+    Clock::duration UntilNext() const;
+    std::optional<int> OnTime();
+
+    const Options& options_;
+    const GakWaitType type_;
+    const std::shared_ptr<WorkerEnd> end_ = std::make_shared<WorkerEnd>();  // shared with a thread that is not joined
+    const std::optional<Deadline> crash_ = After(options_.crashAfter);
+    const std::optional<Deadline> abnormal_ = After(options_.abnormalAfter);
+    const std::optional<Deadline> timeout_ = After(options_.timeout);
+    Deadline beat_{Seconds(options_.heartbeat)};
+};
+
+void Worker::Connect()
+{
+    const auto type = static_cast<qel::PPCMessage::ProcessType>(type_);
+    if (ppcInit() != 0 || qel::PpcClient::GetInstance()->GetPpcSession(options_.device, type) == nullptr) {
+        throw Failure(kExitNoDaemon, "no connection to a daemon");
+    }
+}
+
+// What GakWaitForShutdown does, in two steps: the report of the start is to be the first message of all.
+void Worker::WaitForShutdown()
+{
+    const auto type = type_;
+    qel::PpcClient* const client = qel::PpcClient::GetInstance();
+    client->SendPpcMsg(options_.device, type, qel::PPCMessage::START_RSP);
+    std::thread([client, device = options_.device, type, end = end_] {
+        end->Set(client->RecvData(device, type));
+    }).detach();
+}
+
+void Worker::AskForCustomProcess()
+{
+    std::thread([options = options_] {
+        std::vector<const char*> names;
+        for (const std::string& name : options.libs) {
+            names.push_back(name.c_str());
+        }
+        const auto count = static_cast<uint32_t>(names.size());
+        const uint32_t result = CreateOrFindCustPid(count, names.data(), options.hostPid);
+        Say(options, result == 0 ? "CUSTOM_READY" : "CUSTOM_FAILED");
+    }).detach();
+}
+
+Clock::duration Worker::UntilNext() const
+{
+    int next = options_.heartbeat > 0 ? beat_.RemainingMs() : 1000;
+    for (const auto& deadline : {crash_, abnormal_, timeout_}) {
+        next = deadline.has_value() ? std::min(next, deadline->RemainingMs()) : next;
+    }
+    return std::chrono::milliseconds(next);
+}
+
+// Does what is due. The exit status when the worker is to end.
+std::optional<int> Worker::OnTime()
+{
+    if (HasPassed(crash_)) {
+        Say(options_, "CRASH");
+        raise(SIGKILL);
+    }
+    if (HasPassed(abnormal_)) {
+        GakDestory(options_.device, type_);
+        Say(options_, "ABNORMAL");
+        return kExitFailed;
+    }
+    if (HasPassed(timeout_)) {
+        Say(options_, "TIME_LIMIT");
+        return kExitTimeLimit;
+    }
+    if (options_.heartbeat > 0 && beat_.Passed()) {
+        GakHeartbeatSend(options_.device, type_);  // when the daemon is gone, the other thread learns it
+        beat_ = Deadline(Seconds(options_.heartbeat));
+    }
+    return std::nullopt;
+}
+
+int Worker::Run()
+{
+    Connect();
+    Say(options_, "CONNECTED");
+    WaitForShutdown();
+    if (!options_.libs.empty()) {
+        AskForCustomProcess();
+    }
+    for (;;) {
+        if (const auto result = end_->Wait(UntilNext())) {
+            Say(options_, *result == kStatusOk ? "SHUTDOWN" : "LOST");
+            return *result == kStatusOk ? kExitOk : kExitFailed;
+        }
+        if (const auto status = OnTime()) {
+            return *status;
+        }
+    }
+}
+
+int WaitForOne()
+{
+    int status = 0;
+    while (waitpid(-1, &status, 0) == -1) {
+        if (errno != EINTR) {
+            return kExitFailed;
+        }
+    }
+    return WIFEXITED(status) ? WEXITSTATUS(status) : kExitFailed;
+}
+
+// In a process of its own for each worker. The worst status is the result.
+int RunSeveral(const Options& options)
+{
+    const pid_t parent = getpid();
+    int worst = kExitOk;
+    uint32_t started = 0;
+    for (; started < options.count; ++started) {
+        const pid_t pid = fork();
+        if (pid == 0) {
+            prctl(PR_SET_PDEATHSIG, SIGKILL);  // no worker outlives its parent
+            if (getppid() != parent) {
+                _exit(kExitFailed);
+            }
+            return Worker(options).Run();
+        }
+        if (pid == -1) {
+            Complain(fmt::format("fork: {}", strerror(errno)));
+            worst = kExitFailed;
+            break;
+        }
+    }
+    for (; started > 0; --started) {
+        worst = std::max(worst, WaitForOne());
+    }
+    return worst;
+}
+
+int Run(const Options& options)
+{
+    return options.count == 1 ? Worker(options).Run() : RunSeveral(options);
+}
+
+void AddOptions(CLI::App& app, Options& options)
+{
+    app.add_option("--device", options.device, "Device, 0 to 3")->check(CLI::Range(0, 3))->type_name("N");
+    app.add_option("--type", options.type, "Process type: ZOLT, COMPUTE or CUSTOM_COMPUTE (COMPUTE)")
+        ->check(CLI::IsMember({"ZOLT", "COMPUTE", "CUSTOM_COMPUTE"}))
+        ->type_name("TYPE");
+    AddSeconds(app, "--heartbeat", options.heartbeat, "Time between two heartbeats; 0: none (1)");
+    app.add_option("--libs", options.libs, "Ask for the custom compute process with these libraries")
+        ->delimiter(',')
+        ->type_name("NAME[,NAME...]");
+    app.add_option("--host-pid", options.hostPid, "The host process to name when asking (0)")->type_name("PID");
+    AddSeconds(app, "--crash-after", options.crashAfter, "Die by SIGKILL after this time");
+    AddSeconds(app, "--abnormal-after", options.abnormalAfter, "Report an abnormal end after this time, and leave");
+    AddSeconds(app, "--timeout", options.timeout, "Leave after this time when no shutdown has been ordered");
+    app.add_option("--count", options.count, "So many workers, each a process of its own (1)")
+        ->check(CLI::Range(1, 10000))
+        ->type_name("N");
+    app.add_flag("--json", options.json, "Print one JSON object per line");
+}
+
+}  // namespace
+
+Verb AddWorker(CLI::App& program)
+{
+    CLI::App* app = program.add_subcommand(
+        "worker", "Be a worker: report the start, send heartbeats, end when the daemon orders the shutdown");
+    auto options = std::make_shared<Options>();
+    AddOptions(*app, *options);
+    SetManners(*app,
+               "  $ gakppctl worker --device 0 --type ZOLT --heartbeat 0.5\n"
+               "  $ gakppctl worker --device 1 --libs libfirst.so,libsecond.so --host-pid 4711\n"
+               "  $ gakppctl worker --device 2 --count 8 --crash-after 5");
+    return {app, [options] { return Run(*options); }};
+}
+
+}  // namespace tools
