@@ -3,6 +3,19 @@
 
 namespace testsupport {
 
+// Whether a sanitizer watches: what a process then takes of memory and time says little about the library.
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+constexpr bool kUnderSanitizer = true;
+#elif defined(__has_feature)
+#if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
+constexpr bool kUnderSanitizer = true;
+#else
+constexpr bool kUnderSanitizer = false;
+#endif
+#else
+constexpr bool kUnderSanitizer = false;
+#endif
+
 // Makes a test program ready to be run under a sanitizer; does nothing in other builds. To be called before any test.
 // The options that every test program runs with come along (the variables ASAN_OPTIONS, UBSAN_OPTIONS and TSAN_OPTIONS
 // add to them).

@@ -722,10 +722,11 @@ TEST_F(PpcClientTest, ForkedChildThatExitsDisturbsNoSessionOfItsParent)
     const Fd peer = Open(0, PPCMessage::COMPUTE);
     for (const bool destroys : {false, true}) {
         ChildProcess child([&] {
+            log_.Clear();
             if (destroys) {
                 client_.Destroy();
             }
-            exit(0);
+            exit(Lines().empty() ? 0 : 1);  // a tear-down would have said so
             return 1;
         });
         EXPECT_TRUE(child.WaitExit(kWait).ExitedWith(0));
@@ -735,6 +736,17 @@ TEST_F(PpcClientTest, ForkedChildThatExitsDisturbsNoSessionOfItsParent)
     ASSERT_TRUE(WriteAll(peer, PpcFrame(FromDaemon(5, 0))));
     EXPECT_EQ(client_.RecvData(0, 1), kOk.number);
     EXPECT_EQ(ReadPpcFrame(peer, kWait), FromWorker(1, 0, 1));
+}
+
+TEST_F(PpcClientTest, ForkedChildReportsItsOwnProcessId)
+{
+    const Fd peer = Open(0, PPCMessage::COMPUTE);  // from here on the parent's id is remembered
+    ChildProcess child([&] { return client_.SendHeartbeat(1, 1) == kOk.number ? 0 : 1; });
+    const Fd childsPeer = Accept();
+    const auto heartbeat = ReadPpcFrame(childsPeer, kWait);
+    ASSERT_TRUE(heartbeat.has_value());
+    EXPECT_EQ(heartbeat->sub_proc_pid, static_cast<uint32_t>(child.pid()));
+    EXPECT_TRUE(child.WaitExit(kWait).ExitedWith(0));
 }
 
 // Runs after the exit handler of the client, which is registered later.
