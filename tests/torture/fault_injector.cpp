@@ -411,7 +411,7 @@ int FakePthreadCreate(pthread_t* id, const pthread_attr_t* attributes, void* (*b
 struct Hooked {
     Call call;
     void* replacement;
-    const char* library;
+    const char* object;
 };
 
 template <typename Fn>
@@ -453,7 +453,7 @@ void InstallHooks(bool beVerbose)
         In(kMemsetS, FakeMemsetS),       In(kSprintfS, FakeSprintfS),
         In(kVsnprintfS, FakeVsnprintfS), In(kPthreadCreate, FakePthreadCreate, "libstdc++.so.6")};
     for (const Hooked& hooked : all) {
-        hooks[hooked.call] = new testsupport::ImportHook(kCallNames[hooked.call], hooked.replacement, hooked.library);
+        hooks[hooked.call] = new testsupport::ImportHook(kCallNames[hooked.call], hooked.replacement, hooked.object);
     }
 }
 

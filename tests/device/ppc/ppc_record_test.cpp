@@ -374,6 +374,18 @@ TEST_F(EndedHandleTest, NoMoreThan4096EndedSessionsAreKept)
     EXPECT_EQ(mallocCalls.Count() - frees.Count(), kSessionsRecognised);
 }
 
+TEST_F(EndedHandleTest, EndedSessionThatIsHeldAgainIsKept)
+{
+    log_.SetMinimumLevel(99);
+    const Fd listener = RawListen(kServerId);
+    Connection ended(listener);
+    ended.End();
+    void* const handle = ended.session;
+    qel::PpcServer::GetInstance().SetPpcSession(0, 1, handle);  // a table entry holds it
+    ASSERT_NO_FATAL_FAILURE(ConnectAndEnd(kSessionsRecognised + 100, listener, ended.session));
+    EXPECT_EQ(ViewOf(ended.session).magic, PPC_SESSION_MAGIC);
+}
+
 TEST_F(EndedHandleTest, EndpointIsRecognisedUntil64MoreHaveBeenDestroyed)
 {
     Endpoint ended;
