@@ -5,7 +5,8 @@ include(CMakePackageConfigHelpers)
 
 set(GAKPPC_CMAKE_DIR "${CMAKE_INSTALL_LIBDIR}/cmake/gakppc")
 
-install(TARGETS gakppc EXPORT gakppcTargets LIBRARY DESTINATION "${CMAKE_INSTALL_LIBDIR}")
+# A component, so that the library alone can be installed and looked at (tests/hardening).
+install(TARGETS gakppc EXPORT gakppcTargets LIBRARY DESTINATION "${CMAKE_INSTALL_LIBDIR}" COMPONENT runtime)
 install(FILES ${GAKPPC_PUBLIC_HEADERS} DESTINATION "${CMAKE_INSTALL_INCLUDEDIR}/gakppc")
 install(FILES "${GAKPPC_PROTO_DIR}/qel_message.proto" DESTINATION "${CMAKE_INSTALL_DATADIR}/gakppc")
 

@@ -2,8 +2,9 @@
 
 #include <cerrno>
 #include <cstdint>
-#include <cstdio>
 #include <cstring>
+
+#include "plain_format.h"
 
 namespace {
 
@@ -40,7 +41,7 @@ int vsnprintf_s(char* dest, size_t destMax, size_t count, const char* fmt, va_li
         return FailEmpty(dest, destMax);
     }
     const size_t size = count < destMax ? count + 1 : destMax;
-    const int length = vsnprintf(dest, size, fmt, args);
+    const int length = platform::Format(dest, size, fmt, args);
     if (length < 0) {
         return FailEmpty(dest, destMax);
     }

@@ -12,8 +12,8 @@ extern "C" {
 
 #pragma GCC visibility push(default)
 
-/* Returns the kernel's id of the calling thread (in a process's first thread this is the process id). Always asks the
- * kernel, so that the answer is right in a forked child too. Never fails. */
+/* Returns the kernel's id of the calling thread (in a process's first thread this is the process id). Asks the kernel
+ * once in a thread, and again in a child of fork(). Never fails. */
 int osalGetTid(void);
 
 #pragma GCC visibility pop

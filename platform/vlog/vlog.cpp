@@ -2,6 +2,7 @@
 
 #include <pthread.h>
 #include <signal.h>
+#include <sys/uio.h>
 #include <time.h>
 #include <unistd.h>
 
@@ -10,7 +11,9 @@
 #include <cstdarg>
 #include <cstddef>
 #include <cstdint>
-#include <cstdio>
+#include <cstring>
+
+#include "plain_format.h"
 
 namespace {
 
@@ -60,14 +63,14 @@ struct Date {
     unsigned day;
 };
 
-// The calendar date of a day counted from 1970-01-01. The C library's conversions take a lock and may read the time
-// zone from a file, which a logger that is called from anywhere must not.
+// The calendar date of a day counted from 1970-01-01; the system sets no clock to an earlier one. The C library's
+// conversions take a lock and may read the time zone from a file, which a logger that is called from anywhere must not.
 Date DateOfDay(int64_t daysSinceEpoch)
 {
     constexpr int64_t kDaysPerEra = 146097;  // 400 years
     // Counted from 0000-03-01, a leap day is the last day of its year.
     const int64_t days = daysSinceEpoch + 719468;
-    const int64_t era = (days >= 0 ? days : days - (kDaysPerEra - 1)) / kDaysPerEra;
+    const int64_t era = days / kDaysPerEra;
     const auto dayOfEra = static_cast<unsigned>(days - era * kDaysPerEra);
     const unsigned yearOfEra = (dayOfEra - dayOfEra / 1460 + dayOfEra / 36524 - dayOfEra / 146096) / 365;
     const unsigned dayOfYear = dayOfEra - (365 * yearOfEra + yearOfEra / 4 - yearOfEra / 100);
@@ -75,6 +78,40 @@ Date DateOfDay(int64_t daysSinceEpoch)
     const unsigned day = dayOfYear - (153 * monthFromMarch + 2) / 5 + 1;
     const unsigned month = monthFromMarch < 10 ? monthFromMarch + 3 : monthFromMarch - 9;
     return {era * 400 + yearOfEra + (month <= 2 ? 1 : 0), month, day};
+}
+
+// `count` decimal digits and one character. Returns where the text goes on.
+char* WriteDigits(char* at, unsigned value, size_t count, char end)
+{
+    for (size_t i = count; i > 0; --i) {
+        at[i - 1] = static_cast<char>('0' + value % 10);
+        value /= 10;
+    }
+    at[count] = end;
+    return at + count + 1;
+}
+
+// "2026-01-31T23:59:59."
+struct SecondText {
+    time_t second;
+    size_t length;
+    char text[24];
+};
+
+SecondText TextOfSecond(time_t time)
+{
+    constexpr time_t kSecondsPerDay = time_t{24} * 60 * 60;
+    const Date date = DateOfDay(time / kSecondsPerDay);
+    const auto second = static_cast<unsigned>(time % kSecondsPerDay);
+    SecondText result = {time, 0, {}};
+    char* at = WriteDigits(result.text, static_cast<unsigned>(date.year), 4, '-');
+    at = WriteDigits(at, date.month, 2, '-');
+    at = WriteDigits(at, date.day, 2, 'T');
+    at = WriteDigits(at, second / 3600, 2, ':');
+    at = WriteDigits(at, second / 60 % 60, 2, ':');
+    at = WriteDigits(at, second % 60, 2, '.');
+    result.length = static_cast<size_t>(at - result.text);
+    return result;
 }
 
 // One line, built on the stack. What does not fit is cut; room for the closing newline is always kept.
@@ -91,7 +128,7 @@ public:
     void AppendArgs(const char* fmt, va_list args) __attribute__((format(printf, 2, 0)))
     {
         const size_t room = sizeof(text_) - length_;
-        const int wanted = vsnprintf(text_ + length_, room, fmt, args);
+        const int wanted = platform::Format(text_ + length_, room, fmt, args);
         if (wanted > 0) {
             length_ += static_cast<size_t>(wanted) < room ? static_cast<size_t>(wanted) : room - 1;
         }
@@ -99,13 +136,17 @@ public:
 
     void AppendTime()
     {
-        constexpr int64_t kSecondsPerDay = 24 * 60 * 60;
         timespec now{};
         clock_gettime(CLOCK_REALTIME, &now);
-        const Date date = DateOfDay(now.tv_sec / kSecondsPerDay);
-        const auto second = static_cast<int>(now.tv_sec % kSecondsPerDay);
-        Append("%04lld-%02u-%02uT%02d:%02d:%02d.%06ldZ", static_cast<long long>(date.year), date.month, date.day,
-               second / 3600, second / 60 % 60, second % 60, now.tv_nsec / 1000);
+        // Most lines are of the same second as the one before.
+        static thread_local SecondText last = {};
+        if (last.length == 0 || last.second != now.tv_sec) {
+            last = TextOfSecond(now.tv_sec);
+        }
+        memcpy(text_ + length_, last.text, last.length);
+        length_ += last.length;
+        length_ = static_cast<size_t>(WriteDigits(text_ + length_, static_cast<unsigned>(now.tv_nsec / 1000), 6, 'Z') -
+                                      text_);
     }
 
     // The finished line: without the newlines that the text ended in, with one of its own.
@@ -159,12 +200,39 @@ private:
     bool blocked_ = false;
 };
 
+// write(2) that raises no SIGPIPE by itself, which saves the guard's system calls. False when this kernel, or what
+// standard error is, cannot do that; nothing has been written then.
+bool WriteWithoutSignal(const Line& line)
+{
+#ifdef RWF_NOSIGNAL
+    constexpr int kNoSignal = RWF_NOSIGNAL;
+#else
+    constexpr int kNoSignal = 0x100;  // Linux 6.18
+#endif
+    constexpr off_t kCurrentPosition = -1;
+    static std::atomic<bool> unsupported{false};
+    if (unsupported.load(std::memory_order_relaxed)) {
+        return false;
+    }
+    const iovec whole = {const_cast<char*>(line.text()), line.length()};
+    if (pwritev2(STDERR_FILENO, &whole, 1, kCurrentPosition, kNoSignal) != -1) {
+        return true;
+    }
+    if (errno == EOPNOTSUPP || errno == ENOSYS || errno == EINVAL) {
+        unsupported.store(true, std::memory_order_relaxed);
+        return false;
+    }
+    return true;
+}
+
+// A short or failed write loses the rest of the line: repeating it could block or mix lines.
 void WriteToStandardError(const Line& line)
 {
+    if (WriteWithoutSignal(line)) {
+        return;
+    }
     SigpipeGuard guard;
-    // A short or failed write loses the rest of the line: repeating it could block or mix lines.
-    const ssize_t written = write(STDERR_FILENO, line.text(), line.length());
-    if (written == -1 && errno == EPIPE) {
+    if (write(STDERR_FILENO, line.text(), line.length()) == -1 && errno == EPIPE) {
         guard.Consume();
     }
 }
@@ -175,7 +243,7 @@ void AppendPairs(Line& line, const KeyValue* pairs, int pairCount)
         return;
     }
     for (int i = 0; i < pairCount; ++i) {
-        line.Append(" {%s=%s}", OrNull(pairs[i].kname), OrNull(pairs[i].value));
+        line.Append("{%s=%s} ", OrNull(pairs[i].kname), OrNull(pairs[i].value));
     }
 }
 
@@ -187,9 +255,8 @@ void WriteLine(int moduleId, int level, const KeyValue* pairs, int pairCount, co
     const int savedErrno = errno;
     Line line;
     line.AppendTime();
-    line.Append(" %s [%d]", LevelName(level), moduleId);
+    line.Append(" %s [%d] ", LevelName(level), moduleId);
     AppendPairs(line, pairs, pairCount);
-    line.Append(" ");
     if (fmt != nullptr) {
         errno = savedErrno;  // the format may contain %m
         line.AppendArgs(fmt, args);

@@ -38,19 +38,19 @@ int vlog_getlevel(int moduleId, int* enableEvent);
 int CheckLogLevel(int moduleId, int logLevel);
 
 /* Write one line at the level of their name. */
-void VlogDebugInner(int moduleId, const char* fmt, ...) __attribute__((format(printf, 2, 3)));
-void VlogInfoInner(int moduleId, const char* fmt, ...) __attribute__((format(printf, 2, 3)));
-void VlogWarnInner(int moduleId, const char* fmt, ...) __attribute__((format(printf, 2, 3)));
-void VlogErrorInner(int moduleId, const char* fmt, ...) __attribute__((format(printf, 2, 3)));
-void VlogEventInner(int moduleId, const char* fmt, ...) __attribute__((format(printf, 2, 3)));
+void VlogDebugInner(int moduleId, const char* fmt, ...) __attribute__((cold, format(printf, 2, 3)));
+void VlogInfoInner(int moduleId, const char* fmt, ...) __attribute__((cold, format(printf, 2, 3)));
+void VlogWarnInner(int moduleId, const char* fmt, ...) __attribute__((cold, format(printf, 2, 3)));
+void VlogErrorInner(int moduleId, const char* fmt, ...) __attribute__((cold, format(printf, 2, 3)));
+void VlogEventInner(int moduleId, const char* fmt, ...) __attribute__((cold, format(printf, 2, 3)));
 
 /* Writes one line at `level`. */
-void VlogInner(int moduleId, int level, const char* fmt, ...) __attribute__((format(printf, 3, 4)));
+void VlogInner(int moduleId, int level, const char* fmt, ...) __attribute__((cold, format(printf, 3, 4)));
 
 /* Writes one line at `level` with the pairs before its text, as "{key=value}". The pairs are only read during the
  * call; null pairs or a count below 1 mean none. */
 void VlogWithKVInner(int moduleId, int level, KeyValue* pairs, int pairCount, const char* fmt, ...)
-    __attribute__((format(printf, 5, 6)));
+    __attribute__((cold, format(printf, 5, 6)));
 
 /* The stand-in's own, not in the host's library: sets the current level (at first 2, warning). Returns 0, or -1 for
  * a value outside 0 to 3, which changes nothing. */

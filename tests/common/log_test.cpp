@@ -6,6 +6,8 @@
 #include <cstdlib>
 #include <functional>
 #include <map>
+#include <new>
+#include <optional>
 #include <string>
 #include <thread>
 #include <utility>
@@ -60,6 +62,12 @@ struct GetTid : calls::OfGakppc {
 struct FormatMessage : calls::OfGakppc {
     static constexpr const char* kSymbol = "vsnprintf_s";
     using Signature = int(char*, size_t, size_t, const char*, va_list);
+};
+// The memory of strings is taken inside the C++ library.
+struct NewOfStrings {
+    static constexpr const char* kSymbol = "_Znwm";
+    static constexpr const char* kLibrary = "libstdc++.so.6";
+    using Signature = void*(size_t);
 };
 
 // The five entry points, each called with one message, from line 44.
@@ -690,6 +698,25 @@ TEST(LogMemory, LineWithoutAStatusTextAllocatesNothing)
     EXPECT_EQ(news, 0U);
     EXPECT_EQ(mallocs, 0U);
     EXPECT_EQ(capture.Lines().size(), 3U);
+}
+
+TEST(LogMemory, LineIsWrittenWithoutTheStatusTextThatThereIsNoMemoryFor)
+{
+    constexpr uint32_t kStatusWithALongText = 0x1013007;  // too long to be stored inside its own string
+    LogCapture capture;
+    QELLog::GetInstance();
+    {
+        CountingHook<NewOfStrings> newCalls;
+        newCalls.OnCall([](uint64_t number, size_t) -> std::optional<void*> {
+            if (number == 1) {
+                throw std::bad_alloc();
+            }
+            return std::nullopt;
+        });
+        EXPECT_NO_THROW(QEL_LOG_IMPL("Fn", kPath, 7, kStatusWithALongText, "x"));
+    }
+    ExpectLine(TakeLine(capture), LogSink::kError, 3,
+               SinkPrefix(144) + "x,[qel/device/src/gak/ppc_client:7:Fn]" + Tid() + " Msg: \n");
 }
 
 // The handler is registered before the logger is first used, so it runs after everything that the logger could have

@@ -5,6 +5,8 @@
 #include <pthread.h>
 #include <signal.h>
 #include <sys/socket.h>
+#include <sys/syscall.h>
+#include <sys/uio.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -20,8 +22,26 @@
 #include <thread>
 #include <vector>
 
+#include "fault.h"
 #include "process.h"
 #include "raw_peer.h"
+
+namespace {
+
+// Plays a kernel that cannot write without raising SIGPIPE.
+bool kernelIsOld = false;
+
+}  // namespace
+
+// Stands in front of the C library's.
+extern "C" ssize_t pwritev2(int fd, const iovec* entries, int count, off_t offset, int flags)
+{
+    if (kernelIsOld) {
+        errno = EOPNOTSUPP;
+        return -1;
+    }
+    return syscall(SYS_pwritev2, fd, entries, count, offset, 0, flags);
+}
 
 namespace {
 
@@ -30,6 +50,12 @@ using testsupport::ChildProcess;
 using testsupport::Fd;
 
 const char* const kNoText = nullptr;
+
+struct ClockGettime {
+    static constexpr const char* kSymbol = "clock_gettime";
+    static constexpr const char* kLibrary = "libvlog.so";
+    using Signature = int(clockid_t, timespec*);
+};
 
 // Points standard error elsewhere for the length of a scope.
 class StandardErrorTo {
@@ -172,6 +198,11 @@ TEST(VlogTest, NullFormatDoesNotCrash)
     EXPECT_EQ(WithoutTime(WriteOf([] { VlogWithKVInner(38, 5, nullptr, 0, kNoText); })), "EVENT [38] (null)\n");
 }
 
+TEST(VlogTest, EmptyTextLeavesALineWithoutOne)
+{
+    EXPECT_EQ(WithoutTime(WriteOf([] { VlogErrorInner(38, "%s", ""); })), "ERROR [38] \n");
+}
+
 TEST(VlogTest, NewlinesAtTheEndBecomeOne)
 {
     EXPECT_EQ(WithoutTime(WriteOf([] { VlogErrorInner(38, "a\n\n"); })), "ERROR [38] a\n");
@@ -202,6 +233,25 @@ TEST(VlogTest, TimeIsNowInUtc)
     EXPECT_LE(written, after);
 }
 
+TEST(VlogTest, DateIsThatOfTheCalendar)
+{
+    time_t now = 0;
+    testsupport::CountingHook<ClockGettime> clock;
+    clock.OnCall([&now](uint64_t, clockid_t, timespec* answer) {
+        *answer = {now, 987654321};
+        return std::optional<int>(0);
+    });
+    const std::pair<time_t, const char*> dates[] = {
+        {0, "1970-01-01T00:00:00.987654Z "},          {951782399, "2000-02-28T23:59:59.987654Z "},
+        {951782400, "2000-02-29T00:00:00.987654Z "},  {951868800, "2000-03-01T00:00:00.987654Z "},
+        {1798761599, "2026-12-31T23:59:59.987654Z "}, {1798761600, "2027-01-01T00:00:00.987654Z "},
+        {4107542400, "2100-03-01T00:00:00.987654Z "}};
+    for (const auto& [second, text] : dates) {
+        now = second;
+        EXPECT_EQ(WriteOf([] { VlogErrorInner(38, "a"); }), std::string(text) + "ERROR [38] a\n");
+    }
+}
+
 TEST(VlogTest, ErrnoIsKeptAndCanBeFormatted)
 {
     const std::string format = "%s: %m";  // an extension, which the compiler would remark on
@@ -222,7 +272,27 @@ TEST(VlogTest, ErrnoIsKeptWhenNothingCanBeWritten)
     EXPECT_EQ(errno, ENOENT);
 }
 
-TEST(VlogTest, ClosedReaderDoesNotKillTheProcessOrLeaveASignal)
+// How a line is written depends on the kernel; what happens to SIGPIPE does not.
+class VlogOnAKernel : public testing::TestWithParam<bool> {
+protected:
+    VlogOnAKernel() { kernelIsOld = GetParam(); }
+};
+
+INSTANTIATE_TEST_SUITE_P(Vlog, VlogOnAKernel, testing::Values(false, true),
+                         [](const auto& kernel) { return kernel.param ? "Old" : "Present"; });
+
+TEST_P(VlogOnAKernel, LinesAreWrittenWhole)
+{
+    const std::vector<std::string> writes = WritesOf([] {
+        VlogErrorInner(38, "first");
+        VlogErrorInner(38, "second");
+    });
+    ASSERT_EQ(writes.size(), 2U);
+    EXPECT_EQ(WithoutTime(writes[0]), "ERROR [38] first\n");
+    EXPECT_EQ(WithoutTime(writes[1]), "ERROR [38] second\n");
+}
+
+TEST_P(VlogOnAKernel, ClosedReaderDoesNotKillTheProcessOrLeaveASignal)
 {
     ChildProcess child([] {
         int fds[2] = {-1, -1};
@@ -242,7 +312,7 @@ TEST(VlogTest, ClosedReaderDoesNotKillTheProcessOrLeaveASignal)
     EXPECT_TRUE(child.WaitExit(10s).ExitedWith(0)) << child.WaitExit(10s);
 }
 
-TEST(VlogTest, SigpipeThatTheCallerHoldsPendingStaysPending)
+TEST_P(VlogOnAKernel, SigpipeThatTheCallerHoldsPendingStaysPending)
 {
     ChildProcess child([] {
         sigset_t sigpipe;

@@ -239,7 +239,7 @@ public:
     std::string Name()
     {
         const size_t length = std::min(rest_.find_first_of("[]:"), rest_.size());
-        const std::string name(rest_.substr(0, length));
+        std::string name(rest_.substr(0, length));
         rest_.remove_prefix(length);
         return name;
     }

@@ -16,7 +16,7 @@ namespace {
 
 constexpr mode_t kSocketDirMode = 0350;
 constexpr size_t kLengthFieldSize = 4;
-constexpr size_t kLongestFrame = 64U * 1024 * 1024;
+constexpr size_t kLongestFrame = size_t{64} * 1024 * 1024;
 
 // Wire types of the encoding, and the field numbers of PPCMessage and of the list in it.
 constexpr uint32_t kVarint = 0;

@@ -16,6 +16,16 @@ constexpr bool kUnderSanitizer = false;
 constexpr bool kUnderSanitizer = false;
 #endif
 
+// Whether the processor is emulated.
+#if defined(GAKPPC_EMULATED)
+constexpr bool kUnderEmulator = true;
+#else
+constexpr bool kUnderEmulator = false;
+#endif
+
+// Whether the memory and the time that a process takes are its own: sanitizers and emulators take several times more.
+constexpr bool kMeasuresAreOwn = !kUnderSanitizer && !kUnderEmulator;
+
 // Makes a test program ready to be run under a sanitizer; does nothing in other builds. To be called before any test.
 // The options that every test program runs with come along (the variables ASAN_OPTIONS, UBSAN_OPTIONS and TSAN_OPTIONS
 // add to them).

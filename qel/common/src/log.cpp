@@ -3,6 +3,7 @@
 #include <cstdarg>
 #include <string>
 
+#include "info_line.h"
 #include "memguard.h"
 #include "mutex.h"
 #include "no_destroy.h"
@@ -126,6 +127,9 @@ std::string StatusText(uint32_t status)
     }
 }
 
+// The text of kStatusOk, which ends nearly every line. Nobody can register another: the shared table comes first.
+constexpr char kOkText[] = "running ok";
+
 // What a line consists of besides the caller's message.
 struct LineParts {
     Place place;
@@ -140,8 +144,9 @@ int ComposeLine(char* line, const LineParts& parts, const char* message)
     const Place& place = parts.place;
     const int thread = osalGetTid();
     if (parts.hasStatus) {
+        const std::string text = parts.status == kStatusOk ? std::string() : StatusText(parts.status);
         return sprintf_s(line, kLineSize, "%s,[%s:%d:%s]%d Msg: %s\n", message, place.file, place.line, place.function,
-                         thread, StatusText(parts.status).c_str());
+                         thread, parts.status == kStatusOk ? kOkText : text.c_str());
     }
     if (parts.level == kOperation) {
         return sprintf_s(line, kLineSize, "[%s:%d:%s]%d %s\n", place.file, place.line, place.function, thread, message);
@@ -174,7 +179,31 @@ bool IsWanted(const Place& place, uint32_t level)
     return SinkIsOn(kModuleId, level);
 }
 
+__attribute__((format(printf, 2, 0))) void ComposeInfoLine(const Place& place, const char* fmt, va_list args)
+{
+    WriteLine({place, kInfo, true, kStatusOk, nullptr}, fmt, args);
+}
+
 }  // namespace
+
+bool InfoLineIsWanted()
+{
+    QELLog::Opener::Open();
+    return SinkIsOn(kModuleId, kInfo);
+}
+
+bool OkLineIsWanted()
+{
+    return QELLog::GetInstance().QELLogOutputEnable(kStatusOk) && SinkIsOn(kModuleId, kInfo);
+}
+
+void WriteInfoLine(const char* funcName, const char* fileName, int line, const char* fmt, ...)
+{
+    va_list args;
+    va_start(args, fmt);
+    ComposeInfoLine({funcName, fileName, line}, fmt, args);
+    va_end(args);
+}
 
 std::atomic<bool> QELLog::isInitFlag{false};
 Mutex QELLog::mutexHandle;
@@ -237,7 +266,7 @@ void QEL_LOG_IMPL(const char* funcName, const char* fileName, int line, const ch
     }
     va_list args;
     va_start(args, fmt);
-    qel::WriteLine({place, qel::kInfo, true, qel::kStatusOk, nullptr}, fmt, args);
+    qel::ComposeInfoLine(place, fmt, args);
     va_end(args);
 }
 

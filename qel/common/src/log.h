@@ -1,37 +1,66 @@
 #ifndef GAKPPC_LOG_H
 #define GAKPPC_LOG_H
 
+/// @file
+/// Log lines of the library's classes. Each call composes one line from the caller's message, source file, line,
+/// function and thread id and hands it to the platform's device logging library under module id 38.
+///
+/// Any thread may call these functions at any time, also while the process exits. They keep all buffers on the caller's
+/// stack (about 16 KiB), never wait, and never fail: a null function name, file name or format, a message of more than
+/// 8191 characters and a line of more than 8191 characters are dropped without a trace. They raise nothing but
+/// std::system_error when a mutex cannot be locked.
+
 #include <atomic>
 #include <cstdint>
 
 #include "gakppc_export.h"
 
-// Log lines of the library's classes. Each call composes one line from the caller's message, source file, line,
-// function and thread id and hands it to the platform's device logging library under module id 38.
-//
-// Any thread may call these functions at any time, also while the process exits. They keep all buffers on the caller's
-// stack (about 16 KiB), never wait, and never fail: a null function name, file name or format, a message of more than
-// 8191 characters and a line of more than 8191 characters are dropped without a trace. They raise nothing but
-// std::system_error when a mutex cannot be locked.
-
-// A plain line, at level INFO. "%s,[%s:%d:%s]%d Msg: running ok\n" of message, file, line, function, thread id.
+/// Writes a plain line, at level INFO: "%s,[%s:%d:%s]%d Msg: running ok\\n" of message, file, line, function, thread
+/// id.
+///
+/// @param funcName  The caller's function.
+/// @param fileName  The caller's source file.
+/// @param line      The caller's line.
+/// @param fmt       The message, as printf takes it, with its arguments.
 GAKPPC_API void QEL_LOG_IMPL(const char* funcName, const char* fileName, int line, const char* fmt, ...)
     __attribute__((format(printf, 4, 5)));
 
-// A line with a status number, whose bits 12 to 15 give the level and whose text ends the line. Numbers below the
-// current level or with a level above 4 (FATAL) are dropped before anything is composed; FATAL is written as INFO.
+/// Writes a line with a status number, whose bits 12 to 15 give the level and whose text ends the line. Numbers below
+/// the current level or with a level above 4 (FATAL) are dropped before anything is composed; FATAL is written as INFO.
+///
+/// @param funcName  The caller's function.
+/// @param fileName  The caller's source file.
+/// @param line      The caller's line.
+/// @param status    The status number.
+/// @param fmt       The message, as printf takes it, with its arguments.
 GAKPPC_API void QEL_LOG_IMPL(const char* funcName, const char* fileName, int line, uint32_t status, const char* fmt,
-                             ...) __attribute__((format(printf, 5, 6)));
+                             ...) __attribute__((cold, format(printf, 5, 6)));
 
-// An event, always written. "%s,[%s:%d:%s]%d\n" of message, file, line, function, thread id.
+/// Writes an event, whatever the level: "%s,[%s:%d:%s]%d\\n" of message, file, line, function, thread id.
+///
+/// @param funcName  The caller's function.
+/// @param fileName  The caller's source file.
+/// @param line      The caller's line.
+/// @param fmt       The message, as printf takes it, with its arguments.
 GAKPPC_API void QEL_EVENT_LOG_IMPL(const char* funcName, const char* fileName, int line, const char* fmt, ...)
-    __attribute__((format(printf, 4, 5)));
+    __attribute__((cold, format(printf, 4, 5)));
 
-// A trace: the line of an event, with the key/value pair "status" = `statusText` beside it.
+/// Writes a trace, if the sink says that events are on: the line of an event, with a key/value pair beside it.
+///
+/// @param funcName    The caller's function.
+/// @param fileName    The caller's source file.
+/// @param line        The caller's line.
+/// @param statusText  The value of the key "status".
+/// @param fmt         The message, as printf takes it, with its arguments.
 GAKPPC_API void QEL_TRACE_LOG_IMPL(const char* funcName, const char* fileName, int line, const char* statusText,
                                    const char* fmt, ...) __attribute__((format(printf, 5, 6)));
 
-// An operation log line, always written. "[%s:%d:%s]%d %s\n" of file, line, function, thread id, message.
+/// Writes an operation log line, whatever the level: "[%s:%d:%s]%d %s\\n" of file, line, function, thread id, message.
+///
+/// @param funcName  The caller's function.
+/// @param fileName  The caller's source file.
+/// @param line      The caller's line.
+/// @param fmt       The message, as printf takes it, with its arguments.
 GAKPPC_API void QEL_OPLOG_IMPL(const char* funcName, const char* fileName, int line, const char* fmt, ...)
     __attribute__((format(printf, 4, 5)));
 
@@ -39,34 +68,49 @@ namespace qel {
 
 class Mutex;
 
-// The one logging instance: the current level and the way from a composed line to the platform's sinks. Never
-// destroyed; any thread may call anything at any time.
+/// The one logging instance: the current level and the way from a composed line to the platform's sinks. Never
+/// destroyed; any thread may call anything at any time.
 class GAKPPC_API QELLog {
 public:
-    // The instance, initialised: the first call in a process runs Init.
+    /// @return The instance, initialised: the first call in a process runs Init().
     static QELLog& GetInstance();
 
-    // Opens the platform's logging library and reads its level, once in the life of the process; later calls do
-    // nothing. GetInstance calls it; nobody else needs to.
+    /// Opens the platform's logging library and reads its level, once in the life of the process; later calls do
+    /// nothing. GetInstance() calls it; nobody else needs to.
     void Init();
 
-    // The platform's level for this module: 0 DEBUG, 1 INFO, 2 WARN, 3 ERROR; anything else it says counts as INFO.
+    /// Asks the platform for the level of this module.
+    ///
+    /// @return 0 DEBUG, 1 INFO, 2 WARN, 3 ERROR; anything else it says counts as INFO.
     uint32_t QELGetCurLogLevel();
 
-    // Reads the level again and returns it. For the embedding process: the library never calls it.
+    /// Reads the level again. For the embedding process: the library never calls it.
+    ///
+    /// @return The level.
     int QELRefreshLevel();
 
-    // Whether the level field of `status` is at least the current level and at most 4.
+    /// Whether lines with a status number are let through.
+    ///
+    /// @param status  The status number.
+    /// @return Whether its level field is at least the current level and at most 4.
     bool QELLogOutputEnable(uint32_t status);
 
-    // Hands one composed line to the sink of `level`: 0 to 3 DEBUG to ERROR, 5 event, 6 operation log, 7 trace, all
-    // others INFO. DEBUG, INFO, WARN and trace lines are written only if the sink says that the level is on. A null
-    // `text` is ignored; `statusText` is used at level 7 only.
+    /// Hands one composed line to the sink of its level. DEBUG, INFO, WARN and trace lines are written only if the sink
+    /// says that the level is on.
+    ///
+    /// @param moduleId    The module that the line is written under.
+    /// @param level       0 to 3 DEBUG to ERROR, 5 event, 6 operation log, 7 trace, all others INFO.
+    /// @param text        The line. Null: nothing is written.
+    /// @param statusText  The value of the key "status"; used at level 7 only.
     void QELSaveLog(int moduleId, uint32_t level, const char* text, const char* statusText);
 
+    /// @cond INTERNAL
     struct GAKPPC_LOCAL Opener;  // for the log functions above
+    /// @endcond
 
+    /// Not copied: there is one.
     QELLog(const QELLog&) = delete;
+    /// Not copied: there is one.
     QELLog& operator=(const QELLog&) = delete;
 
 private:

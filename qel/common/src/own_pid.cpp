@@ -3,16 +3,12 @@
 #include <pthread.h>
 #include <unistd.h>
 
-#include <atomic>
-
 namespace qel {
 namespace {
 
-std::atomic<uint32_t> knownPid{0};
-
 void ForgetPid()
 {
-    knownPid.store(0, std::memory_order_relaxed);
+    rememberedPid.store(0, std::memory_order_relaxed);
 }
 
 // A forked child is another process. Without the handler nothing is remembered.
@@ -20,14 +16,13 @@ const bool forgottenInChild = pthread_atfork(nullptr, nullptr, ForgetPid) == 0;
 
 }  // namespace
 
-uint32_t OwnPid()
+std::atomic<uint32_t> rememberedPid{0};
+
+uint32_t AskForPid()
 {
-    uint32_t pid = knownPid.load(std::memory_order_relaxed);
-    if (pid == 0) {
-        pid = static_cast<uint32_t>(getpid());
-        if (forgottenInChild) {
-            knownPid.store(pid, std::memory_order_relaxed);
-        }
+    const auto pid = static_cast<uint32_t>(getpid());
+    if (forgottenInChild) {
+        rememberedPid.store(pid, std::memory_order_relaxed);
     }
     return pid;
 }

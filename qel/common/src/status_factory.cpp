@@ -25,6 +25,7 @@ constexpr size_t kTableSize = sizeof(kTableInOrder) / sizeof(kTableInOrder[0]);
 static_assert(kTableSize == 251, "the shared table has 251 rows");
 
 // The compiler sorts the table, so that loading the library costs nothing and a look-up in it takes no lock.
+// not covered: runs in the compiler only
 constexpr std::array<StatusText, kTableSize> SortedTable()
 {
     std::array<StatusText, kTableSize> sorted{};
@@ -39,6 +40,7 @@ constexpr std::array<StatusText, kTableSize> SortedTable()
 }
 constexpr std::array<StatusText, kTableSize> kTable = SortedTable();
 
+// not covered: runs in the compiler only
 constexpr bool StatusNumbersAreUnique()
 {
     for (size_t row = 1; row < kTableSize; ++row) {

@@ -1,17 +1,22 @@
 #ifndef GAKPPC_STATUS_TABLE_H
 #define GAKPPC_STATUS_TABLE_H
 
+/// @file
+/// Status numbers and their texts.
+
 #include <cstdint>
 
-// The one list of the system's status numbers and their texts, in registration order, grouped by module.
-//
-// A status number has four fields: bits 24 to 31 system (always 0x01), bits 16 to 23 module (two decimal digits in a
-// hexadecimal field), bits 12 to 15 level (0 DEBUG, 1 INFO, 2 WARN, 3 ERROR, 4 FATAL), bits 0 to 11 a number that is
-// unique over the whole table. Only the level is ever decoded.
-//
-// The texts are log vocabulary that other components search for: their misspellings, doubled words and repeated texts
-// stay as they are. This library returns and logs only the numbers named below; the other rows are the wider system's,
-// kept here so that a number from any component prints its text.
+/// The one list of the system's status numbers and their texts, in registration order, grouped by module.
+///
+/// A status number has four fields: bits 24 to 31 system (always 0x01), bits 16 to 23 module (two decimal digits in a
+/// hexadecimal field), bits 12 to 15 level (0 DEBUG, 1 INFO, 2 WARN, 3 ERROR, 4 FATAL), bits 0 to 11 a number that is
+/// unique over the whole table. Only the level is ever decoded.
+///
+/// The texts are log vocabulary that other components search for: their misspellings, doubled words and repeated texts
+/// stay as they are. This library returns and logs only the numbers named below; the other rows are the wider system's,
+/// kept here so that a number from any component prints its text.
+///
+/// @param X  Called for each row as X(number, text).
 #define GAKPPC_STATUS_TABLE(X) \
     /* module 0x01: common */ \
     X(0x1011000, "running ok") \
@@ -285,29 +290,34 @@
 
 namespace qel {
 
-constexpr uint32_t kStatusOk = 0x1011000;
-constexpr uint32_t kStatusWarning = 0x1012003;
-constexpr uint32_t kStatusMemoryExhausted = 0x1013007;
-constexpr uint32_t kStatusIntegerReversed = 0x1013008;
-constexpr uint32_t kStatusDriverError = 0x1033022;
-constexpr uint32_t kStatusPpcInitFail = 0x1093030;
-constexpr uint32_t kStatusPpcCreateFail = 0x1093031;
-constexpr uint32_t kStatusPpcDestroyFail = 0x1093032;
-constexpr uint32_t kStatusPpcMsgBufferFail = 0x1093034;
-constexpr uint32_t kStatusPpcConnectFail = 0x1093035;
-constexpr uint32_t kStatusPpcNoSession = 0x1093036;
-constexpr uint32_t kStatusPpcSendRecvFail = 0x1093037;
-constexpr uint32_t kStatusPpcMsgFreeFail = 0x1093038;
-constexpr uint32_t kStatusPpcMsgAllocFail = 0x1093039;
-constexpr uint32_t kStatusPpcLengthMismatch = 0x109303A;
-constexpr uint32_t kStatusPpcBufferNull = 0x109303B;
-constexpr uint32_t kStatusPpcClientInvalidParam = 0x109303C;
-constexpr uint32_t kStatusPpcServerInvalidParam = 0x109303D;
-constexpr uint32_t kStatusPpcClientNotExpected = 0x109303E;
-constexpr uint32_t kStatusPpcSocketClosed = 0x109303F;
-constexpr uint32_t kStatusPpcRecvFail = 0x1093040;
-constexpr uint32_t kStatusPpcCloseFail = 0x1093041;
+// Those that this library returns or logs.
+constexpr uint32_t kStatusOk = 0x1011000;               ///< success
+constexpr uint32_t kStatusWarning = 0x1012003;          ///< log only: receiving failed, or a handler raised something
+constexpr uint32_t kStatusMemoryExhausted = 0x1013007;  ///< memory ran out, or a message is longer than the codec sends
+constexpr uint32_t kStatusIntegerReversed = 0x1013008;  ///< an encoded length that no frame can have
+constexpr uint32_t kStatusDriverError = 0x1033022;      ///< log only: nothing to tear down, or the driver refused to
+constexpr uint32_t kStatusPpcInitFail = 0x1093030;      ///< the driver cannot be used
+constexpr uint32_t kStatusPpcCreateFail = 0x1093031;    ///< no server, or a failed call of gak.h
+constexpr uint32_t kStatusPpcDestroyFail = 0x1093032;   ///< log only: a session or the endpoint did not end
+constexpr uint32_t kStatusPpcMsgBufferFail = 0x1093034;       ///< the driver refused a buffer
+constexpr uint32_t kStatusPpcConnectFail = 0x1093035;         ///< log only: the client cannot connect
+constexpr uint32_t kStatusPpcNoSession = 0x1093036;           ///< no session to send on
+constexpr uint32_t kStatusPpcSendRecvFail = 0x1093037;        ///< sending or receiving failed
+constexpr uint32_t kStatusPpcMsgFreeFail = 0x1093038;         ///< the driver refused to free a descriptor
+constexpr uint32_t kStatusPpcMsgAllocFail = 0x1093039;        ///< the driver gave no descriptor
+constexpr uint32_t kStatusPpcLengthMismatch = 0x109303A;      ///< the encoded length does not fit the payload
+constexpr uint32_t kStatusPpcBufferNull = 0x109303B;          ///< a frame of length 0
+constexpr uint32_t kStatusPpcClientInvalidParam = 0x109303C;  ///< a device or wait type that is out of range
+constexpr uint32_t kStatusPpcServerInvalidParam = 0x109303D;  ///< a device or type out of range; a call in a handler
+constexpr uint32_t kStatusPpcClientNotExpected = 0x109303E;   ///< a message that does not end the receive loop
+constexpr uint32_t kStatusPpcSocketClosed = 0x109303F;        ///< the peer closed the connection
+constexpr uint32_t kStatusPpcRecvFail = 0x1093040;            ///< the client has no session, or has been destroyed
+constexpr uint32_t kStatusPpcCloseFail = 0x1093041;           ///< log only: a session that is closed, or unknown
 
+/// Reads the level field of a status number.
+///
+/// @param status  The status number.
+/// @return The level.
 constexpr uint32_t StatusLevel(uint32_t status)
 {
     return (status >> 12) & 0xFU;

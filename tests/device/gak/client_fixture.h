@@ -39,6 +39,7 @@ struct Status {
     LogSink Sink() const { return static_cast<LogSink>(number >> 12 & 0xF); }
 };
 constexpr Status kOk{0x1011000, "running ok"};
+constexpr Status kMemoryExhausted{0x1013007, "memory exhausted error"};
 constexpr Status kDriverError{0x1033022, "ovra drv return error"};
 constexpr Status kInitFail{0x1093030, "Init PPC driver fail"};
 constexpr Status kCreateFail{0x1093031, "Create PPC server or PPC client fail"};

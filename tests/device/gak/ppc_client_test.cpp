@@ -268,6 +268,37 @@ TEST_F(PpcClientTest, SessionThatCannotBeStoredIsEnded)
     EXPECT_EQ(connects.Count(), 1u);
 }
 
+TEST_F(PpcClientTest, MessageWhoseDeviceCannotBeRecordedIsSentAndTheNextOneRecordsIt)
+{
+    const Fd peer = Open(0, PPCMessage::COMPUTE);
+    log_.Clear();
+    {
+        CountingHook<calls::OperatorNew> news;
+        news.OnCall([](uint64_t number, size_t) -> std::optional<void*> {
+            if (number == 1) {
+                throw std::bad_alloc();
+            }
+            return std::nullopt;
+        });
+        EXPECT_EQ(client_.SendHeartbeat(0, 1), kOk.number);
+    }
+    EXPECT_EQ(ReadPpcFrame(peer, kWait), FromWorker(2, 0, 1));
+    EXPECT_THAT(Lines(), testing::Contains(Line(kMemoryExhausted, "SendPpcMsg",
+                                                "[GAKPPCCLI] SendPpcMsg() no memory for the device")));
+    std::vector<std::string> noNames;
+    EXPECT_EQ(client_.CreateOrFindCustPid(noNames, 1), kCreateFail.number) << "no device to name";
+
+    EXPECT_EQ(client_.SendHeartbeat(0, 1), kOk.number);
+    EXPECT_EQ(ReadPpcFrame(peer, kWait), FromWorker(2, 0, 1));
+    BackgroundCall request([&] { return client_.CreateOrFindCustPid(noNames, 1); });
+    const auto sent = ReadPpcFrame(peer, kWait);
+    ASSERT_TRUE(sent.has_value());
+    EXPECT_EQ(sent->type, 3u);
+    void* session = client_.GetPpcSession(0, PPCMessage::COMPUTE);
+    client_.RecvMsgProc(0, session, PPCMessage::COMPUTE, Message(PPCMessage::START_RSP, 0, PPCMessage::CUSTOM_COMPUTE));
+    EXPECT_EQ(request.Result(), kOk.number);
+}
+
 TEST_F(PpcClientTest, SendDataReturnsTheStatusOfTheCodec)
 {
     const Fd peer = Open(0, PPCMessage::ZOLT);
@@ -602,6 +633,49 @@ TEST_F(PpcClientHandleTest, ClientThatCannotBeDestroyedIsForgotten)
     EXPECT_EQ(creates_.Count(), 2u);
 }
 
+// Another thread gets its client while the driver is still busy with this one's, which is `slow`.
+class PpcClientTwoHandlesTest : public PpcClientTest {
+protected:
+    void GetSessionsOfTwoThreads(void* slow)
+    {
+        creates_.OnCall([this, slow](uint64_t number, void** handle, int, int) {
+            if (number == 1) {
+                std::thread([this] { client_.GetPpcSession(1, PPCMessage::ZOLT); }).join();
+            }
+            *handle = number == 1 ? slow : &handle_;
+            return std::optional<int>(PPC_OK);
+        });
+        destroys_.OnCall([this](uint64_t, void* handle) {
+            destroyed_.push_back(handle);
+            return std::optional<int>(PPC_OK);
+        });
+        EXPECT_NE(client_.GetPpcSession(0, PPCMessage::ZOLT), nullptr);
+        EXPECT_EQ(creates_.Count(), 2u);
+    }
+
+    int handle_ = 0;
+    std::vector<void*> destroyed_;
+    CountingHook<DrvClientCreate> creates_;
+    CountingHook<DrvClientDestroy> destroys_;
+};
+
+TEST_F(PpcClientTwoHandlesTest, OneThatCameTooLateIsGivenBack)
+{
+    int slow = 0;
+    GetSessionsOfTwoThreads(&slow);
+    EXPECT_THAT(destroyed_, ElementsAre(&slow));
+    client_.Destroy();
+    EXPECT_THAT(destroyed_, ElementsAre(&slow, &handle_));
+}
+
+TEST_F(PpcClientTwoHandlesTest, NullThatCameTooLateIsNot)
+{
+    GetSessionsOfTwoThreads(nullptr);
+    EXPECT_THAT(destroyed_, IsEmpty());
+    client_.Destroy();
+    EXPECT_THAT(destroyed_, ElementsAre(&handle_));
+}
+
 TEST_F(PpcClientTest, AfterDestroyTheClientStartsOver)
 {
     Open(0, PPCMessage::ZOLT).Reset();
@@ -752,11 +826,16 @@ TEST_F(PpcClientTest, ForkedChildReportsItsOwnProcessId)
 // Runs after the exit handler of the client, which is registered later.
 LogCapture* exitLog = nullptr;
 
-void CheckExitLines()
+bool DestructorHasDestroyed(const LogCapture& log)
 {
     const std::vector<std::string> expected{Line("~PpcClient", "PpcClient::~PpcClient() destructor function called"),
                                             kDestroyEnter, SessionDestroyed(0), kDestroyExit};
-    if (ClientLines(*exitLog) != expected) {
+    return ClientLines(log) == expected;
+}
+
+void CheckExitLines()
+{
+    if (!DestructorHasDestroyed(*exitLog)) {
         _exit(1);
     }
 }
@@ -776,6 +855,24 @@ TEST(PpcClientExitTest, ExitLogsTheDestructorAndDestroys)
 {
     const Fd listener = RawListen(kServerId);
     ChildProcess worker(&ExitWithASession);
+    EXPECT_TRUE(ExpectEof(RawAccept(listener, kWait), kWait));
+    EXPECT_TRUE(worker.WaitExit(kWait).ExitedWith(0));
+}
+
+// By its name, as nobody needs to: afterwards there is no client object in the process any more.
+TEST(PpcClientExitTest, DestructorDestroysTheSessions)
+{
+    const Fd listener = RawListen(kServerId);
+    ChildProcess worker([] {
+        LogCapture log;
+        PpcClient* client = PpcClient::GetInstance();
+        if (ppcInit() != 0 || client->GetPpcSession(0, PPCMessage::ZOLT) == nullptr) {
+            return 2;
+        }
+        log.Clear();
+        client->~PpcClient();
+        return DestructorHasDestroyed(log) ? 0 : 1;
+    });
     EXPECT_TRUE(ExpectEof(RawAccept(listener, kWait), kWait));
     EXPECT_TRUE(worker.WaitExit(kWait).ExitedWith(0));
 }

@@ -27,6 +27,7 @@ using testing::ElementsAreArray;
 using testing::IsEmpty;
 using testsupport::Bytes;
 using testsupport::Fd;
+using testsupport::ImportHook;
 using testsupport::LogSink;
 using testsupport::RawMessage;
 
@@ -487,6 +488,34 @@ TEST_F(PpcServerRecvTest, ThreadIdIsPrintedAsAStreamDoes)
     Say(worker, Report(1, 7, 2));
     Finish(worker);
     EXPECT_EQ(ExitedThreadId(kFirstReceiver), id.str());
+}
+
+[[noreturn]] void FindNoMemory()
+{
+    throw std::bad_alloc();
+}
+
+// No memory for numbers that are written to streams. How that is called depends on what the compiler inlined.
+ImportHook NoMemoryForNumbers()
+{
+    void* const replacement = reinterpret_cast<void*>(&FindNoMemory);
+    try {
+        return ImportHook("_ZNSo9_M_insertImEERSoT_", replacement);
+    } catch (const std::runtime_error&) {
+        return ImportHook("_ZNSolsEm", replacement);
+    }
+}
+
+TEST_F(PpcServerRecvTest, ThreadIdThatThereIsNoMemoryForIsLeftOut)
+{
+    Create();
+    const ImportHook noMemory = NoMemoryForNumbers();
+    ConnectAs(0, 7).Reset();
+    ASSERT_TRUE(WaitForExits(1));
+    EXPECT_EQ(log_.Count(LogSink::kEvent, "[tid=]thread exit"), 1u);
+    server_.JoinAllPPCRcvThreads();
+    EXPECT_EQ(log_.Count("JoinAllPPCRcvThreads() [free tid=],"), 1u);
+    EXPECT_EQ(log_.Count("JoinAllPPCRcvThreads() exit [threadSize=0] [freeThreadSize=0]"), 1u);
 }
 
 TEST_F(PpcServerRecvTest, NumberOfAReapedThreadIsGivenAgain)

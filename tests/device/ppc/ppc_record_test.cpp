@@ -386,6 +386,83 @@ TEST_F(EndedHandleTest, EndedSessionThatIsHeldAgainIsKept)
     EXPECT_EQ(ViewOf(ended.session).magic, PPC_SESSION_MAGIC);
 }
 
+// The blocks that the library takes and frees, in order.
+class Blocks {
+public:
+    Blocks()
+    {
+        freed.clear();
+        mallocCalls_.OnCall([this](uint64_t, size_t size) {
+            taken.push_back(CountingHook<calls::Malloc>::Real(size));
+            return std::optional<void*>(taken.back());
+        });
+    }
+
+    std::vector<void*> taken;
+    static inline std::vector<void*> freed;
+
+private:
+    static void Free(void* block)
+    {
+        if (block != nullptr) {
+            freed.push_back(block);
+        }
+        free(block);
+    }
+
+    CountingHook<calls::Malloc> mallocCalls_;
+    testsupport::ImportHook freeHook_{"free", reinterpret_cast<void*>(&Free)};
+};
+
+// Ended sessions stand in a row. One that leaves it from the middle must not take its neighbours along.
+TEST_F(EndedHandleTest, NeighboursOfAnEndedSessionThatIsHeldAgainAreForgottenInTheirTurn)
+{
+    log_.SetMinimumLevel(99);
+    const Fd listener = RawListen(kServerId);
+    Blocks blocks;
+    Connection older(listener);
+    Connection held(listener);
+    Connection newer(listener);
+    ASSERT_EQ(blocks.taken.size(), 3u);
+    older.End();
+    held.End();
+    newer.End();
+    void* const handle = held.session;
+    qel::PpcServer::GetInstance().SetPpcSession(0, 1, handle);  // a table entry holds it
+    ASSERT_NO_FATAL_FAILURE(ConnectAndEnd(kSessionsRecognised - 2, listener, nullptr));
+    EXPECT_THAT(Blocks::freed, IsEmpty());
+    ASSERT_NO_FATAL_FAILURE(ConnectAndEnd(3, listener, held.session));
+    EXPECT_THAT(Blocks::freed, ElementsAre(blocks.taken[0], blocks.taken[2], blocks.taken[3]));
+    EXPECT_EQ(ViewOf(held.session).magic, PPC_SESSION_MAGIC);
+}
+
+struct MutexLock : calls::OfGakppc {
+    static constexpr const char* kSymbol = "pthread_mutex_lock";
+    using Signature = int(pthread_mutex_t*);
+};
+
+// The last holder is on its way out when somebody else takes hold of the session.
+TEST_F(EndedHandleTest, SessionThatIsHeldAgainWhileItsLastHolderLeavesIsKept)
+{
+    log_.SetMinimumLevel(99);
+    const Fd listener = RawListen(kServerId);
+    Connection ended(listener);
+    {
+        CountingHook<MutexLock> locks;
+        locks.OnCall([&](uint64_t number, pthread_mutex_t*) -> std::optional<int> {
+            if (number == 2) {  // the first one ended the record, this one is to retire it
+                void* const handle = ended.session;
+                qel::PpcServer::GetInstance().SetPpcSession(0, 1, handle);
+            }
+            return std::nullopt;
+        });
+        ended.End();
+        EXPECT_GT(locks.Count(), 2u);
+    }
+    ASSERT_NO_FATAL_FAILURE(ConnectAndEnd(kSessionsRecognised + 100, listener, ended.session));
+    EXPECT_EQ(ViewOf(ended.session).magic, PPC_SESSION_MAGIC);
+}
+
 TEST_F(EndedHandleTest, EndpointIsRecognisedUntil64MoreHaveBeenDestroyed)
 {
     Endpoint ended;

@@ -1,3 +1,4 @@
+#include <poll.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
@@ -293,6 +294,13 @@ TEST_F(ServerDestroyTest, NullServerGives3)
     EXPECT_THAT(log_.Lines(), ElementsAre(ErrorLine("drvPpcServerDestroy", "null server")));
 }
 
+TEST_F(ServerDestroyTest, UnknownServerGives3AndIsNotLookedBehind)
+{
+    EXPECT_EQ(drvPpcServerDestroy(kNoServer), PPC_ERR_INVALID_VALUE);
+    EXPECT_THAT(log_.Lines(),
+                ElementsAre(ErrorLine("drvPpcServerDestroy", "server " + PointerText(kNoServer) + " is not open")));
+}
+
 TEST_F(ServerDestroyTest, AcceptedSessionsStay)
 {
     Endpoint endpoint;
@@ -382,6 +390,54 @@ TEST_F(SessionAcceptTest, FailedAcceptOnALiveEndpointGives22)
                 ElementsAre(ErrorLine("drvPpcSessionAccept", "accept ppc socket error: " + ErrnoText(EMFILE) +
                                                                  " pHead->listenFd " + std::to_string(listenFd_) +
                                                                  " pHead " + PointerText(endpoint_.server))));
+    EXPECT_EQ(session_, kNoSession);
+}
+
+struct Poll : calls::OfGakppc {
+    static constexpr const char* kSymbol = "poll";
+    using Signature = int(pollfd*, nfds_t, int);
+};
+
+class SessionAcceptPauseTest : public SessionAcceptTest {
+protected:
+    // Makes an accept fail with that error; gives the calls of poll that it made.
+    std::vector<std::string> PausesAfter(int error)
+    {
+        CountingHook<calls::Accept> acceptCalls;
+        acceptCalls.FailCall(1, -1, error);
+        CountingHook<Poll> pollCalls;
+        std::vector<std::string> pauses;
+        pollCalls.OnCall([&](uint64_t, pollfd* wanted, nfds_t count, int timeout) {
+            EXPECT_EQ(count, 1u);
+            pauses.push_back(std::to_string(wanted->fd) + " " + std::to_string(wanted->events) + " " +
+                             std::to_string(timeout));
+            return std::optional<int>(0);
+        });
+        EXPECT_EQ(drvPpcSessionAccept(endpoint_.server, &session_), PPC_ERR_SOCKET_ACCEPT);
+        return pauses;
+    }
+};
+
+class ExhaustedSystemTest : public SessionAcceptPauseTest, public testing::WithParamInterface<int> {};
+
+TEST_P(ExhaustedSystemTest, IsGiven10MillisecondsThatAShutdownEnds)
+{
+    EXPECT_THAT(PausesAfter(GetParam()), ElementsAre(std::to_string(listenFd_) + " 0 10"));
+}
+
+INSTANTIATE_TEST_SUITE_P(, ExhaustedSystemTest, testing::Values(EMFILE, ENFILE, ENOBUFS, ENOMEM),
+                         [](const auto& error) { return strerrorname_np(error.param); });
+
+TEST_F(SessionAcceptPauseTest, ConnectionThatHasGoneIsReportedWithoutAPause)
+{
+    EXPECT_THAT(PausesAfter(ECONNABORTED), IsEmpty());
+}
+
+TEST_F(SessionAcceptTest, UnknownServerGives3WithAWarningAndIsNotLookedBehind)
+{
+    EXPECT_EQ(drvPpcSessionAccept(kNoServer, &session_), PPC_ERR_INVALID_VALUE);
+    EXPECT_THAT(log_.Lines(),
+                ElementsAre(WarnLine("drvPpcSessionAccept", "Server socket closed or invalid argument!")));
     EXPECT_EQ(session_, kNoSession);
 }
 
@@ -480,6 +536,14 @@ TEST_P(SessionEndTest, NullSessionGives3)
 {
     EXPECT_EQ(GetParam().end(nullptr), PPC_ERR_INVALID_VALUE);
     EXPECT_THAT(log_.Lines(), ElementsAre(ErrorLine(GetParam().name, "null session")));
+    EXPECT_EQ(GetParam().end(session_), PPC_OK);
+}
+
+TEST_P(SessionEndTest, UnknownSessionGives3AndIsNotLookedBehind)
+{
+    EXPECT_EQ(GetParam().end(kNoSession), PPC_ERR_INVALID_VALUE);
+    EXPECT_THAT(log_.Lines(),
+                ElementsAre(ErrorLine(GetParam().name, "session " + PointerText(kNoSession) + " is not open")));
     EXPECT_EQ(GetParam().end(session_), PPC_OK);
 }
 
@@ -630,6 +694,13 @@ TEST_F(SessionConnectTest, WhenNobodyListensGives19)
 {
     RawListen(kServerId).Reset();
     ExpectConnectFails(ECONNREFUSED);
+}
+
+TEST_F(SessionConnectTest, FailureIsNotLoggedWhenWarningsAreOff)
+{
+    log_.SetMinimumLevel(3);
+    EXPECT_EQ(drvPpcSessionConnect(kServerId, &session_), PPC_ERR_SOCKET_CONNECT);
+    EXPECT_THAT(log_.Lines(), IsEmpty());
 }
 
 TEST_F(SessionConnectTest, IsRepeatedWhileInterrupted)

@@ -32,7 +32,7 @@ uint32_t ResultOfReport(const char* function, uint32_t status)
     if (status != qel::kStatusOk) {
         return status;
     }
-    GAK_LOG_AS(function, qel::kStatusOk, "%s exit", function);
+    GAK_FREQUENT_OK_LOG_AS(function, "%s exit", function);
     return 0;
 }
 

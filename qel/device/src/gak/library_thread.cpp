@@ -49,7 +49,7 @@ std::thread StartLibraryThread(std::function<void()> body)
     const AsynchronousSignalsBlocked blocked;
     return std::thread([body = std::move(body)] {
         isLibraryThread = true;
-        ppc::SigpipeStaysBlockedOnThisThread();
+        ppc::SigpipeGuard::StaysBlockedOnThisThread();
         body();
     });
 }

@@ -188,7 +188,7 @@ ppc::PpcSessionRef PpcClient::State::GetPpcSession(uint32_t deviceId, PPCMessage
         GAK_LOG(kStatusPpcConnectFail, "[GAKPPCCLI] GetPpcSession() drvPpcSessionConnect fail");
         return {};
     }
-    const ppc::PpcSessionRef ref(session);
+    ppc::PpcSessionRef ref(session);
     try {
         sessionMap_.emplace(key, ref);
     } catch (const std::bad_alloc&) {
@@ -360,8 +360,8 @@ bool PpcClient::State::FindDevice(uint32_t pid, uint32_t* deviceId)
 
 uint32_t PpcClient::SendPpcMsg(uint32_t deviceId, GakWaitType waitType, PPCMessage::MsgType msgType)
 {
-    GAK_LOG("[GAKPPCCLI] SendPpcMsg() deviceId: %u waitType:%u(0:ZOLT,1:COMPUTE,2:CUSTOM_COMPUTE) is running", deviceId,
-            waitType);
+    GAK_FREQUENT_LOG("[GAKPPCCLI] SendPpcMsg() deviceId: %u waitType:%u(0:ZOLT,1:COMPUTE,2:CUSTOM_COMPUTE) is running",
+                     deviceId, waitType);
     if (deviceId >= MAX_DEVNUM_PER_OS) {
         GAK_LOG(kStatusPpcClientInvalidParam, "[GAKPPCCLI] SendPpcMsg() srcDevId >= MAX_DEVNUM_PER_OS invalid param");
         return kStatusPpcClientInvalidParam;
@@ -403,18 +403,19 @@ uint32_t PpcClient::SendAbnormalMsg(uint32_t deviceId, GakWaitType waitType)
 
 uint32_t PpcClient::SendReport(const Report& report, uint32_t deviceId, GakWaitType waitType)
 {
-    GAK_LOG_AS(report.function,
-               "[GAKPPCCLI] %s() deviceId: %u waitType:%u(0:ZOLT,1:COMPUTE,2:CUSTOM_COMPUTE) is running",
-               report.function, deviceId, waitType);
+    GAK_FREQUENT_LOG_AS(report.function,
+                        "[GAKPPCCLI] %s() deviceId: %u waitType:%u(0:ZOLT,1:COMPUTE,2:CUSTOM_COMPUTE) is running",
+                        report.function, deviceId, waitType);
     if (SendPpcMsg(deviceId, waitType, report.type) != kStatusOk) {
         GAK_LOG_AS(report.function, kStatusPpcCreateFail,
                    "[GAKPPCCLI] Send %s fail device[%u],procType:%u(0:ZOLT,1:COMPUTE,2:CUSTOM_COMPUTE), subProcPid[%u]",
                    report.word, deviceId, waitType, OwnPid());
         return kStatusPpcCreateFail;
     }
-    GAK_LOG_AS(report.function,
-               "[GAKPPCCLI] Send %s success device[%u] procType:%u(0:ZOLT,1:COMPUTE,2:CUSTOM_COMPUTE), subProcPid[%u]",
-               report.word, deviceId, waitType, OwnPid());
+    GAK_FREQUENT_LOG_AS(
+        report.function,
+        "[GAKPPCCLI] Send %s success device[%u] procType:%u(0:ZOLT,1:COMPUTE,2:CUSTOM_COMPUTE), subProcPid[%u]",
+        report.word, deviceId, waitType, OwnPid());
     return kStatusOk;
 }
 

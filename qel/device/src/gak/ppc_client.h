@@ -1,6 +1,9 @@
 #ifndef GAKPPC_PPC_CLIENT_H
 #define GAKPPC_PPC_CLIENT_H
 
+/// @file
+/// The worker's end of PPC.
+
 #include <atomic>
 #include <cstdint>
 #include <string>
@@ -11,56 +14,105 @@
 
 namespace qel {
 
-// The worker's end of PPC: one session for each (device, process type) to the daemon's server, opened on first use and
-// kept until Destroy, and the loop that waits for the daemon's orders. Workers normally use the functions of gak.h.
-//
-// Results are status numbers, 0x1011000 for success. Any thread may call any function, also while another one is in
-// Destroy or the process exits. No thread is started: a worker's own thread receives (RecvData), one at a time on each
-// session, and any number of others send. Nothing is raised but std::system_error when a mutex cannot be
-// locked.
-//
-// Locks: each mutex is held alone. The session mutex is held over a connect and over the tear-down of all sessions,
-// never while sending or receiving. Blocked threads are woken as follows: a receive or a send by Destroy, which shuts
-// its session down; a wait for the custom process by the receive loop, and by nothing else.
+/// The worker's end of PPC: one session for each (device, process type) to the daemon's server, opened on first use and
+/// kept until Destroy, and the loop that waits for the daemon's orders. Workers normally use the functions of gak.h.
+///
+/// Results are status numbers, 0x1011000 for success. Any thread may call any function, also while another one is in
+/// Destroy or the process exits. No thread is started: a worker's own thread receives (RecvData), one at a time on each
+/// session, and any number of others send. Nothing is raised but std::system_error when a mutex cannot be
+/// locked.
+///
+/// Locks: each mutex is held alone. The session mutex is held over a connect and over the tear-down of all sessions,
+/// never while sending or receiving. Blocked threads are woken as follows: a receive or a send by Destroy, which shuts
+/// its session down; a wait for the custom process by the receive loop, and by nothing else.
 class GAKPPC_API PpcClient : public PpcInterface {
 public:
-    // The one client, never null. Destroy runs when the process exits.
+    /// @return The one client, never null. Destroy() runs when the process exits.
     static PpcClient* GetInstance();
     ~PpcClient() override;
 
-    // The session of the device and process type, connected on first use; null when that fails. The client keeps it.
-    // Device numbers of 4 and more share the sessions of the number modulo 4.
+    /// Finds the session of a device and process type, or connects it on first use.
+    ///
+    /// @param deviceId  The device. Numbers of 4 and more share the sessions of the number modulo 4.
+    /// @param procType  The process type.
+    /// @return The session, which stays the client's; null when it cannot be connected.
     void* GetPpcSession(uint32_t deviceId, PPCMessage::ProcessType procType);
 
-    // SendMsg on `session`.
+    /// SendMsg() on a session.
+    ///
+    /// @param session  The session.
+    /// @param msg      The message.
+    /// @return What SendMsg() returns.
     uint32_t SendData(void*& session, const PPCMessage& msg);
 
-    // The receive loop: blocks until a message ends it (see RecvMsgProc), receiving fails, or the client is destroyed
-    // (0x1093040, or the status of the receive that it ended). After Destroy it opens no session and returns 0x1093040
-    // at once; sending or GetPpcSession starts over.
+    /// The receive loop: blocks until a message ends it (see RecvMsgProc()), receiving fails, or the client is
+    /// destroyed. After Destroy() it opens no session and returns at once; sending or GetPpcSession() starts over.
+    ///
+    /// @param deviceId  The device.
+    /// @param waitType  The process type, as GetPPCProcessType() reads it.
+    /// @return What RecvMsgProc() returned; what RecvMsg() returned when receiving failed, 0x1093039 when there is no
+    ///         connection; 0x1093040 while the client has no session at all and after Destroy(), or the status of the
+    ///         receive that Destroy() ended.
     uint32_t RecvData(uint32_t deviceId, GakWaitType waitType);
 
-    // Handles one received message. 0x109303E means that the loop goes on. A SHUTDOWN whose dest_id is `deviceId` is
-    // answered on `session` and gives the status of the answer. A START_RSP of the custom process wakes the threads
-    // that wait for it.
+    /// Handles one received message. A SHUTDOWN whose `dest_id` is the device is answered. A START_RSP of the custom
+    /// process wakes the threads that wait for it.
+    ///
+    /// @param deviceId  The device that the loop is for.
+    /// @param session   The session that the answer goes to.
+    /// @param procType  The process type that goes into the answer.
+    /// @param msg       The message.
+    /// @return 0x109303E when the loop goes on; otherwise what SendMsg() returned for the answer.
     uint32_t RecvMsgProc(uint32_t deviceId, void*& session, const PPCMessage::ProcessType& procType,
                          const PPCMessage& msg);
 
-    // Ends all sessions; threads blocked in them return soon, and nobody waits for them. Does nothing when there is no
-    // session, and in a forked child. The next GetPpcSession, also one for a message to send, starts over.
+    /// Ends all sessions; threads blocked in them return soon, and nobody waits for them. Does nothing when there is no
+    /// session, and in a forked child. The next GetPpcSession(), also one for a message to send, starts over.
     void Destroy();
 
-    // 0, 1 and 2 are the process type of that number, all others MAXPROCTYPE.
+    /// Reads a wait type for the receive loop.
+    ///
+    /// @param waitType  The wait type.
+    /// @return For 0, 1 and 2 the process type of that number, for all others MAXPROCTYPE.
     PPCMessage::ProcessType GetPPCProcessType(GakWaitType waitType);
 
-    // Sends a message of type `msgType`. Wait types up to 3 as signed numbers are accepted: 0 goes out as ZOLT, 2 as
-    // CUSTOM_COMPUTE, all others as COMPUTE. Device numbers above 3 and other wait types give 0x109303C.
+    /// Sends a message that has nothing in it but its sender.
+    ///
+    /// @param deviceId  The device, 0 to 3.
+    /// @param waitType  Accepted up to 3 as a signed number: 0 goes out as ZOLT, 2 as CUSTOM_COMPUTE, all others as
+    ///                  COMPUTE.
+    /// @param msgType   The message type.
+    /// @return 0x109303C for another device or wait type; otherwise what SendMsg() returns, 0x1093036 when there is no
+    ///         connection.
     uint32_t SendPpcMsg(uint32_t deviceId, GakWaitType waitType, PPCMessage::MsgType msgType);
 
-    // What the functions of gak.h call.
+    /// What ::GakWaitForShutdown calls: START_RSP, then RecvData().
+    ///
+    /// @param deviceId  The device.
+    /// @param waitType  The process type.
+    /// @return 0x1093031 when START_RSP could not be sent; otherwise what RecvData() returns.
     uint32_t GakWaitForShutdownProc(uint32_t deviceId, GakWaitType waitType);
+
+    /// What ::GakHeartbeatSend calls.
+    ///
+    /// @param deviceId  The device.
+    /// @param waitType  The process type.
+    /// @return 0x1011000 or 0x1093031.
     uint32_t SendHeartbeat(uint32_t deviceId, GakWaitType waitType);
+
+    /// What ::GakDestory calls.
+    ///
+    /// @param deviceId  The device.
+    /// @param waitType  The process type.
+    /// @return 0x1011000 or 0x1093031.
     uint32_t SendAbnormalMsg(uint32_t deviceId, GakWaitType waitType);
+
+    /// What ::CreateOrFindCustPid calls.
+    ///
+    /// @param libNames  The names of the libraries.
+    /// @param hostPid   The host process.
+    /// @return 0x1093031, at once, when this process has sent nothing before or memory runs out; otherwise, after the
+    ///         wait, what SendMsg() returned.
     uint32_t CreateOrFindCustPid(std::vector<std::string>& libNames, uint32_t hostPid);
 
 private:

@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <cstdint>
-#include <cstdlib>
 #include <cstring>
 #include <memory>
 #include <new>
@@ -54,18 +53,20 @@ uint32_t EncodedSize(const PPCMessage& msg)
     return static_cast<uint32_t>(std::min<size_t>(msg.ByteSizeLong(), UINT32_MAX));
 }
 
+using Payload = std::unique_ptr<uint8_t[]>;
+
 // Null when the payload is too long or memory runs out. The tail of a long payload is not cleared: every byte is
 // written next, and clearing it would double the work.
-std::unique_ptr<uint8_t[]> MakePayloadBuffer(uint32_t size)
+Payload MakePayload(uint32_t size)
 {
     if (size > kLargestPayload) {
         return nullptr;
     }
-    std::unique_ptr<uint8_t[]> buffer(new (std::nothrow) uint8_t[size]);
-    if (buffer != nullptr && memset_s(buffer.get(), size, 0, std::min(size, kClearedAhead)) != 0) {
+    Payload payload(new (std::nothrow) uint8_t[size]);
+    if (payload != nullptr && memset_s(payload.get(), size, 0, std::min(size, kClearedAhead)) != 0) {
         return nullptr;
     }
-    return buffer;
+    return payload;
 }
 
 // The encoded length that a payload announces; 0 when the payload is too short to hold it.
@@ -102,13 +103,13 @@ uint32_t PpcInterface::SendMsg(void* session, const PPCMessage& msg)
         return kStatusPpcNoSession;
     }
     const uint32_t encodedSize = EncodedSize(msg);
-    GAK_LOG("PpcInterface::SendMsg, size=%u, subpid=%u", encodedSize, msg.sub_proc_pid());
+    GAK_FREQUENT_LOG("PpcInterface::SendMsg, size=%u, subpid=%u", encodedSize, msg.sub_proc_pid());
     if (encodedSize > kLargestEncodedSize) {
         GAK_LOG(kStatusIntegerReversed, "Integer reversed addA: %u + addB: %u", encodedSize, kInnerLengthSize);
         return kStatusIntegerReversed;
     }
     const uint32_t size = encodedSize + kInnerLengthSize;
-    const std::unique_ptr<uint8_t[]> payload = MakePayloadBuffer(size);
+    const Payload payload = MakePayload(size);
     if (payload == nullptr) {
         GAK_LOG(kStatusMemoryExhausted, "[GAKPPCIF] SendMsg() msgBuffer is nullptr error");
         return kStatusMemoryExhausted;
@@ -176,7 +177,7 @@ uint32_t PpcInterface::RecvMsg(void* session, PPCMessage& msg)
         GAK_LOG(kStatusMemoryExhausted, "[GAKPPCIF] RecvMsg() no memory for the message");
         return kStatusMemoryExhausted;
     }
-    GAK_LOG("PpcInterface::RecvMsg, size=%u, subpid=%u", EncodedSize(msg), msg.sub_proc_pid());
+    GAK_FREQUENT_LOG("PpcInterface::RecvMsg, size=%u, subpid=%u", EncodedSize(msg), msg.sub_proc_pid());
     if (descriptor.Free() != PPC_OK) {
         GAK_LOG(kStatusPpcMsgFreeFail, "[GAKPPCIF] RecvMsg() drvPpcFreeMsg fail");
         return kStatusPpcMsgFreeFail;

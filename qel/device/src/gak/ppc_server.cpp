@@ -40,6 +40,21 @@ constexpr uint32_t kNoProcessType = PPCMessage::MAXPROCTYPE;
 
 using Handler = void (*)(const PPCMessage&);
 
+// The key of a worker in the session table.
+uint64_t WorkerKey(uint32_t deviceId, uint32_t subProcPid)
+{
+    return (uint64_t{deviceId} << 32) | subProcPid;
+}
+
+using SessionTable = std::map<uint64_t, ppc::PpcSessionRef>;
+
+// An entry that a thread has seen in the session table, and the version that the table had.
+struct SeenEntry {
+    uint64_t version;
+    uint64_t worker;
+    void* session;
+};
+
 // A receive thread that has ended. The system gives thread ids again, so a serial number goes with each: an entry that
 // nobody claimed must never be taken for a younger thread, which the reaper would then wait for.
 struct FinishedThread {
@@ -54,6 +69,9 @@ struct ReceiveThread {
 
 // The entry with which this thread will report its end; made before the thread starts, so that reporting cannot fail.
 thread_local std::list<FinishedThread>* ownFinishedEntry = nullptr;
+
+// Nearly every message confirms the entry that the one before it left.
+thread_local SeenEntry lastSeen = {};
 
 // Set while a handler runs on this thread.
 thread_local bool insideHandler = false;
@@ -143,7 +161,9 @@ struct PpcServer::State {
     std::map<uint32_t, Handler> handlers GAKPPC_GUARDED_BY(handlerMutex);
 
     Mutex sessionTableMutex;
-    std::map<uint32_t, std::map<uint32_t, ppc::PpcSessionRef>> sessionTable GAKPPC_GUARDED_BY(sessionTableMutex);
+    SessionTable sessionTable GAKPPC_GUARDED_BY(sessionTableMutex);
+    // Rises, under that mutex, whenever an entry that was there changes; read without it.
+    std::atomic<uint64_t> sessionTableVersion{1};
 
     bool BelongsToParent() const { return server != nullptr && owner != getpid(); }
 
@@ -291,7 +311,7 @@ void PpcServer::State::LowerFlags()
 
 void PpcServer::State::ClearTables()
 {
-    std::map<uint32_t, std::map<uint32_t, ppc::PpcSessionRef>> forgotten;
+    SessionTable forgotten;
     {
         MutexLock lock(handlerMutex);
         handlers.clear();
@@ -299,6 +319,7 @@ void PpcServer::State::ClearTables()
     {
         MutexLock lock(sessionTableMutex);
         forgotten.swap(sessionTable);
+        ++sessionTableVersion;
     }
 }
 
@@ -388,14 +409,15 @@ bool PpcServer::StartReceiveThread(void* session)
 
 void PpcServer::SetPpcSession(uint32_t deviceId, uint32_t subProcPid, void* const& session)
 {
-    GAK_LOG("[PpcServer] SetPpcSession, deviceId:%u, subProcPid:%u", deviceId, subProcPid);
+    GAK_FREQUENT_LOG("[PpcServer] SetPpcSession, deviceId:%u, subProcPid:%u", deviceId, subProcPid);
     if (state_.HasSession(deviceId, subProcPid, session)) {
         return;  // the usual case: every message of a worker comes here
     }
     ppc::PpcSessionRef entry(session);
     try {
         MutexLock lock(state_.sessionTableMutex);
-        std::swap(state_.sessionTable[deviceId][subProcPid], entry);
+        std::swap(state_.sessionTable[WorkerKey(deviceId, subProcPid)], entry);
+        ++state_.sessionTableVersion;
     } catch (const std::bad_alloc&) {
         GAK_LOG(kStatusMemoryExhausted, "[GAKPPCSER] SetPpcSession() no memory for deviceId:%u, subProcPid:%u",
                 deviceId, subProcPid);
@@ -406,22 +428,26 @@ void PpcServer::SetPpcSession(uint32_t deviceId, uint32_t subProcPid, void* cons
 // Only for a session that the table holds: the address of such a one cannot have become another session.
 bool PpcServer::State::HasSession(uint32_t deviceId, uint32_t subProcPid, void* session)
 {
+    const uint64_t worker = WorkerKey(deviceId, subProcPid);
+    if (lastSeen.version == sessionTableVersion && lastSeen.worker == worker && lastSeen.session == session) {
+        return true;
+    }
     MutexLock lock(sessionTableMutex);
-    const auto device = sessionTable.find(deviceId);
-    if (device == sessionTable.end()) {
+    const auto entry = sessionTable.find(worker);
+    if (entry == sessionTable.end() || !entry->second.IsHeld() || entry->second.Get() != session) {
         return false;
     }
-    const auto entry = device->second.find(subProcPid);
-    return entry != device->second.end() && entry->second.IsHeld() && entry->second.Get() == session;
+    lastSeen = {sessionTableVersion, worker, session};
+    return true;
 }
 
 // A pair that was never seen is entered with a null handle. Null also when there is no memory for that.
 ppc::PpcSessionRef PpcServer::State::GetPpcSession(uint32_t deviceId, uint32_t subProcPid)
 {
-    GAK_LOG("[PpcServer] GetPpcSession, deviceId:%u, subProcPid:%u", deviceId, subProcPid);
+    GAK_FREQUENT_LOG("[PpcServer] GetPpcSession, deviceId:%u, subProcPid:%u", deviceId, subProcPid);
     try {
         MutexLock lock(sessionTableMutex);
-        return sessionTable[deviceId][subProcPid];
+        return sessionTable[WorkerKey(deviceId, subProcPid)];
     } catch (const std::bad_alloc&) {
         GAK_LOG(kStatusMemoryExhausted, "[GAKPPCSER] GetPpcSession() no memory for deviceId:%u, subProcPid:%u",
                 deviceId, subProcPid);
@@ -515,10 +541,10 @@ void PpcServer::RecvData(void* const& session, uint64_t threadNumber)
         }
         SetPpcSession(msg.src_id(), msg.sub_proc_pid(), session);
         PPCSerMsgProc(msg);
-        GAK_LOG(kStatusOk,
-                "[GAKPPCSER] ##### [threadName:%s] RecvData [ret=%u] Save [device index in os:%u] "
-                "[notifyProcType:%u]####",
-                threadName, status, lastDevice, lastProcessType);
+        GAK_FREQUENT_OK_LOG_AS(__func__,
+                               "[GAKPPCSER] ##### [threadName:%s] RecvData [ret=%u] Save [device index in os:%u] "
+                               "[notifyProcType:%u]####",
+                               threadName, status, lastDevice, lastProcessType);
         if (!serverRecvFlag_) {
             return;
         }
@@ -558,7 +584,7 @@ void PpcServer::PPCSerMsgProc(const PPCMessage& msg)
 {
     const auto type = static_cast<uint32_t>(msg.type());
     MutexLock lock(state_.handlerMutex);
-    GAK_LOG("[GAKPPCSER] PPCSerMsgProc msg type: %u", type);
+    GAK_FREQUENT_LOG("[GAKPPCSER] PPCSerMsgProc msg type: %u", type);
     const auto found = state_.handlers.find(type);
     if (found == state_.handlers.end()) {
         GAK_LOG("[GAKPPCSER] PPCSerMsgProc msg type:%u" GAKPPC_MSG_TYPES " processFunc not exist", type);
@@ -645,7 +671,7 @@ std::list<ReceiveThread>::iterator PpcServer::State::JoinIfFinished(std::list<Re
     for (auto finished = finishedThreads.begin(); finished != finishedThreads.end(); ++finished) {
         GAK_LOG_AS("JoinAllPPCRcvThreads", "[GAKPPCSER] JoinAllPPCRcvThreads() [free tid=%s]",
                    ThreadIdText(finished->id).c_str());
-        if (finished->serial == candidate->serial && candidate->thread.joinable()) {
+        if (finished->serial == candidate->serial) {
             GAK_LOG_AS("JoinAllPPCRcvThreads", "[GAKPPCSER] JoinAllPPCRcvThreads() Find free tid and joinable");
             candidate->thread.join();
             finishedThreads.erase(finished);

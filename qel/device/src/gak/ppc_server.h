@@ -1,6 +1,9 @@
 #ifndef GAKPPC_PPC_SERVER_H
 #define GAKPPC_PPC_SERVER_H
 
+/// @file
+/// The daemon's end of PPC.
+
 #include <atomic>
 #include <cstdint>
 
@@ -8,82 +11,113 @@
 
 namespace qel {
 
-// The daemon's end of PPC: accepts the workers' sessions, receives on each, hands the messages to the daemon's handlers
-// and sends to a worker by device and process id.
-//
-// Use: GetInstance; RegPPCSerMsgProcFunc for each message type; CreateServer; then SendData, and JoinAllPPCRcvThreads
-// from time to time; at the end Destroy, which also runs when the process exits. ppcInit (ppc.h) comes before
-// CreateServer. After Destroy the server can be created again.
-//
-// Results are status numbers, 0x1011000 for success; every failure is logged. Any thread may call any function, with
-// the exceptions named at Destroy and RegPPCSerMsgProcFunc. Nothing is raised but std::system_error when a mutex cannot
-// be locked; what cannot be stored for lack of memory is logged and left out.
-//
-// Threads. "ppc_srv_accept" runs AcceptConnection from CreateServer until Destroy, or until the driver reports that
-// the endpoint is gone. "ppc_srv_recv_<n>" runs RecvData for one session; it ends when its session closes, when its
-// worker sends an unacceptable message, or when Destroy has begun. A thread that ended because its session closed is
-// joined by JoinAllPPCRcvThreads or Destroy, all others by Destroy. These threads block all asynchronous signals.
-//
-// Waking. Destroy wakes the accept thread by stopping the endpoint, and receive threads and blocked senders by shutting
-// their sessions down. A handler that does not return blocks Destroy.
-//
-// Locks, outermost first: life cycle (CreateServer, Destroy) - thread list - finished threads. The session list, the
-// handler table, the session table and the run flags have a mutex each; none of these is taken while another one of
-// them is held, nor while the thread list's is, and only the handler mutex is held while foreign code runs. The
-// driver's own mutexes are leaves.
-//
-// Sessions. The session list says which sessions are open. The session table is an address book: an entry stays after
-// its session has been closed, and a message to it fails with 0x1093037; it never reaches another worker. Handles that
-// GetPpcSession returns are for CloseSomeSession and SendMsg; they stay safe to use as ppc.h says of ended sessions.
+/// The daemon's end of PPC: accepts the workers' sessions, receives on each, hands the messages to the daemon's
+/// handlers and sends to a worker by device and process id.
+///
+/// Use: GetInstance; RegPPCSerMsgProcFunc for each message type; CreateServer; then SendData, and JoinAllPPCRcvThreads
+/// from time to time; at the end Destroy, which also runs when the process exits. ppcInit (ppc.h) comes before
+/// CreateServer. After Destroy the server can be created again.
+///
+/// Results are status numbers, 0x1011000 for success; every failure is logged. Any thread may call any function, with
+/// the exceptions named at Destroy and RegPPCSerMsgProcFunc. Nothing is raised but std::system_error when a mutex
+/// cannot be locked; what cannot be stored for lack of memory is logged and left out.
+///
+/// Threads. "ppc_srv_accept" runs AcceptConnection from CreateServer until Destroy, or until the driver reports that
+/// the endpoint is gone. "ppc_srv_recv_<n>" runs RecvData for one session; it ends when its session closes, when its
+/// worker sends an unacceptable message, or when Destroy has begun. A thread that ended because its session closed is
+/// joined by JoinAllPPCRcvThreads or Destroy, all others by Destroy. These threads block all asynchronous signals.
+///
+/// Waking. Destroy wakes the accept thread by stopping the endpoint, and receive threads and blocked senders by
+/// shutting their sessions down. A handler that does not return blocks Destroy.
+///
+/// Locks, outermost first: life cycle (CreateServer, Destroy) - thread list - finished threads. The session list, the
+/// handler table, the session table and the run flags have a mutex each; none of these is taken while another one of
+/// them is held, nor while the thread list's is, and only the handler mutex is held while foreign code runs. The
+/// driver's own mutexes are leaves.
+///
+/// Sessions. The session list says which sessions are open. The session table is an address book: an entry stays after
+/// its session has been closed, and a message to it fails with 0x1093037; it never reaches another worker. Handles that
+/// GetPpcSession returns are for CloseSomeSession and SendMsg; they stay safe to use as ppc.h says of ended sessions.
 class GAKPPC_API PpcServer : public PpcInterface {
 public:
+    /// @return The one server. Destroy() runs when the process exits.
     static PpcServer& GetInstance();
     ~PpcServer() override;
 
-    // Listens as server `serverId` and starts the accept thread. Does nothing when the server runs already. Returns
-    // 0x1093030 or 0x1093031 when the driver fails or the thread cannot be started; 0x109303D from inside a handler
-    // while the server is being destroyed.
+    /// Listens and starts the accept thread. Does nothing when the server runs already.
+    ///
+    /// @param serverId  The id that clients connect to, qel::kPpcServerId.
+    /// @return 0x1011000; 0x1093030 or 0x1093031 when the driver fails or the thread cannot be started; 0x109303D from
+    ///         inside a handler while the server is being destroyed.
     uint32_t CreateServer(uint32_t serverId);
 
-    // The accept thread's body. Its result is for the log only.
+    /// The accept thread's body.
+    ///
+    /// @return A status number for the log only.
     uint32_t AcceptConnection();
 
-    // Enters or overwrites the handle of a worker. Any pointer is accepted and never looked behind.
+    /// Enters or overwrites the handle of a worker in the session table.
+    ///
+    /// @param deviceId    The worker's device.
+    /// @param subProcPid  The worker's process id.
+    /// @param session     Any pointer is accepted and never looked behind.
     void SetPpcSession(uint32_t deviceId, uint32_t subProcPid, void* const& session);
 
-    // The handle of a worker, null for one never seen, which is then entered with a null handle.
+    /// Finds the handle of a worker in the session table.
+    ///
+    /// @param deviceId    The worker's device.
+    /// @param subProcPid  The worker's process id.
+    /// @return The handle, null for a worker never seen, which is then entered with a null handle.
     void* GetPpcSession(uint32_t deviceId, uint32_t subProcPid);
 
-    // Sends to the worker (dest_id, sub_proc_pid). Blocks while its socket is full, until the worker reads or the
-    // session is closed. Returns 0x109303D for a dest_id above 3 or a proc_type above 2, 0x1093036 for a worker never
-    // seen, and what SendMsg returns.
+    /// Sends to the worker that `dest_id` and `sub_proc_pid` name. Blocks while its socket is full, until the worker
+    /// reads or the session is closed.
+    ///
+    /// @param msg  The message.
+    /// @return 0x109303D for a `dest_id` above 3 or a `proc_type` above 2; 0x1093036 for a worker never seen; otherwise
+    ///         what SendMsg() returns.
     uint32_t SendData(const PPCMessage& msg);
 
-    // Closes a session and takes it off the list. One that is closed already, or unknown, is only logged.
+    /// Closes a session and takes it off the list. One that is closed already, or unknown, is only logged.
+    ///
+    /// @param session  The session's handle.
     void CloseSomeSession(void* const& session);
+
+    /// Takes a session off the list without closing it. One that is not listed is only logged.
+    ///
+    /// @param session  The session's handle.
     void RemoveFromPpcSessionList(void* const& session);
 
-    // Stops accepting, closes all listed sessions, joins all threads, ends the endpoint and clears the handler and the
-    // session table. Returns when all that is done, always 0x1011000; at once when there is no server, and in a forked
-    // child. A handler cannot wait for its own thread: called inside one it does nothing and returns 0x109303D.
+    /// Stops accepting, closes all listed sessions, joins all threads, ends the endpoint and clears the handler and the
+    /// session table. Returns when all that is done; at once when there is no server, and in a forked child. A handler
+    /// cannot wait for its own thread: called inside one it does nothing.
+    ///
+    /// @return 0x1011000; 0x109303D inside a handler.
     uint32_t Destroy();
 
-    // A receive thread's body: receives on `session` until it closes. `threadNumber` names the thread.
+    /// A receive thread's body: receives until the session closes.
+    ///
+    /// @param session       The session's handle.
+    /// @param threadNumber  Goes into the thread's name.
     void RecvData(void* const& session, uint64_t threadNumber);
 
-    // Calls the handler of the message's type, one at a time in the whole server. What a handler raises is caught and
-    // logged. Handlers must not block for long, and must not call PPCSerMsgProc or RegPPCSerMsgProcFunc (deadlock);
-    // they may call SendData.
+    /// Calls the handler of the message's type, one at a time in the whole server. What a handler raises is caught and
+    /// logged. Handlers must not block for long, and must not call PPCSerMsgProc() or RegPPCSerMsgProcFunc()
+    /// (deadlock); they may call SendData().
+    ///
+    /// @param msg  The message. Handlers may use it until they return.
     void PPCSerMsgProc(const PPCMessage& msg);
 
-    // Registers a handler until Destroy. The first one of a type stays, also a null one, which drops the messages of
-    // its type. Never from inside a handler.
+    /// Registers a handler until Destroy(). The first one of a type stays. Never from inside a handler.
+    ///
+    /// @param msgType  The message type, PPCMessage::MsgType.
+    /// @param handler  The handler. Null drops the messages of the type.
     void RegPPCSerMsgProcFunc(uint32_t msgType, void (*handler)(const PPCMessage&));
 
-    // Joins the receive threads that have finished. Does not wait for others.
+    /// Joins the receive threads that have finished. Does not wait for others.
     void JoinAllPPCRcvThreads();
 
-    // Whether the server has been created and not yet destroyed.
+    /// @return Whether the server has been created and not yet destroyed.
     bool IsPPCServerRunning() const;
 
 private:

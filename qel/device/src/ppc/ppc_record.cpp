@@ -13,7 +13,8 @@ namespace ppc {
 // The records of one kind that can be recognised: all live ones and the last few retired ones.
 class RecordDirectory {
 public:
-    constexpr explicit RecordDirectory(size_t retiredKept) : retiredKept_(retiredKept) {}
+    // not covered: runs in the compiler only
+    constexpr explicit RecordDirectory(size_t retiredKept) noexcept : retiredKept_(retiredKept) {}
 
     void Add(PpcRecord* record)
     {
@@ -156,24 +157,6 @@ void PpcRecord::Release()
         }
     }
     DirectoryOf(kind_).Release(this);
-}
-
-bool PpcRecord::EnterCall()
-{
-    uint32_t calls = calls_.load(std::memory_order_relaxed);
-    while ((calls & kRevoked) == 0) {
-        if (calls_.compare_exchange_weak(calls, calls + 1, std::memory_order_acquire, std::memory_order_relaxed)) {
-            return true;
-        }
-    }
-    return false;
-}
-
-void PpcRecord::LeaveCall()
-{
-    if (calls_.fetch_sub(1, std::memory_order_acq_rel) == (kRevoked | 1U)) {
-        CloseDescriptor();
-    }
 }
 
 void PpcRecord::Revoke()

@@ -34,11 +34,10 @@ public:
     PpcRecord(const PpcRecord&) = delete;
     PpcRecord& operator=(const PpcRecord&) = delete;
 
-    void* Handle() { return this + 1; }
-
     // Pure arithmetic: the result may be looked behind only if the directory knows the handle.
     static PpcRecord* Of(void* handle)
     {
+        // NOLINTNEXTLINE(performance-no-int-to-ptr): a foreign pointer need not point into an object
         return reinterpret_cast<PpcRecord*>(reinterpret_cast<uintptr_t>(handle) - sizeof(PpcRecord));
     }
 
@@ -56,8 +55,22 @@ public:
     static bool TakeFromOwner(Kind kind, void* handle);
 
     // A call in flight. False, without entering, when the record has been revoked.
-    bool EnterCall();
-    void LeaveCall();
+    bool EnterCall()
+    {
+        uint32_t calls = calls_.load(std::memory_order_relaxed);
+        while ((calls & kRevoked) == 0) {
+            if (calls_.compare_exchange_weak(calls, calls + 1, std::memory_order_acquire, std::memory_order_relaxed)) {
+                return true;
+            }
+        }
+        return false;
+    }
+    void LeaveCall()
+    {
+        if (calls_.fetch_sub(1, std::memory_order_acq_rel) == (kRevoked | 1U)) {
+            CloseDescriptor();
+        }
+    }
 
     // Stops the descriptor: new calls find -1, calls in flight are woken by shutting the socket down, and the
     // descriptor is closed as soon as the last of them has left. Revoking again does nothing.

@@ -8,9 +8,7 @@
 namespace ppc {
 namespace {
 
-thread_local bool staysBlocked = false;
-
-sigset_t SigpipeSet()
+sigset_t SigpipeSet() noexcept
 {
     sigset_t set;
     sigemptyset(&set);
@@ -30,11 +28,10 @@ bool SigpipeIsPending()
 
 }  // namespace
 
-SigpipeGuard::SigpipeGuard()
+__thread bool SigpipeGuard::staysBlocked = false;
+
+void SigpipeGuard::Block()
 {
-    if (staysBlocked) {
-        return;
-    }
     sigset_t previous;
     pthread_sigmask(SIG_BLOCK, &kSigpipe, &previous);
     unblockAtEnd_ = sigismember(&previous, SIGPIPE) == 0;
@@ -42,11 +39,9 @@ SigpipeGuard::SigpipeGuard()
     wasPending_ = !unblockAtEnd_ && SigpipeIsPending();
 }
 
-SigpipeGuard::~SigpipeGuard()
+void SigpipeGuard::Unblock()
 {
-    if (unblockAtEnd_) {
-        pthread_sigmask(SIG_UNBLOCK, &kSigpipe, nullptr);
-    }
+    pthread_sigmask(SIG_UNBLOCK, &kSigpipe, nullptr);
 }
 
 void SigpipeGuard::Consume()
@@ -58,11 +53,6 @@ void SigpipeGuard::Consume()
         pthread_kill(pthread_self(), SIGPIPE);  // the two had merged: the caller's goes back
     }
     errno = savedErrno;
-}
-
-void SigpipeStaysBlockedOnThisThread()
-{
-    staysBlocked = true;
 }
 
 }  // namespace ppc

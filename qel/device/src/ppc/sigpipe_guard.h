@@ -10,22 +10,38 @@ namespace ppc {
 // as they were before.
 class SigpipeGuard {
 public:
-    SigpipeGuard();
-    ~SigpipeGuard();
+    SigpipeGuard()
+    {
+        if (!staysBlocked) {
+            Block();
+        }
+    }
+    ~SigpipeGuard()
+    {
+        if (unblockAtEnd_) {
+            Unblock();
+        }
+    }
     SigpipeGuard(const SigpipeGuard&) = delete;
     SigpipeGuard& operator=(const SigpipeGuard&) = delete;
 
     // Takes the SIGPIPE back that a write raised in this scope. Keeps errno.
     void Consume();
 
+    // Tells this thread's guards that SIGPIPE is blocked for its whole life, which saves them two system calls each.
+    // For threads that the library starts.
+    static void StaysBlockedOnThisThread() { staysBlocked = true; }
+
 private:
+    void Block();
+    void Unblock();
+
+    // Not thread_local: every use of one in another source file would first ask whether it must be initialised.
+    static __thread bool staysBlocked;
+
     bool unblockAtEnd_ = false;
     bool wasPending_ = false;
 };
-
-// Tells this thread's guards that SIGPIPE is blocked for its whole life, which saves them two system calls each. For
-// threads that the library starts.
-void SigpipeStaysBlockedOnThisThread();
 
 }  // namespace ppc
 
