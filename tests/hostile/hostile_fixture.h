@@ -28,12 +28,14 @@ using namespace std::chrono_literals;
 using Clock = std::chrono::steady_clock;
 using qel::PPCMessage;
 using testsupport::Fd;
+using testsupport::kMeasuresAreOwn;
 using testsupport::kUnderSanitizer;
 using testsupport::WaitUntil;
 
 constexpr uint32_t kOk = 0x1011000;
 constexpr uint32_t kServerId = 19280;
 constexpr auto kWait = 20s;
+constexpr uint32_t kQuickUs = testsupport::kMeasuresAreOwn ? 50000 : 500000;
 
 // A well-behaved worker that beats while others misbehave. Each beat carries the time at which it was sent, so that the
 // daemon's handler knows how long it took to get there.
@@ -85,7 +87,7 @@ public:
         return testing::AssertionFailure() << "only " << received.latencies.size() << " heartbeats arrived";
     }
 
-    // Whether 99 of 100 beats took less than 50 ms; at least 200 of them.
+    // Whether 99 of 100 beats took less than 50 ms, natively; at least 200 of them.
     static testing::AssertionResult StayQuick()
     {
         const testing::AssertionResult enough = Arrive(200);
@@ -99,8 +101,8 @@ public:
         testing::Test::RecordProperty("p99_us", static_cast<int>(p99));
         printf("%zu heartbeats: median %u us, p99 %u us, longest %u us\n", sorted.size(), sorted[sorted.size() / 2],
                p99, sorted.back());
-        return p99 < 50000 ? testing::AssertionSuccess()
-                           : testing::AssertionFailure() << "99 of 100 heartbeats took up to " << p99 << " us";
+        return p99 < kQuickUs ? testing::AssertionSuccess()
+                              : testing::AssertionFailure() << "99 of 100 heartbeats took up to " << p99 << " us";
     }
 
 private:
