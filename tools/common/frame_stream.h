@@ -13,7 +13,7 @@ namespace tools {
 constexpr size_t kFrameHeaderSize = 4;
 constexpr uint32_t kMaxPayload = 0x40000000;
 // Of a longer frame only the beginning is kept to be shown.
-constexpr size_t kMaxKept = 16U * 1024 * 1024;
+constexpr size_t kMaxKept = size_t{16} * 1024 * 1024;
 
 uint32_t DecodeBigEndian(const uint8_t* bytes);
 Bytes FrameOf(const Bytes& payload);

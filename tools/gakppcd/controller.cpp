@@ -48,6 +48,9 @@ void Controller::OnStarted(Worker& worker)
 // A device has at most one custom process. The one who asks is told as soon as it has reported its start.
 void Controller::ProvideCustom(Worker& asker)
 {
+    if (asker.state == WorkerState::kStopping || asker.state == WorkerState::kStopped) {
+        return;
+    }
     const Worker* const custom = workers_.FindCustom(asker.device);
     if (custom != nullptr && custom->state != WorkerState::kSpawned) {
         Send(PPCMessage::START_RSP, PPCMessage::CUSTOM_COMPUTE, asker);
@@ -102,6 +105,9 @@ void Controller::OrderShutdown(Worker& worker)
         view_.Note(fmt::format("device {} pid {} is not connected", worker.device, worker.pid));
         return;
     }
+    // The order is the last message: a worker that leaves with one unread resets its connection, and nothing tells of
+    // the end of that.
+    worker.waitsForCustom = false;
     const WorkerState before = std::exchange(worker.state, WorkerState::kStopping);
     if (!Send(PPCMessage::SHUTDOWN, worker.type, worker) && worker.state == WorkerState::kStopping) {
         worker.state = before;

@@ -69,6 +69,7 @@ void ReadSpawn(const std::vector<std::string>& texts, DaemonOptions& options)
 }  // namespace
 }  // namespace tools
 
+// NOLINTNEXTLINE(bugprone-exception-escape): only the lack of memory, which ends the program
 int main(int argc, char** argv)
 {
     using namespace tools;

@@ -92,7 +92,7 @@ std::string DefaultWorkerProgram()
     char self[PATH_MAX] = "";
     if (readlink("/proc/self/exe", self, sizeof(self) - 1) > 0) {
         const std::string path(self);
-        const std::string beside = path.substr(0, path.rfind('/') + 1) + "gakppctl";
+        std::string beside = path.substr(0, path.rfind('/') + 1) + "gakppctl";
         if (access(beside.c_str(), X_OK) == 0) {
             return beside;
         }
@@ -104,6 +104,7 @@ pid_t Spawner::Start(uint32_t device, int type) const
 {
     std::vector<std::string> words{program_, "worker", "--device", std::to_string(device), "--type", ProcessName(type)};
     std::vector<char*> arguments;
+    arguments.reserve(words.size() + 1);
     for (std::string& word : words) {
         arguments.push_back(word.data());
     }

@@ -9,7 +9,7 @@
 namespace tools {
 namespace {
 
-constexpr size_t kBufferSize = 64 * 1024;
+constexpr size_t kBufferSize = size_t{64} * 1024;
 constexpr int kFairRounds = 8;
 
 }  // namespace

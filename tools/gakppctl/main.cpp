@@ -2,6 +2,7 @@
 
 #include "verbs.h"
 
+// NOLINTNEXTLINE(bugprone-exception-escape): only the lack of memory, which ends the program
 int main(int argc, char** argv)
 {
     using namespace tools;

@@ -8,8 +8,8 @@
 namespace tools {
 namespace {
 
-constexpr size_t kMaxQueuedBytes = 64U * 1024 * 1024;
-constexpr size_t kWriteAtOnce = 64U * 1024;
+constexpr size_t kMaxQueuedBytes = size_t{64} * 1024 * 1024;
+constexpr size_t kWriteAtOnce = size_t{64} * 1024;
 
 }  // namespace
 

@@ -19,7 +19,7 @@
 namespace tools {
 namespace {
 
-constexpr size_t kBufferSize = 64 * 1024;
+constexpr size_t kBufferSize = size_t{64} * 1024;
 
 struct Options {
     std::string file;

@@ -98,7 +98,7 @@ void Talk::OnPiece(Piece&& piece, bool toDaemon, const Peer& sender)
 
 void Talk::Receive(const Deadline& deadline)
 {
-    Bytes buffer(64 * 1024);
+    Bytes buffer(size_t{64} * 1024);
     while (!ended_ && !sawExpected_ && WaitReadable(socket_.get(), deadline)) {
         const ssize_t count = recv(socket_.get(), buffer.data(), buffer.size(), MSG_DONTWAIT);
         if (count > 0) {
