@@ -1,0 +1,346 @@
+"""Runs a daemon, a tap and twelve workers, interferes twice, stops everything in order and says what happened.
+
+The programs tell what they do in JSON. Every step that is shown as done has been seen: by the daemon, by the tap on
+its socket or in the exit status of a process. The exit status is 0 when all of them are done.
+"""
+
+import argparse
+import contextlib
+import json
+import os
+import signal
+import sys
+import tempfile
+import time
+from collections import Counter
+
+import picture
+from fleet import DEVICES, Fleet
+from programs import Program, Programs
+from screen import Screen
+
+HOME = "/home/KrovaUser"
+FOLDER = HOME + "/qel_ppc"
+SOCKET = FOLDER + "/sock_server_19280"
+LIBRARIES = ["libops_a.so", "libops_b.so"]
+ABNORMAL_DEVICE = 3  # its ZOLT reports an abnormal end
+KILLED_DEVICE = 2  # its ZOLT is killed
+WORKERS = 12
+LEFT = WORKERS - 2
+HEARTBEATS = 2
+STOP_SECONDS = 8  # more than the daemon gives its workers
+LOG_LINES_SHOWN = 10
+
+
+class Place:
+    """The socket's folder. What was not there before is removed at the end."""
+
+    def __init__(self):
+        self._made = []
+
+    def prepare(self):
+        self._made = [path for path in (SOCKET, FOLDER, HOME) if not os.path.lexists(path)]
+        os.makedirs(HOME, exist_ok=True)
+
+    def clear(self):
+        for path in self._made:
+            with contextlib.suppress(OSError):  # is_clear tells
+                (os.rmdir if os.path.isdir(path) else os.unlink)(path)
+
+    def is_clear(self):
+        return not any(os.path.lexists(path) for path in self._made)
+
+
+def identity(path):
+    """Tells a file from another one that takes its place. None when none is to be seen."""
+    try:
+        status = os.lstat(path)
+        return status.st_dev, status.st_ino
+    except OSError:
+        return None
+
+
+class Demonstration:
+    def __init__(self, options):
+        self.tools = options.tools
+        self.limit = options.time_limit
+        self.began = time.monotonic()
+        self.place = Place()
+        self.log = open(options.log, "w+b") if options.log else tempfile.TemporaryFile()
+        self.programs = Programs(self.log)
+        self.fleet = Fleet()
+        self.screen = Screen(self.fleet)
+        self.daemon = Program()
+        self.tap = Program()
+        self.workers = {}  # device and process type: those that were started here
+        self.daemon_said = {}  # of itself, by event: the detail
+        self.tap_said = Counter()
+        self.custom_ready = set()
+        self.received = Counter()  # by the daemon, by type and pid
+        self.carried = Counter()  # to the daemon by the tap
+        self.tap_tells = ""
+        self.daemon_socket = None
+        self.tap_socket = None
+        self.final_socket = None
+        self.killed_at = None
+        self.steps = self._define_steps()
+
+    def now(self):
+        return time.monotonic() - self.began
+
+    # ---- What is to happen ----
+
+    def _define_steps(self):
+        fleet = self.fleet
+
+        def heard(what):
+            return lambda: fleet.count(lambda worker: what in worker.heard)
+
+        def ended(device, what, end):
+            worker = fleet.at(device, "ZOLT")
+            return lambda: int(what in worker.heard and worker.end == end)
+
+        def beats_after_the_kill():
+            others = {(ABNORMAL_DEVICE, "ZOLT"), (KILLED_DEVICE, "ZOLT")}
+            return fleet.count(lambda worker: self.killed_at and (worker.last_heartbeat or 0) > self.killed_at
+                               and (worker.device, worker.kind) not in others)
+
+        return {
+            "serving": (f"the daemon serves {SOCKET}", 1, lambda: int("SERVING" in self.daemon_said)),
+            "tapped": ("the tap stands in its place", 1,
+                       lambda: int(self.tap_socket not in (None, self.daemon_socket))),
+            "started": ("START_RSP from each worker", WORKERS, heard("START_RSP")),
+            "beating": (f"{HEARTBEATS} heartbeats and more from each worker", WORKERS,
+                        lambda: fleet.count(lambda worker: worker.heartbeats >= HEARTBEATS)),
+            "asked": ("NOTIFY_VEXOINFO with two libraries from each compute worker", 4,
+                      lambda: self.tap_said[" ".join(["NOTIFY_VEXOINFO", *LIBRARIES])]),
+            "told": ("its custom worker is started, and its call of CreateOrFindCustPid returns", 4,
+                     lambda: len(self.custom_ready)),
+            "abnormal": (f"ABNORMAL from device {ABNORMAL_DEVICE} ZOLT, which leaves with status 1", 1,
+                         ended(ABNORMAL_DEVICE, "ABNORMAL", "exit 1")),
+            "killed": (f"SOCKET_CLOSE of device {KILLED_DEVICE} ZOLT, which is killed with SIGKILL", 1,
+                       ended(KILLED_DEVICE, "SOCKET_CLOSE", "signal 9")),
+            "going on": ("the others go on: another heartbeat from each", LEFT, beats_after_the_kill),
+            "ordered": ("SHUTDOWN to each worker that is left", LEFT, heard("SENT_SHUTDOWN")),
+            "answered": ("SHUTDOWN_RSP from each of them", LEFT, heard("SHUTDOWN_RSP")),
+            "left": ("each of them leaves with status 0", LEFT,
+                     lambda: fleet.count(lambda worker: worker.end == "exit 0")),
+            "returned": ("the tap gives the place back and ends with status 0", 1,
+                         lambda: int(self.tap.end == "exit 0" and self.final_socket == self.daemon_socket)),
+            "same": ("tap and daemon saw the same messages", 1,
+                     lambda: int(self.received == self.carried and sum(self.received.values()) > 0)),
+            "ended": ("the daemon ends in order", 1,
+                      lambda: int(self.daemon.end == "exit 0" and self.daemon_said.get("ENDED") == "in order")),
+            "clear": ("no process and no file is left", 1,
+                      lambda: int(self.programs.childless and self.place.is_clear())),
+        }
+
+    def is_done(self, name):
+        _, want, have = self.steps[name]
+        return have() == want
+
+    # ---- What the programs say ----
+
+    def on_daemon_line(self, line):
+        event = json.loads(line)
+        name = event["event"]
+        if "device" not in event:
+            self.daemon_said[name] = event.get("detail", "")
+            self.screen.event(self.now(), "daemon", f"{name} {event.get('detail', '')}".rstrip())
+        if name in ("START_RSP", "SHUTDOWN_RSP", "HEARTBEAT", "NOTIFY_VEXOINFO", "ABNORMAL"):
+            self.received[name, event["pid"]] += 1
+        worker = self.fleet.apply(event, self.now())
+        if name == "SOCKET_CLOSE" and worker is not None and worker.state in ("LOST", "ABNORMAL"):
+            self.screen.event(self.now(), "daemon",
+                              f"{name} of device {worker.device} {worker.kind}, pid {worker.pid}")
+        self.screen.draw()
+
+    def on_tap_line(self, line):
+        record = json.loads(line)
+        if record["event"] != "message":
+            return
+        message = record["message"]
+        to_daemon = record["direction"] == "to_daemon"
+        device = message["src_id" if to_daemon else "dest_id"]
+        libraries = message.get("lib_names", {}).get("lib_name", [])
+        text = " ".join([message["type"], *libraries])
+        self.tap_said[text] += 1
+        if to_daemon:
+            self.carried[message["type"], record["claimed_pid"]] += 1
+        later_heartbeat = message["type"] == "HEARTBEAT" and self.carried["HEARTBEAT", record["claimed_pid"]] > 1
+        if (device == 0 and not later_heartbeat) or message["type"] == "ABNORMAL":
+            arrow = "->" if to_daemon else "<-"
+            self.screen.event(self.now(), "tap", f"device {device}  pid {record['pid']:<8}  {arrow}  "
+                                                 f"{message['proc_type']:<14}  {text}")
+
+    def on_tap_error_line(self, line):
+        self.programs.log(line)
+        self.tap_tells = self.tap_tells or line.partition(": ")[2]
+
+    def on_worker_line(self, line):
+        event = json.loads(line)
+        if event["event"] == "CUSTOM_READY":
+            self.custom_ready.add(event["pid"])
+
+    # ---- Waiting ----
+
+    def something_went_wrong(self):
+        """There is no use in waiting on."""
+        may_end = (self.workers.get((ABNORMAL_DEVICE, "ZOLT")), self.workers.get((KILLED_DEVICE, "ZOLT")))
+        too_early = [program for program in self.workers.values() if program.end and program not in may_end]
+        return self.programs.interrupted_by is not None or bool(self.daemon.end or self.tap.end or too_early)
+
+    def pump(self):
+        self.programs.pump(0.5)
+        for (device, kind), program in self.workers.items():
+            self.fleet.at(device, kind).end = program.end
+
+    def wait(self, condition, limit=None):
+        limit = self.limit if limit is None else self.now() + limit
+        while not condition() and self.now() < limit:
+            self.pump()
+        return condition()
+
+    def reach(self, *names):
+        """Waits for these steps. False when one of them cannot come any more."""
+        self.wait(lambda: all(map(self.is_done, names)) or self.something_went_wrong())
+        return all(map(self.is_done, names))
+
+    # ---- The parts ----
+
+    def start(self, words, *listeners, show=True, **settings):
+        if show:
+            self.screen.command(words)
+        return self.programs.start([os.path.join(self.tools, words[0]), *words[1:]], *listeners, **settings)
+
+    def serve(self):
+        self.screen.begin("1 The daemon serves the socket.")
+        self.place.prepare()
+        self.daemon = self.start(["gakppcd", "--json", "--auto-custom"], self.on_daemon_line, takes_orders=True)
+        if not self.reach("serving"):
+            return False
+        self.daemon_socket = identity(SOCKET)
+        return True
+
+    def listen(self):
+        self.screen.begin("2 A tap takes the socket's place: from now on every message passes through it.")
+        self.tap = self.start(["gakppctl", "tap", "--json"], self.on_tap_line, self.on_tap_error_line)
+        self.wait(lambda: "in place" in self.tap_tells or self.something_went_wrong())
+        self.tap_socket = identity(SOCKET)
+        self.screen.event(self.now(), "tap", self.tap_tells)
+        return self.reach("tapped")
+
+    def order_daemon(self, text):
+        self.screen.remark(f"standard input of gakppcd: {text}")
+        self.daemon.order(text)
+
+    def start_worker(self, device, kind, *more):
+        words = ["gakppctl", "worker", "--json", "--device", str(device), "--type", kind, *more]
+        self.workers[device, kind] = self.start(words, self.on_worker_line, show=device == 0)
+
+    def work(self):
+        self.screen.begin("3 Twelve workers, three on each device. Device 0's messages, as the tap sees them:")
+        for device in DEVICES:
+            more = ["--abnormal-after", "3"] if device == ABNORMAL_DEVICE else []
+            self.start_worker(device, "ZOLT", "--heartbeat", "0.5", *more)
+            self.start_worker(device, "COMPUTE", "--heartbeat", "0.5", "--libs", ",".join(LIBRARIES))
+        self.screen.remark("and so on; each COMPUTE asks for a CUSTOM_COMPUTE, which the daemon starts")
+        reached = self.reach("started", "beating", "asked", "told")
+        self.screen.table()
+        return reached
+
+    def interfere(self):
+        victim = self.workers[KILLED_DEVICE, "ZOLT"]
+        self.screen.begin(f"4 Device {KILLED_DEVICE} ZOLT, pid {victim.pid}, is killed; device {ABNORMAL_DEVICE} ZOLT "
+                          "fails by itself; the others go on.")
+        self.killed_at = self.now()
+        victim.kill(signal.SIGKILL)
+        return self.reach("abnormal", "killed", "going on")
+
+    def shut_down(self):
+        self.screen.begin("5 The daemon orders the shutdown: each worker answers and leaves.")
+        self.order_daemon("shutdown all")
+        self.wait(lambda: all(map(self.is_done, ("ordered", "answered", "left")))
+                  or self.programs.interrupted_by is not None or bool(self.daemon.end), STOP_SECONDS)
+        self.screen.table()
+
+    def stop(self):
+        """Also after a failure: everything that was started ends."""
+        self.screen.begin("6 The tap gives the place back, the daemon ends.")
+        if self.daemon.runs() and any(program.runs() for program in self.workers.values()):
+            self.order_daemon("quit")
+            self.wait(lambda: bool(self.daemon.end), STOP_SECONDS)
+        self.tap.kill(signal.SIGTERM)
+        self.wait(lambda: not self.tap.runs(), STOP_SECONDS)
+        self.final_socket = identity(SOCKET)
+        if self.tap.pid:
+            self.screen.event(self.now(), "tap", f"has ended ({self.tap.end or 'not at all'})")
+        if self.daemon.runs():
+            self.order_daemon("quit")
+        if not self.wait(self.programs.is_over, STOP_SECONDS):
+            self.programs.kill_rest()
+            self.wait(self.programs.is_over, STOP_SECONDS)
+        self.place.clear()
+
+    def play(self):
+        try:
+            if self.serve() and self.listen() and self.work() and self.interfere():
+                self.shut_down()
+        except OSError as error:
+            print(f"demo: {error}", file=sys.stderr)
+        finally:
+            self.stop()
+
+    def result(self):
+        """Prints what happened; whether all of it did."""
+        lines = []
+        complete = True
+        for name, (text, want, have) in self.steps.items():
+            number = f" ({have()} of {want})" if want > 1 else ""
+            done = self.is_done(name)
+            complete = complete and done
+            lines.append(f"{'done' if done else 'MISSING':<9}{text}{number}")
+        messages = sum(self.carried.values())
+        lines += ["", f"The demonstration {'is complete' if complete else 'FAILED'} after {self.now():.1f} s; "
+                      f"the tap carried {messages} messages to the daemon."]
+        self.screen.result(lines)
+        if not complete:
+            self.show_log()
+        return complete
+
+    def show_log(self):
+        self.log.seek(0)
+        last = self.log.read().decode(errors="replace").splitlines()[-LOG_LINES_SHOWN:]
+        print("", "The last log lines of the programs:", *last, sep="\n", file=sys.stderr)
+
+
+def parse_options():
+    parser = argparse.ArgumentParser(prog="demo", description=__doc__.splitlines()[0])
+    parser.add_argument("--tools", required=True, help="the folder of gakppcd and gakppctl")
+    parser.add_argument("--log", metavar="FILE", help="keep the programs' log lines")
+    parser.add_argument("--picture", metavar="FILE", help="write a picture (SVG) of the run")
+    parser.add_argument("--compare", metavar="FILE", help="fail when the run has not the form of this picture")
+    parser.add_argument("--time-limit", type=float, default=20, metavar="SECONDS",
+                        help="when the shutdown begins at the latest (20)")
+    return parser.parse_args()
+
+
+def main():
+    options = parse_options()
+    demonstration = Demonstration(options)
+    demonstration.play()
+    complete = demonstration.result()
+    if demonstration.programs.interrupted_by is not None:
+        return 128 + demonstration.programs.interrupted_by
+    lines = demonstration.screen.transcript
+    if complete and options.picture:
+        picture.write(options.picture, lines)
+    if complete and options.compare:
+        differences = picture.differences(options.compare, lines)
+        print(*differences, sep="\n", file=sys.stderr)
+        complete = not differences
+    return 0 if complete else 1
+
+
+if __name__ == "__main__":
+    sys.exit(main())
