@@ -1,9 +1,15 @@
+#include <fcntl.h>
+#include <sched.h>
+#include <sys/mman.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <csignal>
+#include <cstdio>
 #include <cstdlib>
+#include <fstream>
+#include <vector>
 
 #include "tool.h"
 
@@ -69,6 +75,21 @@ TEST(DoctorAlone, MissingParentIsFound)
 {
     ASSERT_EQ(rmdir("/home/KrovaUser"), 0);
     EXPECT_TRUE(Finds("parent", "install -d -m 0755 /home/KrovaUser"));
+}
+
+TEST(DoctorAlone, FileInTheParentsPlaceIsFound)
+{
+    ASSERT_EQ(rmdir("/home/KrovaUser"), 0);
+    ASSERT_EQ(mknod("/home/KrovaUser", S_IFREG | 0644, 0), 0);
+    EXPECT_TRUE(Finds("parent", "move /home/KrovaUser away"));
+}
+
+TEST_F(Doctor, ParentThatAnybodyMayWriteToIsFound)
+{
+    ASSERT_EQ(chmod("/home/KrovaUser", 0777), 0);
+    EXPECT_TRUE(Finds("parent", "chmod o-w /home/KrovaUser"));
+    ASSERT_EQ(chmod("/home/KrovaUser", 01777), 0);
+    EXPECT_TRUE(Ctl({"doctor"}).status.ExitedWith(0)) << "in a sticky directory only owners replace their files";
 }
 
 TEST(DoctorAlone, MissingDirectoryIsFound)
@@ -168,6 +189,60 @@ TEST_F(Doctor, LowDescriptorLimitIsFound)
     const rlimit low{32, 32};
     ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &low), 0);
     EXPECT_TRUE(Finds("limits", "prlimit --pid " + std::to_string(getpid())));
+}
+
+TEST_F(Doctor, DescriptorsThatAreNearlyUsedUpAreFound)
+{
+    const rlimit limit{100, 100};
+    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &limit), 0);
+    EXPECT_TRUE(Ctl({"doctor"}).status.ExitedWith(0));
+    std::vector<Fd> used;
+    for (int fd = 0; fd < 90;) {
+        used.emplace_back(fd = open("/dev/null", O_RDONLY | O_CLOEXEC));
+        ASSERT_NE(fd, -1);
+    }
+    EXPECT_TRUE(Finds("limits", "prlimit --pid " + std::to_string(getpid())));
+}
+
+// A new network knows none of this machine's sockets, so the daemon listens there.
+TEST(DoctorAlone, ShortQueueForNewWorkersIsFound)
+{
+    if (unshare(CLONE_NEWNET) == -1) {
+        GTEST_SKIP() << "a network of one's own is not permitted here";
+    }
+    mkdir(kDir.c_str(), 0350);
+    const Fd listener = RawListen(kServer);
+    EXPECT_TRUE(Ctl({"doctor"}).status.ExitedWith(0));
+    if (!(std::ofstream("/proc/sys/net/core/somaxconn") << 4 << std::flush)) {
+        GTEST_SKIP() << "the system's settings cannot be changed here";
+    }
+    EXPECT_TRUE(Finds("limits", "sysctl -w net.core.somaxconn=4096"));
+}
+
+// An upgrade puts another file in the library's place; the daemon keeps the old one mapped.
+TEST_F(Doctor, ReplacedLibraryOfARunningDaemonIsFound)
+{
+    const std::string library = "/home/libgakppc.so.1.0.0";
+    std::ofstream(library) << "old";
+    const Fd file(open(library.c_str(), O_RDONLY | O_CLOEXEC));
+    ASSERT_NE(mmap(nullptr, 1, PROT_READ, MAP_PRIVATE, file.get(), 0), MAP_FAILED);
+    EXPECT_NE(Ctl({"doctor", "--all"}).out.find(library), std::string::npos);
+    EXPECT_TRUE(Ctl({"doctor"}).status.ExitedWith(0));
+
+    std::ofstream(library + ".new") << "new";
+    ASSERT_EQ(rename((library + ".new").c_str(), library.c_str()), 0);
+    EXPECT_TRUE(Finds("versions", "restart the daemon"));
+    EXPECT_NE(Ctl({"doctor"}).out.find(library + " (deleted)"), std::string::npos);
+}
+
+TEST_F(Doctor, TextNamesTheRepairBelowTheFault)
+{
+    listener_.Reset();
+    const std::string out = Ctl({"doctor"}).out;
+    EXPECT_EQ(out, "fault stale socket: nobody listens at " + kSock +
+                       ": its daemon has ended\n"
+                       "       repair: start the daemon, which replaces it, or: rm " +
+                       kSock + "\n");
 }
 
 TEST_F(Doctor, RepairOfAKilledTapBringsTheDaemonBack)

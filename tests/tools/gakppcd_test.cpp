@@ -212,6 +212,23 @@ TEST(Gakppcd, CustomProcessStartsByItselfOnceForADevice)
     EXPECT_EQ(CountOf(daemon->out(), "\"SPAWNED\",\"device\""), 1u) << daemon->out();
 }
 
+TEST(Gakppcd, NothingIsSentBehindTheOrderToShutDown)
+{
+    const auto daemon = StartDaemon({"--grace", "0.5", "--worker-program", "/bin/true", "--auto-custom"});
+    const Fd asker = RawConnect(kServer);
+    const Fd custom = RawConnect(kServer);
+    ASSERT_TRUE(WriteAll(asker, PpcFrame(FromWorker(3, 1))));
+    ASSERT_TRUE(daemon->WaitForOut("NOTIFY_VEXOINFO"));
+    daemon->Kill(SIGTERM);
+    EXPECT_EQ(ReadOrder(asker).type, 5u);
+    RawMessage start = FromWorker(0, 1, 4712);
+    start.proc_type = 2;
+    ASSERT_TRUE(WriteAll(custom, PpcFrame(start)));
+    EXPECT_EQ(ReadOrder(custom).type, 5u);
+    ASSERT_TRUE(WriteAll(asker, PpcFrame(FromWorker(3, 1))));
+    EXPECT_TRUE(ExpectEof(asker, kLimit));
+}
+
 TEST(Gakppcd, SecondDaemonIsRefusedUnlessItReplaces)
 {
     const auto first = StartDaemon();

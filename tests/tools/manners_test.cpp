@@ -1,5 +1,7 @@
+#include <cstdlib>
 #include <fstream>
 #include <iterator>
+#include <sstream>
 
 #include "tool.h"
 
@@ -38,6 +40,56 @@ TEST_P(Manners, HelpShowsExamplesAndExitStatuses)
               std::string::npos);
 }
 
+// What --help shows behind "$", without what is piped to or from it.
+std::vector<std::string> Examples(const std::string& help)
+{
+    std::vector<std::string> examples;
+    const std::string mark = "\n  $ ";
+    for (size_t at = help.find(mark); at != std::string::npos; at = help.find(mark, at + 1)) {
+        std::string line = help.substr(at + mark.size(), help.find('\n', at + 1) - at - mark.size());
+        line = line.substr(line.find("gakppc"));
+        examples.push_back(line.substr(0, line.find(" | ")));
+    }
+    return examples;
+}
+
+TEST_P(Manners, ExamplesAreNoWrongUsage)
+{
+    const std::string programs = std::string(kGakppctl).substr(0, std::string(kGakppctl).rfind('/'));
+    const auto examples = Examples(RunTool(GetParam().program, Arguments(GetParam(), {"--help"})).out);
+    EXPECT_GE(examples.size(), 2U);
+    for (const std::string& example : examples) {
+        // Those that would serve or wait are cut.
+        Tool tool("timeout", {"0.5", "sh", "-c", "exec " + example}, Tool::Output::kPipe,
+                  {"PATH=" + programs + ":" + getenv("PATH")});
+        const ExitStatus status = tool.Finish();
+        EXPECT_TRUE(status.ended && status.code != 2 && status.code < 125) << example << ": " << status << tool.err();
+    }
+}
+
+std::string ContentOf(const std::string& file)
+{
+    std::ifstream in(file);
+    return {std::istreambuf_iterator<char>(in), {}};
+}
+
+// --help and --version are this file's.
+TEST_P(Manners, EveryOptionIsUsedByATestOfItsVerb)
+{
+    const std::string verb = GetParam().verb;
+    const std::string tests = ContentOf(GAKPPC_TOOL_TEST_DIR "/" + (verb.empty() ? "gakppcd" : verb) + "_test.cpp");
+    std::istringstream help(RunTool(GetParam().program, Arguments(GetParam(), {"--help"})).out);
+    size_t found = 0;
+    for (std::string word, line; std::getline(help, line);) {
+        std::istringstream(line) >> word;
+        if (line.rfind("  --", 0) == 0 && word != "--version") {
+            ++found;
+            EXPECT_NE(tests.find("\"" + word + "\""), std::string::npos) << word;
+        }
+    }
+    EXPECT_EQ(found == 0, verb.empty() && std::string(GetParam().program) == kGakppctl) << "gakppctl has verbs only";
+}
+
 TEST_P(Manners, VersionIsTheProjects)
 {
     const Outcome outcome = RunTool(GetParam().program, Arguments(GetParam(), {"--version"}));
@@ -59,8 +111,7 @@ TEST_P(Manners, ManualPageSaysWhatHelpSays)
     const std::string verb = GetParam().verb;
     const std::string program = std::string(GetParam().program) == kGakppcd ? "gakppcd" : "gakppctl";
     const std::string page = program + (verb.empty() ? "" : "-" + verb);
-    std::ifstream in(std::string(GAKPPC_MAN_DIR) + "/" + page + ".1");
-    const std::string text{std::istreambuf_iterator<char>(in), {}};
+    const std::string text = ContentOf(std::string(GAKPPC_MAN_DIR) + "/" + page + ".1");
     EXPECT_NE(text.find(".SH NAME"), std::string::npos) << page;
     EXPECT_NE(text.find("\\-\\-version"), std::string::npos) << text;
     EXPECT_NE(text.find(".SH EXAMPLES\n"), std::string::npos) << text;

@@ -59,7 +59,7 @@ TEST_F(TapFlow, LargeFramesPassWhileTheirReceiverIsSlow)
 {
     ASSERT_NO_FATAL_FAILURE(Start({"--for", "60"}));
     ASSERT_NO_FATAL_FAILURE(Connect());
-    Bytes payload(20U * 1024 * 1024);
+    Bytes payload(size_t{20} * 1024 * 1024);
     for (size_t i = 0; i < payload.size(); ++i) {
         payload[i] = static_cast<uint8_t>(i * 31 + i / 4096);
     }

@@ -403,7 +403,7 @@ int FakePthreadCreate(pthread_t* id, const pthread_attr_t* attributes, void* (*b
     }
     const int result = real(id, attributes, &RunLibraryThread, start.get());
     if (result == 0) {
-        start.release();
+        static_cast<void>(start.release());  // the thread's from now on
     }
     return result;
 }

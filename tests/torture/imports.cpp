@@ -1,5 +1,6 @@
 #include "imports.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <memory>
 #include <set>
@@ -40,7 +41,7 @@ std::vector<std::string> ForgottenImports()
     while (output != nullptr && fgets(line, sizeof(line), output.get()) != nullptr) {
         std::string symbol;
         std::istringstream(line) >> symbol;
-        symbol = symbol.substr(0, symbol.find('@'));
+        symbol.resize(std::min(symbol.find('@'), symbol.size()));
         any = any || symbol == "socket";
         if (!IsOfTheLanguage(symbol) && kCannotFail.count(symbol) == 0 && !IsDisturbed(symbol.c_str())) {
             forgotten.push_back(symbol);
