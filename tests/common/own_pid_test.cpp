@@ -34,11 +34,16 @@ struct Getpid : testsupport::calls::OfGakppc {
 
 }  // namespace
 
-extern "C" int __register_atfork(void (*prepare)(), void (*parent)(), void (*child)(), void* object)
+// Called from everywhere and by a sanitizer before it is ready, so it does without whatever a sanitizer watches.
+extern "C" __attribute__((no_sanitize("thread"))) int __register_atfork(void (*prepare)(), void (*parent)(),
+                                                                        void (*child)(), void* object)
 {
+    if (forkHandlersAreRefused) {
+        return ENOMEM;
+    }
     using Register = int (*)(void (*)(), void (*)(), void (*)(), void*);
-    static const auto real = reinterpret_cast<Register>(dlsym(RTLD_NEXT, "__register_atfork"));
-    return forkHandlersAreRefused ? ENOMEM : real(prepare, parent, child, object);
+    const auto real = reinterpret_cast<Register>(dlsym(RTLD_NEXT, "__register_atfork"));
+    return real(prepare, parent, child, object);
 }
 
 namespace {
