@@ -129,7 +129,7 @@ std::optional<int> Worker::OnTime()
 {
     if (HasPassed(crash_)) {
         Say(options_, "CRASH");
-        raise(SIGKILL);
+        static_cast<void>(raise(SIGKILL));  // does not return
     }
     if (HasPassed(abnormal_)) {
         GakDestory(options_.device, type_);
