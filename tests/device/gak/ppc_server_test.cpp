@@ -719,6 +719,19 @@ TEST_F(PpcServerTest, CloseSomeSessionClosesAndUnlists)
     EXPECT_EQ(server_.GetPpcSession(1, 7), session);
 }
 
+// The thread of the former session remembers that it had been entered.
+TEST_F(PpcServerTest, WorkerIsReachedOverTheSessionThatSpokeLast)
+{
+    Create();
+    const Fd first = ConnectAs(1, 7);
+    Say(first, Report(1, 7));
+    void* const firstSession = server_.GetPpcSession(1, 7);
+    const Fd second = ConnectAs(1, 7);
+    EXPECT_NE(server_.GetPpcSession(1, 7), firstSession);
+    Say(first, Report(1, 7));
+    EXPECT_EQ(server_.GetPpcSession(1, 7), firstSession);
+}
+
 TEST_F(PpcServerTest, SecondCloseIsLoggedAndClosesNothing)
 {
     Create();
