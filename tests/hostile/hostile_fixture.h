@@ -12,6 +12,7 @@
 #include <fstream>
 #include <memory>
 #include <mutex>
+#include <set>
 #include <string>
 #include <thread>
 #include <vector>
@@ -144,7 +145,7 @@ protected:
         RaiseDescriptorLimit();
         EXPECT_EQ(ppcInit(), 0);
         server_.RegPPCSerMsgProcFunc(PPCMessage::HEARTBEAT, &Heartbeats::Handle);
-        server_.RegPPCSerMsgProcFunc(PPCMessage::START_RSP, [](const PPCMessage&) { ++started_; });
+        server_.RegPPCSerMsgProcFunc(PPCMessage::START_RSP, &NoteStart);
         EXPECT_EQ(server_.CreateServer(kServerId), kOk);
         heartbeats_ = std::make_unique<Heartbeats>();
         EXPECT_TRUE(Heartbeats::Arrive(20));
@@ -162,13 +163,30 @@ protected:
         EXPECT_TRUE(peer.valid());
         return peer;
     }
+    // The daemon's handler of starts. Garbage may count as a start as well, of no worker in particular.
+    static void NoteStart(const PPCMessage& msg)
+    {
+        ++started_;
+        std::lock_guard<std::mutex> lock(startedMutex_);
+        startedPids_.insert(msg.sub_proc_pid());
+    }
+    static void ForgetStart(uint32_t pid)
+    {
+        std::lock_guard<std::mutex> lock(startedMutex_);
+        startedPids_.erase(pid);
+    }
+    static bool HasStarted(uint32_t pid)
+    {
+        std::lock_guard<std::mutex> lock(startedMutex_);
+        return startedPids_.count(pid) != 0;
+    }
     // A worker that the daemon has heard of.
     static Fd ConnectAs(uint32_t device, uint32_t pid)
     {
         Fd peer = Connect();
-        const uint32_t before = started_;
+        ForgetStart(pid);
         EXPECT_TRUE(testsupport::WriteAll(peer, testsupport::PpcFrame({0, device, kServerId, 0, pid, 0, {}})));
-        EXPECT_TRUE(WaitUntil([&] { return started_ > before; }, kWait));
+        EXPECT_TRUE(WaitUntil([&] { return HasStarted(pid); }, kWait));
         return peer;
     }
     static std::vector<Fd> ConnectMany(size_t count)
@@ -225,6 +243,8 @@ protected:
     }
 
     inline static std::atomic<uint32_t> started_{0};
+    inline static std::mutex startedMutex_;
+    inline static std::set<uint32_t> startedPids_;
     qel::PpcServer& server_ = qel::PpcServer::GetInstance();
     std::unique_ptr<Heartbeats> heartbeats_;
 };

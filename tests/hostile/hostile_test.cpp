@@ -390,7 +390,7 @@ TEST_F(SecondServerTest, TakesNewcomersAndLeavesTheSessionsOfTheFirst)
 
     heartbeats_->EndQuietly();
     server_.Destroy();
-    server_.RegPPCSerMsgProcFunc(PPCMessage::START_RSP, [](const PPCMessage&) { ++started_; });
+    server_.RegPPCSerMsgProcFunc(PPCMessage::START_RSP, &NoteStart);
     ASSERT_EQ(server_.CreateServer(kServerId), kOk);
     ExpectService();
 }
