@@ -26,7 +26,7 @@ Fn* Find(void* library, const char* name)
     return reinterpret_cast<Fn*>(dlsym(library, name));
 }
 
-TEST(DlopenTest, LibraryStaysWhenItIsUnloadedUnderItsThreads)
+TEST(DlopenTest, StaysWhenItIsUnloadedUnderItsThreads)
 {
     const Fd listener = testsupport::RawListen(kServerId);
     for (int round = 0; round < 10; ++round) {

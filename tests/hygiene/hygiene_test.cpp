@@ -325,7 +325,7 @@ std::vector<uint64_t> BlockedSignalsOf(const std::string& threadName)
     return masks;
 }
 
-TEST(SignalHygieneTest, LibraryThreadsBlockAsynchronousSignals)
+TEST(SignalHygieneTest, ThreadsOfTheServerBlockAsynchronousSignals)
 {
     sigset_t own;
     sigemptyset(&own);
