@@ -6,7 +6,9 @@
 
 namespace qel {
 
-extern std::atomic<uint32_t> rememberedPid;  // 0: not known
+extern std::atomic<uint32_t> rememberedPid;  // 0: not known; for OwnPid only
+
+// Asks the system, and remembers the answer until the process forks. For OwnPid only.
 uint32_t AskForPid();
 
 // The id of the calling process, as getpid gives it, without a system call for each message.
