@@ -9,7 +9,7 @@
  * the component that logs and is printed with the line.
  *
  * The stand-in writes each line to standard error: time (UTC), level name, module id, text. Newlines at the end of the
- * text are dropped and one is added, a text of more than about 10,000 characters is cut. One line is one system call, so
+ * text are dropped and one is added, a text of more than about 10,000 characters is cut. One line is one write, so
  * lines of several threads and processes do not mix. The functions that write look at no level: callers ask
  * CheckLogLevel first where a line may be filtered. They never fail visibly, keep errno, allocate nothing, and a closed
  * reader of standard error does not kill the process. Any thread may call anything at any time, also while the
