@@ -7,6 +7,7 @@
 #include <future>
 #include <memory>
 #include <new>
+#include <set>
 #include <sstream>
 #include <stdexcept>
 #include <string>
@@ -793,6 +794,24 @@ TEST_F(PpcServerRecvTest, ReapedThreadsAreGone)
     EXPECT_THAT(Reap(), Contains("exit [threadSize=0] [freeThreadSize=0]"));
     EXPECT_TRUE(testsupport::WaitUntil([&] { return testsupport::ThreadCount() == threads; }, 10s));
     EXPECT_EQ(testsupport::OpenDescriptors(), descriptors);
+}
+
+// The thread of a new session takes over what one that has ended leaves behind, whether the daemon reaps or not. The id
+// of a thread tells where its stack is.
+TEST_F(PpcServerRecvTest, UnreapedThreadsLeaveTheirStacksToYoungerOnes)
+{
+    constexpr size_t kSessions = 8;
+    Create();
+    std::set<std::string> ids;
+    for (size_t i = 0; i < kSessions; ++i) {
+        Fd worker = Connect();
+        Finish(worker);
+        ids.insert(ExitedThreadId("ppc_srv_recv_" + std::to_string(i)));
+    }
+    EXPECT_EQ(ids.size(), 1u);
+    const std::vector<std::string> lines = Reap();
+    EXPECT_EQ(lines.front(), "enter [threadSize=8]");
+    EXPECT_EQ(lines.back(), "exit [threadSize=0] [freeThreadSize=0]");
 }
 
 // A thread that was not started by the server leaves an entry that belongs to nobody.

@@ -60,12 +60,23 @@ struct SeenEntry {
 struct FinishedThread {
     std::thread::id id;
     uint64_t serial;
+    bool joined;
 };
 
+// A receive thread from its start until it is reaped. Between its end and that it may have been joined.
 struct ReceiveThread {
     std::thread thread;
-    uint64_t serial;
+    std::thread::id id;
+
+    void JoinOnce()
+    {
+        if (thread.joinable()) {
+            thread.join();
+        }
+    }
 };
+
+using ReceiveThreads = std::map<uint64_t, ReceiveThread>;  // by serial number
 
 // The entry with which this thread will report its end; made before the thread starts, so that reporting cannot fail.
 thread_local std::list<FinishedThread>* ownFinishedEntry = nullptr;
@@ -151,7 +162,7 @@ struct PpcServer::State {
     std::list<void*> unlisted GAKPPC_GUARDED_BY(sessionListMutex);
 
     Mutex threadListMutex;
-    std::list<ReceiveThread> receiveThreads GAKPPC_GUARDED_BY(threadListMutex);
+    ReceiveThreads receiveThreads GAKPPC_GUARDED_BY(threadListMutex);
     uint64_t lastSerial GAKPPC_GUARDED_BY(threadListMutex) = 0;
 
     Mutex freeThreadMutex;
@@ -176,8 +187,8 @@ struct PpcServer::State {
 
     void JoinReceiveThreads();
     size_t CountFinishedThreads();
-    std::list<ReceiveThread>::iterator JoinIfFinished(std::list<ReceiveThread>::iterator candidate)
-        GAKPPC_REQUIRES(threadListMutex);
+    void JoinFinishedThreads() GAKPPC_REQUIRES(threadListMutex);
+    ReceiveThreads::iterator ReapIfFinished(ReceiveThreads::iterator candidate) GAKPPC_REQUIRES(threadListMutex);
     void ReportFinished();
 
     ppc::PpcSessionRef GetPpcSession(uint32_t deviceId, uint32_t subProcPid);
@@ -381,24 +392,24 @@ void PpcServer::State::ListAnnouncedSession()
 bool PpcServer::StartReceiveThread(void* session)
 {
     MutexLock lock(state_.threadListMutex);
+    state_.JoinFinishedThreads();
     const uint64_t number = state_.receiveThreads.size();
     const uint64_t serial = ++state_.lastSerial;
     try {
-        state_.receiveThreads.push_back({std::thread(), serial});
+        ReceiveThread& receiver = state_.receiveThreads[serial];
         // The thread holds the session's record for its whole life: others may end the session between two receives.
         auto body = [this, number, held = ppc::PpcSessionRef(session),
-                     finished = std::list<FinishedThread>{{std::thread::id(), serial}}]() mutable {
+                     finished = std::list<FinishedThread>{{std::thread::id(), serial, false}}]() mutable {
             ownFinishedEntry = &finished;
             void* const handle = held.Get();
             RecvData(handle, number);
             ownFinishedEntry = nullptr;
         };
-        state_.receiveThreads.back().thread = StartLibraryThread(std::move(body));
+        receiver.thread = StartLibraryThread(std::move(body));
+        receiver.id = receiver.thread.get_id();
         return true;
     } catch (const std::exception& error) {
-        if (state_.receiveThreads.size() > number) {
-            state_.receiveThreads.pop_back();
-        }
+        state_.receiveThreads.erase(serial);
         GAK_LOG_AS("AcceptConnection", kStatusMemoryExhausted,
                    "[GAKPPCSER] receive thread can not be started, session closed: %s", error.what());
         return false;
@@ -627,7 +638,7 @@ void PpcServer::State::ReportFinished()
     if (ownFinishedEntry != nullptr) {
         entry.splice(entry.end(), *ownFinishedEntry);
     } else {
-        entry.push_back({std::thread::id(), 0});  // a thread that the server did not start: nobody will join it
+        entry.push_back({std::thread::id(), 0, false});  // a thread that the server did not start: nobody will join it
     }
     entry.front().id = std::this_thread::get_id();
     MutexLock lock(freeThreadMutex);
@@ -637,10 +648,27 @@ void PpcServer::State::ReportFinished()
 void PpcServer::State::JoinReceiveThreads()
 {
     MutexLock lock(threadListMutex);
-    for (ReceiveThread& receiver : receiveThreads) {
-        receiver.thread.join();
+    for (auto& receiver : receiveThreads) {
+        receiver.second.JoinOnce();
     }
     receiveThreads.clear();
+}
+
+// Called before a thread is started, which then takes over the stack of one that has ended instead of having one
+// mapped. The entries stay for the daemon to reap. The joins are short: a thread in the finished list has nothing left
+// to do.
+void PpcServer::State::JoinFinishedThreads()
+{
+    MutexLock lock(freeThreadMutex);
+    // The threads that have ended since the last call are at the end of the list.
+    for (auto finished = finishedThreads.rbegin(); finished != finishedThreads.rend() && !finished->joined;
+         ++finished) {
+        const auto receiver = receiveThreads.find(finished->serial);
+        if (receiver != receiveThreads.end()) {
+            receiver->second.JoinOnce();
+        }
+        finished->joined = true;
+    }
 }
 
 size_t PpcServer::State::CountFinishedThreads()
@@ -656,24 +684,24 @@ void PpcServer::JoinAllPPCRcvThreads()
     auto candidate = state_.receiveThreads.begin();
     while (candidate != state_.receiveThreads.end() && state_.CountFinishedThreads() != 0) {
         GAK_LOG("[GAKPPCSER] JoinAllPPCRcvThreads() [ppc tid=%s] [threadSize=%zu] [freeThreadSize=%zu]",
-                ThreadIdText(candidate->thread.get_id()).c_str(), state_.receiveThreads.size(),
+                ThreadIdText(candidate->second.id).c_str(), state_.receiveThreads.size(),
                 state_.CountFinishedThreads());
-        candidate = state_.JoinIfFinished(candidate);
+        candidate = state_.ReapIfFinished(candidate);
     }
     GAK_LOG("[GAKPPCSER] JoinAllPPCRcvThreads() exit [threadSize=%zu] [freeThreadSize=%zu]",
             state_.receiveThreads.size(), state_.CountFinishedThreads());
 }
 
-// Returns the thread that follows. The join is short: a thread in the finished list has nothing left to do.
-std::list<ReceiveThread>::iterator PpcServer::State::JoinIfFinished(std::list<ReceiveThread>::iterator candidate)
+// Returns the thread that follows.
+ReceiveThreads::iterator PpcServer::State::ReapIfFinished(ReceiveThreads::iterator candidate)
 {
     MutexLock lock(freeThreadMutex);
     for (auto finished = finishedThreads.begin(); finished != finishedThreads.end(); ++finished) {
         GAK_LOG_AS("JoinAllPPCRcvThreads", "[GAKPPCSER] JoinAllPPCRcvThreads() [free tid=%s]",
                    ThreadIdText(finished->id).c_str());
-        if (finished->serial == candidate->serial) {
+        if (finished->serial == candidate->first) {
             GAK_LOG_AS("JoinAllPPCRcvThreads", "[GAKPPCSER] JoinAllPPCRcvThreads() Find free tid and joinable");
-            candidate->thread.join();
+            candidate->second.JoinOnce();
             finishedThreads.erase(finished);
             return receiveThreads.erase(candidate);
         }

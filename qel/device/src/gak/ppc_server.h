@@ -25,7 +25,8 @@ namespace qel {
 /// Threads. "ppc_srv_accept" runs AcceptConnection from CreateServer until Destroy, or until the driver reports that
 /// the endpoint is gone. "ppc_srv_recv_<n>" runs RecvData for one session; it ends when its session closes, when its
 /// worker sends an unacceptable message, or when Destroy has begun. A thread that ended because its session closed is
-/// joined by JoinAllPPCRcvThreads or Destroy, all others by Destroy. These threads block all asynchronous signals.
+/// joined when the next one starts, by JoinAllPPCRcvThreads or by Destroy, all others by Destroy; a small entry stays
+/// until JoinAllPPCRcvThreads. These threads block all asynchronous signals.
 ///
 /// Waking. Destroy wakes the accept thread by stopping the endpoint, and receive threads and blocked senders by
 /// shutting their sessions down. A handler that does not return blocks Destroy.
