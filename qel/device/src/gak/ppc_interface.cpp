@@ -22,6 +22,8 @@ constexpr uint32_t kInnerLengthSize = 4;
 constexpr uint32_t kLargestEncodedSize = 0xFFFFFFFA;  // more, and the payload length would overflow
 constexpr uint32_t kLargestPayload = 0x20000000;      // 512 MiB
 constexpr uint32_t kClearedAhead = 4096;              // all of a usual payload
+constexpr uint32_t kLongPayload = 16384;
+constexpr uint32_t kLongPayloadShift = 256;
 constexpr uint32_t kReceiveReserved = 0x100000;
 
 // A message descriptor of the driver, freed on every path.
@@ -53,21 +55,32 @@ uint32_t EncodedSize(const PPCMessage& msg)
     return static_cast<uint32_t>(std::min<size_t>(msg.ByteSizeLong(), UINT32_MAX));
 }
 
-using Payload = std::unique_ptr<uint8_t[]>;
+// The bytes of an outgoing message.
+//
+// A long payload begins some way into its memory. Long memory begins at the same place in a page each time; so does the
+// long text in the message, which is copied a few bytes behind the payload's beginning. A processor takes source and
+// destination of such a copy, which are nearly at the same place in a page, for overlapping ones, and is slow.
+class Payload {
+public:
+    explicit Payload(uint32_t size) : size_(size), shift_(size < kLongPayload ? 0 : kLongPayloadShift) {}
 
-// Null when the payload is too long or memory runs out. The tail of a long payload is not cleared: every byte is
-// written next, and clearing it would double the work.
-Payload MakePayload(uint32_t size)
-{
-    if (size > kLargestPayload) {
-        return nullptr;
+    // False when the payload is too long or memory runs out. The tail of a long payload is not cleared: every byte is
+    // written next, and clearing it would double the work.
+    bool Alloc()
+    {
+        if (size_ > kLargestPayload) {
+            return false;
+        }
+        memory_.reset(new (std::nothrow) uint8_t[size_ + shift_]);
+        return memory_ != nullptr && memset_s(Bytes(), size_, 0, std::min(size_, kClearedAhead)) == 0;
     }
-    Payload payload(new (std::nothrow) uint8_t[size]);
-    if (payload != nullptr && memset_s(payload.get(), size, 0, std::min(size, kClearedAhead)) != 0) {
-        return nullptr;
-    }
-    return payload;
-}
+    uint8_t* Bytes() const { return memory_.get() + shift_; }
+
+private:
+    const uint32_t size_;
+    const uint32_t shift_;
+    std::unique_ptr<uint8_t[]> memory_;
+};
 
 // The encoded length that a payload announces; 0 when the payload is too short to hold it.
 uint32_t InnerLength(const void* payload, uint32_t size)
@@ -109,13 +122,13 @@ uint32_t PpcInterface::SendMsg(void* session, const PPCMessage& msg)
         return kStatusIntegerReversed;
     }
     const uint32_t size = encodedSize + kInnerLengthSize;
-    const Payload payload = MakePayload(size);
-    if (payload == nullptr) {
+    Payload payload(size);
+    if (!payload.Alloc()) {
         GAK_LOG(kStatusMemoryExhausted, "[GAKPPCIF] SendMsg() msgBuffer is nullptr error");
         return kStatusMemoryExhausted;
     }
-    memcpy(payload.get(), &encodedSize, kInnerLengthSize);
-    msg.SerializePartialToArray(payload.get() + kInnerLengthSize, static_cast<int>(encodedSize));
+    memcpy(payload.Bytes(), &encodedSize, kInnerLengthSize);
+    msg.SerializePartialToArray(payload.Bytes() + kInnerLengthSize, static_cast<int>(encodedSize));
 
     // Declared after the payload: the descriptor goes first, the payload stays ours and goes last.
     Descriptor descriptor;
@@ -124,7 +137,7 @@ uint32_t PpcInterface::SendMsg(void* session, const PPCMessage& msg)
         GAK_LOG(kStatusPpcMsgAllocFail, "[GAKPPCIF] SendMsg() Alloc memory for PPCMessage fail");
         return kStatusPpcMsgAllocFail;
     }
-    if (drvPpcAddMsgBuffer(descriptor.Get(), payload.get(), static_cast<int>(size)) != PPC_OK) {
+    if (drvPpcAddMsgBuffer(descriptor.Get(), payload.Bytes(), static_cast<int>(size)) != PPC_OK) {
         GAK_LOG(kStatusPpcMsgBufferFail, "[GAKPPCIF] SendMsg() add msg buffer fail");
         return kStatusPpcMsgBufferFail;
     }
