@@ -3,6 +3,7 @@
 
 #include <cstdarg>
 #include <cstddef>
+#include <cstdint>
 #include <cstdio>
 #include <cstring>
 
@@ -29,19 +30,15 @@ public:
 
     bool Append(unsigned value)
     {
-        constexpr ptrdiff_t kMostDigits = 10;
-        if (end_ - at_ < kMostDigits) {
+        const ptrdiff_t count = CountDigits(value);
+        if (count > end_ - at_) {
             return false;
         }
-        char digits[kMostDigits];
-        char* first = digits + kMostDigits;
+        char* digit = at_ += count;
         do {
-            *--first = static_cast<char>('0' + value % 10);
+            *--digit = static_cast<char>('0' + value % 10);
             value /= 10;
         } while (value != 0);
-        while (first != digits + kMostDigits) {
-            *at_++ = *first++;
-        }
         return true;
     }
 
@@ -51,9 +48,36 @@ public:
                           : Append("-", 1) && Append(0U - static_cast<unsigned>(value));
     }
 
+    // A format's text up to the next '%' or its end, where `fmt` stands then. Most such texts are so short that calling
+    // anybody costs more than copying them.
+    bool AppendUpToConversion(const char*& fmt)
+    {
+        constexpr ptrdiff_t kShort = 8;
+        if (end_ - at_ >= kShort) {
+            for (ptrdiff_t i = 0; i < kShort; ++i) {
+                if (*fmt == '%' || *fmt == '\0') {
+                    return true;
+                }
+                *at_++ = *fmt++;
+            }
+        }
+        const char* const rest = fmt;
+        fmt = strchrnul(fmt, '%');
+        return Append(rest, static_cast<size_t>(fmt - rest));
+    }
+
     char* at() const { return at_; }
 
 private:
+    static ptrdiff_t CountDigits(unsigned value)
+    {
+        ptrdiff_t count = 1;
+        for (uint64_t limit = 10; value >= limit; limit *= 10) {
+            ++count;
+        }
+        return count;
+    }
+
     char* at_;
     char* const end_;
 };
@@ -76,17 +100,16 @@ inline bool AppendArgument(TextOut& out, char conversion, va_list* args)
 inline bool AppendPlain(TextOut& out, const char* fmt, va_list* args)
 {
     for (;;) {
-        const char* conversion = strchrnul(fmt, '%');
-        if (!out.Append(fmt, static_cast<size_t>(conversion - fmt))) {
+        if (!out.AppendUpToConversion(fmt)) {
             return false;
         }
-        if (*conversion == '\0') {
+        if (*fmt == '\0') {
             return true;
         }
-        if (!AppendArgument(out, conversion[1], args)) {
+        if (!AppendArgument(out, fmt[1], args)) {
             return false;
         }
-        fmt = conversion + 2;
+        fmt += 2;
     }
 }
 

@@ -149,6 +149,18 @@ public:
                                       text_);
     }
 
+    // " INFO [38] "; always fits.
+    void AppendOrigin(int level, int moduleId)
+    {
+        platform::TextOut out(text_ + length_, text_ + sizeof(text_));
+        out.Append(" ", 1);
+        out.Append(LevelName(level));
+        out.Append(" [", 2);
+        out.Append(moduleId);
+        out.Append("] ", 2);
+        length_ = static_cast<size_t>(out.at() - text_);
+    }
+
     // The finished line: without the newlines that the text ended in, with one of its own.
     void End()
     {
@@ -255,7 +267,7 @@ void WriteLine(int moduleId, int level, const KeyValue* pairs, int pairCount, co
     const int savedErrno = errno;
     Line line;
     line.AppendTime();
-    line.Append(" %s [%d] ", LevelName(level), moduleId);
+    line.AppendOrigin(level, moduleId);
     AppendPairs(line, pairs, pairCount);
     if (fmt != nullptr) {
         errno = savedErrno;  // the format may contain %m
