@@ -15,13 +15,12 @@
 namespace qel {
 namespace {
 
-constexpr int kModuleId = 38;
 constexpr char kSourcePath[] = "qel/device/../common/src/log";
 
 // Levels as the status numbers and the sinks count them.
 enum Level : uint32_t {
     kDebug = 0,
-    kInfo = 1,
+    kInfo = kInfoLevel,
     kWarn = 2,
     kError = 3,
     kFatal = 4,
@@ -96,20 +95,6 @@ void WriteToSink(int moduleId, uint32_t level, const char* text, const char* sta
     }
 }
 
-}  // namespace
-
-// Opens the platform's library before the first line; costs one load afterwards.
-struct QELLog::Opener {
-    static void Open()
-    {
-        if (!isInitFlag.load(std::memory_order_acquire)) {
-            GetInstance();
-        }
-    }
-};
-
-namespace {
-
 // Where a log call stands in its caller's source.
 struct Place {
     const char* function;
@@ -165,7 +150,7 @@ __attribute__((noinline, format(printf, 2, 0))) void WriteLine(const LineParts& 
     if (vsnprintf_s(message, kMessageSize, kMessageLimit, fmt, args) == -1 || ComposeLine(line, parts, message) == -1) {
         return;
     }
-    WriteToSink(kModuleId, parts.level, line, parts.traceStatus);
+    WriteToSink(kLogModuleId, parts.level, line, parts.traceStatus);
 }
 
 // Whether a line is to be composed: the platform's library is open, the line has a place, its sink is on. Asked first,
@@ -176,7 +161,7 @@ bool IsWanted(const Place& place, uint32_t level)
         return false;
     }
     QELLog::Opener::Open();
-    return SinkIsOn(kModuleId, level);
+    return SinkIsOn(kLogModuleId, level);
 }
 
 __attribute__((format(printf, 2, 0))) void ComposeInfoLine(const Place& place, const char* fmt, va_list args)
@@ -186,15 +171,9 @@ __attribute__((format(printf, 2, 0))) void ComposeInfoLine(const Place& place, c
 
 }  // namespace
 
-bool InfoLineIsWanted()
-{
-    QELLog::Opener::Open();
-    return SinkIsOn(kModuleId, kInfo);
-}
-
 bool OkLineIsWanted()
 {
-    return QELLog::GetInstance().QELLogOutputEnable(kStatusOk) && SinkIsOn(kModuleId, kInfo);
+    return QELLog::GetInstance().QELLogOutputEnable(kStatusOk) && InfoLineIsWanted();
 }
 
 void WriteInfoLine(const char* funcName, const char* fileName, int line, const char* fmt, ...)
@@ -231,7 +210,7 @@ void QELLog::Init()
 uint32_t QELLog::QELGetCurLogLevel()
 {
     int enableEvent = 0;
-    const int level = vlog_getlevel(kModuleId, &enableEvent);
+    const int level = vlog_getlevel(kLogModuleId, &enableEvent);
     return level >= static_cast<int>(kDebug) && level <= static_cast<int>(kError) ? static_cast<uint32_t>(level)
                                                                                   : kInfo;
 }

@@ -165,7 +165,7 @@ bool PpcClient::State::CreateClient()
         return false;
     }
     void* none = nullptr;
-    if (!ppcClient_.compare_exchange_strong(none, created) && created != nullptr) {
+    if (created != nullptr && !ppcClient_.compare_exchange_strong(none, created)) {
         drvPpcClientDestroy(created);
     }
     return true;
