@@ -54,6 +54,8 @@ function(gakppc_hardened target)
                                $<$<CONFIG:Release,RelWithDebInfo,MinSizeRel>:-D_FORTIFY_SOURCE=2>)
     endif()
     target_link_options(${target} PRIVATE LINKER:-z,relro,-z,now,-z,noexecstack)
+    # All functions are bound at load, so calls need no stubs for binding them later.
+    target_compile_options(${target} PRIVATE -fno-plt)
     if(NOT GAKPPC_SANITIZE)
         # A sanitizer's run-time functions come from the program that loads the object.
         target_link_options(${target} PRIVATE LINKER:-z,defs)
