@@ -149,10 +149,10 @@ std::string ReadableName(const std::string& symbol)
     return Replaced(text, "std::vector<std::string, std::allocator<std::string>>", "std::vector<std::string>");
 }
 
-// The defined symbols of the library's dynamic table.
-std::vector<Symbol> ReadExports()
+// Symbols of the library's dynamic table: "--defined-only" or "--undefined-only".
+std::vector<Symbol> ReadSymbols(const std::string& which)
 {
-    const std::string command = GAKPPC_NM " -D -P --defined-only '" GAKPPC_LIBRARY_FILE "'";
+    const std::string command = GAKPPC_NM " -D -P " + which + " '" GAKPPC_LIBRARY_FILE "'";
     const std::unique_ptr<FILE, int (*)(FILE*)> output(popen(command.c_str(), "r"), &pclose);
     std::vector<Symbol> symbols;
     char line[4096];
@@ -165,6 +165,11 @@ std::vector<Symbol> ReadExports()
         symbols.push_back(symbol);
     }
     return symbols;
+}
+
+std::vector<Symbol> ReadExports()
+{
+    return ReadSymbols("--defined-only");
 }
 
 std::set<std::string> ExportedNames()
@@ -278,6 +283,23 @@ TEST(Exports, SymbolsAreOrdinaryFunctionsAndObjects)
     for (const Symbol& symbol : ReadExports()) {
         EXPECT_NE(std::string("TWVDBR").find(symbol.type), std::string::npos) << symbol.type << ' ' << symbol.name;
     }
+}
+
+// The logging library of a host has what the interface between the two says, and nothing of the stand-in's own.
+TEST(Imports, LoggingLibraryOfAHostIsEnough)
+{
+    const std::set<std::string> ofAHost = {"vlog_init",     "vlog_getlevel",  "CheckLogLevel",  "VlogDebugInner",
+                                           "VlogInfoInner", "VlogWarnInner",  "VlogErrorInner", "VlogEventInner",
+                                           "VlogInner",     "VlogWithKVInner"};
+    std::set<std::string> needed;
+    for (const Symbol& symbol : ReadSymbols("--undefined-only")) {
+        const bool isOfTheLog =
+            symbol.name.find("log_") == 1 || symbol.name.find("Vlog") == 0 || symbol.name == "CheckLogLevel";
+        if (isOfTheLog && symbol.type != 'w') {
+            needed.insert(symbol.name);
+        }
+    }
+    EXPECT_EQ(needed, ofAHost);
 }
 
 // ---- Return types and constness, which names do not show: a change does not compile ------------------------------

@@ -178,6 +178,19 @@ private:
     size_t length_ = 0;
 };
 
+// What this thread said last with vlog_sigpipe_is_blocked.
+thread_local bool sigpipeIsBlocked = false;
+
+// Takes back the SIGPIPE that a write has raised while it was blocked.
+void ConsumeSigpipe()
+{
+    sigset_t sigpipe;
+    sigemptyset(&sigpipe);
+    sigaddset(&sigpipe, SIGPIPE);
+    const timespec noWait{};
+    sigtimedwait(&sigpipe, nullptr, &noWait);
+}
+
 // Keeps a broken pipe from killing the process, for the calling thread and the length of a scope. A SIGPIPE that was
 // pending before stays pending.
 class SigpipeGuard {
@@ -201,8 +214,7 @@ public:
     void Consume()
     {
         if (blocked_) {
-            const timespec noWait{};
-            sigtimedwait(&sigpipe_, nullptr, &noWait);
+            ConsumeSigpipe();
         }
     }
 
@@ -240,6 +252,12 @@ bool WriteWithoutSignal(const Line& line)
 // A short or failed write loses the rest of the line: repeating it could block or mix lines.
 void WriteToStandardError(const Line& line)
 {
+    if (sigpipeIsBlocked) {
+        if (write(STDERR_FILENO, line.text(), line.length()) == -1 && errno == EPIPE) {
+            ConsumeSigpipe();
+        }
+        return;
+    }
     if (WriteWithoutSignal(line)) {
         return;
     }
@@ -302,6 +320,11 @@ int vlog_setlevel(int level)
     }
     currentLevel.store(level, std::memory_order_relaxed);
     return 0;
+}
+
+void vlog_sigpipe_is_blocked(int isBlocked)
+{
+    sigpipeIsBlocked = isBlocked != 0;
 }
 
 int CheckLogLevel(int /*moduleId*/, int logLevel)

@@ -13,6 +13,7 @@
 #include "ppc.h"
 #include "ppc_record.h"
 #include "process_exit.h"
+#include "sigpipe_guard.h"
 #include "status_table.h"
 
 namespace qel {
@@ -403,6 +404,7 @@ uint32_t PpcClient::SendAbnormalMsg(uint32_t deviceId, GakWaitType waitType)
 
 uint32_t PpcClient::SendReport(const Report& report, uint32_t deviceId, GakWaitType waitType)
 {
+    const ppc::SigpipeGuard guard;  // the one that the frame needs, for the lines about it as well
     GAK_FREQUENT_LOG_AS(report.function,
                         "[GAKPPCCLI] %s() deviceId: %u waitType:%u(0:ZOLT,1:COMPUTE,2:CUSTOM_COMPUTE) is running",
                         report.function, deviceId, waitType);

@@ -260,10 +260,10 @@ ssize_t WriteFrame(int fd, const void* buf, int len)
 {
     uint32_t lengthField = htonl(static_cast<uint32_t>(len));
     iovec entries[2] = {{&lengthField, kLengthFieldSize}, {const_cast<void*>(buf), static_cast<size_t>(len)}};
-    ppc::SigpipeGuard guard;
+    const ppc::SigpipeGuard guard;
     const ssize_t written = writev(fd, entries, 2);
     if (written == -1 && errno == EPIPE) {
-        guard.Consume();
+        ppc::SigpipeGuard::Consume();
     }
     return written;
 }
