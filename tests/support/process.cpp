@@ -1,6 +1,7 @@
 #include "process.h"
 
 #include <dirent.h>
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <poll.h>
 #include <sys/prctl.h>
@@ -133,6 +134,18 @@ void ChildProcess::Reap()
     status_.ended = true;
     status_.code = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
     status_.signal = WIFSIGNALED(status) ? WTERMSIG(status) : 0;
+}
+
+bool BreakStandardError()
+{
+    int ends[2] = {-1, -1};
+    if (pipe2(ends, O_CLOEXEC) == -1) {
+        return false;
+    }
+    const bool done = dup2(ends[1], STDERR_FILENO) != -1;
+    close(ends[0]);
+    close(ends[1]);
+    return done;
 }
 
 size_t OpenDescriptors()

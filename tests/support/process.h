@@ -55,6 +55,9 @@ private:
     ExitStatus status_;
 };
 
+// Makes standard error a pipe without a reader. False when there is none to be had.
+bool BreakStandardError();
+
 // Descriptors that this process has open.
 size_t OpenDescriptors();
 

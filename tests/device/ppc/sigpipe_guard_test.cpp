@@ -1,7 +1,6 @@
 // What a message leaves behind of SIGPIPE, seen from outside: the daemon has gone, and the log goes to a pipe that
 // nobody reads, so that the frame and every line about it raise the signal.
 
-#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <pthread.h>
 #include <signal.h>
@@ -61,18 +60,6 @@ void SetBlocked(bool isBlocked)
     pthread_sigmask(isBlocked ? SIG_BLOCK : SIG_UNBLOCK, &sigpipe, nullptr);
 }
 
-// Standard error becomes a pipe without a reader.
-bool BreakStandardError()
-{
-    int ends[2] = {-1, -1};
-    if (pipe2(ends, O_CLOEXEC) == -1 || dup2(ends[1], STDERR_FILENO) == -1) {
-        return false;
-    }
-    close(ends[0]);
-    close(ends[1]);
-    return true;
-}
-
 // Three heartbeats to a daemon that has gone, every line of them written. True when all failed as they should.
 bool SendIntoTheVoid()
 {
@@ -96,7 +83,7 @@ int WithBrokenPipes(const std::function<int()>& body)
     }
     listener.Reset();  // with the connection that waits in its queue
     vlog_setlevel(kInfo);
-    return BreakStandardError() ? body() : 12;
+    return testsupport::BreakStandardError() ? body() : 12;
 }
 
 testing::AssertionResult EndsWellWithBrokenPipes(const std::function<int()>& body)
