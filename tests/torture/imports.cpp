@@ -20,7 +20,7 @@ const std::set<std::string> kCannotFail = {
     "sigaddset", "sigdelset", "sigemptyset", "sigfillset", "sigismember", "sigpending", "sigtimedwait",
     // The log sink returns nothing; the level questions have no failure.
     "CheckLogLevel", "VlogDebugInner", "VlogErrorInner", "VlogEventInner", "VlogInfoInner", "VlogInner",
-    "VlogWarnInner", "VlogWithKVInner", "osalGetTid", "vlog_getlevel", "vlog_init"};
+    "VlogWarnInner", "VlogWithKVInner", "osalGetTid", "vlog_getlevel", "vlog_init", "vlog_sigpipe_is_blocked"};
 
 // C++ functions reach the system through the C library, where allocations and thread starts are caught. So do the
 // compiler's helpers, which begin with two underscores. "_ITM_..." and "_Unwind_..." are the compiler's as well.
