@@ -647,10 +647,10 @@ TEST_F(PpcServerTest, ClosedSessionStaysInTheTableAndSendingToItFails)
                 Contains(WithStatus(0x1093037, "SendMsg", "[GAKPPCIF] SendMsg() Send message buffer fail")));
 }
 
-// A session record shows its descriptor behind the magic word.
+// A session record shows its descriptor behind the magic word, and -1 from the moment when its thread closes it.
 int DescriptorOf(void* session)
 {
-    return static_cast<int*>(session)[1];
+    return __atomic_load_n(static_cast<int*>(session) + 1, __ATOMIC_ACQUIRE);
 }
 
 TEST_F(PpcServerTest, StaleEntryNeverReachesANewWorkerWithTheSameDescriptor)
