@@ -294,7 +294,7 @@ TEST(Imports, LoggingLibraryOfAHostIsEnough)
     std::set<std::string> needed;
     for (const Symbol& symbol : ReadSymbols("--undefined-only")) {
         const bool isOfTheLog =
-            symbol.name.find("log_") == 1 || symbol.name.find("Vlog") == 0 || symbol.name == "CheckLogLevel";
+            symbol.name.rfind("vlog_", 0) == 0 || symbol.name.rfind("Vlog", 0) == 0 || symbol.name == "CheckLogLevel";
         if (isOfTheLog && symbol.type != 'w') {
             needed.insert(symbol.name);
         }

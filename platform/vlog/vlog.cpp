@@ -181,12 +181,18 @@ private:
 // What this thread said last with vlog_sigpipe_is_blocked.
 thread_local bool sigpipeIsBlocked = false;
 
-// Takes back the SIGPIPE that a write has raised while it was blocked.
-void ConsumeSigpipe()
+sigset_t OnlySigpipe()
 {
     sigset_t sigpipe;
     sigemptyset(&sigpipe);
     sigaddset(&sigpipe, SIGPIPE);
+    return sigpipe;
+}
+
+// Takes back the SIGPIPE that a write has raised while it was blocked.
+void ConsumeSigpipe()
+{
+    const sigset_t sigpipe = OnlySigpipe();
     const timespec noWait{};
     sigtimedwait(&sigpipe, nullptr, &noWait);
 }
@@ -197,9 +203,8 @@ class SigpipeGuard {
 public:
     SigpipeGuard()
     {
-        sigemptyset(&sigpipe_);
-        sigaddset(&sigpipe_, SIGPIPE);
-        blocked_ = pthread_sigmask(SIG_BLOCK, &sigpipe_, &before_) == 0 && sigismember(&before_, SIGPIPE) == 0;
+        const sigset_t sigpipe = OnlySigpipe();
+        blocked_ = pthread_sigmask(SIG_BLOCK, &sigpipe, &before_) == 0 && sigismember(&before_, SIGPIPE) == 0;
     }
     ~SigpipeGuard()
     {
@@ -219,7 +224,6 @@ public:
     }
 
 private:
-    sigset_t sigpipe_;
     sigset_t before_;
     bool blocked_ = false;
 };

@@ -272,6 +272,14 @@ TEST(VlogTest, ErrnoIsKeptWhenNothingCanBeWritten)
     EXPECT_EQ(errno, ENOENT);
 }
 
+void BlockSigpipe()
+{
+    sigset_t sigpipe;
+    sigemptyset(&sigpipe);
+    sigaddset(&sigpipe, SIGPIPE);
+    pthread_sigmask(SIG_BLOCK, &sigpipe, nullptr);
+}
+
 // How a line is written depends on the kernel; what happens to SIGPIPE does not.
 class VlogOnAKernel : public testing::TestWithParam<bool> {
 protected:
@@ -314,10 +322,7 @@ TEST_P(VlogOnAKernel, ClosedReaderDoesNotKillTheProcessOrLeaveASignal)
 TEST_P(VlogOnAKernel, ClosedReaderLeavesNoSignalOnAThreadThatBlocksIt)
 {
     ChildProcess child([] {
-        sigset_t sigpipe;
-        sigemptyset(&sigpipe);
-        sigaddset(&sigpipe, SIGPIPE);
-        pthread_sigmask(SIG_BLOCK, &sigpipe, nullptr);
+        BlockSigpipe();
         if (!testsupport::BreakStandardError()) {
             return 1;
         }
@@ -357,10 +362,7 @@ TEST_P(VlogOnAKernel, LinesOfAThreadThatBlocksSigpipeAreWrittenWhole)
 TEST_P(VlogOnAKernel, SigpipeThatTheCallerHoldsPendingStaysPending)
 {
     ChildProcess child([] {
-        sigset_t sigpipe;
-        sigemptyset(&sigpipe);
-        sigaddset(&sigpipe, SIGPIPE);
-        pthread_sigmask(SIG_BLOCK, &sigpipe, nullptr);
+        BlockSigpipe();
         raise(SIGPIPE);
         if (!testsupport::BreakStandardError()) {
             return 1;

@@ -29,7 +29,8 @@ namespace qel {
 /// until JoinAllPPCRcvThreads. These threads block all asynchronous signals.
 ///
 /// Waking. Destroy wakes the accept thread by stopping the endpoint, and receive threads and blocked senders by
-/// shutting their sessions down. A handler that does not return blocks Destroy.
+/// shutting their sessions down. A handler that does not return blocks Destroy. So do thread-local objects of handlers
+/// that wait when they are destroyed; those hold up accepting and reaping as well.
 ///
 /// Locks, outermost first: life cycle (CreateServer, Destroy) - thread list - finished threads. The session list, the
 /// handler table, the session table and the run flags have a mutex each; none of these is taken while another one of
