@@ -24,14 +24,14 @@
 namespace {
 
 using namespace std::chrono_literals;
+using gaktest::ChildProcess;
+using gaktest::CountingHook;
+using gaktest::ImportHook;
+using gaktest::LogCapture;
+using gaktest::LogLine;
+using gaktest::LogSink;
 using qel::QELLog;
-using testsupport::ChildProcess;
-using testsupport::CountingHook;
-using testsupport::ImportHook;
-using testsupport::LogCapture;
-using testsupport::LogLine;
-using testsupport::LogSink;
-namespace calls = testsupport::calls;
+namespace calls = gaktest::calls;
 
 constexpr int kModule = 38;
 constexpr char kPath[] = "qel/device/src/gak/ppc_client";
@@ -670,7 +670,7 @@ TEST(LogThreads, LinesOfManyThreadsDoNotMix)
     }
     std::map<std::string, int> lines;
     for (const LogLine& line : capture.Lines()) {
-        const testsupport::LogText text = testsupport::ParseLogText(line.text);
+        const gaktest::LogText text = gaktest::ParseLogText(line.text);
         EXPECT_EQ(text.threadId, line.threadId);
         ++lines[text.message];
     }

@@ -17,17 +17,17 @@
 namespace {
 
 using namespace std::chrono_literals;
-using testsupport::ChildProcess;
-using testsupport::CountingHook;
-using testsupport::Fd;
-using testsupport::RawAccept;
-using testsupport::RawMessage;
+using gaktest::ChildProcess;
+using gaktest::CountingHook;
+using gaktest::Fd;
+using gaktest::RawAccept;
+using gaktest::RawMessage;
 
 constexpr int kServerId = 19280;
 
 bool forkHandlersAreRefused = false;
 
-struct Getpid : testsupport::calls::OfGakppc {
+struct Getpid : gaktest::calls::OfGakppc {
     static constexpr const char* kSymbol = "getpid";
     using Signature = pid_t();
 };
@@ -57,12 +57,12 @@ protected:
         const auto init = reinterpret_cast<int (*)()>(dlsym(library, "ppcInit"));
         sendHeartbeat_ = reinterpret_cast<SendHeartbeat>(dlsym(library, "GakHeartbeatSend"));
         EXPECT_EQ(init(), 0);
-        listener_ = testsupport::RawListen(kServerId);
+        listener_ = gaktest::RawListen(kServerId);
     }
 
     static int IdIn(const Fd& peer)
     {
-        const std::optional<RawMessage> message = testsupport::ReadPpcFrame(peer, 20s);
+        const std::optional<RawMessage> message = gaktest::ReadPpcFrame(peer, 20s);
         return message.has_value() ? static_cast<int>(message->sub_proc_pid) : -1;
     }
 

@@ -20,10 +20,10 @@
 namespace {
 
 using namespace std::chrono_literals;
+using gaktest::ChildProcess;
+using gaktest::CountingHook;
 using qel::StatusFactory;
-using testsupport::ChildProcess;
-using testsupport::CountingHook;
-namespace calls = testsupport::calls;
+namespace calls = gaktest::calls;
 
 constexpr uint32_t kUnknown = 0x1013000;
 constexpr uint32_t kForeign = 0x2013001;  // a number that the table will never hold

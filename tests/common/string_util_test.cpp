@@ -12,7 +12,7 @@
 namespace {
 
 using namespace std::literals;
-using testsupport::ChildProcess;
+using gaktest::ChildProcess;
 
 const char kWhiteSpace[] = " \t\n\v\f\r";
 

@@ -26,7 +26,7 @@
 namespace {
 
 using namespace std::chrono_literals;
-using testsupport::Fd;
+using gaktest::Fd;
 
 constexpr int kInfo = 1;
 constexpr int kWarn = 2;
@@ -192,13 +192,13 @@ public:
         if (ppcInit() != PPC_OK || read(listening_.get(), &byte, 1) != 1 || !Send(kHeartbeatsBefore)) {
             return EXIT_FAILURE;
         }
-        testsupport::MarkForCounter(kWorkerMark);
+        gaktest::MarkForCounter(kWorkerMark);
         const Counts before = CountsNow();
         if (!Send(kHeartbeats)) {
             return EXIT_FAILURE;
         }
         const Counts after = CountsNow();
-        testsupport::MarkForCounter(kWorkerMark);
+        gaktest::MarkForCounter(kWorkerMark);
         results_->worker = PerHeartbeat(before, after);
         return testing::Test::HasFailure() ? EXIT_FAILURE : EXIT_SUCCESS;
     }
@@ -221,11 +221,11 @@ private:
     {
         ++handled_;
         if (handled_ == kHeartbeatsBefore) {
-            testsupport::MarkForCounter(kDaemonMark);
+            gaktest::MarkForCounter(kDaemonMark);
             before_ = CountsNow();
         } else if (handled_ == kHeartbeatsBefore + kHeartbeats) {
             const Counts after = CountsNow();
-            testsupport::MarkForCounter(kDaemonMark);
+            gaktest::MarkForCounter(kDaemonMark);
             results_->daemon = PerHeartbeat(before_, after);
             const char byte = 0;
             EXPECT_EQ(write(nowHandled_.get(), &byte, 1), 1);
@@ -249,8 +249,8 @@ Results CountAtLevel(int level)
 {
     sinkLevel = level;
     Conversation conversation;
-    testsupport::ChildProcess daemon([&] { return conversation.RunDaemon(); });
-    testsupport::ChildProcess worker([&] { return conversation.RunWorker(); });
+    gaktest::ChildProcess daemon([&] { return conversation.RunDaemon(); });
+    gaktest::ChildProcess worker([&] { return conversation.RunWorker(); });
     EXPECT_TRUE(worker.WaitExit(30s).ExitedWith(0)) << worker.WaitExit(0s);
     EXPECT_TRUE(daemon.WaitExit(30s).ExitedWith(0)) << daemon.WaitExit(0s);
     return conversation.results();
@@ -285,7 +285,7 @@ TEST(MessageCost, AHeartbeatTakesThreeSystemCallsOnEachSide)
     // Worker: SIGPIPE blocked, writev, SIGPIPE unblocked. Daemon: the peek, the length, the payload.
     constexpr uint64_t kCalls = 3;
     Conversation conversation;
-    testsupport::SyscallCounter counter;
+    gaktest::SyscallCounter counter;
     counter.Fork([&] { return conversation.RunDaemon(); });
     counter.Fork([&] { return conversation.RunWorker(); });
     ASSERT_TRUE(counter.CountAll());

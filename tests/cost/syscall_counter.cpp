@@ -9,7 +9,7 @@
 #include <cstdlib>
 #include <stdexcept>
 
-namespace testsupport {
+namespace gaktest {
 namespace {
 
 constexpr int kMarkCall = SYS_getppid;  // nothing that is counted here calls it
@@ -98,4 +98,4 @@ uint64_t SyscallCounter::Between(unsigned long mark) const
     return found == between_.end() ? 0 : found->second;
 }
 
-}  // namespace testsupport
+}  // namespace gaktest

@@ -8,7 +8,7 @@
 #include <map>
 #include <set>
 
-namespace testsupport {
+namespace gaktest {
 
 // Marks a place in the calling thread's course: the counter reports how many system calls the thread makes between two
 // marks of the same number.
@@ -36,6 +36,6 @@ private:
     std::map<unsigned long, uint64_t> between_;
 };
 
-}  // namespace testsupport
+}  // namespace gaktest
 
 #endif

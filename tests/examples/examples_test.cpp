@@ -7,7 +7,7 @@
 
 #include "../tools/tool.h"
 
-namespace testsupport {
+namespace gaktest {
 namespace {
 
 constexpr char kDaemon[] = GAKPPC_DAEMON_PROGRAM;
@@ -204,4 +204,4 @@ TEST(GuideDaemon, WrongArgumentsAreWrongUsage)
 }
 
 }  // namespace
-}  // namespace testsupport
+}  // namespace gaktest

@@ -18,12 +18,12 @@
 
 namespace {
 
-using fuzz::Bytes;
-using fuzz::WorkerStream;
+using gaktest::Bytes;
+using gaktest::Fd;
+using gaktest::RawMessage;
+using gaktest::WorkerStream;
 using qel::PpcClient;
 using qel::PPCMessage;
-using testsupport::Fd;
-using testsupport::RawMessage;
 
 constexpr uint32_t kServerId = 19280;
 constexpr uint32_t kDevices = 4;
@@ -62,7 +62,7 @@ Peer& PeerOf(uint32_t device, uint32_t procType)
 
 void Want(Peer& peer, const RawMessage& message)
 {
-    const Bytes frame = testsupport::PpcFrame(message);
+    const Bytes frame = gaktest::PpcFrame(message);
     peer.wanted.insert(peer.wanted.end(), frame.begin(), frame.end());
 }
 
@@ -135,7 +135,7 @@ void AskForCustomProcess(uint32_t hostPid, const std::vector<std::string>& libNa
     Want(PeerOf(1, PPCMessage::COMPUTE), wanted);
 }
 
-void Call(fuzz::Input& input)
+void Call(gaktest::Input& input)
 {
     switch (input.Byte() % 5) {
         case 0: {
@@ -172,7 +172,7 @@ void Receive(uint32_t device, uint32_t waitType, const WorkerStream& stream)
     FUZZ_CHECK(procType == (waitType < 3 ? waitType : 3));
     FUZZ_CHECK(client.GetPpcSession(device, static_cast<PPCMessage::ProcessType>(procType)) != nullptr);
     Peer& peer = PeerOf(device, procType);
-    FUZZ_CHECK(testsupport::WriteAll(peer.socket, stream.ToBytes()));
+    FUZZ_CHECK(gaktest::WriteAll(peer.socket, stream.ToBytes()));
     shutdown(peer.socket.get(), SHUT_WR);
 
     uint32_t wanted = stream.tail.empty() ? qel::kStatusPpcSocketClosed : qel::kStatusPpcSendRecvFail;
@@ -201,16 +201,15 @@ void EndSessions()
 
 int LLVMFuzzerInitialize(int* /*argc*/, char*** /*argv*/)
 {
-    listener = testsupport::RawListen(static_cast<int>(kServerId));
+    listener = gaktest::RawListen(static_cast<int>(kServerId));
     FUZZ_CHECK(listener.valid());
     FUZZ_CHECK(ppcInit() == 0);
     google::protobuf::SetLogHandler(nullptr);  // it complains about names that are not UTF-8
     // Reports the custom process, once for the life of this one.
-    const Bytes encoding =
-        testsupport::EncodeMessage({PPCMessage::START_RSP, 0, 0, PPCMessage::CUSTOM_COMPUTE, 1, 0, {}});
+    const Bytes encoding = gaktest::EncodeMessage({PPCMessage::START_RSP, 0, 0, PPCMessage::CUSTOM_COMPUTE, 1, 0, {}});
     Bytes bytes = {1, static_cast<uint8_t>(encoding.size())};
     bytes.insert(bytes.end(), encoding.begin(), encoding.end());
-    fuzz::Input input(bytes.data(), bytes.size());
+    gaktest::Input input(bytes.data(), bytes.size());
     Receive(0, PPCMessage::COMPUTE, WorkerStream(input));
     EndSessions();
     for (int i = 0; i < kSessionsRemembered; ++i) {
@@ -223,7 +222,7 @@ int LLVMFuzzerInitialize(int* /*argc*/, char*** /*argv*/)
 
 int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {
-    fuzz::Input input(data, size);
+    gaktest::Input input(data, size);
     const uint32_t device = input.Byte();
     const uint32_t waitType = input.Byte();
     for (size_t calls = input.Byte() % (kMostCalls + 1); calls > 0; --calls) {

@@ -20,7 +20,7 @@
         } \
     } while (false)
 
-namespace fuzz {
+namespace gaktest {
 
 using Bytes = std::vector<uint8_t>;
 
@@ -74,7 +74,7 @@ private:
     size_t left_;
 };
 
-}  // namespace fuzz
+}  // namespace gaktest
 
 // What each target defines; called by libFuzzer and by replay_main.cpp.
 extern "C" int LLVMFuzzerInitialize(int* argc, char*** argv);

@@ -14,9 +14,9 @@
 
 namespace {
 
-using fuzz::Bytes;
+using gaktest::Bytes;
+using gaktest::Fd;
 using qel::PPCMessage;
-using testsupport::Fd;
 
 constexpr int kServerId = 19280;
 // The driver takes memory for a length as soon as it is announced. Large ones would only measure the allocator here;
@@ -32,7 +32,7 @@ PpcServerHead* endpoint = nullptr;
 // A driver session and the peer at its other end.
 class Connection {
 public:
-    Connection() : peer_(testsupport::RawConnect(kServerId))
+    Connection() : peer_(gaktest::RawConnect(kServerId))
     {
         FUZZ_CHECK(peer_.valid());
         FUZZ_CHECK(drvPpcSessionAccept(endpoint, &session_) == PPC_OK);
@@ -128,7 +128,7 @@ uint32_t StatusOf(const Bytes& payload)
 // one knows no other fields, the generated code refuses names that are not UTF-8.
 void CheckContent(const PPCMessage& msg, const Bytes& payload)
 {
-    const std::optional<testsupport::RawMessage> raw = testsupport::DecodePayload(payload);
+    const std::optional<gaktest::RawMessage> raw = gaktest::DecodePayload(payload);
     const int size = static_cast<int>(payload.size()) - 4;
     if (!raw.has_value() || !PPCMessage().ParseFromArray(payload.data() + 4, size)) {
         return;
@@ -151,7 +151,7 @@ void Answer(const Connection& connection, qel::PpcInterface& codec, const PPCMes
     Bytes payload(sizeof(size));
     memcpy(payload.data(), &size, sizeof(size));
     payload.insert(payload.end(), encoding.begin(), encoding.end());
-    const Bytes wanted = testsupport::FrameBytes(payload);
+    const Bytes wanted = gaktest::FrameBytes(payload);
     Bytes sent(wanted.size());
     FUZZ_CHECK(recv(connection.Peer().get(), sent.data(), sent.size(), MSG_DONTWAIT) ==
                static_cast<ssize_t>(sent.size()));
@@ -176,7 +176,7 @@ int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     Bytes stream(data, data + size);
     CapAnnouncedLengths(stream);
     const Connection connection;
-    FUZZ_CHECK(testsupport::WriteAll(connection.Peer(), stream));
+    FUZZ_CHECK(gaktest::WriteAll(connection.Peer(), stream));
     shutdown(connection.Peer().get(), SHUT_WR);
 
     qel::PpcInterface codec;

@@ -27,11 +27,11 @@ std::vector<std::filesystem::path> FilesOf(const char* folder)
     return files;
 }
 
-fuzz::Bytes ContentOf(const std::filesystem::path& file)
+gaktest::Bytes ContentOf(const std::filesystem::path& file)
 {
     std::ifstream stream(file, std::ios::binary);
     FUZZ_CHECK(stream.is_open());
-    return fuzz::Bytes(std::istreambuf_iterator<char>(stream), {});
+    return gaktest::Bytes(std::istreambuf_iterator<char>(stream), {});
 }
 
 }  // namespace
@@ -45,7 +45,7 @@ int main(int argc, char** argv)
     LLVMFuzzerInitialize(&argc, &argv);
     const std::vector<std::filesystem::path> files = FilesOf(argv[1]);
     for (const std::filesystem::path& file : files) {
-        const fuzz::Bytes content = ContentOf(file);
+        const gaktest::Bytes content = ContentOf(file);
         fprintf(stderr, "%s\n", file.filename().c_str());  // the last one named is the one that fails
         LLVMFuzzerTestOneInput(content.data(), content.size());
     }

@@ -18,11 +18,11 @@
 
 namespace {
 
-using fuzz::Bytes;
-using fuzz::WorkerStream;
+using gaktest::Bytes;
+using gaktest::Fd;
+using gaktest::WorkerStream;
 using qel::PPCMessage;
 using qel::PpcServer;
-using testsupport::Fd;
 
 constexpr uint32_t kServerId = 19280;
 // Sessions of the inputs come from an endpoint of their own, so that they are received on this thread.
@@ -73,8 +73,8 @@ public:
         }
         FUZZ_CHECK(server_.CreateServer(kServerId) == qel::kStatusOk);
         heard.emplace();
-        worker_ = testsupport::RawConnect(static_cast<int>(kServerId));
-        FUZZ_CHECK(testsupport::WriteAll(worker_, testsupport::PpcFrame({PPCMessage::HEARTBEAT, 0, 0, 0, 1, 0, {}})));
+        worker_ = gaktest::RawConnect(static_cast<int>(kServerId));
+        FUZZ_CHECK(gaktest::WriteAll(worker_, gaktest::PpcFrame({PPCMessage::HEARTBEAT, 0, 0, 0, 1, 0, {}})));
         heard->get_future().wait();
     }
     ~Daemon() { server_.Destroy(); }
@@ -159,12 +159,12 @@ int LLVMFuzzerInitialize(int* /*argc*/, char*** /*argv*/)
 int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {
     KeepDaemonFresh();
-    fuzz::Input input(data, size);
+    gaktest::Input input(data, size);
     const WorkerStream stream(input);
-    const Fd worker = testsupport::RawConnect(kInputServerId);
+    const Fd worker = gaktest::RawConnect(kInputServerId);
     PpcSession* session = nullptr;
     FUZZ_CHECK(drvPpcSessionAccept(inputEndpoint, &session) == PPC_OK);
-    FUZZ_CHECK(testsupport::WriteAll(worker, stream.ToBytes()));
+    FUZZ_CHECK(gaktest::WriteAll(worker, stream.ToBytes()));
     shutdown(worker.get(), SHUT_WR);
 
     const Outcome outcome = OutcomeOf(stream);

@@ -96,13 +96,13 @@ namespace {
 
 // ---- Strings ----
 
-std::string RestAsText(fuzz::Input& input)
+std::string RestAsText(gaktest::Input& input)
 {
-    const fuzz::Bytes rest = input.Rest();
+    const gaktest::Bytes rest = input.Rest();
     return std::string(rest.begin(), rest.end());
 }
 
-void TryTrim(fuzz::Input& input)
+void TryTrim(gaktest::Input& input)
 {
     const std::string text = RestAsText(input);
     const auto isSpace = [](char c) { return isspace(static_cast<unsigned char>(c)) != 0; };
@@ -137,7 +137,7 @@ std::string Replaced(const std::string& text, const std::string& from, const std
     return out;
 }
 
-void TryRemoveEscapeChar(fuzz::Input& input)
+void TryRemoveEscapeChar(gaktest::Input& input)
 {
     const std::string text = RestAsText(input);
     std::string wanted;
@@ -152,7 +152,7 @@ void TryRemoveEscapeChar(fuzz::Input& input)
     FUZZ_CHECK(qel::RemoveEscapeChar(text) == wanted);
 }
 
-void TryReplace(fuzz::Input& input)
+void TryReplace(gaktest::Input& input)
 {
     const std::string from = input.ShortText();
     const std::string to = input.ShortText();
@@ -181,7 +181,7 @@ constexpr size_t kLongestLine = 8191;
 constexpr char kSink[] = "[qel/device/../common/src/log:";
 
 // A text of any length up to one that is too long for a line, without zeros.
-std::string Stretched(fuzz::Input& input)
+std::string Stretched(gaktest::Input& input)
 {
     const size_t length = (size_t{input.Byte()} << 8 | input.Byte()) % (kLongestMessage + 200);
     std::string pattern = input.ShortText();
@@ -214,7 +214,7 @@ void CheckLine(const std::optional<WantedLine>& wanted, const std::string& messa
     FUZZ_CHECK(lastLine.statusText == wanted->statusText);
 }
 
-void TryLog(fuzz::Input& input)
+void TryLog(gaktest::Input& input)
 {
     enum Family { kPlain, kStatus, kEvent, kTrace, kOperation };
     const auto family = static_cast<Family>(input.Byte() % 5);
@@ -288,7 +288,7 @@ void TryLog(fuzz::Input& input)
     CheckLine(wanted, message);
 }
 
-void TrySave(fuzz::Input& input)
+void TrySave(gaktest::Input& input)
 {
     const uint32_t level = input.Byte() % 16 == 0 ? input.Number() : input.Byte() % 9;
     minimumLevel = input.Byte() % 5;
@@ -309,7 +309,7 @@ void TrySave(fuzz::Input& input)
     FUZZ_CHECK(lastLine.statusText == (row == 7 ? statusText.c_str() : ""));
 }
 
-void TryStatus(fuzz::Input& input)
+void TryStatus(gaktest::Input& input)
 {
     const uint32_t status = input.Number();
     const uint32_t number = 0x02000000 + input.Byte() % 64;
@@ -333,7 +333,7 @@ __attribute__((format(printf, 4, 5))) int Print(char* dest, size_t destMax, size
     return length;
 }
 
-void TryBounds(fuzz::Input& input)
+void TryBounds(gaktest::Input& input)
 {
     const size_t size = input.Byte();
     const size_t count = input.Byte();
@@ -364,7 +364,7 @@ int LLVMFuzzerInitialize(int* /*argc*/, char*** /*argv*/)
 
 int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {
-    fuzz::Input input(data, size);
+    gaktest::Input input(data, size);
     switch (input.Byte() % 7) {
         case 0:
             TryTrim(input);

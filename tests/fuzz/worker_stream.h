@@ -5,7 +5,7 @@
 #include "qel_message.pb.h"
 #include "raw_peer.h"
 
-namespace fuzz {
+namespace gaktest {
 
 // Messages that one peer sends, made from an input: each is a length of one byte and so many bytes of encoding, which
 // goes out in a frame that is right. What follows the last of them goes out as it is, so that the stream may also end
@@ -33,7 +33,7 @@ struct WorkerStream {
         for (const Bytes& encoding : encodings) {
             Bytes payload = {static_cast<uint8_t>(encoding.size()), 0, 0, 0};
             payload.insert(payload.end(), encoding.begin(), encoding.end());
-            const Bytes frame = testsupport::FrameBytes(payload);
+            const Bytes frame = gaktest::FrameBytes(payload);
             bytes.insert(bytes.end(), frame.begin(), frame.end());
         }
         bytes.insert(bytes.end(), tail.begin(), tail.end());
@@ -49,6 +49,6 @@ struct WorkerStream {
     }
 };
 
-}  // namespace fuzz
+}  // namespace gaktest
 
 #endif

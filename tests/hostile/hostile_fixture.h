@@ -23,20 +23,20 @@
 #include "raw_peer.h"
 #include "sanitizer_options.h"
 
-namespace hostiletest {
+namespace gaktest {
 
 using namespace std::chrono_literals;
 using Clock = std::chrono::steady_clock;
+using gaktest::Fd;
+using gaktest::kMeasuresAreOwn;
+using gaktest::kUnderSanitizer;
+using gaktest::WaitUntil;
 using qel::PPCMessage;
-using testsupport::Fd;
-using testsupport::kMeasuresAreOwn;
-using testsupport::kUnderSanitizer;
-using testsupport::WaitUntil;
 
 constexpr uint32_t kOk = 0x1011000;
 constexpr uint32_t kServerId = 19280;
 constexpr auto kWait = 20s;
-constexpr uint32_t kQuickUs = testsupport::kMeasuresAreOwn ? 50000 : 500000;
+constexpr uint32_t kQuickUs = gaktest::kMeasuresAreOwn ? 50000 : 500000;
 
 // A well-behaved worker that beats while others misbehave. Each beat carries the time at which it was sent, so that the
 // daemon's handler knows how long it took to get there.
@@ -45,7 +45,7 @@ public:
     static constexpr uint32_t kDevice = 3;
     static constexpr uint32_t kPid = 77;
 
-    Heartbeats() : worker_(testsupport::RawConnect(kServerId)), thread_([this] { Beat(); }) {}
+    Heartbeats() : worker_(gaktest::RawConnect(kServerId)), thread_([this] { Beat(); }) {}
     ~Heartbeats() { EndQuietly(); }
     Heartbeats(const Heartbeats&) = delete;
     Heartbeats& operator=(const Heartbeats&) = delete;
@@ -125,8 +125,8 @@ private:
 
     void Beat()
     {
-        while (!stop_ && testsupport::WriteAll(
-                             worker_, testsupport::PpcFrame({2, kDevice, kServerId, 0, kPid, Microseconds(), {}}))) {
+        while (!stop_ &&
+               gaktest::WriteAll(worker_, gaktest::PpcFrame({2, kDevice, kServerId, 0, kPid, Microseconds(), {}}))) {
             std::this_thread::sleep_for(4ms);  // the pace of the heartbeats
         }
         EXPECT_TRUE(stop_) << "the daemon has closed the session of the well-behaved worker";
@@ -159,7 +159,7 @@ protected:
 
     static Fd Connect()
     {
-        Fd peer = testsupport::RawConnect(kServerId);
+        Fd peer = gaktest::RawConnect(kServerId);
         EXPECT_TRUE(peer.valid());
         return peer;
     }
@@ -185,7 +185,7 @@ protected:
     {
         Fd peer = Connect();
         ForgetStart(pid);
-        EXPECT_TRUE(testsupport::WriteAll(peer, testsupport::PpcFrame({0, device, kServerId, 0, pid, 0, {}})));
+        EXPECT_TRUE(gaktest::WriteAll(peer, gaktest::PpcFrame({0, device, kServerId, 0, pid, 0, {}})));
         EXPECT_TRUE(WaitUntil([&] { return HasStarted(pid); }, kWait));
         return peer;
     }
@@ -200,7 +200,7 @@ protected:
     // Threads that receive; the well-behaved worker's is one of them.
     static size_t ReceiveThreads()
     {
-        const std::vector<std::string> names = testsupport::ThreadNames();
+        const std::vector<std::string> names = gaktest::ThreadNames();
         return static_cast<size_t>(std::count_if(
             names.begin(), names.end(), [](const std::string& name) { return name.rfind("ppc_srv_recv_", 0) == 0; }));
     }
@@ -208,7 +208,7 @@ protected:
     static void ExpectAllEnd(const std::vector<Fd>& peers)
     {
         for (const Fd& peer : peers) {
-            ASSERT_TRUE(testsupport::ExpectEof(peer, kWait));
+            ASSERT_TRUE(gaktest::ExpectEof(peer, kWait));
         }
     }
     // Whether newcomers are served.
@@ -219,7 +219,7 @@ protected:
         order.set_type(PPCMessage::SHUTDOWN);
         order.set_sub_proc_pid(4711);
         EXPECT_EQ(qel::PpcServer::GetInstance().SendData(order), kOk);
-        EXPECT_EQ(testsupport::ReadPpcFrame(peer, kWait), (testsupport::RawMessage{5, 0, 0, 0, 4711, 0, {}}));
+        EXPECT_EQ(gaktest::ReadPpcFrame(peer, kWait), (gaktest::RawMessage{5, 0, 0, 0, 4711, 0, {}}));
     }
 
     static size_t ResidentKiB()
@@ -249,6 +249,6 @@ protected:
     std::unique_ptr<Heartbeats> heartbeats_;
 };
 
-}  // namespace hostiletest
+}  // namespace gaktest
 
 #endif

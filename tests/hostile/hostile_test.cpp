@@ -20,14 +20,14 @@
 #include "hostile_fixture.h"
 #include "log_capture.h"
 
-namespace hostiletest {
+namespace gaktest {
 namespace {
 
-using testsupport::Bytes;
-using testsupport::CountingHook;
-using testsupport::ExpectEof;
-using testsupport::PpcFrame;
-using testsupport::WriteAll;
+using gaktest::Bytes;
+using gaktest::CountingHook;
+using gaktest::ExpectEof;
+using gaktest::PpcFrame;
+using gaktest::WriteAll;
 
 const Bytes kOneGibibyteAnnounced = {0x40, 0, 0, 0};
 
@@ -101,16 +101,15 @@ bool ConnectSocket(const Fd& fd)
 {
     sockaddr_un address = {};
     address.sun_family = AF_UNIX;
-    strncpy(address.sun_path, testsupport::SocketPath(kServerId).c_str(), sizeof(address.sun_path) - 1);
+    strncpy(address.sun_path, gaktest::SocketPath(kServerId).c_str(), sizeof(address.sun_path) - 1);
     return connect(fd.get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)) == 0;
 }
 
-size_t LinesOfAcceptThread(const testsupport::LogCapture& log)
+size_t LinesOfAcceptThread(const gaktest::LogCapture& log)
 {
-    const std::vector<testsupport::LogLine> lines = log.Lines();
-    return static_cast<size_t>(std::count_if(lines.begin(), lines.end(), [](const testsupport::LogLine& line) {
-        return line.threadName == "ppc_srv_accept";
-    }));
+    const std::vector<gaktest::LogLine> lines = log.Lines();
+    return static_cast<size_t>(std::count_if(
+        lines.begin(), lines.end(), [](const gaktest::LogLine& line) { return line.threadName == "ppc_srv_accept"; }));
 }
 
 TEST_F(HostileTest, DescriptorLimitCostsLittleAndEndsWithIt)
@@ -119,7 +118,7 @@ TEST_F(HostileTest, DescriptorLimitCostsLittleAndEndsWithIt)
     const AcceptThreadClock acceptThread;
     {
         // The first look of a sanitizer at an object takes descriptors. What is logged of a message looks at it.
-        const testsupport::LogCapture log;
+        const gaktest::LogCapture log;
         Heartbeats::StartMeasuring();
         ASSERT_TRUE(Heartbeats::Arrive(2));
     }
@@ -128,7 +127,7 @@ TEST_F(HostileTest, DescriptorLimitCostsLittleAndEndsWithIt)
     // The accept in flight had taken its descriptor before it began to wait: the first client is still served.
     const uint32_t waiting = startedBefore + 1;
     {
-        testsupport::LogCapture log;
+        gaktest::LogCapture log;
         for (const Fd& client : clients) {
             ASSERT_TRUE(ConnectSocket(client));
             ASSERT_TRUE(WriteAll(client, PpcFrame({0, 0, kServerId, 0, 1, 0, {}})));
@@ -161,7 +160,7 @@ TEST_F(HostileTest, DescriptorLimitCostsLittleAndEndsWithIt)
 
 TEST_F(HostileTest, DescriptorLimitDoesNotDelayDestroy)
 {
-    CountingHook<testsupport::calls::Accept> accepts;
+    CountingHook<gaktest::calls::Accept> accepts;
     accepts.FailFrom(1, -1, EMFILE);
     const Fd client = Connect();  // ends the accept in flight
     ASSERT_TRUE(WaitUntil([&] { return accepts.Count() >= 3; }, kWait));
@@ -174,7 +173,7 @@ TEST_F(HostileTest, DescriptorLimitDoesNotDelayDestroy)
 TEST_F(HostileTest, ThreadStartsThatFailEndThatSessionOnly)
 {
     {
-        CountingHook<testsupport::calls::StdThreadCreate> threads;
+        CountingHook<gaktest::calls::StdThreadCreate> threads;
         threads.FailFrom(1, EAGAIN, 0);
         ExpectAllEnd(ConnectMany(50));
         EXPECT_GE(threads.Count(), 50u);
@@ -189,7 +188,7 @@ TEST_F(HostileTest, ThreadStartsThatFailEndThatSessionOnly)
 TEST_F(HostileTest, AnnouncedGibibytesTakeNoMemory)
 {
     static std::atomic<size_t> allocated{0};
-    CountingHook<testsupport::calls::Malloc> allocations;
+    CountingHook<gaktest::calls::Malloc> allocations;
     allocations.OnCall([](uint64_t, size_t size) -> std::optional<void*> {
         allocated += size == (1U << 30) ? 1 : 0;
         return std::nullopt;
@@ -236,7 +235,7 @@ TEST_F(HostileTest, FramesWithoutPayloadEndTheSession)
 
 TEST_F(HostileTest, RejectedPeersCostADescriptorUntilDestroy)
 {
-    const std::vector<testsupport::RawMessage> rejected = {
+    const std::vector<gaktest::RawMessage> rejected = {
         {0, 4, kServerId, 0, 1, 0, {}}, {0, 0, kServerId, 3, 1, 0, {}}, {5, 0, kServerId, 0, 1, 0, {}}};
     std::vector<Fd> peers = ConnectMany(200);
     for (size_t number = 0; number < peers.size(); ++number) {
@@ -245,17 +244,17 @@ TEST_F(HostileTest, RejectedPeersCostADescriptorUntilDestroy)
     EXPECT_TRUE(WaitUntil([] { return ReceiveThreads() == 1; }, kWait)) << ReceiveThreads();
     EXPECT_TRUE(Heartbeats::StayQuick());
     for (const Fd& peer : peers) {
-        EXPECT_FALSE(testsupport::WaitReadable(peer, 0s));
+        EXPECT_FALSE(gaktest::WaitReadable(peer, 0s));
     }
     ExpectService();
     ASSERT_TRUE(WaitUntil([] { return ReceiveThreads() == 1; }, kWait)) << ReceiveThreads();
-    const size_t open = testsupport::OpenDescriptors();
+    const size_t open = gaktest::OpenDescriptors();
     heartbeats_->EndQuietly();
     server_.Destroy();
     ExpectAllEnd(peers);
     // All of theirs, the listening one and the well-behaved worker's.
-    EXPECT_TRUE(WaitUntil([&] { return testsupport::OpenDescriptors() == open - peers.size() - 2; }, kWait))
-        << open << " before, " << testsupport::OpenDescriptors() << " after";
+    EXPECT_TRUE(WaitUntil([&] { return gaktest::OpenDescriptors() == open - peers.size() - 2; }, kWait))
+        << open << " before, " << gaktest::OpenDescriptors() << " after";
 }
 
 TEST_F(HostileTest, GarbageEndsAtMostItsOwnSession)
@@ -266,12 +265,12 @@ TEST_F(HostileTest, GarbageEndsAtMostItsOwnSession)
         std::generate(garbage.begin(), garbage.end(), [&] { return static_cast<uint8_t>(random()); });
         switch (number % 3) {
             case 0:  // a length that fits, garbage inside
-                garbage = testsupport::FrameBytes(garbage);
+                garbage = gaktest::FrameBytes(garbage);
                 break;
             case 1:  // likewise, and the encoded length fits as well
                 garbage.insert(garbage.begin(),
                                {static_cast<uint8_t>(garbage.size()), static_cast<uint8_t>(garbage.size() >> 8), 0, 0});
-                garbage = testsupport::FrameBytes(garbage);
+                garbage = gaktest::FrameBytes(garbage);
                 break;
             default:  // a length that is garbage itself
                 garbage[0] = kUnderSanitizer ? 0xFF : garbage[0];
@@ -314,7 +313,7 @@ TEST_F(HostileTest, IdleSessionsTakeLittleMemory)
 TEST_F(HostileTest, WorkerThatDoesNotReadBlocksItsSenderOnly)
 {
     const Fd lazy = ConnectAs(1, 5);
-    CountingHook<testsupport::calls::Writev> writes;
+    CountingHook<gaktest::calls::Writev> writes;
     std::atomic<uint32_t> status{0};
     std::thread sender([&] {
         PPCMessage order = OrderTo(1, 5);
@@ -337,7 +336,7 @@ TEST_F(HostileTest, WorkerThatDoesNotReadBlocksItsSenderOnly)
 class Usurper {
 protected:
     Usurper()
-        : ends_(testsupport::SocketPair()), process_([this]() -> int {
+        : ends_(gaktest::SocketPair()), process_([this]() -> int {
               char byte = 0;
               if (read(ends_.second.get(), &byte, 1) != 1) {
                   return 1;
@@ -359,12 +358,12 @@ protected:
     {
         char byte = 0;
         ASSERT_EQ(write(ends_.first.get(), "g", 1), 1);
-        ASSERT_TRUE(testsupport::WaitReadable(ends_.first, kWait));
+        ASSERT_TRUE(gaktest::WaitReadable(ends_.first, kWait));
         ASSERT_EQ(read(ends_.first.get(), &byte, 1), 1);
     }
 
     std::pair<Fd, Fd> ends_;
-    testsupport::ChildProcess process_;
+    gaktest::ChildProcess process_;
 };
 
 class SecondServerTest : protected Usurper, public HostileTest {};
@@ -377,15 +376,15 @@ TEST_F(SecondServerTest, TakesNewcomersAndLeavesTheSessionsOfTheFirst)
     const uint32_t startedBefore = started_;
     const Fd newcomer = Connect();
     ASSERT_TRUE(WriteAll(newcomer, PpcFrame({0, 2, kServerId, 0, 6, 0, {}})));
-    EXPECT_EQ(testsupport::ReadPpcFrame(newcomer, kWait), (testsupport::RawMessage{5, 0, 2, 0, 6, 0, {}}));
+    EXPECT_EQ(gaktest::ReadPpcFrame(newcomer, kWait), (gaktest::RawMessage{5, 0, 2, 0, 6, 0, {}}));
     EXPECT_EQ(started_, startedBefore);
     EXPECT_EQ(server_.SendData(OrderTo(1, 5)), kOk);
-    EXPECT_EQ(testsupport::ReadPpcFrame(old, kWait), (testsupport::RawMessage{5, 0, 1, 0, 5, 0, {}}));
+    EXPECT_EQ(gaktest::ReadPpcFrame(old, kWait), (gaktest::RawMessage{5, 0, 1, 0, 5, 0, {}}));
 
     process_.Kill(SIGKILL);
     EXPECT_TRUE(process_.WaitExit(kWait).KilledBy(SIGKILL));
     EXPECT_TRUE(ExpectEof(newcomer, kWait));
-    EXPECT_FALSE(testsupport::RawConnect(kServerId).valid());
+    EXPECT_FALSE(gaktest::RawConnect(kServerId).valid());
     EXPECT_TRUE(Heartbeats::StayQuick());
 
     heartbeats_->EndQuietly();
@@ -401,7 +400,7 @@ TEST_F(SecondServerTest, TakesNewcomersAndLeavesTheSessionsOfTheFirst)
 struct SizedMessage {
     SizedMessage(uint32_t device, uint32_t pid, uint32_t sender, size_t size)
     {
-        testsupport::RawMessage raw{5, 0, device, 0, pid, sender, std::vector<std::string>{""}};
+        gaktest::RawMessage raw{5, 0, device, 0, pid, sender, std::vector<std::string>{""}};
         raw.lib_names->front().assign(size - PpcFrame(raw).size(), static_cast<char>('a' + sender % 26));
         raw.lib_names->front().resize(raw.lib_names->front().size() - (PpcFrame(raw).size() - size));
         frame = PpcFrame(raw);
@@ -478,4 +477,4 @@ TEST_F(HostileTest, FramesOfManySendersAreNotDamaged)
 }
 
 }  // namespace
-}  // namespace hostiletest
+}  // namespace gaktest

@@ -14,9 +14,9 @@
 namespace {
 
 using namespace std::chrono_literals;
-using testsupport::Fd;
-using testsupport::PpcFrame;
-using testsupport::RawMessage;
+using gaktest::Fd;
+using gaktest::PpcFrame;
+using gaktest::RawMessage;
 
 constexpr uint32_t kServerId = 19280;
 
@@ -28,7 +28,7 @@ Fn* Find(void* library, const char* name)
 
 TEST(DlopenTest, StaysWhenItIsUnloadedUnderItsThreads)
 {
-    const Fd listener = testsupport::RawListen(kServerId);
+    const Fd listener = gaktest::RawListen(kServerId);
     for (int round = 0; round < 10; ++round) {
         void* library = dlopen(GAKPPC_LIBRARY_FILE, RTLD_NOW | RTLD_LOCAL);
         ASSERT_NE(library, nullptr) << dlerror();
@@ -43,9 +43,9 @@ TEST(DlopenTest, StaysWhenItIsUnloadedUnderItsThreads)
         static Fd connection;
         std::thread waiter([&] { waited = wait(0, 1); });
         if (round == 0) {
-            connection = testsupport::RawAccept(listener, 20s);
+            connection = gaktest::RawAccept(listener, 20s);
         }
-        const std::optional<RawMessage> started = testsupport::ReadPpcFrame(connection, 20s);
+        const std::optional<RawMessage> started = gaktest::ReadPpcFrame(connection, 20s);
         ASSERT_TRUE(started.has_value());
         EXPECT_EQ(started->type, 0u);
 
@@ -56,11 +56,11 @@ TEST(DlopenTest, StaysWhenItIsUnloadedUnderItsThreads)
             dlclose(stillThere);
         }
         EXPECT_EQ(heartbeat(0, 1), 0u);
-        EXPECT_TRUE(testsupport::ReadPpcFrame(connection, 20s).has_value());
-        EXPECT_TRUE(testsupport::WriteAll(connection, PpcFrame({5, 0, 0, 1, 0, 0, {}})));
+        EXPECT_TRUE(gaktest::ReadPpcFrame(connection, 20s).has_value());
+        EXPECT_TRUE(gaktest::WriteAll(connection, PpcFrame({5, 0, 0, 1, 0, 0, {}})));
         waiter.join();
         EXPECT_EQ(waited, 0u);
-        EXPECT_TRUE(testsupport::ReadPpcFrame(connection, 20s).has_value());  // its answer
+        EXPECT_TRUE(gaktest::ReadPpcFrame(connection, 20s).has_value());  // its answer
     }
 }
 

@@ -37,19 +37,19 @@ namespace {
 
 using namespace std::chrono_literals;
 using Clock = std::chrono::steady_clock;
+using gaktest::ChildProcess;
+using gaktest::Fd;
+using gaktest::LastExitHandler;
+using gaktest::LogCapture;
+using gaktest::PpcFrame;
+using gaktest::RawMessage;
+using gaktest::ReadPpcFrame;
+using gaktest::SocketsOf;
+using gaktest::SpawnSleeper;
+using gaktest::WaitUntil;
 using qel::PPCMessage;
 using qel::PpcServer;
 using testing::IsEmpty;
-using testsupport::ChildProcess;
-using testsupport::Fd;
-using testsupport::LastExitHandler;
-using testsupport::LogCapture;
-using testsupport::PpcFrame;
-using testsupport::RawMessage;
-using testsupport::ReadPpcFrame;
-using testsupport::SocketsOf;
-using testsupport::SpawnSleeper;
-using testsupport::WaitUntil;
 
 constexpr uint32_t kOk = 0x1011000;
 constexpr uint32_t kCreateFail = 0x1093031;
@@ -82,13 +82,13 @@ private:
 // Lets a process wait for another one, and notice its death.
 class Gate {
 public:
-    Gate() : ends_(testsupport::SocketPair()) {}
+    Gate() : ends_(gaktest::SocketPair()) {}
     void Open() { EXPECT_EQ(write(ends_.first.get(), "g", 1), 1); }
     // False when the deadline came first.
     bool Pass()
     {
         char byte = 0;
-        return testsupport::WaitReadable(ends_.second, kWait) && read(ends_.second.get(), &byte, 1) == 1;
+        return gaktest::WaitReadable(ends_.second, kWait) && read(ends_.second.get(), &byte, 1) == 1;
     }
 
 private:
@@ -334,7 +334,7 @@ TEST(SignalHygieneTest, ThreadsOfTheServerBlockAsynchronousSignals)
     pthread_sigmask(SIG_BLOCK, &own, nullptr);
     const SignalState before;
     ASSERT_TRUE(StartServer());
-    const Fd worker = testsupport::RawConnect(kServerId);
+    const Fd worker = gaktest::RawConnect(kServerId);
     ASSERT_TRUE(WaitUntil([] { return BlockedSignalsOf("ppc_srv_recv").size() == 1; }, kWait));
     EXPECT_EQ(SignalState(), before);
 
@@ -343,7 +343,7 @@ TEST(SignalHygieneTest, ThreadsOfTheServerBlockAsynchronousSignals)
     masks.push_back(BlockedSignalsOf("ppc_srv_recv").front());
     // Raised by an instruction of the thread itself, not to be blocked by the system, or the threads library's own.
     std::vector<int> exempt = {SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGTRAP, SIGSYS, SIGABRT, SIGKILL, SIGSTOP, 32, 33};
-    if (testsupport::kUnderEmulator) {
+    if (gaktest::kUnderEmulator) {
         // The emulator's own threads library has these two; the machine sees those of the emulated one after them.
         exempt.insert(exempt.end(), {34, 35});
     }
@@ -396,7 +396,7 @@ public:
     const std::array<pid_t, 2>& Pids() { return *pids_; }
 
     // Whether they have become the programs they are meant to be: only then does close-on-exec count.
-    bool HaveBeenExecuted() { return std::all_of(pids_->begin(), pids_->end(), testsupport::BecomesSleeper); }
+    bool HaveBeenExecuted() { return std::all_of(pids_->begin(), pids_->end(), gaktest::BecomesSleeper); }
 
 private:
     Shared<std::array<pid_t, 2>> pids_;
@@ -440,7 +440,7 @@ TEST(ChildHygieneTest, ExecutedChildrenInheritNoSocketAndWaitsEndWithTheDaemon)
     }
 
     daemon.Kill(SIGKILL);
-    const testsupport::Deadline oneSecond = 1s;
+    const gaktest::Deadline oneSecond = 1s;
     for (const auto& worker : workers) {
         EXPECT_TRUE(worker->WaitExit(oneSecond).ExitedWith(0)) << worker->WaitExit(oneSecond);
     }
@@ -487,8 +487,8 @@ TEST(ChildHygieneTest, ForkedChildrenThatExitDisturbNoSession)
     PpcServer& server = PpcServer::GetInstance();
     server.RegPPCSerMsgProcFunc(PPCMessage::HEARTBEAT, [](const PPCMessage&) { ++received; });
     ASSERT_TRUE(StartServer());
-    const Fd raw = testsupport::RawConnect(kServerId);
-    ASSERT_TRUE(testsupport::WriteAll(raw, PpcFrame({2, 1, kServerId, 0, 7, 0, {}})));
+    const Fd raw = gaktest::RawConnect(kServerId);
+    ASSERT_TRUE(gaktest::WriteAll(raw, PpcFrame({2, 1, kServerId, 0, 7, 0, {}})));
     ASSERT_TRUE(WaitUntil([] { return received == 1; }, kWait));
 
     std::atomic<bool> stop{false};
@@ -508,7 +508,7 @@ TEST(ChildHygieneTest, ForkedChildrenThatExitDisturbNoSession)
             LastExitHandler::code = 3;
             exit(1);
         });
-        const testsupport::ExitStatus status = child.WaitExit(1s);
+        const gaktest::ExitStatus status = child.WaitExit(1s);
         ASSERT_TRUE(status.ExitedWith(3)) << status << " in round " << round;
     }
     stop = true;
@@ -517,8 +517,8 @@ TEST(ChildHygieneTest, ForkedChildrenThatExitDisturbNoSession)
     EXPECT_TRUE(WaitUntil([&] { return received == sent + 1; }, kWait)) << received << " of " << sent + 1;
     EXPECT_EQ(server.SendData(MessageTo(1, 7, PPCMessage::SHUTDOWN)), kOk);
     EXPECT_EQ(ReadPpcFrame(raw, kWait), (RawMessage{5, 0, 1, 0, 7, 0, {}}));
-    const Fd another = testsupport::RawConnect(kServerId);
-    ASSERT_TRUE(testsupport::WriteAll(another, PpcFrame({2, 1, kServerId, 0, 8, 0, {}})));
+    const Fd another = gaktest::RawConnect(kServerId);
+    ASSERT_TRUE(gaktest::WriteAll(another, PpcFrame({2, 1, kServerId, 0, 8, 0, {}})));
     EXPECT_TRUE(WaitUntil([&] { return received == sent + 2; }, kWait));
     EXPECT_EQ(server.SendData(MessageTo(0, static_cast<uint32_t>(getpid()), PPCMessage::SHUTDOWN)), kOk);
     waiter.join();
@@ -568,16 +568,16 @@ TEST(ExitHygieneTest, ExitWithThreadsInEveryCallIsCleanAThousandTimes)
 {
     // The threads' errors on the way out are their right, but not wanted on the screen.
     LogCapture log;
-    const Fd listener = testsupport::RawListen(kServerId, 100);
+    const Fd listener = gaktest::RawListen(kServerId, 100);
     for (int round = 0; round < 1000; ++round) {
         Gate go;
         ChildProcess worker([&]() -> int { ExitInsideEveryCall(go); });
-        const Fd connection = testsupport::RawAccept(listener, kWait);
+        const Fd connection = gaktest::RawAccept(listener, kWait);
         ASSERT_NO_FATAL_FAILURE(ServeUntilItExits(connection, go)) << "round " << round;
-        const testsupport::ExitStatus status = worker.WaitExit(kWait);
+        const gaktest::ExitStatus status = worker.WaitExit(kWait);
         ASSERT_TRUE(status.ExitedWith(5)) << status << " in round " << round;
         // A heartbeat behind the tear-down opens a session of its own.
-        while (testsupport::RawAccept(listener, 0s).valid()) {
+        while (gaktest::RawAccept(listener, 0s).valid()) {
         }
     }
 }

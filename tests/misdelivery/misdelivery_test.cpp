@@ -26,10 +26,10 @@
 namespace {
 
 using namespace std::chrono_literals;
+using gaktest::Deadline;
+using gaktest::Fd;
+using gaktest::WaitUntil;
 using qel::PPCMessage;
-using testsupport::Deadline;
-using testsupport::Fd;
-using testsupport::WaitUntil;
 using Clock = std::chrono::steady_clock;
 
 constexpr uint32_t kOk = 0x1011000;
@@ -183,9 +183,9 @@ private:
     // One session: reports its start, reads so many messages, and goes.
     void Live(const Pair& pair, Register::Index index, size_t messages)
     {
-        Fd socket = testsupport::RawConnect(static_cast<int>(kServerId));
-        const testsupport::RawMessage start{0, pair.device, kServerId, 0, pair.pid, pair.life, {}};
-        if (!socket.valid() || !WriteAll(socket, testsupport::PpcFrame(start)) ||
+        Fd socket = gaktest::RawConnect(static_cast<int>(kServerId));
+        const gaktest::RawMessage start{0, pair.device, kServerId, 0, pair.pid, pair.life, {}};
+        if (!socket.valid() || !WriteAll(socket, gaktest::PpcFrame(start)) ||
             !WaitUntil([&] { return heard[pair.life % kMaxLives].load(); }, 20s)) {
             ++tally_.broken;
             return;
@@ -204,7 +204,7 @@ private:
         if (!WaitReadable(socket, 20ms)) {
             return false;
         }
-        const std::optional<testsupport::RawMessage> msg = ReadPpcFrame(socket, 20s);
+        const std::optional<gaktest::RawMessage> msg = ReadPpcFrame(socket, 20s);
         if (!msg.has_value()) {
             return false;
         }
@@ -266,10 +266,10 @@ private:
 
 TEST(MisdeliveryTest, MessagesReachOnlyTheWorkerTheyName)
 {
-    const testsupport::SilentLog silent;
+    const gaktest::SilentLog silent;
     ASSERT_EQ(ppcInit(), 0);
-    const size_t threads = testsupport::ThreadCount();
-    const size_t descriptors = testsupport::OpenDescriptors();
+    const size_t threads = gaktest::ThreadCount();
+    const size_t descriptors = gaktest::OpenDescriptors();
     heard = std::make_unique<std::atomic<bool>[]>(kMaxLives);
     qel::PpcServer& server = qel::PpcServer::GetInstance();
     server.RegPPCSerMsgProcFunc(PPCMessage::START_RSP, &OnStart);
@@ -310,8 +310,8 @@ TEST(MisdeliveryTest, MessagesReachOnlyTheWorkerTheyName)
     EXPECT_GE(storm.Lives(), kSessions);
     EXPECT_GE(tally.toDead, kMessages);
     EXPECT_GE(tally.received, kMessages);
-    EXPECT_TRUE(WaitUntil([&] { return testsupport::ThreadCount() == threads; }, 10s));
-    EXPECT_EQ(testsupport::OpenDescriptors(), descriptors);
+    EXPECT_TRUE(WaitUntil([&] { return gaktest::ThreadCount() == threads; }, 10s));
+    EXPECT_EQ(gaktest::OpenDescriptors(), descriptors);
 }
 
 }  // namespace

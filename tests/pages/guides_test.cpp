@@ -12,8 +12,8 @@
 namespace {
 
 namespace fs = std::filesystem;
-using pages::CodeBlock;
-using pages::ReadFile;
+using gaktest::CodeBlock;
+using gaktest::ReadFile;
 
 TEST(DaemonGuide, ShowsTheExample)
 {

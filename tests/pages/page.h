@@ -8,7 +8,7 @@
 #include <string>
 
 // Takes pieces out of the pages in docs/, so that tests use what readers see.
-namespace pages {
+namespace gaktest {
 
 inline std::string ReadFile(const std::string& path)
 {
@@ -34,6 +34,6 @@ inline std::string CodeBlock(const std::string& page, const std::string& heading
     return page.substr(code, end + 1 - code);
 }
 
-}  // namespace pages
+}  // namespace gaktest
 
 #endif

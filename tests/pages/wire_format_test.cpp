@@ -8,12 +8,12 @@
 
 namespace {
 
+using gaktest::Bytes;
+using gaktest::Hex;
 using gaktest::Inbox;
 using gaktest::kOk;
 using gaktest::kServerId;
-using testsupport::Bytes;
-using testsupport::Hex;
-using testsupport::RawMessage;
+using gaktest::RawMessage;
 
 constexpr uint32_t kDevice = 2;
 constexpr uint32_t kPid = 4711;
@@ -22,7 +22,7 @@ constexpr uint32_t kCompute = 1;
 // Each line of the block begins with bytes; what follows two blanks explains them.
 Bytes BytesOf(const std::string& heading)
 {
-    std::istringstream lines(pages::CodeBlock(pages::ReadFile("docs/wire-format.md"), heading));
+    std::istringstream lines(gaktest::CodeBlock(gaktest::ReadFile("docs/wire-format.md"), heading));
     Bytes bytes;
     for (std::string line; std::getline(lines, line);) {
         std::istringstream digits(line.substr(0, line.find("  ")));
@@ -39,7 +39,7 @@ TEST_F(WireFormatPageTest, HeartbeatIsReceivedAsThePageSays)
 {
     Handle(qel::PPCMessage::HEARTBEAT);
     Create();
-    const testsupport::Fd worker = Connect();
+    const gaktest::Fd worker = Connect();
     const Bytes heartbeat = BytesOf("## One heartbeat, byte by byte");
     ASSERT_EQ(heartbeat.size(), 21u);
     ASSERT_TRUE(WriteAll(worker, heartbeat));
@@ -52,7 +52,7 @@ TEST_F(WireFormatPageTest, OrderIsSentAsThePageSays)
 {
     Handle(qel::PPCMessage::HEARTBEAT);
     Create();
-    const testsupport::Fd worker = Connect();
+    const gaktest::Fd worker = Connect();
     ASSERT_TRUE(WriteAll(worker, BytesOf("## One heartbeat, byte by byte")));
     ASSERT_TRUE(Inbox::WaitFor(1));
     ASSERT_EQ(server_.SendData(gaktest::Message({5, kServerId, kDevice, kCompute, kPid, 0, {}})), kOk);

@@ -12,7 +12,7 @@
 namespace {
 
 using namespace std::chrono_literals;
-using testsupport::ChildProcess;
+using gaktest::ChildProcess;
 
 TEST(OsalTest, MainThreadHasTheProcessId)
 {

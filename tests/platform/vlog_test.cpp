@@ -46,8 +46,8 @@ extern "C" ssize_t pwritev2(int fd, const iovec* entries, int count, off_t offse
 namespace {
 
 using namespace std::chrono_literals;
-using testsupport::ChildProcess;
-using testsupport::Fd;
+using gaktest::ChildProcess;
+using gaktest::Fd;
 
 const char* const kNoText = nullptr;
 
@@ -236,7 +236,7 @@ TEST(VlogTest, TimeIsNowInUtc)
 TEST(VlogTest, DateIsThatOfTheCalendar)
 {
     time_t now = 0;
-    testsupport::CountingHook<ClockGettime> clock;
+    gaktest::CountingHook<ClockGettime> clock;
     clock.OnCall([&now](uint64_t, clockid_t, timespec* answer) {
         *answer = {now, 987654321};
         return std::optional<int>(0);
@@ -303,7 +303,7 @@ TEST_P(VlogOnAKernel, LinesAreWrittenWhole)
 TEST_P(VlogOnAKernel, ClosedReaderDoesNotKillTheProcessOrLeaveASignal)
 {
     ChildProcess child([] {
-        if (!testsupport::BreakStandardError()) {
+        if (!gaktest::BreakStandardError()) {
             return 1;
         }
         signal(SIGPIPE, SIG_DFL);
@@ -323,7 +323,7 @@ TEST_P(VlogOnAKernel, ClosedReaderLeavesNoSignalOnAThreadThatBlocksIt)
 {
     ChildProcess child([] {
         BlockSigpipe();
-        if (!testsupport::BreakStandardError()) {
+        if (!gaktest::BreakStandardError()) {
             return 1;
         }
         vlog_sigpipe_is_blocked(1);
@@ -338,7 +338,7 @@ TEST_P(VlogOnAKernel, ClosedReaderLeavesNoSignalOnAThreadThatBlocksIt)
 TEST_P(VlogOnAKernel, ThreadThatBlocksSigpipeNoLongerIsProtectedAgain)
 {
     ChildProcess child([] {
-        if (!testsupport::BreakStandardError()) {
+        if (!gaktest::BreakStandardError()) {
             return 1;
         }
         signal(SIGPIPE, SIG_DFL);
@@ -364,7 +364,7 @@ TEST_P(VlogOnAKernel, SigpipeThatTheCallerHoldsPendingStaysPending)
     ChildProcess child([] {
         BlockSigpipe();
         raise(SIGPIPE);
-        if (!testsupport::BreakStandardError()) {
+        if (!gaktest::BreakStandardError()) {
             return 1;
         }
         VlogErrorInner(38, "into a broken pipe");

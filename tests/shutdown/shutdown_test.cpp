@@ -24,9 +24,9 @@
 namespace {
 
 using namespace std::chrono_literals;
+using gaktest::Fd;
+using gaktest::WaitUntil;
 using qel::PPCMessage;
-using testsupport::Fd;
-using testsupport::WaitUntil;
 using Clock = std::chrono::steady_clock;
 
 constexpr uint32_t kOk = 0x1011000;
@@ -34,8 +34,8 @@ constexpr uint32_t kServerId = 19280;
 constexpr uint32_t kDevice = 2;
 
 // Sanitizers and emulators make every step many times slower: fewer rounds, and what a round takes is theirs mostly.
-constexpr size_t kRounds = testsupport::kMeasuresAreOwn ? 1000 : 100;
-constexpr auto kUsual = testsupport::kMeasuresAreOwn ? 100ms : 500ms;  // for all but one round of a hundred
+constexpr size_t kRounds = gaktest::kMeasuresAreOwn ? 1000 : 100;
+constexpr auto kUsual = gaktest::kMeasuresAreOwn ? 100ms : 500ms;  // for all but one round of a hundred
 constexpr auto kWorst = 1s;
 
 std::atomic<size_t> starts{0};
@@ -50,14 +50,14 @@ protected:
     ShutdownTest()
     {
         EXPECT_EQ(ppcInit(), 0);
-        threads_ = testsupport::ThreadCount();
-        descriptors_ = testsupport::OpenDescriptors();
+        threads_ = gaktest::ThreadCount();
+        descriptors_ = gaktest::OpenDescriptors();
     }
     ~ShutdownTest() override
     {
         server_.Destroy();
-        EXPECT_TRUE(WaitUntil([this] { return testsupport::ThreadCount() == threads_; }, 10s));
-        EXPECT_EQ(testsupport::OpenDescriptors(), descriptors_);
+        EXPECT_TRUE(WaitUntil([this] { return gaktest::ThreadCount() == threads_; }, 10s));
+        EXPECT_EQ(gaktest::OpenDescriptors(), descriptors_);
     }
 
     void Create()
@@ -72,10 +72,10 @@ protected:
     {
         std::vector<Fd> workers;
         for (size_t i = 0; i < count; ++i) {
-            workers.push_back(testsupport::RawConnect(static_cast<int>(kServerId)));
+            workers.push_back(gaktest::RawConnect(static_cast<int>(kServerId)));
             EXPECT_TRUE(workers.back().valid());
-            const testsupport::RawMessage start{0, kDevice, kServerId, 0, static_cast<uint32_t>(i + 1), 0, {}};
-            EXPECT_TRUE(WriteAll(workers.back(), testsupport::PpcFrame(start)));
+            const gaktest::RawMessage start{0, kDevice, kServerId, 0, static_cast<uint32_t>(i + 1), 0, {}};
+            EXPECT_TRUE(WriteAll(workers.back(), gaktest::PpcFrame(start)));
         }
         EXPECT_TRUE(WaitUntil([&] { return starts == count; }, 10s));
         return workers;
@@ -115,7 +115,7 @@ protected:
     qel::PpcServer& server_ = qel::PpcServer::GetInstance();
 
 private:
-    const testsupport::SilentLog silent_;
+    const gaktest::SilentLog silent_;
 
     static long long Us(Clock::duration time)
     {
@@ -202,7 +202,7 @@ private:
     {
         std::vector<Fd> sockets;
         while (!stop_) {
-            Fd socket = testsupport::RawConnect(static_cast<int>(kServerId));
+            Fd socket = gaktest::RawConnect(static_cast<int>(kServerId));
             if (!socket.valid()) {
                 std::this_thread::yield();  // between Destroy and the next server
                 continue;
@@ -240,12 +240,12 @@ TEST_F(ShutdownTest, ReapingAfterReCreationReturnsAtOnce)
     constexpr size_t kReCreations = 100;
     constexpr size_t kSessions = 4;
     // Not counted in the loop: the system still lists threads for a moment that the round before has joined.
-    const size_t idleThreads = testsupport::ThreadCount() + 1;
+    const size_t idleThreads = gaktest::ThreadCount() + 1;
     for (size_t round = 0; round < kReCreations && !HasFailure(); ++round) {
         Create();
         std::vector<Fd> workers = ConnectIdle(kSessions);
         workers.clear();
-        EXPECT_TRUE(WaitUntil([&] { return testsupport::ThreadCount() == idleThreads; }, 10s));
+        EXPECT_TRUE(WaitUntil([&] { return gaktest::ThreadCount() == idleThreads; }, 10s));
         ASSERT_EQ(server_.Destroy(), kOk);
 
         Create();
@@ -253,8 +253,8 @@ TEST_F(ShutdownTest, ReapingAfterReCreationReturnsAtOnce)
         const Clock::time_point begin = Clock::now();
         server_.JoinAllPPCRcvThreads();
         EXPECT_LT(Clock::now() - begin, kUsual);
-        EXPECT_TRUE(WaitUntil([&] { return testsupport::ThreadCount() == idleThreads + kSessions; }, 10s))
-            << testsupport::ThreadCount();
+        EXPECT_TRUE(WaitUntil([&] { return gaktest::ThreadCount() == idleThreads + kSessions; }, 10s))
+            << gaktest::ThreadCount();
         ASSERT_EQ(server_.Destroy(), kOk);
     }
 }

@@ -27,11 +27,11 @@
 namespace {
 
 using namespace std::chrono_literals;
+using gaktest::ChildProcess;
+using gaktest::Fd;
+using gaktest::WaitUntil;
 using qel::PPCMessage;
 using qel::PpcServer;
-using testsupport::ChildProcess;
-using testsupport::Fd;
-using testsupport::WaitUntil;
 
 constexpr uint32_t kOk = 0x1011000;
 constexpr uint32_t kServerId = 19280;
@@ -90,7 +90,7 @@ bool RunRound(std::mt19937& random)
             std::this_thread::sleep_for(std::chrono::microseconds(random() % 2000));
             worker.Kill(SIGKILL);
         }
-        const testsupport::ExitStatus status = worker.WaitExit(kWait);
+        const gaktest::ExitStatus status = worker.WaitExit(kWait);
         if (IsVictim(number % 4) ? !status.KilledBy(SIGKILL) : !status.ExitedWith(0)) {
             fprintf(stderr, "worker %u: ended %d, code %d, signal %d\n", number, status.ended, status.code,
                     status.signal);
@@ -140,8 +140,8 @@ bool StartDaemon()
 
 // What a daemon holds of the system.
 struct Resources {
-    size_t descriptors = testsupport::OpenDescriptors();
-    size_t threads = testsupport::ThreadCount();
+    size_t descriptors = gaktest::OpenDescriptors();
+    size_t threads = gaktest::ThreadCount();
 
     bool operator==(const Resources& other) const
     {
@@ -180,7 +180,7 @@ long ResidentKiB()
 bool FillMemoryOfEndedSessions()
 {
     for (size_t number = 0; number < kSessionsRemembered; ++number) {
-        if (!testsupport::RawConnect(kServerId).valid()) {
+        if (!gaktest::RawConnect(kServerId).valid()) {
             return false;
         }
         PpcServer::GetInstance().JoinAllPPCRcvThreads();
@@ -194,7 +194,7 @@ public:
 
     bool Run(std::chrono::seconds time)
     {
-        const testsupport::Deadline end = time;
+        const gaktest::Deadline end = time;
         const Resources withoutServer;
         int cycles = 0;
         long baseline = 0;
@@ -214,7 +214,7 @@ public:
         } while (!end.Passed() || cycles < 2);
         printf("%d cycles, %d workers: %ld KiB resident at first, %ld KiB at the end\n", cycles,
                cycles * kRoundsInACycle * static_cast<int>(kWorkers), baseline, resident);
-        return !testsupport::kMeasuresAreOwn || resident - baseline <= kAllowedGrowthKiB;
+        return !gaktest::kMeasuresAreOwn || resident - baseline <= kAllowedGrowthKiB;
     }
 
 private:
@@ -249,14 +249,14 @@ int main(int argc, char** argv)
         fprintf(stderr, "usage: soak_program SECONDS\n");
         return 2;
     }
-    const testsupport::SilentLog silent;
-    std::pair<Fd, Fd> ends = testsupport::SocketPair();
+    const gaktest::SilentLog silent;
+    std::pair<Fd, Fd> ends = gaktest::SocketPair();
     ChildProcess spawner([&] {
         ends.first.Reset();
         return RunSpawner(ends.second);
     });
     ends.second.Reset();
-    testsupport::PrepareForSanitizers();
+    gaktest::PrepareForSanitizers();
     if (ppcInit() != 0) {
         return 1;
     }

@@ -27,13 +27,13 @@ namespace {
 
 using namespace std::chrono_literals;
 using Clock = std::chrono::steady_clock;
+using gaktest::Bytes;
+using gaktest::Fd;
+using gaktest::PpcFrame;
+using gaktest::WriteAll;
 using qel::PpcClient;
 using qel::PPCMessage;
 using qel::PpcServer;
-using testsupport::Bytes;
-using testsupport::Fd;
-using testsupport::PpcFrame;
-using testsupport::WriteAll;
 
 constexpr uint32_t kOk = 0x1011000;
 constexpr uint32_t kServerId = 19280;
@@ -130,7 +130,7 @@ void UseServer(std::mt19937& random)
 
 void BeRawWorker(std::mt19937& random)
 {
-    const Fd worker = testsupport::RawConnect(kServerId);
+    const Fd worker = gaktest::RawConnect(kServerId);
     if (!worker.valid()) {
         std::this_thread::yield();
         return;
@@ -147,7 +147,7 @@ void BeRawWorker(std::mt19937& random)
             WriteAll(worker, {0, 0, 16, 0, 1, 2, 3});
             break;
         case 3:
-            WriteAll(worker, testsupport::FrameBytes(Bytes(Below(100, random), static_cast<uint8_t>(random()))));
+            WriteAll(worker, gaktest::FrameBytes(Bytes(Below(100, random), static_cast<uint8_t>(random()))));
             break;
         default:
             for (uint32_t count = Below(20, random); count > 0; --count) {
@@ -221,7 +221,7 @@ int RunStorm(std::chrono::milliseconds time)
         const Loop raw1(BeRawWorker);
         const Loop raw2(BeRawWorker);
         const Loop closer([&](std::mt19937&) {
-            const Fd worker = testsupport::RawConnect(kServerId);
+            const Fd worker = gaktest::RawConnect(kServerId);
             closes += worker.valid() ? 1 : 0;
         });
         const Loop user1(UseServer);
@@ -267,8 +267,8 @@ int RunExits(std::chrono::milliseconds time)
 {
     uint32_t exits = 0;
     for (const auto end = Clock::now() + time; !IsOver(end, exits >= 5); ++exits) {
-        testsupport::ChildProcess process([&]() -> int { return ExitInTheMiddle(exits); });
-        const testsupport::ExitStatus status = process.WaitExit(20s);
+        gaktest::ChildProcess process([&]() -> int { return ExitInTheMiddle(exits); });
+        const gaktest::ExitStatus status = process.WaitExit(20s);
         if (!status.ExitedWith(0)) {
             fprintf(stderr, "exit %u: ended %d, code %d, signal %d\n", exits, status.ended, status.code, status.signal);
             return 1;
@@ -280,8 +280,8 @@ int RunExits(std::chrono::milliseconds time)
 
 bool RunPart(const char* name, int (*part)(std::chrono::milliseconds), std::chrono::milliseconds time)
 {
-    testsupport::ChildProcess process([&] { return part(time); });
-    const testsupport::ExitStatus status = process.WaitExit(time + 60s);
+    gaktest::ChildProcess process([&] { return part(time); });
+    const gaktest::ExitStatus status = process.WaitExit(time + 60s);
     if (!status.ExitedWith(0)) {
         fprintf(stderr, "%s: ended %d, code %d, signal %d\n", name, status.ended, status.code, status.signal);
         return false;
@@ -298,7 +298,7 @@ int main(int argc, char** argv)
         fprintf(stderr, "usage: stress_program SECONDS\n");
         return 2;
     }
-    const testsupport::SilentLog silent;
+    const gaktest::SilentLog silent;
     const std::chrono::milliseconds third(seconds * 1000 / 3);
     if (ppcInit() != 0) {
         return 1;

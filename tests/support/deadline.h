@@ -3,7 +3,7 @@
 
 #include <chrono>
 
-namespace testsupport {
+namespace gaktest {
 
 // The point in time at which waiting for an event becomes a failure. Converts from a duration, so that calls read
 // `WaitExit(5s)`; made once and passed on, it bounds a sequence of waits. Generous deadlines cost nothing: only a
@@ -32,6 +32,6 @@ private:
     Clock::time_point when_;
 };
 
-}  // namespace testsupport
+}  // namespace gaktest
 
 #endif

@@ -19,7 +19,7 @@
 
 #include "import_hook.h"
 
-namespace testsupport {
+namespace gaktest {
 
 // Counts and disturbs the calls that libgakppc makes to one function.
 //
@@ -225,6 +225,6 @@ struct StdThreadCreate {
 };
 
 }  // namespace calls
-}  // namespace testsupport
+}  // namespace gaktest
 
 #endif

@@ -14,7 +14,7 @@
 
 #include "hook_probe.h"
 
-namespace testsupport {
+namespace gaktest {
 namespace {
 
 struct ProbeGetPid {
@@ -171,4 +171,4 @@ TEST(CountingHookTest, StdThreadStartFails)
 }
 
 }  // namespace
-}  // namespace testsupport
+}  // namespace gaktest

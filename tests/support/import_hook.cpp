@@ -10,7 +10,7 @@
 #include <cstring>
 #include <stdexcept>
 
-namespace testsupport {
+namespace gaktest {
 namespace {
 
 #if defined(__x86_64__)
@@ -190,4 +190,4 @@ ImportHook::~ImportHook()
     }
 }
 
-}  // namespace testsupport
+}  // namespace gaktest

@@ -5,7 +5,7 @@
 #include <string>
 #include <vector>
 
-namespace testsupport {
+namespace gaktest {
 
 // Replaces one function as seen by one loaded library, for the length of a scope: every pointer that the dynamic linker
 // stored in that library for the symbol is rewritten. The test program and all other libraries keep the original.
@@ -48,6 +48,6 @@ private:
     uintptr_t original_ = 0;
 };
 
-}  // namespace testsupport
+}  // namespace gaktest
 
 #endif

@@ -10,7 +10,7 @@
 
 #include "hook_probe.h"
 
-namespace testsupport {
+namespace gaktest {
 namespace {
 
 constexpr pid_t kFakePid = -77;
@@ -144,4 +144,4 @@ TEST(ImportHookTest, UnknownLibraryThrows)
 }
 
 }  // namespace
-}  // namespace testsupport
+}  // namespace gaktest

@@ -3,7 +3,7 @@
 
 #include <unistd.h>
 
-namespace testsupport {
+namespace gaktest {
 
 // Ends a forked child that has set `code` as soon as the library's exit handlers have run. What comes after them is the
 // leak checker of a sanitizer, which takes what the parent's threads hold for leaked, because their stacks are not in
@@ -20,6 +20,6 @@ public:
 };
 inline const LastExitHandler lastExitHandler;  // made before main, so that it goes last
 
-}  // namespace testsupport
+}  // namespace gaktest
 
 #endif

@@ -18,7 +18,7 @@
 
 #include "vlog.h"
 
-namespace testsupport {
+namespace gaktest {
 namespace {
 
 constexpr int kDebugLevel = 0;
@@ -482,4 +482,4 @@ bool LogCapture::WaitFor(const std::string& part, Deadline deadline, size_t coun
         deadline);
 }
 
-}  // namespace testsupport
+}  // namespace gaktest

@@ -11,7 +11,7 @@
 #include "deadline.h"
 #include "import_hook.h"
 
-namespace testsupport {
+namespace gaktest {
 
 // The functions of the device logging library that write a line.
 enum class LogSink {
@@ -110,6 +110,6 @@ private:
     std::vector<std::unique_ptr<ImportHook>> hooks_;
 };
 
-}  // namespace testsupport
+}  // namespace gaktest
 
 #endif

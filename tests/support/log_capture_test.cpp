@@ -16,7 +16,7 @@
 #include "log_probe.h"
 #include "vlog.h"
 
-namespace testsupport {
+namespace gaktest {
 namespace {
 
 using namespace std::chrono_literals;
@@ -247,4 +247,4 @@ TEST(ParseLogTextTest, OtherTextsAreAllMessage)
 }
 
 }  // namespace
-}  // namespace testsupport
+}  // namespace gaktest

@@ -19,7 +19,7 @@
 #include <ostream>
 #include <stdexcept>
 
-namespace testsupport {
+namespace gaktest {
 namespace {
 
 constexpr int kAskAgainMs = 2;
@@ -182,4 +182,4 @@ bool WaitUntil(const std::function<bool()>& condition, Deadline deadline)
     return true;
 }
 
-}  // namespace testsupport
+}  // namespace gaktest

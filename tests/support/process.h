@@ -11,7 +11,7 @@
 
 #include "deadline.h"
 
-namespace testsupport {
+namespace gaktest {
 
 // How a process ended.
 struct ExitStatus {
@@ -70,6 +70,6 @@ std::vector<std::string> ThreadNames();
 // has no event to wait for, such as the system's tables of threads and descriptors.
 bool WaitUntil(const std::function<bool()>& condition, Deadline deadline);
 
-}  // namespace testsupport
+}  // namespace gaktest
 
 #endif

@@ -15,7 +15,7 @@
 
 #include "raw_peer.h"
 
-namespace testsupport {
+namespace gaktest {
 namespace {
 
 using namespace std::chrono_literals;
@@ -138,4 +138,4 @@ TEST(WaitUntilTest, AsksAgainUntilTrueOrTheDeadline)
 }
 
 }  // namespace
-}  // namespace testsupport
+}  // namespace gaktest

@@ -11,7 +11,7 @@
 #include <cstring>
 #include <ostream>
 
-namespace testsupport {
+namespace gaktest {
 namespace {
 
 constexpr mode_t kSocketDirMode = 0350;
@@ -427,4 +427,4 @@ std::optional<RawMessage> ReadPpcFrame(const Fd& socket, Deadline deadline)
     return payload.has_value() ? DecodePayload(*payload) : std::nullopt;
 }
 
-}  // namespace testsupport
+}  // namespace gaktest

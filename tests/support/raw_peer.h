@@ -14,7 +14,7 @@
 
 // Peers that speak to the library's sockets with plain system calls and build every byte themselves: nothing here uses
 // the library or protobuf, so what the library sends and accepts is judged against something independent of it.
-namespace testsupport {
+namespace gaktest {
 
 using Bytes = std::vector<uint8_t>;
 
@@ -111,6 +111,6 @@ std::optional<RawMessage> DecodePayload(const Bytes& payload);
 std::optional<Bytes> ReadFrame(const Fd& socket, Deadline deadline);
 std::optional<RawMessage> ReadPpcFrame(const Fd& socket, Deadline deadline);
 
-}  // namespace testsupport
+}  // namespace gaktest
 
 #endif

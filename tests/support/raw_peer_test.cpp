@@ -10,7 +10,7 @@
 #include <thread>
 #include <utility>
 
-namespace testsupport {
+namespace gaktest {
 namespace {
 
 using namespace std::chrono_literals;
@@ -180,4 +180,4 @@ TEST(RawMessageTest, ReadsFramesFromASocket)
 }
 
 }  // namespace
-}  // namespace testsupport
+}  // namespace gaktest

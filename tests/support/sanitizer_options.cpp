@@ -32,7 +32,7 @@ __attribute__((visibility("default"), used, no_sanitize("thread"))) const char* 
 }
 }
 
-void testsupport::PrepareForSanitizers()
+void gaktest::PrepareForSanitizers()
 {
 #if defined(GAKPPC_THREAD_SANITIZER)
     // This sanitizer starts a thread of its own with the program's first one. It must not come between two counts of

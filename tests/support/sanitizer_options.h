@@ -1,7 +1,7 @@
 #ifndef GAKPPC_SANITIZER_OPTIONS_H
 #define GAKPPC_SANITIZER_OPTIONS_H
 
-namespace testsupport {
+namespace gaktest {
 
 // Whether a sanitizer watches: what a process then takes of memory and time says little about the library.
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
@@ -31,6 +31,6 @@ constexpr bool kMeasuresAreOwn = !kUnderSanitizer && !kUnderEmulator;
 // add to them).
 void PrepareForSanitizers();
 
-}  // namespace testsupport
+}  // namespace gaktest
 
 #endif

@@ -3,7 +3,7 @@
 
 #include "import_hook.h"
 
-namespace testsupport {
+namespace gaktest {
 
 // Drops what libgakppc logs at the levels that are on by default, for the length of a scope: long runs in which failing
 // is the daily bread would write nothing else. Lines are composed all the same.
@@ -24,6 +24,6 @@ private:
     const ImportHook events_;
 };
 
-}  // namespace testsupport
+}  // namespace gaktest
 
 #endif

@@ -14,7 +14,7 @@
 #include "process.h"
 
 // A program that does nothing, for tests of what an executed program inherits.
-namespace testsupport {
+namespace gaktest {
 
 // Starts it; it sleeps until it is killed. Zero when it cannot be started.
 inline pid_t SpawnSleeper()
@@ -53,6 +53,6 @@ inline std::vector<std::string> SocketsOf(pid_t pid)
     return sockets;
 }
 
-}  // namespace testsupport
+}  // namespace gaktest
 
 #endif

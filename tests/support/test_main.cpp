@@ -64,7 +64,7 @@ int main(int argc, char** argv)
         RunInPrivateHome(argc, argv);
         return EXIT_FAILURE;
     }
-    testsupport::PrepareForSanitizers();
+    gaktest::PrepareForSanitizers();
     testing::InitGoogleMock(&argc, argv);
     return RUN_ALL_TESTS();
 }

@@ -24,15 +24,15 @@
 namespace {
 
 using namespace std::chrono_literals;
-using testsupport::ChildProcess;
-using testsupport::Fd;
+using gaktest::ChildProcess;
+using gaktest::Fd;
 
 constexpr int kServerId = 19280;
 constexpr uint32_t kOk = 0x1011000;
 constexpr auto kWait = 20s;
 constexpr char kParent[] = "/home/KrovaUser";
 constexpr char kDirectory[] = "/home/KrovaUser/qel_ppc";
-const std::string kSocket = testsupport::SocketPath(kServerId);
+const std::string kSocket = gaktest::SocketPath(kServerId);
 
 struct User {
     uid_t uid;
@@ -60,7 +60,7 @@ int RunAs(const User& user, const std::function<int()>& body)
 {
     constexpr int kNotThatUser = 99;
     ChildProcess child([&] { return Become(user) ? body() : kNotThatUser; });
-    const testsupport::ExitStatus status = child.WaitExit(kWait);
+    const gaktest::ExitStatus status = child.WaitExit(kWait);
     EXPECT_TRUE(status.ended && status.signal == 0 && status.code != kNotThatUser) << status;
     return status.code;
 }
@@ -71,11 +71,11 @@ enum Outcome { kConnected = 0, kDenied = 1 };
 int Connect(const User& user)
 {
     return RunAs(user, [] {
-        testsupport::LogCapture log;
+        gaktest::LogCapture log;
         PpcSession* session = nullptr;
         EXPECT_EQ(ppcInit(), 0);
         const int code = drvPpcSessionConnect(kServerId, &session);
-        const bool denied = log.Has(testsupport::LogSink::kWarn, "connect ppc socket error: Permission denied");
+        const bool denied = log.Has(gaktest::LogSink::kWarn, "connect ppc socket error: Permission denied");
         return code == PPC_ERR_SOCKET_CONNECT && denied ? kDenied : code;
     });
 }
@@ -84,7 +84,7 @@ int Connect(const User& user)
 int Listen(const User& user)
 {
     return RunAs(user, [] {
-        const testsupport::LogCapture log;
+        const gaktest::LogCapture log;
         PpcServerHead* server = nullptr;
         EXPECT_EQ(ppcInit(), 0);
         return drvPpcServerCreate(kServerId, &server);
@@ -94,7 +94,7 @@ int Listen(const User& user)
 // The user of the process that a worker of `user` reaches.
 uid_t ListenerSeenBy(const User& user)
 {
-    const auto [out, in] = testsupport::SocketPair();
+    const auto [out, in] = gaktest::SocketPair();
     RunAs(user, [&answer = in] {
         PpcSession* session = nullptr;
         if (ppcInit() != 0 || drvPpcSessionConnect(kServerId, &session) != PPC_OK) {
@@ -107,7 +107,7 @@ uid_t ListenerSeenBy(const User& user)
         return write(answer.get(), &peer.uid, sizeof(peer.uid)) == sizeof(peer.uid) ? 0 : 2;
     });
     uid_t uid = 0;
-    EXPECT_TRUE(testsupport::WaitReadable(out, 0s)) << "the worker reaches nobody";
+    EXPECT_TRUE(gaktest::WaitReadable(out, 0s)) << "the worker reaches nobody";
     EXPECT_EQ(recv(out.get(), &uid, sizeof(uid), MSG_DONTWAIT), static_cast<ssize_t>(sizeof(uid)));
     return uid;
 }
@@ -116,10 +116,10 @@ uid_t ListenerSeenBy(const User& user)
 class Daemon {
 public:
     Daemon(const User& user, mode_t mask)
-        : ends_(testsupport::SocketPair()), process_([this, &user, mask] { return Run(user, mask); })
+        : ends_(gaktest::SocketPair()), process_([this, &user, mask] { return Run(user, mask); })
     {
         char byte = 0;
-        EXPECT_TRUE(testsupport::WaitReadable(ends_.first, kWait));
+        EXPECT_TRUE(gaktest::WaitReadable(ends_.first, kWait));
         EXPECT_EQ(read(ends_.first.get(), &byte, 1), 1);
         EXPECT_EQ(byte, 'r');
     }
@@ -310,11 +310,11 @@ TEST_F(AccessTest, OpenConnectionOutlivesAChangeOfTheModes)
     const Daemon daemon(kOwner, 022);
     EXPECT_EQ(RunAs(kOwner,
                     [] {
-                        const Fd worker = testsupport::RawConnect(kServerId);
+                        const Fd worker = gaktest::RawConnect(kServerId);
                         EXPECT_EQ(chmod(kSocket.c_str(), 0), 0);
                         EXPECT_EQ(chmod(kDirectory, 0), 0);
-                        EXPECT_TRUE(WriteAll(worker, testsupport::PpcFrame({0, 1, kServerId, 0, 7, 0, {}})));
-                        return ReadPpcFrame(worker, kWait) == testsupport::RawMessage{5, 0, 1, 0, 7, 0, {}} ? 0 : 1;
+                        EXPECT_TRUE(WriteAll(worker, gaktest::PpcFrame({0, 1, kServerId, 0, 7, 0, {}})));
+                        return ReadPpcFrame(worker, kWait) == gaktest::RawMessage{5, 0, 1, 0, 7, 0, {}} ? 0 : 1;
                     }),
               0);
     EXPECT_EQ(Connect(kOwner), kDenied);

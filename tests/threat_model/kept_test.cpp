@@ -28,28 +28,28 @@
 namespace {
 
 using namespace gaktest;
+using gaktest::ChildProcess;
+using gaktest::CountingHook;
+using gaktest::Fd;
+using gaktest::PpcFrame;
+using gaktest::WaitUntil;
 using qel::PPCMessage;
 using testing::IsEmpty;
-using testsupport::ChildProcess;
-using testsupport::CountingHook;
-using testsupport::Fd;
-using testsupport::PpcFrame;
-using testsupport::WaitUntil;
-namespace calls = testsupport::calls;
+namespace calls = gaktest::calls;
 
 // The bytes by which a process tells another one how far it has come.
 class Progress {
 public:
-    Progress() : ends_(testsupport::SocketPair()) {}
+    Progress() : ends_(gaktest::SocketPair()) {}
 
     void Report(char step) const { EXPECT_EQ(write(ends_.second.get(), &step, 1), 1); }
     // The next step, 0 when none came in time.
     char Next() const
     {
         char step = 0;
-        return testsupport::WaitReadable(ends_.first, 20s) && read(ends_.first.get(), &step, 1) == 1 ? step : '\0';
+        return gaktest::WaitReadable(ends_.first, 20s) && read(ends_.first.get(), &step, 1) == 1 ? step : '\0';
     }
-    bool NothingFor(std::chrono::milliseconds time) const { return !testsupport::WaitReadable(ends_.first, time); }
+    bool NothingFor(std::chrono::milliseconds time) const { return !gaktest::WaitReadable(ends_.first, time); }
 
 private:
     std::pair<Fd, Fd> ends_;
@@ -63,7 +63,7 @@ TEST_F(KeptTest, WorkerThatDiesWithAnUnreadMessageIsNotReported)
 {
     WorkerProcess worker([](Fd& socket) {
         WriteAll(socket, PpcFrame(Report(1, 7)));
-        return testsupport::WaitReadable(socket, 20s) ? 0 : 1;  // and does not read it
+        return gaktest::WaitReadable(socket, 20s) ? 0 : 1;  // and does not read it
     });
     Handle(0);
     Handle(6);
@@ -104,7 +104,7 @@ TEST_F(KeptTest, DestroyWaitsForTheHandlerThatRuns)
     ASSERT_TRUE(WriteAll(worker, PpcFrame(Report(1, 7, 2))));
     entered.get_future().wait();
     auto destroyed = std::async(std::launch::async, [this] { return server_.Destroy(); });
-    EXPECT_TRUE(testsupport::ExpectEof(worker, 10s));  // what comes before the wait for the threads is done
+    EXPECT_TRUE(gaktest::ExpectEof(worker, 10s));  // what comes before the wait for the threads is done
     EXPECT_EQ(destroyed.wait_for(100ms), std::future_status::timeout);
     leave.set_value();
     EXPECT_EQ(destroyed.get(), kOk);
@@ -114,7 +114,7 @@ TEST_F(KeptTest, DestroyWaitsForTheHandlerThatRuns)
 
 TEST_F(KeptTest, DeadWorkerLeavesAFewHundredBytes)
 {
-    if (testsupport::kUnderSanitizer) {
+    if (gaktest::kUnderSanitizer) {
         GTEST_SKIP() << "the sanitizer's heap is not the C library's";
     }
     constexpr uint32_t kWorkers = 500;
@@ -124,7 +124,7 @@ TEST_F(KeptTest, DeadWorkerLeavesAFewHundredBytes)
     const auto liveAndDie = [&] {
         log_.Clear();
         for (uint32_t number = 0; number < kWorkers; ++number) {
-            const Fd worker = testsupport::RawConnect(static_cast<int>(kServerId));
+            const Fd worker = gaktest::RawConnect(static_cast<int>(kServerId));
             ASSERT_TRUE(WriteAll(worker, PpcFrame(Report(1, ++pid))));
         }
         ASSERT_TRUE(WaitForExits(kWorkers));
@@ -146,7 +146,7 @@ TEST_F(KeptTest, DeadWorkerLeavesAFewHundredBytes)
 // A program that runs until the end of the scope.
 class Sleeper {
 public:
-    Sleeper() : pid_(testsupport::SpawnSleeper()) { EXPECT_GT(pid_, 0); }
+    Sleeper() : pid_(gaktest::SpawnSleeper()) { EXPECT_GT(pid_, 0); }
     ~Sleeper()
     {
         kill(pid_, SIGKILL);
@@ -157,8 +157,8 @@ public:
 
     std::vector<std::string> Sockets() const
     {
-        EXPECT_TRUE(testsupport::BecomesSleeper(pid_));
-        return testsupport::SocketsOf(pid_);
+        EXPECT_TRUE(gaktest::BecomesSleeper(pid_));
+        return gaktest::SocketsOf(pid_);
     }
 
 private:
@@ -187,7 +187,7 @@ TEST(KeptProcessTest, ForkedChildThatLivesOnKeepsTheSessionsOfAKilledDaemon)
 {
     prctl(PR_SET_CHILD_SUBREAPER, 1);
     ASSERT_EQ(ppcInit(), 0);
-    const auto [out, in] = testsupport::SocketPair();
+    const auto [out, in] = gaktest::SocketPair();
     static int report = -1;
     report = in.get();
     ChildProcess daemon([&ownEnd = out]() -> int {
@@ -211,26 +211,26 @@ TEST(KeptProcessTest, ForkedChildThatLivesOnKeepsTheSessionsOfAKilledDaemon)
     Fd worker;
     ASSERT_TRUE(WaitUntil(
         [&] {
-            worker = testsupport::RawConnect(static_cast<int>(kServerId));
+            worker = gaktest::RawConnect(static_cast<int>(kServerId));
             return worker.valid();
         },
         20s));
     ASSERT_TRUE(WriteAll(worker, PpcFrame(Report(1, 7))));
     pid_t child = -1;
-    ASSERT_TRUE(testsupport::WaitReadable(out, 20s));
+    ASSERT_TRUE(gaktest::WaitReadable(out, 20s));
     ASSERT_EQ(read(out.get(), &child, sizeof(child)), static_cast<ssize_t>(sizeof(child)));
     ASSERT_GT(child, 0);
     daemon.Kill(SIGKILL);
     EXPECT_TRUE(daemon.WaitExit(20s).KilledBy(SIGKILL));
-    EXPECT_FALSE(testsupport::WaitReadable(worker, 0s));
+    EXPECT_FALSE(gaktest::WaitReadable(worker, 0s));
     kill(child, SIGKILL);
-    EXPECT_TRUE(testsupport::ExpectEof(worker, 20s));
+    EXPECT_TRUE(gaktest::ExpectEof(worker, 20s));
     waitpid(child, nullptr, 0);
 }
 
 TEST(KeptProcessTest, ProgramWithAHiddenSecondCopyOfTheMessagesAborts)
 {
-    auto [out, in] = testsupport::SocketPair();
+    auto [out, in] = gaktest::SocketPair();
     ChildProcess program([&errors = in]() -> int {
         const rlimit noCore = {0, 0};
         setrlimit(RLIMIT_CORE, &noCore);
@@ -239,9 +239,9 @@ TEST(KeptProcessTest, ProgramWithAHiddenSecondCopyOfTheMessagesAborts)
         return 1;
     });
     in.Reset();
-    const testsupport::ExitStatus status = program.WaitExit(20s);
+    const gaktest::ExitStatus status = program.WaitExit(20s);
     EXPECT_TRUE(status.KilledBy(SIGABRT)) << status;
-    const testsupport::Bytes text = testsupport::ReadExactly(out, 65536, 20s);
+    const gaktest::Bytes text = gaktest::ReadExactly(out, 65536, 20s);
     EXPECT_THAT(std::string(text.begin(), text.end()), testing::HasSubstr("File already exists in database"));
 }
 
@@ -252,7 +252,7 @@ std::vector<Fd> FillQueue()
 {
     sockaddr_un address = {};
     address.sun_family = AF_UNIX;
-    testsupport::SocketPath(static_cast<int>(kServerId)).copy(address.sun_path, sizeof(address.sun_path) - 1);
+    gaktest::SocketPath(static_cast<int>(kServerId)).copy(address.sun_path, sizeof(address.sun_path) - 1);
     std::vector<Fd> peers;
     for (;;) {
         Fd peer(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
@@ -299,22 +299,22 @@ private:
 TEST(KeptQueueTest, ConnectToAFullQueueHoldsUpTheOtherSessionsOfTheProcess)
 {
     ASSERT_EQ(ppcInit(), 0);
-    Fd listener = testsupport::RawListen(kServerId, 1);
+    Fd listener = gaktest::RawListen(kServerId, 1);
     ASSERT_EQ(GakHeartbeatSend(0, 0), 0u);
-    const Fd first = testsupport::RawAccept(listener, 20s);
-    EXPECT_TRUE(testsupport::ReadPpcFrame(first, 20s).has_value());
+    const Fd first = gaktest::RawAccept(listener, 20s);
+    EXPECT_TRUE(gaktest::ReadPpcFrame(first, 20s).has_value());
     const std::vector<Fd> waiting = FillQueue();
     const Progress progress;
     const WatchedConnects connects(1, progress);
     auto blocked = std::async(std::launch::async, [] { return GakHeartbeatSend(1, 0); });
     EXPECT_EQ(progress.Next(), 'c');
     auto other = std::async(std::launch::async, [] { return GakHeartbeatSend(0, 0); });
-    EXPECT_FALSE(testsupport::WaitReadable(first, 200ms));
+    EXPECT_FALSE(gaktest::WaitReadable(first, 200ms));
     listener.Reset();
     EXPECT_EQ(progress.Next(), 'C');
     EXPECT_EQ(blocked.get(), 0x1093031u);
     EXPECT_EQ(other.get(), 0u);
-    EXPECT_TRUE(testsupport::ReadPpcFrame(first, 20s).has_value());
+    EXPECT_TRUE(gaktest::ReadPpcFrame(first, 20s).has_value());
 }
 
 const Progress* exitProgress = nullptr;
@@ -344,15 +344,15 @@ const Progress* exitProgress = nullptr;
 
 TEST(KeptQueueTest, ExitWaitsForAConnectToAFullQueue)
 {
-    Fd listener = testsupport::RawListen(kServerId, 1);
+    Fd listener = gaktest::RawListen(kServerId, 1);
     const Progress orders;
     const Progress progress;
     ChildProcess worker([&]() -> int {
         listener.Reset();  // the parent alone decides how long it lives
         ExitDuringAConnect(orders, progress);
     });
-    const Fd first = testsupport::RawAccept(listener, 20s);
-    ASSERT_TRUE(testsupport::ReadPpcFrame(first, 20s).has_value());
+    const Fd first = gaktest::RawAccept(listener, 20s);
+    ASSERT_TRUE(gaktest::ReadPpcFrame(first, 20s).has_value());
     const std::vector<Fd> waiting = FillQueue();
     orders.Report('f');
     ASSERT_EQ(progress.Next(), 'c');

@@ -21,16 +21,16 @@
 namespace {
 
 using namespace gaktest;
+using gaktest::Bytes;
+using gaktest::Fd;
+using gaktest::FrameBytes;
+using gaktest::kUnderSanitizer;
+using gaktest::PpcFrame;
+using gaktest::RawMessage;
+using gaktest::ReadPpcFrame;
+using gaktest::WaitUntil;
 using qel::PPCMessage;
 using testing::ElementsAre;
-using testsupport::Bytes;
-using testsupport::Fd;
-using testsupport::FrameBytes;
-using testsupport::kUnderSanitizer;
-using testsupport::PpcFrame;
-using testsupport::RawMessage;
-using testsupport::ReadPpcFrame;
-using testsupport::WaitUntil;
 
 class TrustTest : public ServerTest {
 protected:
@@ -72,7 +72,7 @@ TEST_F(TrustTest, PeerUnderAnotherWorkersNameReplacesIt)
     Fd liar = ConnectAs(1, 7);
     EXPECT_EQ(server_.SendData(Order(1, 7)), kOk);
     EXPECT_EQ(ReadPpcFrame(liar, 10s), (RawMessage{5, 0, 1, 0, 7, 0, {}}));
-    EXPECT_FALSE(testsupport::WaitReadable(honest, 0s));
+    EXPECT_FALSE(gaktest::WaitReadable(honest, 0s));
 
     liar.Reset();
     ASSERT_TRUE(WaitForExits(1));
@@ -121,7 +121,7 @@ TEST_F(TrustTest, DestinationThatAPeerNamesMeansNothing)
     const RawMessage raw{2, 2, 1, 0, 7, 0, {}};  // from device 2 to the bystander
     Say(peer, raw);
     EXPECT_THAT(Inbox::Messages(), ElementsAre(raw));
-    EXPECT_FALSE(testsupport::WaitReadable(bystander, 0s));
+    EXPECT_FALSE(gaktest::WaitReadable(bystander, 0s));
 }
 
 // Sends the bytes with a descriptor beside them.
@@ -146,13 +146,13 @@ TEST_F(TrustTest, DescriptorsThatAPeerSendsAreDropped)
 {
     Create();
     const Fd peer = ConnectAs(1, 7);
-    const auto [kept, given] = testsupport::SocketPair();
-    const size_t open = testsupport::OpenDescriptors();
+    const auto [kept, given] = gaktest::SocketPair();
+    const size_t open = gaktest::OpenDescriptors();
     for (uint32_t number = 1; number <= 100; ++number) {
         ASSERT_TRUE(SendWithDescriptor(peer, PpcFrame(Report(1, 7, 2)), given.get()));
         ASSERT_TRUE(log_.WaitFor("##### [threadName:", 10s, number + 1));
     }
-    EXPECT_EQ(testsupport::OpenDescriptors(), open);
+    EXPECT_EQ(gaktest::OpenDescriptors(), open);
 }
 
 TEST_F(TrustTest, TextOfAPeerIsNotLogged)
@@ -175,7 +175,7 @@ Bytes FrameOfEmptyNames(size_t count)
 // Likewise of unknown fields.
 Bytes FrameOfUnknownFields(size_t count)
 {
-    Bytes encoding = testsupport::EncodeMessage(Report(1, 7, 3));
+    Bytes encoding = gaktest::EncodeMessage(Report(1, 7, 3));
     for (size_t number = 0; number < count; ++number) {
         encoding.insert(encoding.end(), {15 << 3, 1});
     }
@@ -270,7 +270,7 @@ TEST_F(TrustTest, HandlerThatSendsToAPeerThatDoesNotReadHoldsUpAllOthers)
     Create();
     const Fd lazy = ConnectAs(1, 5);
     const Fd worker = ConnectAs(1, 6);
-    testsupport::CountingHook<testsupport::calls::Writev> writes;
+    gaktest::CountingHook<gaktest::calls::Writev> writes;
     std::atomic<uint32_t> status{0};
     Inbox::OnMessage([&](const PPCMessage& msg) {
         if (msg.sub_proc_pid() == 5) {

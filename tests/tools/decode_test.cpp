@@ -2,7 +2,7 @@
 
 #include "tool.h"
 
-namespace testsupport {
+namespace gaktest {
 namespace {
 
 std::string HexOf(const Bytes& bytes)
@@ -194,4 +194,4 @@ TEST(DecodeVerb, DamagedCaptureIsRefused)
 }
 
 }  // namespace
-}  // namespace testsupport
+}  // namespace gaktest

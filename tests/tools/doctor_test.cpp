@@ -13,7 +13,7 @@
 
 #include "tool.h"
 
-namespace testsupport {
+namespace gaktest {
 namespace {
 
 const std::string kDir = "/home/KrovaUser/qel_ppc";
@@ -284,4 +284,4 @@ TEST_F(Doctor, RunningTapIsNoFault)
 }
 
 }  // namespace
-}  // namespace testsupport
+}  // namespace gaktest

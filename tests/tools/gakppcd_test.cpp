@@ -4,7 +4,7 @@
 
 #include "tool.h"
 
-namespace testsupport {
+namespace gaktest {
 namespace {
 
 std::unique_ptr<Tool> StartDaemon(std::vector<std::string> arguments = {}, Tool::Output output = Tool::Output::kPipe,
@@ -285,4 +285,4 @@ TEST(Gakppcd, WrongArgumentsAreWrongUsage)
 }
 
 }  // namespace
-}  // namespace testsupport
+}  // namespace gaktest

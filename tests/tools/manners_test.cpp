@@ -5,7 +5,7 @@
 
 #include "tool.h"
 
-namespace testsupport {
+namespace gaktest {
 namespace {
 
 struct Command {
@@ -195,4 +195,4 @@ TEST(SchemaCheck, RefusesWhatDoesNotFit)
 }
 
 }  // namespace
-}  // namespace testsupport
+}  // namespace gaktest

@@ -2,7 +2,7 @@
 
 #include "tool.h"
 
-namespace testsupport {
+namespace gaktest {
 namespace {
 
 constexpr char kCapture[] = "/home/trace.cap";
@@ -88,4 +88,4 @@ TEST(ReplayVerbAlone, WhatIsNoCaptureIsRefused)
 }
 
 }  // namespace
-}  // namespace testsupport
+}  // namespace gaktest

@@ -2,7 +2,7 @@
 
 #include "tool.h"
 
-namespace testsupport {
+namespace gaktest {
 namespace {
 
 std::vector<std::string> Send(std::vector<std::string> arguments)
@@ -190,4 +190,4 @@ TEST(SendVerbAlone, WrongArgumentsAreWrongUsage)
 }
 
 }  // namespace
-}  // namespace testsupport
+}  // namespace gaktest

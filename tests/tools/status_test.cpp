@@ -1,6 +1,6 @@
 #include "tool.h"
 
-namespace testsupport {
+namespace gaktest {
 namespace {
 
 constexpr char kNoSession[] =
@@ -80,4 +80,4 @@ TEST(StatusVerb, NeedsAQueryOrTheListButNotBoth)
 }
 
 }  // namespace
-}  // namespace testsupport
+}  // namespace gaktest

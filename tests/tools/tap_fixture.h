@@ -10,7 +10,7 @@
 
 #include "tool.h"
 
-namespace testsupport {
+namespace gaktest {
 
 inline const std::string kSock = "/home/KrovaUser/qel_ppc/sock_server_19280";
 inline const std::string kAside = kSock + ".tap";
@@ -61,6 +61,6 @@ protected:
     Fd daemon_;
 };
 
-}  // namespace testsupport
+}  // namespace gaktest
 
 #endif

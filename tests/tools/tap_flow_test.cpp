@@ -11,7 +11,7 @@
 
 #include "tap_fixture.h"
 
-namespace testsupport {
+namespace gaktest {
 namespace {
 
 using TapFlow = TapVerb;
@@ -218,4 +218,4 @@ TEST_F(TapFlow, RoundTripIsCompared)
 }
 
 }  // namespace
-}  // namespace testsupport
+}  // namespace gaktest

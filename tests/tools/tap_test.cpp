@@ -4,7 +4,7 @@
 
 #include "tap_fixture.h"
 
-namespace testsupport {
+namespace gaktest {
 namespace {
 
 TEST_F(TapVerb, ShowsBothDirectionsWithTheRealProcessBesideTheClaimedOne)
@@ -186,4 +186,4 @@ TEST_F(TapVerb, CaptureIsDecodedToTheSameLines)
 }
 
 }  // namespace
-}  // namespace testsupport
+}  // namespace gaktest

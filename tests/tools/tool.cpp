@@ -13,7 +13,7 @@
 #include <memory>
 #include <stdexcept>
 
-namespace testsupport {
+namespace gaktest {
 namespace {
 
 std::pair<Fd, Fd> Pipe()
@@ -187,4 +187,4 @@ RawMessage FromWorker(uint32_t type, uint32_t device, uint32_t pid)
     return message;
 }
 
-}  // namespace testsupport
+}  // namespace gaktest

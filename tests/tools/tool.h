@@ -12,7 +12,7 @@
 #include "raw_peer.h"
 
 // Runs the tools as a user would: as processes, with pipes or a terminal at their ends.
-namespace testsupport {
+namespace gaktest {
 
 extern const char kGakppctl[];
 extern const char kGakppcd[];
@@ -74,6 +74,6 @@ size_t CountOf(const std::string& text, const std::string& part);
 // A worker's message to the daemon.
 RawMessage FromWorker(uint32_t type, uint32_t device = 0, uint32_t pid = 4711);
 
-}  // namespace testsupport
+}  // namespace gaktest
 
 #endif

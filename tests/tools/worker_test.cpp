@@ -3,7 +3,7 @@
 
 #include "tool.h"
 
-namespace testsupport {
+namespace gaktest {
 namespace {
 
 // A daemon of the test, and workers that connect to it.
@@ -134,4 +134,4 @@ TEST(WorkerVerbAlone, WrongArgumentsAreWrongUsage)
 }
 
 }  // namespace
-}  // namespace testsupport
+}  // namespace gaktest

@@ -18,12 +18,12 @@
 #include "ppc_server.h"
 #include "process.h"
 
-namespace torture {
+namespace gaktest {
 namespace {
 
 using namespace std::chrono_literals;
+using gaktest::Deadline;
 using qel::PPCMessage;
-using testsupport::Deadline;
 
 constexpr uint32_t kServerId = 19280;
 constexpr uint32_t kOk = 0x1011000;
@@ -261,7 +261,7 @@ void Conversation::TearDown(size_t threadsBefore)
     Await("the first receive thread's waiting", [] { return IsReceiving(kFirstReceiveThread) || HasFailed(); });
     const auto pid = static_cast<uint32_t>(getpid());
     InsideLibrary([&] { server_->CloseSomeSession(server_->GetPpcSession(kComputeDevice, pid)); });
-    Await("the end of the first receive thread", [&] { return testsupport::ThreadCount() <= threadsBefore + 2; });
+    Await("the end of the first receive thread", [&] { return gaktest::ThreadCount() <= threadsBefore + 2; });
     InsideLibrary([this] { client_->Destroy(); });
     AwaitMessages("SOCKET_CLOSE", PPCMessage::SOCKET_CLOSE, 1);
     if (compute_.joinable()) {
@@ -282,7 +282,7 @@ void Conversation::TearDown(size_t threadsBefore)
     if (customStart_.joinable()) {
         customStart_.join();
     }
-    Await("the end of the receive threads", [&] { return testsupport::ThreadCount() <= threadsBefore + 1; });
+    Await("the end of the receive threads", [&] { return gaktest::ThreadCount() <= threadsBefore + 1; });
     const Inside inside;
     client_->Destroy();  // a thread that came too late may have opened a session
     server_->JoinAllPPCRcvThreads();
@@ -291,8 +291,8 @@ void Conversation::TearDown(size_t threadsBefore)
 
 std::string Conversation::Run()
 {
-    const size_t descriptors = testsupport::OpenDescriptors();
-    const size_t threads = testsupport::ThreadCount();
+    const size_t descriptors = gaktest::OpenDescriptors();
+    const size_t threads = gaktest::ThreadCount();
     current = this;
     client_ = InsideLibrary(&qel::PpcClient::GetInstance);
     if (InsideLibrary(&ppcInit) != 0 && !HasFailed()) {
@@ -306,11 +306,11 @@ std::string Conversation::Run()
     ShutDown(kComputeDevice, PPCMessage::COMPUTE, 1);
     ShutDown(kCustomDevice, PPCMessage::CUSTOM_COMPUTE, 2);
     TearDown(threads);
-    if (!testsupport::WaitUntil([&] { return testsupport::ThreadCount() == threads; }, 2s)) {
-        Complain("threads are left: " + std::to_string(testsupport::ThreadCount() - threads));
+    if (!gaktest::WaitUntil([&] { return gaktest::ThreadCount() == threads; }, 2s)) {
+        Complain("threads are left: " + std::to_string(gaktest::ThreadCount() - threads));
     }
-    if (testsupport::OpenDescriptors() != descriptors) {
-        Complain("descriptors are left: " + std::to_string(testsupport::OpenDescriptors() - descriptors));
+    if (gaktest::OpenDescriptors() != descriptors) {
+        Complain("descriptors are left: " + std::to_string(gaktest::OpenDescriptors() - descriptors));
     }
     return complaint_;
 }
@@ -343,4 +343,4 @@ bool FloodRecords()
     return true;
 }
 
-}  // namespace torture
+}  // namespace gaktest

@@ -3,7 +3,7 @@
 
 #include <string>
 
-namespace torture {
+namespace gaktest {
 
 // One whole conversation of a daemon and its workers, both sides in this process: the daemon is created; a compute
 // worker starts, sends heartbeats, asks for the custom process, which starts too, reports an abnormal end; both are
@@ -18,6 +18,6 @@ std::string RunConversation();
 // purpose. False when that fails.
 bool FloodRecords();
 
-}  // namespace torture
+}  // namespace gaktest
 
 #endif

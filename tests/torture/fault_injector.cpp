@@ -35,7 +35,7 @@ void* __libc_memalign(size_t alignment, size_t size);
 void __libc_free(void* block);
 }
 
-namespace torture {
+namespace gaktest {
 namespace {
 
 constexpr int kStackDepth = 24;
@@ -246,7 +246,7 @@ void* Allocate(size_t size, void* caller)
 // ---- Imported calls ----
 
 // The hooks live until the process ends: its exit handlers call the library.
-testsupport::ImportHook* hooks[kCallCount] = {};
+gaktest::ImportHook* hooks[kCallCount] = {};
 
 template <typename Fn>
 Fn Real(Call call)
@@ -453,7 +453,7 @@ void InstallHooks(bool beVerbose)
         In(kMemsetS, FakeMemsetS),       In(kSprintfS, FakeSprintfS),
         In(kVsnprintfS, FakeVsnprintfS), In(kPthreadCreate, FakePthreadCreate, "libstdc++.so.6")};
     for (const Hooked& hooked : all) {
-        hooks[hooked.call] = new testsupport::ImportHook(kCallNames[hooked.call], hooked.replacement, hooked.object);
+        hooks[hooked.call] = new gaktest::ImportHook(kCallNames[hooked.call], hooked.replacement, hooked.object);
     }
 }
 
@@ -531,7 +531,7 @@ std::string LeakedBlocks()
     return text.str();
 }
 
-}  // namespace torture
+}  // namespace gaktest
 
 // ---- The allocator of the whole process ----
 
@@ -539,37 +539,37 @@ extern "C" {
 
 void* malloc(size_t size)
 {
-    return torture::Allocate(size, __builtin_return_address(0));
+    return gaktest::Allocate(size, __builtin_return_address(0));
 }
 
 void* calloc(size_t count, size_t size)
 {
-    if (torture::MustFail(torture::kCalloc)) {
-        return torture::Failed<void*>(ENOMEM, nullptr);
+    if (gaktest::MustFail(gaktest::kCalloc)) {
+        return gaktest::Failed<void*>(ENOMEM, nullptr);
     }
     void* block = __libc_calloc(count, size);
-    torture::NoteAllocated(block, count * size, __builtin_return_address(0));
+    gaktest::NoteAllocated(block, count * size, __builtin_return_address(0));
     return block;
 }
 
 void* realloc(void* former, size_t size)
 {
-    if (torture::MustFail(torture::kRealloc)) {
-        return torture::Failed<void*>(ENOMEM, nullptr);
+    if (gaktest::MustFail(gaktest::kRealloc)) {
+        return gaktest::Failed<void*>(ENOMEM, nullptr);
     }
-    torture::NoteFreed(former);  // first: its address may belong to another thread's block afterwards
+    gaktest::NoteFreed(former);  // first: its address may belong to another thread's block afterwards
     void* block = __libc_realloc(former, size);
-    torture::NoteAllocated(block != nullptr || size == 0 ? block : former, size, __builtin_return_address(0));
+    gaktest::NoteAllocated(block != nullptr || size == 0 ? block : former, size, __builtin_return_address(0));
     return block;
 }
 
 void* aligned_alloc(size_t alignment, size_t size)
 {
-    if (torture::MustFail(torture::kMemalign)) {
-        return torture::Failed<void*>(ENOMEM, nullptr);
+    if (gaktest::MustFail(gaktest::kMemalign)) {
+        return gaktest::Failed<void*>(ENOMEM, nullptr);
     }
     void* block = __libc_memalign(alignment, size);
-    torture::NoteAllocated(block, size, __builtin_return_address(0));
+    gaktest::NoteAllocated(block, size, __builtin_return_address(0));
     return block;
 }
 
@@ -591,7 +591,7 @@ int posix_memalign(void** block, size_t alignment, size_t size)
 void free(void* block)
 {
     if (block != nullptr) {
-        torture::NoteFreed(block);
+        gaktest::NoteFreed(block);
     }
     __libc_free(block);
 }
@@ -600,7 +600,7 @@ void free(void* block)
 // Its own, so that a block's caller is the code that wanted it. All other forms come here.
 void* operator new(size_t size)
 {
-    void* block = torture::Allocate(size, __builtin_return_address(0));
+    void* block = gaktest::Allocate(size, __builtin_return_address(0));
     if (block == nullptr) {
         throw std::bad_alloc();
     }

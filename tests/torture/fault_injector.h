@@ -15,7 +15,7 @@
 // A call is known by its thread, its function and its place in that thread's sequence of calls to the function. That
 // does not depend on how threads interleave, so the same call is met again in every run of the same conversation. Only
 // who closes a descriptor is open, namely whoever leaves it last: closes are counted in the process as a whole.
-namespace torture {
+namespace gaktest {
 
 enum class Mode : uint8_t {
     kCount,  // nothing fails
@@ -97,6 +97,6 @@ public:
 // what libprotobuf loses by itself: a string for which its repeated field then finds no room.
 std::string LeakedBlocks();
 
-}  // namespace torture
+}  // namespace gaktest
 
 #endif

@@ -9,7 +9,7 @@
 
 #include "fault_injector.h"
 
-namespace torture {
+namespace gaktest {
 namespace {
 
 // Imports that cannot fail as the library calls them, or whose failure means nothing to it.
@@ -53,4 +53,4 @@ std::vector<std::string> ForgottenImports()
     return forgotten;
 }
 
-}  // namespace torture
+}  // namespace gaktest

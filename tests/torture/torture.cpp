@@ -38,8 +38,8 @@
 namespace {
 
 using namespace std::chrono_literals;
-using torture::Mode;
-using torture::Site;
+using gaktest::Mode;
+using gaktest::Site;
 
 constexpr size_t kMaxSites = 8192;
 constexpr size_t kReasonSize = 256;
@@ -105,28 +105,28 @@ void Quiet()
 std::string RunRound(Mode mode, const Site& site, Counted* counted, bool verbose)
 {
     vlog_setlevel(kEverything);
-    torture::InstallHooks(verbose);
-    torture::Arm(mode, site, counted != nullptr ? counted->sites : nullptr, counted != nullptr ? kMaxSites : 0);
-    std::string complaint = torture::RunConversation();
-    const size_t calls = torture::Disarm();
+    gaktest::InstallHooks(verbose);
+    gaktest::Arm(mode, site, counted != nullptr ? counted->sites : nullptr, counted != nullptr ? kMaxSites : 0);
+    std::string complaint = gaktest::RunConversation();
+    const size_t calls = gaktest::Disarm();
     if (!complaint.empty()) {
         return complaint;
     }
     if (mode == Mode::kCount) {
         counted->calls = calls;
-    } else if (!torture::HasFailed()) {
+    } else if (!gaktest::HasFailed()) {
         return "the call was not met";
     }
-    torture::Forget();
-    complaint = torture::RunConversation();
+    gaktest::Forget();
+    complaint = gaktest::RunConversation();
     if (!complaint.empty()) {
         return "in the next conversation: " + complaint;
     }
     vlog_setlevel(kWarnings);
-    if (!torture::FloodRecords()) {
+    if (!gaktest::FloodRecords()) {
         return "the driver does not forget its records";
     }
-    const std::string blocks = torture::LeakedBlocks();
+    const std::string blocks = gaktest::LeakedBlocks();
     return blocks.empty() ? "" : "blocks are left: " + blocks;
 }
 
@@ -135,7 +135,7 @@ void InProcess(Mode mode, const Site& site, Counted* counted, bool verbose, Resu
 {
     *result = {};
     RemoveSocketDir();
-    testsupport::ChildProcess child([&] {
+    gaktest::ChildProcess child([&] {
         if (!verbose) {
             Quiet();
         }
@@ -146,7 +146,7 @@ void InProcess(Mode mode, const Site& site, Counted* counted, bool verbose, Resu
         exit(reason.empty() ? 0 : 1);  // its exit handlers are the library's last calls
         return 0;
     });
-    const testsupport::ExitStatus status = child.WaitExit(kRoundLimit);
+    const gaktest::ExitStatus status = child.WaitExit(kRoundLimit);
     if (!status.ended) {
         child.Kill(SIGKILL);
         snprintf(result->reason, kReasonSize, "it hangs");
@@ -179,8 +179,8 @@ std::vector<Site> CountOnce(bool verbose)
 void Print(size_t number, const Site& site)
 {
     const std::string thread =
-        site.thread == torture::kAnyThread ? "any thread" : "thread " + std::to_string(site.thread);
-    printf("%5zu  %s, %s number %u\n", number, thread.c_str(), torture::CallName(site.call), site.ordinal + 1);
+        site.thread == gaktest::kAnyThread ? "any thread" : "thread " + std::to_string(site.thread);
+    printf("%5zu  %s, %s number %u\n", number, thread.c_str(), gaktest::CallName(site.call), site.ordinal + 1);
 }
 
 // The numbers are worth something only if the next run finds the same calls.
@@ -241,10 +241,10 @@ int RunAll(const Options& options, const std::vector<Site>& sites)
     const std::vector<Round> rounds = Select(options, sites.size());
     auto* results = Shared<Result>(rounds.size());
     {
-        std::vector<std::unique_ptr<testsupport::ChildProcess>> lanes;
+        std::vector<std::unique_ptr<gaktest::ChildProcess>> lanes;
         for (int lane = 0; lane < kLanes; ++lane) {
-            lanes.push_back(std::make_unique<testsupport::ChildProcess>(
-                [&, lane] { return RunLane(lane, rounds, sites, results); }));
+            lanes.push_back(
+                std::make_unique<gaktest::ChildProcess>([&, lane] { return RunLane(lane, rounds, sites, results); }));
         }
         for (const auto& lane : lanes) {
             if (!lane->WaitExit(kTotalLimit).ExitedWith(0)) {
@@ -336,7 +336,7 @@ bool Parse(int argc, char** argv, Options& options)
 void CheckImports()
 {
     std::string names;
-    for (const std::string& symbol : torture::ForgottenImports()) {
+    for (const std::string& symbol : gaktest::ForgottenImports()) {
         names += " " + symbol;
     }
     if (!names.empty()) {

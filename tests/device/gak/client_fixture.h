@@ -26,7 +26,7 @@
 
 // What the tests of the client and of the exported functions share: the client's log lines in a form that can be
 // compared, hooks for the driver calls that it makes, and a fixture with a daemon of plain system calls.
-namespace testsupport {
+namespace gaktest {
 
 constexpr int kServerId = 19280;
 constexpr auto kWait = std::chrono::seconds(20);
@@ -240,6 +240,6 @@ private:
     size_t threads_ = 0;
 };
 
-}  // namespace testsupport
+}  // namespace gaktest
 
 #endif

@@ -93,7 +93,7 @@ int RunDaemon()
         } else if (command == "resources") {
             qel::PpcServer::GetInstance().JoinAllPPCRcvThreads();
             std::ostringstream line;
-            line << "resources " << testsupport::ThreadCount() << ' ' << testsupport::OpenDescriptors();
+            line << "resources " << gaktest::ThreadCount() << ' ' << gaktest::OpenDescriptors();
             Say(line);
         }
     }

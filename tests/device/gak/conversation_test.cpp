@@ -17,7 +17,7 @@
 #include "process.h"
 #include "raw_peer.h"
 
-namespace testsupport {
+namespace gaktest {
 namespace {
 
 using testing::HasSubstr;
@@ -400,4 +400,4 @@ TEST_F(ConversationTest, EventLinesTellOfShutdownAndOfClosedSockets)
 }
 
 }  // namespace
-}  // namespace testsupport
+}  // namespace gaktest

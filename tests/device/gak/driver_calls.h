@@ -10,47 +10,47 @@
 // The driver's functions, as codec and server call them, for CountingHook.
 namespace gaktest {
 
-struct DriverInit : testsupport::calls::OfGakppc {
+struct DriverInit : gaktest::calls::OfGakppc {
     static constexpr const char* kSymbol = "drvPpcInit";
     using Signature = int();
 };
-struct DriverServerCreate : testsupport::calls::OfGakppc {
+struct DriverServerCreate : gaktest::calls::OfGakppc {
     static constexpr const char* kSymbol = "drvPpcServerCreate";
     using Signature = int(int, PpcServerHead**);
 };
-struct DriverServerDestroy : testsupport::calls::OfGakppc {
+struct DriverServerDestroy : gaktest::calls::OfGakppc {
     static constexpr const char* kSymbol = "drvPpcServerDestroy";
     using Signature = int(PpcServerHead*);
 };
-struct DriverSessionAccept : testsupport::calls::OfGakppc {
+struct DriverSessionAccept : gaktest::calls::OfGakppc {
     static constexpr const char* kSymbol = "drvPpcSessionAccept";
     using Signature = int(PpcServerHead*, PpcSession**);
 };
-struct DriverSessionClose : testsupport::calls::OfGakppc {
+struct DriverSessionClose : gaktest::calls::OfGakppc {
     static constexpr const char* kSymbol = "drvPpcSessionClose";
     using Signature = int(PpcSession*);
 };
-struct DriverAllocMsg : testsupport::calls::OfGakppc {
+struct DriverAllocMsg : gaktest::calls::OfGakppc {
     static constexpr const char* kSymbol = "drvPpcAllocMsg";
     using Signature = int(PpcSession*, PpcMsg**, int);
 };
-struct DriverFreeMsg : testsupport::calls::OfGakppc {
+struct DriverFreeMsg : gaktest::calls::OfGakppc {
     static constexpr const char* kSymbol = "drvPpcFreeMsg";
     using Signature = int(PpcMsg*);
 };
-struct DriverAddMsgBuffer : testsupport::calls::OfGakppc {
+struct DriverAddMsgBuffer : gaktest::calls::OfGakppc {
     static constexpr const char* kSymbol = "drvPpcAddMsgBuffer";
     using Signature = int(PpcMsg*, void*, int);
 };
-struct DriverGetMsgBuffer : testsupport::calls::OfGakppc {
+struct DriverGetMsgBuffer : gaktest::calls::OfGakppc {
     static constexpr const char* kSymbol = "drvPpcGetMsgBuffer";
     using Signature = int(PpcMsg*, int, void**, uint32_t*);
 };
-struct DriverSend : testsupport::calls::OfGakppc {
+struct DriverSend : gaktest::calls::OfGakppc {
     static constexpr const char* kSymbol = "drvPpcSend";
     using Signature = int(PpcSession*, PpcMsg*, uint32_t);
 };
-struct DriverRecv : testsupport::calls::OfGakppc {
+struct DriverRecv : gaktest::calls::OfGakppc {
     static constexpr const char* kSymbol = "drvPpcRecv";
     using Signature = int(PpcSession*, PpcMsg*, uint32_t, uint32_t, uint32_t*);
 };
@@ -62,7 +62,7 @@ public:
     explicit FailingHook(int code)
     {
         hook_.OnCall([code](uint64_t, auto... args) -> std::optional<int> {
-            testsupport::CountingHook<Call>::Real(args...);
+            gaktest::CountingHook<Call>::Real(args...);
             return code;
         });
     }
@@ -70,7 +70,7 @@ public:
     uint64_t Count() const { return hook_.Count(); }
 
 private:
-    testsupport::CountingHook<Call> hook_;
+    gaktest::CountingHook<Call> hook_;
 };
 
 }  // namespace gaktest

@@ -8,7 +8,7 @@
 #include "client_fixture.h"
 #include "log.h"
 
-namespace testsupport {
+namespace gaktest {
 namespace {
 
 using qel::PPCMessage;
@@ -687,4 +687,4 @@ TEST_F(GakTest, WorkersOfSeveralDevicesWaitAtOnce)
 }
 
 }  // namespace
-}  // namespace testsupport
+}  // namespace gaktest

@@ -63,17 +63,17 @@ inline std::string Event(const std::string& function, const std::string& message
     return "event " + function + ": " + message;
 }
 
-inline std::string RenderLine(const testsupport::LogLine& line, const testsupport::LogText& text)
+inline std::string RenderLine(const gaktest::LogLine& line, const gaktest::LogText& text)
 {
     struct Sink {
         const char* name;
         int level;
         int sourceLine;
     };
-    static const std::map<testsupport::LogSink, Sink> sinks = {{testsupport::LogSink::kInfo, {"info", 1, 157}},
-                                                               {testsupport::LogSink::kWarn, {"warn", 2, 142}},
-                                                               {testsupport::LogSink::kError, {"error", 3, 144}},
-                                                               {testsupport::LogSink::kEvent, {"event", 5, 148}}};
+    static const std::map<gaktest::LogSink, Sink> sinks = {{gaktest::LogSink::kInfo, {"info", 1, 157}},
+                                                           {gaktest::LogSink::kWarn, {"warn", 2, 142}},
+                                                           {gaktest::LogSink::kError, {"error", 3, 144}},
+                                                           {gaktest::LogSink::kEvent, {"event", 5, 148}}};
     const auto sink = sinks.find(line.sink);
     if (sink == sinks.end()) {
         ADD_FAILURE() << "unexpected sink: " << line;
@@ -86,17 +86,17 @@ inline std::string RenderLine(const testsupport::LogLine& line, const testsuppor
     EXPECT_EQ(text.sinkLine, sink->second.sourceLine) << line;
     EXPECT_EQ(text.threadId, line.threadId) << line;
     EXPECT_GT(text.line, 0) << line;
-    const bool isEvent = line.sink == testsupport::LogSink::kEvent;
+    const bool isEvent = line.sink == gaktest::LogSink::kEvent;
     return sink->second.name + (" " + text.function) + ": " + text.message + (isEvent ? "" : " | " + text.statusText);
 }
 
 // The lines of one source file, in order; of one thread, where its name is given.
-inline std::vector<std::string> LinesOf(const testsupport::LogCapture& log, const std::string& path,
+inline std::vector<std::string> LinesOf(const gaktest::LogCapture& log, const std::string& path,
                                         const std::string& threadName = "")
 {
     std::vector<std::string> rendered;
-    for (const testsupport::LogLine& line : log.Lines()) {
-        const testsupport::LogText text = testsupport::ParseLogText(line.text);
+    for (const gaktest::LogLine& line : log.Lines()) {
+        const gaktest::LogText text = gaktest::ParseLogText(line.text);
         if (text.file == path && (threadName.empty() || line.threadName == threadName)) {
             rendered.push_back(RenderLine(line, text));
         }
@@ -104,12 +104,12 @@ inline std::vector<std::string> LinesOf(const testsupport::LogCapture& log, cons
     return rendered;
 }
 
-inline std::vector<std::string> CodecLines(const testsupport::LogCapture& log)
+inline std::vector<std::string> CodecLines(const gaktest::LogCapture& log)
 {
     return LinesOf(log, kCodecPath);
 }
 
-inline std::vector<std::string> ServerLines(const testsupport::LogCapture& log, const std::string& threadName = "")
+inline std::vector<std::string> ServerLines(const gaktest::LogCapture& log, const std::string& threadName = "")
 {
     return LinesOf(log, kServerPath, threadName);
 }

@@ -12,7 +12,7 @@
 
 #include "client_fixture.h"
 
-namespace testsupport {
+namespace gaktest {
 namespace {
 
 using qel::PpcClient;
@@ -944,4 +944,4 @@ INSTANTIATE_TEST_SUITE_P(Daemons, PpcClientExitInsideTest, testing::Bool(), [](c
 });
 
 }  // namespace
-}  // namespace testsupport
+}  // namespace gaktest

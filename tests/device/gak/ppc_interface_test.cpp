@@ -22,15 +22,15 @@ namespace {
 
 using namespace std::chrono_literals;
 using namespace gaktest;
+using gaktest::Bytes;
+using gaktest::CountingHook;
+using gaktest::Fd;
+using gaktest::Hex;
+using gaktest::RawMessage;
 using qel::PpcInterface;
 using qel::PPCMessage;
 using testing::ElementsAre;
-using testsupport::Bytes;
-using testsupport::CountingHook;
-using testsupport::Fd;
-using testsupport::Hex;
-using testsupport::RawMessage;
-namespace calls = testsupport::calls;
+namespace calls = gaktest::calls;
 
 constexpr uint32_t kOk = 0x1011000;
 constexpr int kServerId = 4711;
@@ -89,7 +89,7 @@ private:
     }
 
     inline static void (*original_)(void*) = nullptr;
-    testsupport::ImportHook hook_;
+    gaktest::ImportHook hook_;
 };
 
 // Whether the library has released as many blocks as it has taken, payload buffers and driver records alike.
@@ -140,7 +140,7 @@ protected:
     {
         ASSERT_EQ(ppcInit(), 0);
         ASSERT_EQ(drvPpcServerCreate(kServerId, &endpoint_), PPC_OK);
-        peer_ = testsupport::RawConnect(kServerId);
+        peer_ = gaktest::RawConnect(kServerId);
         ASSERT_TRUE(peer_.valid());
         ASSERT_EQ(drvPpcSessionAccept(endpoint_, &session_), PPC_OK);
         log_.Clear();
@@ -155,17 +155,17 @@ protected:
     uint32_t Receive() { return codec_.RecvMsg(session_, received_); }
     uint32_t ReceivePayload(const Bytes& payload)
     {
-        EXPECT_TRUE(WriteAll(peer_, testsupport::FrameBytes(payload)));
+        EXPECT_TRUE(WriteAll(peer_, gaktest::FrameBytes(payload)));
         return Receive();
     }
     // Whether the session still carries frames and nothing was sent before.
     void ExpectNothingWasSent()
     {
         EXPECT_EQ(Send({2, 0, 0, 0, 9, 0, {}}), kOk);
-        EXPECT_EQ(testsupport::ReadPpcFrame(peer_, 5s), (RawMessage{2, 0, 0, 0, 9, 0, {}}));
+        EXPECT_EQ(gaktest::ReadPpcFrame(peer_, 5s), (RawMessage{2, 0, 0, 0, 9, 0, {}}));
     }
 
-    testsupport::LogCapture log_;
+    gaktest::LogCapture log_;
     PpcInterface codec_;
     PpcServerHead* endpoint_ = nullptr;
     PpcSession* session_ = nullptr;
@@ -196,32 +196,32 @@ TEST(PpcInterfaceClassTest, HasAVirtualDestructorAndNoData)
 TEST_F(PpcInterfaceTest, EmptyMessageIsAFrameOfEightBytes)
 {
     EXPECT_EQ(Send(), kOk);
-    EXPECT_EQ(Hex(testsupport::ReadExactly(peer_, 8, 5s)), "00 00 00 04 00 00 00 00");
+    EXPECT_EQ(Hex(gaktest::ReadExactly(peer_, 8, 5s)), "00 00 00 04 00 00 00 00");
     drvPpcSessionClose(session_);
-    EXPECT_TRUE(testsupport::ExpectEof(peer_, 5s));
+    EXPECT_TRUE(gaktest::ExpectEof(peer_, 5s));
 }
 
 TEST_F(PpcInterfaceTest, OuterLengthIsBigEndianAndInnerLengthLittleEndian)
 {
     EXPECT_EQ(Send(kFullMessage), kOk);
     const Bytes expected = Joined({0, 0, 0, 33, 29, 0, 0, 0}, kFullEncoding);
-    EXPECT_EQ(Hex(testsupport::ReadExactly(peer_, expected.size(), 5s)), Hex(expected));
+    EXPECT_EQ(Hex(gaktest::ReadExactly(peer_, expected.size(), 5s)), Hex(expected));
 }
 
 TEST_F(PpcInterfaceTest, InnerLengthFillsItsHigherBytes)
 {
     const RawMessage raw{0, 0, 0, 0, 0, 0, std::vector<std::string>{std::string(70000, 'x')}};
     EXPECT_EQ(Send(raw), kOk);
-    const std::optional<Bytes> payload = testsupport::ReadFrame(peer_, 5s);
+    const std::optional<Bytes> payload = gaktest::ReadFrame(peer_, 5s);
     ASSERT_TRUE(payload.has_value());
-    EXPECT_EQ(Hex(*payload), Hex(testsupport::PpcPayload(raw)));
+    EXPECT_EQ(Hex(*payload), Hex(gaktest::PpcPayload(raw)));
 }
 
 TEST_F(PpcInterfaceTest, MessageLargerThanTheSocketBufferArrivesWhole)
 {
     const RawMessage raw{0, 0, 0, 0, 5, 0, std::vector<std::string>{std::string(4U << 20, 'y')}};
     auto sent = std::async(std::launch::async, [&] { return Send(raw); });
-    EXPECT_TRUE(testsupport::ReadPpcFrame(peer_, 20s) == raw);
+    EXPECT_TRUE(gaktest::ReadPpcFrame(peer_, 20s) == raw);
     EXPECT_EQ(sent.get(), kOk);
 }
 
@@ -343,7 +343,7 @@ TEST_F(PpcInterfaceTest, ResultOfEncodingIsNotChecked)
     CountingHook<Serialize> serialize;
     serialize.FailCall(1, false, 0);
     EXPECT_EQ(Send({1, 0, 0, 0, 0, 0, {}}), kOk);
-    EXPECT_EQ(Hex(testsupport::ReadExactly(peer_, 10, 5s)), "00 00 00 06 02 00 00 00 00 00");
+    EXPECT_EQ(Hex(gaktest::ReadExactly(peer_, 10, 5s)), "00 00 00 06 02 00 00 00 00 00");
 }
 
 TEST_F(PpcInterfaceTest, SendingUsesOneDescriptorAndFlagZero)
@@ -391,11 +391,11 @@ TEST_F(PpcInterfaceTest, SendLooksAtTheDescriptorAndNotAtTheResultOfItsAllocatio
 {
     const FailingHook<DriverAllocMsg> alloc(PPC_ERR_NO_MEMORY);
     EXPECT_EQ(Send(), kOk);
-    EXPECT_EQ(testsupport::ReadPpcFrame(peer_, 5s), RawMessage{});
+    EXPECT_EQ(gaktest::ReadPpcFrame(peer_, 5s), RawMessage{});
 }
 
 template <typename Call>
-void ExpectSendFails(const std::function<uint32_t()>& send, const testsupport::LogCapture& log, uint32_t status,
+void ExpectSendFails(const std::function<uint32_t()>& send, const gaktest::LogCapture& log, uint32_t status,
                      const char* message)
 {
     {
@@ -467,7 +467,7 @@ TEST_F(PpcInterfaceTest, FramesOfSeveralSendersNeverMix)
     }
     std::vector<uint32_t> last(kSenders, 0);
     for (uint32_t frame = 0; frame < kSenders * kFrames; ++frame) {
-        const std::optional<RawMessage> raw = testsupport::ReadPpcFrame(peer_, 20s);
+        const std::optional<RawMessage> raw = gaktest::ReadPpcFrame(peer_, 20s);
         ASSERT_TRUE(raw.has_value());
         ASSERT_LT(raw->src_id, kSenders);
         ASSERT_TRUE(*raw == messageOf(raw->src_id, ++last[raw->src_id])) << "sender " << raw->src_id;
@@ -505,9 +505,9 @@ TEST_F(PpcInterfaceTest, EmptyMessageReplacesTheFormerContent)
 
 TEST_F(PpcInterfaceTest, FramesOfAPeerProcessArriveInOrder)
 {
-    testsupport::ChildProcess peer([this] {
+    gaktest::ChildProcess peer([this] {
         for (uint32_t number = 1; number <= 3; ++number) {
-            if (!WriteAll(peer_, testsupport::PpcFrame({0, number, 0, 0, 0, 0, {}}))) {
+            if (!WriteAll(peer_, gaktest::PpcFrame({0, number, 0, 0, 0, 0, {}}))) {
                 return 1;
             }
         }
@@ -523,7 +523,7 @@ TEST_F(PpcInterfaceTest, FramesOfAPeerProcessArriveInOrder)
 TEST_F(PpcInterfaceTest, FrameThatArrivesInPiecesIsDecoded)
 {
     auto result = std::async(std::launch::async, [this] { return Receive(); });
-    const Bytes frame = testsupport::PpcFrame(kFullMessage);
+    const Bytes frame = gaktest::PpcFrame(kFullMessage);
     EXPECT_TRUE(WriteAll(peer_, Bytes(frame.begin(), frame.begin() + 4)));
     for (auto byte = frame.begin() + 4; byte != frame.end(); ++byte) {
         EXPECT_TRUE(WriteAll(peer_, Bytes(byte, byte + 1)));
@@ -598,7 +598,7 @@ TEST_F(PpcInterfaceTest, PayloadOfThreeBytesOrFewerIsALengthMismatch)
     for (const Bytes& payload : {Bytes{0xFF}, Bytes{0xFF, 0xFF}, Bytes{0xFF, 0xFF, 0xFF}}) {
         Balance balance;
         EXPECT_EQ(ReceivePayload(payload), 0x109303Au);
-        EXPECT_EQ(log_.Count(testsupport::LogSink::kError,
+        EXPECT_EQ(log_.Count(gaktest::LogSink::kError,
                              "[GAKPPCIF] receive buffer len:" + std::to_string(payload.size()) + ", message_len:"),
                   1u);
     }
@@ -616,7 +616,7 @@ TEST_F(PpcInterfaceTest, ZeroLengthFrameHasNoBufferAndStays)
 }
 
 // What receiving says of each driver result.
-void ExpectReceiveFails(const std::function<uint32_t()>& receive, const testsupport::LogCapture& log, uint32_t status,
+void ExpectReceiveFails(const std::function<uint32_t()>& receive, const gaktest::LogCapture& log, uint32_t status,
                         int driverResult)
 {
     {
@@ -663,11 +663,11 @@ TEST_F(PpcInterfaceTest, FrameAboveTheReceiveLimitIsAReceiveFailure)
 
 TEST_F(PpcInterfaceTest, NoMemoryForAReceivedFrameIsAReceiveFailure)
 {
-    EXPECT_TRUE(WriteAll(peer_, testsupport::PpcFrame(kFullMessage)));
+    EXPECT_TRUE(WriteAll(peer_, gaktest::PpcFrame(kFullMessage)));
     CountingHook<calls::Malloc> memory;
     memory.FailCall(2, nullptr, ENOMEM);
     EXPECT_EQ(Receive(), 0x1093037u);
-    EXPECT_TRUE(log_.Has(testsupport::LogSink::kWarn, "[GAKPPCIF] drvPpcRecv fail 40"));
+    EXPECT_TRUE(log_.Has(gaktest::LogSink::kWarn, "[GAKPPCIF] drvPpcRecv fail 40"));
 }
 
 TEST_F(PpcInterfaceTest, ReceiveOnAnEndedSessionFails)

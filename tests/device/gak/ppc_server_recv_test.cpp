@@ -21,16 +21,16 @@
 namespace {
 
 using namespace gaktest;
+using gaktest::Bytes;
+using gaktest::Fd;
+using gaktest::ImportHook;
+using gaktest::LogSink;
+using gaktest::RawMessage;
 using qel::PPCMessage;
 using testing::Contains;
 using testing::ElementsAre;
 using testing::ElementsAreArray;
 using testing::IsEmpty;
-using testsupport::Bytes;
-using testsupport::Fd;
-using testsupport::ImportHook;
-using testsupport::LogSink;
-using testsupport::RawMessage;
 
 constexpr char kFirstReceiver[] = "ppc_srv_recv_0";
 const std::string kTypes =
@@ -210,8 +210,8 @@ TEST_F(PpcServerRecvTest, LatestSessionOfAPairIsUsed)
     const Fd first = ConnectAs(1, 7);
     const Fd second = ConnectAs(1, 7);
     EXPECT_EQ(server_.SendData(Order(1, 7)), kOk);
-    EXPECT_EQ(testsupport::ReadPpcFrame(second, 10s), (RawMessage{5, 0, 1, 0, 7, 0, {}}));
-    EXPECT_FALSE(testsupport::WaitReadable(first, 0ms));
+    EXPECT_EQ(gaktest::ReadPpcFrame(second, 10s), (RawMessage{5, 0, 1, 0, 7, 0, {}}));
+    EXPECT_FALSE(gaktest::WaitReadable(first, 0ms));
 }
 
 TEST_F(PpcServerRecvTest, FramesInOneWriteAreReceivedInOrder)
@@ -221,7 +221,7 @@ TEST_F(PpcServerRecvTest, FramesInOneWriteAreReceivedInOrder)
     const Fd worker = Connect();
     Bytes frames;
     for (uint32_t pid = 1; pid <= 3; ++pid) {
-        const Bytes frame = testsupport::PpcFrame(Report(0, pid, 2));
+        const Bytes frame = gaktest::PpcFrame(Report(0, pid, 2));
         frames.insert(frames.end(), frame.begin(), frame.end());
     }
     EXPECT_TRUE(WriteAll(worker, frames));
@@ -292,19 +292,19 @@ TEST_P(PpcServerRejectedTest, MessageOutsideTheBoundsEndsItsThreadAndLeavesTheSe
     Create();
     const Fd worker = Connect();
     EXPECT_TRUE(ThreadsBecome(kFirstReceiver, 1));
-    EXPECT_TRUE(WriteAll(worker, testsupport::PpcFrame(GetParam().raw)));
+    EXPECT_TRUE(WriteAll(worker, gaktest::PpcFrame(GetParam().raw)));
     EXPECT_TRUE(ThreadsBecome(kFirstReceiver, 0));
     // Nothing else is said, stored, dispatched or closed.
     EXPECT_THAT(ReceiverLines(), ElementsAre(WithStatus(0x109303D, "RecvData", GetParam().message)));
     EXPECT_THAT(Inbox::Messages(), IsEmpty());
     EXPECT_EQ(server_.GetPpcSession(GetParam().raw.src_id, GetParam().raw.sub_proc_pid), nullptr);
-    EXPECT_FALSE(testsupport::WaitReadable(worker, 0ms));
+    EXPECT_FALSE(gaktest::WaitReadable(worker, 0ms));
     // Only Destroy joins the thread and closes the session.
     EXPECT_THAT(Reap(), ElementsAre("enter [threadSize=1]", "exit [threadSize=1] [freeThreadSize=0]"));
     EXPECT_EQ(closes_.Count(), 0u);
     EXPECT_EQ(server_.Destroy(), kOk);
     EXPECT_EQ(closes_.Count(), 1u);
-    EXPECT_TRUE(testsupport::ExpectEof(worker, 10s));
+    EXPECT_TRUE(gaktest::ExpectEof(worker, 10s));
 }
 
 constexpr char kBadDevice[] = "[GAKPPCSER] RecvData() srcDevId >= MAX_DEVNUM_PER_OS invalid param";
@@ -329,7 +329,7 @@ TEST_F(PpcServerRecvTest, RejectionOfOneWorkerLeavesTheOthersAlone)
     const Fd good = Connect();
     const Fd bad = Connect();
     EXPECT_TRUE(ThreadsBecome("ppc_srv_recv_1", 1));
-    EXPECT_TRUE(WriteAll(bad, testsupport::PpcFrame(Report(4, 1, 2))));
+    EXPECT_TRUE(WriteAll(bad, gaktest::PpcFrame(Report(4, 1, 2))));
     EXPECT_TRUE(ThreadsBecome("ppc_srv_recv_1", 0));
     Say(good, Report(1, 2, 2));
     EXPECT_THAT(Inbox::Messages(), ElementsAre(Report(1, 2, 2)));
@@ -391,7 +391,7 @@ TEST_P(PpcServerBrokenTest, OtherReceiveFailureIsNotReportedToTheDaemonButEndsTh
     EXPECT_THAT(ReceiverLines(), ElementsAreArray(Joined(Joined({ClosedEvent(1, 0, GetParam().status)}, CloseLines(1)),
                                                          {ExitEvent(kFirstReceiver, GetParam().status, id)})));
     EXPECT_THAT(Inbox::Messages(), IsEmpty());
-    EXPECT_TRUE(testsupport::ExpectEof(worker, 10s));
+    EXPECT_TRUE(gaktest::ExpectEof(worker, 10s));
     EXPECT_THAT(IdsAfter("[free tid=", Reap()), ElementsAre(id));
 }
 
@@ -420,7 +420,7 @@ TEST_F(PpcServerRecvTest, KilledWorkerProcessesAreReportedEach)
     std::vector<std::unique_ptr<WorkerProcess>> workers;
     for (uint32_t device = 0; device < 4; ++device) {
         workers.push_back(std::make_unique<WorkerProcess>([device](Fd& socket) {
-            WriteAll(socket, testsupport::PpcFrame({0, device, kServerId, device % 3, 100 + device, 0, {}}));
+            WriteAll(socket, gaktest::PpcFrame({0, device, kServerId, device % 3, 100 + device, 0, {}}));
             for (;;) {
                 pause();
             }
@@ -465,7 +465,7 @@ TEST_F(PpcServerRecvTest, SystemKeepsFifteenCharactersOfTheNameAndTheLogAll)
     const Fd raisesTheFlag = Connect();
     PpcServerHead* endpoint = nullptr;
     ASSERT_EQ(drvPpcServerCreate(kServerId + 1, &endpoint), PPC_OK);
-    Fd worker = testsupport::RawConnect(kServerId + 1);
+    Fd worker = gaktest::RawConnect(kServerId + 1);
     PpcSession* accepted = nullptr;
     ASSERT_EQ(drvPpcSessionAccept(endpoint, &accepted), PPC_OK);
     void* const session = accepted;
@@ -582,7 +582,7 @@ TEST_F(PpcServerRecvTest, TypeOfAHandlerIsNotRangeTested)
 TEST_F(PpcServerRecvTest, HandlerThatCannotBeStoredForLackOfMemoryCanBeRegisteredLater)
 {
     {
-        testsupport::CountingHook<testsupport::calls::OperatorNew> memory;
+        gaktest::CountingHook<gaktest::calls::OperatorNew> memory;
         memory.OnCall([](uint64_t, size_t) -> std::optional<void*> { throw std::bad_alloc(); });
         Handle(2);
     }
@@ -631,9 +631,9 @@ TEST_F(PpcServerRecvTest, OneHandlerRunsAtATimeInTheWholeServer)
     });
     const Fd first = Connect();
     const Fd second = Connect();
-    EXPECT_TRUE(WriteAll(first, testsupport::PpcFrame(Report(1, 1, 2))));
+    EXPECT_TRUE(WriteAll(first, gaktest::PpcFrame(Report(1, 1, 2))));
     ASSERT_TRUE(Inbox::WaitFor(1));
-    EXPECT_TRUE(WriteAll(second, testsupport::PpcFrame(Report(1, 2, 4))));
+    EXPECT_TRUE(WriteAll(second, gaktest::PpcFrame(Report(1, 2, 4))));
     // The second message has come as far as the dispatch, and no further.
     ASSERT_TRUE(log_.WaitFor("SetPpcSession, deviceId:1, subProcPid:2", 10s));
     EXPECT_EQ(log_.Count("PPCSerMsgProc msg type: "), 1u);
@@ -652,7 +652,7 @@ TEST_F(PpcServerRecvTest, HandlerMayAnswer)
         [this](const PPCMessage& msg) { EXPECT_EQ(server_.SendData(Order(msg.src_id(), msg.sub_proc_pid())), kOk); });
     const Fd worker = Connect();
     Say(worker, Report(2, 7, 1));
-    EXPECT_EQ(testsupport::ReadPpcFrame(worker, 10s), (RawMessage{5, 0, 2, 0, 7, 0, {}}));
+    EXPECT_EQ(gaktest::ReadPpcFrame(worker, 10s), (RawMessage{5, 0, 2, 0, 7, 0, {}}));
     Inbox::OnMessage(nullptr);
 }
 
@@ -686,10 +686,10 @@ TEST_F(PpcServerRecvTest, ThreadInsideAHandlerDuringDestroyStopsWithoutClosing)
     std::promise<void> entered;
     Inbox::OnMessage([&](const PPCMessage&) {
         entered.set_value();
-        EXPECT_TRUE(testsupport::WaitUntil([this] { return !server_.IsPPCServerRunning(); }, 10s));
+        EXPECT_TRUE(gaktest::WaitUntil([this] { return !server_.IsPPCServerRunning(); }, 10s));
     });
     const Fd worker = Connect();
-    EXPECT_TRUE(WriteAll(worker, testsupport::PpcFrame(Report(1, 7, 2))));
+    EXPECT_TRUE(WriteAll(worker, gaktest::PpcFrame(Report(1, 7, 2))));
     entered.get_future().wait();
     // Both flags fall at once as far as others can tell; only then may the handler go on.
     EXPECT_EQ(server_.Destroy(), kOk);
@@ -702,15 +702,15 @@ TEST_F(PpcServerRecvTest, IdleThreadTakesTheSocketClosedPathDuringDestroyAndClos
 {
     Handle(6);
     Create();
-    testsupport::CountingHook<testsupport::calls::Recv> receives;
+    gaktest::CountingHook<gaktest::calls::Recv> receives;
     const Fd worker = ConnectAs(2, 7);
     // Three calls for the message, the fourth waits for the next one.
-    ASSERT_TRUE(testsupport::WaitUntil([&] { return receives.Count() == 4; }, 10s));
+    ASSERT_TRUE(gaktest::WaitUntil([&] { return receives.Count() == 4; }, 10s));
     log_.Clear();
     std::vector<int> results;
     std::mutex mutex;
     closes_.OnCall([&](uint64_t, PpcSession* session) -> std::optional<int> {
-        const int result = testsupport::CountingHook<DriverSessionClose>::Real(session);
+        const int result = gaktest::CountingHook<DriverSessionClose>::Real(session);
         std::lock_guard<std::mutex> lock(mutex);
         results.push_back(result);
         return result;
@@ -783,8 +783,8 @@ TEST_F(PpcServerRecvTest, ReapingSearchesTheFinishedListFromItsFront)
 TEST_F(PpcServerRecvTest, ReapedThreadsAreGone)
 {
     Create();
-    const size_t threads = testsupport::ThreadCount();
-    const size_t descriptors = testsupport::OpenDescriptors();
+    const size_t threads = gaktest::ThreadCount();
+    const size_t descriptors = gaktest::OpenDescriptors();
     std::vector<Fd> workers;
     for (int i = 0; i < 6; ++i) {
         workers.push_back(Connect());
@@ -792,8 +792,8 @@ TEST_F(PpcServerRecvTest, ReapedThreadsAreGone)
     workers.clear();
     ASSERT_TRUE(WaitForExits(6));
     EXPECT_THAT(Reap(), Contains("exit [threadSize=0] [freeThreadSize=0]"));
-    EXPECT_TRUE(testsupport::WaitUntil([&] { return testsupport::ThreadCount() == threads; }, 10s));
-    EXPECT_EQ(testsupport::OpenDescriptors(), descriptors);
+    EXPECT_TRUE(gaktest::WaitUntil([&] { return gaktest::ThreadCount() == threads; }, 10s));
+    EXPECT_EQ(gaktest::OpenDescriptors(), descriptors);
 }
 
 // The thread of a new session takes over what one that has ended leaves behind, whether the daemon reaps or not. The id
@@ -821,7 +821,7 @@ TEST_F(PpcServerRecvTest, EntryOfAForeignThreadMatchesNoReceiveThread)
     const Fd worker = Connect();
     PpcServerHead* endpoint = nullptr;
     ASSERT_EQ(drvPpcServerCreate(kServerId + 1, &endpoint), PPC_OK);
-    testsupport::RawConnect(kServerId + 1).Reset();
+    gaktest::RawConnect(kServerId + 1).Reset();
     PpcSession* accepted = nullptr;
     ASSERT_EQ(drvPpcSessionAccept(endpoint, &accepted), PPC_OK);
     void* const session = accepted;

@@ -24,18 +24,18 @@
 namespace {
 
 using namespace gaktest;
+using gaktest::Bytes;
+using gaktest::CountingHook;
+using gaktest::Fd;
+using gaktest::ImportHook;
+using gaktest::LogSink;
+using gaktest::RawMessage;
 using qel::PPCMessage;
 using qel::PpcServer;
 using testing::Contains;
 using testing::ElementsAre;
 using testing::IsEmpty;
-using testsupport::Bytes;
-using testsupport::CountingHook;
-using testsupport::Fd;
-using testsupport::ImportHook;
-using testsupport::LogSink;
-using testsupport::RawMessage;
-namespace calls = testsupport::calls;
+namespace calls = gaktest::calls;
 
 std::string DestroyLine(uint32_t serverId = kServerId)
 {
@@ -62,7 +62,7 @@ protected:
         return lines;
     }
     // Connects without waiting for the server.
-    static Fd Dial() { return testsupport::RawConnect(static_cast<int>(kServerId)); }
+    static Fd Dial() { return gaktest::RawConnect(static_cast<int>(kServerId)); }
 };
 
 // A hook of drvPpcServerCreate that keeps the endpoint.
@@ -90,18 +90,17 @@ public:
     // A thread that has been joined may still be counted for a moment: fewer than before are no fault.
     testing::AssertionResult Returned() const
     {
-        if (testsupport::WaitUntil(
-                [this] { return testsupport::ThreadCount() <= threads_ && testsupport::OpenDescriptors() == fds_; },
-                10s)) {
+        if (gaktest::WaitUntil(
+                [this] { return gaktest::ThreadCount() <= threads_ && gaktest::OpenDescriptors() == fds_; }, 10s)) {
             return testing::AssertionSuccess();
         }
-        return testing::AssertionFailure() << "threads: " << threads_ << ", now " << testsupport::ThreadCount()
-                                           << "; descriptors: " << fds_ << ", now " << testsupport::OpenDescriptors();
+        return testing::AssertionFailure() << "threads: " << threads_ << ", now " << gaktest::ThreadCount()
+                                           << "; descriptors: " << fds_ << ", now " << gaktest::OpenDescriptors();
     }
 
 private:
-    const size_t threads_ = testsupport::ThreadCount();
-    const size_t fds_ = testsupport::OpenDescriptors();
+    const size_t threads_ = gaktest::ThreadCount();
+    const size_t fds_ = gaktest::OpenDescriptors();
 };
 
 // ---- The class ----
@@ -142,7 +141,7 @@ TEST_F(PpcServerTest, CreateServerWhileRunningIsANoOp)
     EXPECT_EQ(inits.Count(), 0u);
     EXPECT_TRUE(before.Returned());
     EXPECT_THAT(log_.Lines(), IsEmpty());
-    EXPECT_FALSE(testsupport::RawConnect(kServerId + 1).valid());
+    EXPECT_FALSE(gaktest::RawConnect(kServerId + 1).valid());
     EXPECT_EQ(server_.Destroy(), kOk);
     EXPECT_THAT(ServerLines(log_), Contains(DestroyLine(kServerId)));
 }
@@ -163,11 +162,11 @@ TEST_F(PpcServerTest, FailingDriverInitIsReported)
 
 TEST_F(PpcServerTest, FailingEndpointIsReportedWithItsResult)
 {
-    unlink(testsupport::SocketPath(kServerId).c_str());
-    ASSERT_EQ(mkdir(testsupport::SocketPath(kServerId).c_str(), 0700), 0);  // nothing can be bound there
+    unlink(gaktest::SocketPath(kServerId).c_str());
+    ASSERT_EQ(mkdir(gaktest::SocketPath(kServerId).c_str(), 0700), 0);  // nothing can be bound there
     const Baseline before;
     EXPECT_EQ(server_.CreateServer(kServerId), 0x1093031u);
-    EXPECT_EQ(rmdir(testsupport::SocketPath(kServerId).c_str()), 0);
+    EXPECT_EQ(rmdir(gaktest::SocketPath(kServerId).c_str()), 0);
     EXPECT_THAT(ServerLines(log_),
                 ElementsAre(WithStatus(0x1093031, "CreateServer", "[GAKPPCSER] drvPpcServerCreate return 20")));
     EXPECT_FALSE(server_.IsPPCServerRunning());
@@ -264,7 +263,7 @@ TEST_F(PpcServerTest, SecondOfTwoThreadsThatCreateAtOnceIsContentWithTheServerOf
     inits.OnCall([&](uint64_t number) -> std::optional<int> {
         if (number == 1) {
             second = std::async(std::launch::async, [this] { return server_.CreateServer(kServerId + 1); });
-            EXPECT_TRUE(testsupport::WaitUntil([&] { return secondHasCome.load(); }, 10s));
+            EXPECT_TRUE(gaktest::WaitUntil([&] { return secondHasCome.load(); }, 10s));
         }
         return std::nullopt;
     });
@@ -272,7 +271,7 @@ TEST_F(PpcServerTest, SecondOfTwoThreadsThatCreateAtOnceIsContentWithTheServerOf
     EXPECT_EQ(second.get(), kOk);
     EXPECT_EQ(inits.Count(), 1u);
     EXPECT_TRUE(Dial().valid());
-    EXPECT_FALSE(testsupport::RawConnect(kServerId + 1).valid());
+    EXPECT_FALSE(gaktest::RawConnect(kServerId + 1).valid());
 }
 
 // ---- Accepting ----
@@ -350,7 +349,7 @@ TEST_F(PpcServerTest, ReceiveThreadThatCannotBeStartedClosesItsSessionOnly)
         CountingHook<calls::StdThreadCreate> starts;
         starts.FailCall(1, EAGAIN, 0);
         const Fd refused = Connect();
-        EXPECT_TRUE(testsupport::ExpectEof(refused, 10s));
+        EXPECT_TRUE(gaktest::ExpectEof(refused, 10s));
     }
     EXPECT_EQ(closes_.Count(), 1u);
     EXPECT_EQ(log_.Count(LogSink::kError, "[GAKPPCSER]"), 1u);
@@ -377,7 +376,7 @@ TEST_P(PpcServerNoMemoryTest, SessionThatCannotBeStoredIsClosedAlone)
             return std::nullopt;
         });
         const Fd refused = Connect();
-        EXPECT_TRUE(testsupport::ExpectEof(refused, 10s));
+        EXPECT_TRUE(gaktest::ExpectEof(refused, 10s));
     }
     EXPECT_EQ(closes_.Count(), 1u);
     EXPECT_EQ(log_.Count(LogSink::kError, "session closed"), 1u);
@@ -403,7 +402,7 @@ TEST_F(PpcServerTest, SessionThatClosesBeforeItIsListedIsClosedOnce)
         });
         const uint64_t before = accepts_.Count();
         Dial().Reset();
-        EXPECT_TRUE(testsupport::WaitUntil([&] { return accepts_.Count() > before; }, 10s));
+        EXPECT_TRUE(gaktest::WaitUntil([&] { return accepts_.Count() > before; }, 10s));
     }
     EXPECT_THAT(LinesOfFunction("RemoveFromPpcSessionList"),
                 ElementsAre(Plain("RemoveFromPpcSessionList", "[GAKPPCSER] CloseSomeSession enter [sessionSize:0]"),
@@ -560,8 +559,8 @@ TEST_F(PpcServerTest, SendDataReachesTheWorkerOfTheProcessOnly)
     for (uint32_t pid = 10; pid < 14; ++pid) {
         workers.push_back(std::make_unique<WorkerProcess>([pid](Fd& socket) {
             const RawMessage order{5, 0, pid % 2, 0, pid, 0, {}};
-            return WriteAll(socket, testsupport::PpcFrame(Report(pid % 2, pid))) &&
-                           testsupport::ReadPpcFrame(socket, 20s) == order && testsupport::ExpectEof(socket, 20s)
+            return WriteAll(socket, gaktest::PpcFrame(Report(pid % 2, pid))) &&
+                           gaktest::ReadPpcFrame(socket, 20s) == order && gaktest::ExpectEof(socket, 20s)
                        ? 0
                        : 1;
         }));
@@ -588,7 +587,7 @@ TEST_F(PpcServerTest, ProcessTypeIsNotPartOfTheAddress)
     for (const auto type : {PPCMessage::ZOLT, PPCMessage::COMPUTE, PPCMessage::CUSTOM_COMPUTE}) {
         msg.set_proc_type(type);
         EXPECT_EQ(server_.SendData(msg), kOk);
-        EXPECT_EQ(testsupport::ReadPpcFrame(worker, 10s), (RawMessage{5, 0, 1, static_cast<uint32_t>(type), 7, 0, {}}));
+        EXPECT_EQ(gaktest::ReadPpcFrame(worker, 10s), (RawMessage{5, 0, 1, static_cast<uint32_t>(type), 7, 0, {}}));
     }
 }
 
@@ -677,9 +676,9 @@ TEST_F(PpcServerTest, StaleEntryNeverReachesANewWorkerWithTheSameDescriptor)
     EXPECT_NE(server_.GetPpcSession(1, 8), stale);
     EXPECT_EQ(server_.SendData(Order(1, 7)), 0x1093037u);
     EXPECT_EQ(server_.SendData(Order(1, 8)), kOk);
-    EXPECT_EQ(testsupport::ReadPpcFrame(worker, 10s), (RawMessage{5, 0, 1, 0, 8, 0, {}}));
+    EXPECT_EQ(gaktest::ReadPpcFrame(worker, 10s), (RawMessage{5, 0, 1, 0, 8, 0, {}}));
     EXPECT_EQ(server_.Destroy(), kOk);
-    EXPECT_TRUE(testsupport::ExpectEof(between, 10s));
+    EXPECT_TRUE(gaktest::ExpectEof(between, 10s));
 }
 
 // More sessions end meanwhile than the driver remembers.
@@ -691,12 +690,12 @@ TEST_F(PpcServerTest, StaleEntryStaysSafeAfterThousandsOfOtherSessions)
     worker.Reset();
     ASSERT_TRUE(WaitForExits(1));
     log_.SetMinimumLevel(3);
-    const Fd listener = testsupport::RawListen(kServerId + 1);
+    const Fd listener = gaktest::RawListen(kServerId + 1);
     for (int i = 0; i < 5000; ++i) {
         PpcSession* session = nullptr;
         ASSERT_EQ(drvPpcSessionConnect(kServerId + 1, &session), PPC_OK);
         ASSERT_NE(session, stale);
-        ASSERT_TRUE(testsupport::RawAccept(listener, 10s).valid());
+        ASSERT_TRUE(gaktest::RawAccept(listener, 10s).valid());
         ASSERT_EQ(drvPpcSessionDestroy(session), PPC_OK);
     }
     EXPECT_EQ(server_.SendData(Order(1, 7)), 0x1093037u);
@@ -712,7 +711,7 @@ TEST_F(PpcServerTest, CloseSomeSessionClosesAndUnlists)
     // The receive thread ends by it and finds the session closed: kept out of the lines.
     log_.Clear();
     server_.CloseSomeSession(session);
-    EXPECT_TRUE(testsupport::ExpectEof(worker, 10s));
+    EXPECT_TRUE(gaktest::ExpectEof(worker, 10s));
     EXPECT_THAT(LinesOfFunction("RemoveFromPpcSessionList"),
                 ElementsAre(Plain("RemoveFromPpcSessionList", "[GAKPPCSER] CloseSomeSession enter [sessionSize:1]"),
                             Plain("RemoveFromPpcSessionList", "[GAKPPCSER] CloseSomeSession exit [sessionSize:0]")));
@@ -859,7 +858,7 @@ TEST_F(PpcServerTest, OrderlyStopLogsNoError)
                 ElementsAre(DestroyLine(), Plain("AcceptConnection",
                                                  "[GAKPPCSER] accept connection runningflag has been set false, "
                                                  "drvRet = 25")));
-    for (const testsupport::LogLine& line : log_.Lines()) {
+    for (const gaktest::LogLine& line : log_.Lines()) {
         EXPECT_NE(line.sink, LogSink::kError) << line;
     }
 }
@@ -907,7 +906,7 @@ TEST_F(PpcServerTest, DestroyReturnsThreadsAndDescriptorsToTheBaseline)
         ASSERT_TRUE(WaitForExits(3));
         EXPECT_EQ(server_.Destroy(), kOk);
         for (const Fd& worker : workers) {
-            EXPECT_TRUE(testsupport::ExpectEof(worker, 10s));
+            EXPECT_TRUE(gaktest::ExpectEof(worker, 10s));
         }
     }
     EXPECT_TRUE(before.Returned());
@@ -935,7 +934,7 @@ TEST_F(PpcServerTest, DestroyWithIdleSessionsTakesLessThanATenthOfASecond)
 TEST_F(PpcServerTest, DestroyFreesASenderThatWaitsForAStoppedWorker)
 {
     WorkerProcess worker([](Fd& socket) {
-        WriteAll(socket, testsupport::PpcFrame(Report(1, 7)));
+        WriteAll(socket, gaktest::PpcFrame(Report(1, 7)));
         raise(SIGSTOP);
         return 0;
     });
@@ -948,7 +947,7 @@ TEST_F(PpcServerTest, DestroyFreesASenderThatWaitsForAStoppedWorker)
         msg.mutable_lib_names()->add_lib_name(std::string(8U << 20, 'x'));  // more than a socket takes
         return server_.SendData(msg);
     });
-    ASSERT_TRUE(testsupport::WaitUntil([&] { return writes.Count() == 1; }, 10s));
+    ASSERT_TRUE(gaktest::WaitUntil([&] { return writes.Count() == 1; }, 10s));
     EXPECT_EQ(sent.wait_for(0s), std::future_status::timeout);
     EXPECT_EQ(server_.Destroy(), kOk);
     EXPECT_EQ(sent.get(), 0x1093037u);
@@ -966,17 +965,17 @@ TEST_F(PpcServerTest, SessionAcceptedDuringDestroyIsClosedOnce)
         const int result = CountingHook<DriverSessionAccept>::Real(server, session);
         if (number == 1) {
             taken.set_value();
-            EXPECT_TRUE(testsupport::WaitUntil([this] { return !server_.IsPPCServerRunning(); }, 10s));
+            EXPECT_TRUE(gaktest::WaitUntil([this] { return !server_.IsPPCServerRunning(); }, 10s));
         }
         return result;
     });
     Create();
     {
         const Fd worker = Dial();
-        EXPECT_TRUE(WriteAll(worker, testsupport::PpcFrame(Report(1, 7, 2))));
+        EXPECT_TRUE(WriteAll(worker, gaktest::PpcFrame(Report(1, 7, 2))));
         taken.get_future().wait();
         EXPECT_EQ(server_.Destroy(), kOk);
-        EXPECT_TRUE(testsupport::ExpectEof(worker, 10s));
+        EXPECT_TRUE(gaktest::ExpectEof(worker, 10s));
     }
     EXPECT_EQ(closes_.Count(), 1u);
     EXPECT_THAT(LinesOfFunction("AcceptConnection"),
@@ -1005,16 +1004,16 @@ TEST_F(PpcServerTest, SessionAcceptedRightBeforeDestroyIsClosedOnce)
     locks.OnCall([&](uint64_t, pthread_mutex_t*) -> std::optional<int> {
         if (accepted.exchange(false)) {
             taken.set_value();
-            EXPECT_TRUE(testsupport::WaitUntil([this] { return !server_.IsPPCServerRunning(); }, 10s));
+            EXPECT_TRUE(gaktest::WaitUntil([this] { return !server_.IsPPCServerRunning(); }, 10s));
         }
         return std::nullopt;
     });
     {
         const Fd worker = Dial();
-        EXPECT_TRUE(WriteAll(worker, testsupport::PpcFrame(Report(1, 7, 2))));
+        EXPECT_TRUE(WriteAll(worker, gaktest::PpcFrame(Report(1, 7, 2))));
         taken.get_future().wait();
         EXPECT_EQ(server_.Destroy(), kOk);
-        EXPECT_TRUE(testsupport::ExpectEof(worker, 10s));
+        EXPECT_TRUE(gaktest::ExpectEof(worker, 10s));
     }
     EXPECT_EQ(closes_.Count(), 1u);
     EXPECT_EQ(log_.Count("runningflag has been set false, drvRet = 0"), 1u);
@@ -1033,10 +1032,10 @@ TEST_F(PpcServerTest, ConnectionNotYetAcceptedIsClosedByDestroy)
     const Fd worker = Dial();
     ASSERT_TRUE(worker.valid());
     auto destroyed = std::async(std::launch::async, [this] { return server_.Destroy(); });
-    EXPECT_TRUE(testsupport::WaitUntil([this] { return !server_.IsPPCServerRunning(); }, 10s));
+    EXPECT_TRUE(gaktest::WaitUntil([this] { return !server_.IsPPCServerRunning(); }, 10s));
     leave.set_value();
     EXPECT_EQ(destroyed.get(), kOk);
-    EXPECT_TRUE(testsupport::ExpectEof(worker, 10s));
+    EXPECT_TRUE(gaktest::ExpectEof(worker, 10s));
 }
 
 // Counts the accepted sessions and the successful closes; each session must be closed by exactly one call.
@@ -1065,12 +1064,12 @@ TEST_F(PpcServerTest, NoSessionLeaksOrIsClosedTwiceWhenWorkersConnectDuringDestr
                 while (!stop) {
                     const Fd worker = Dial();
                     if (worker.valid()) {
-                        WriteAll(worker, testsupport::PpcFrame(Report(1, 7)));
+                        WriteAll(worker, gaktest::PpcFrame(Report(1, 7)));
                     }
                 }
             }));
         }
-        EXPECT_TRUE(testsupport::WaitUntil([&] { return accepted >= acceptedBefore + 5; }, 10s));
+        EXPECT_TRUE(gaktest::WaitUntil([&] { return accepted >= acceptedBefore + 5; }, 10s));
         EXPECT_EQ(server_.Destroy(), kOk);
         stop = true;
     }
@@ -1123,12 +1122,12 @@ TEST_F(PpcServerTest, CreateServerInsideAHandlerDuringDestroyIsRefused)
     Handle(2);
     Inbox::OnMessage([&](const PPCMessage&) {
         entered.set_value();
-        EXPECT_TRUE(testsupport::WaitUntil([this] { return !server_.IsPPCServerRunning(); }, 10s));
+        EXPECT_TRUE(gaktest::WaitUntil([this] { return !server_.IsPPCServerRunning(); }, 10s));
         result = server_.CreateServer(kServerId);
     });
     Create();
     const Fd worker = Connect();
-    EXPECT_TRUE(WriteAll(worker, testsupport::PpcFrame(Report(1, 7, 2))));
+    EXPECT_TRUE(WriteAll(worker, gaktest::PpcFrame(Report(1, 7, 2))));
     entered.get_future().wait();
     EXPECT_EQ(server_.Destroy(), kOk);
     EXPECT_EQ(result, 0x109303Du);
@@ -1152,7 +1151,7 @@ TEST_F(PpcServerTest, ServerOfAnotherTransportIsStoppedWithoutLookingBehindItsHa
     });
     accepts_.OnCall([&](uint64_t, PpcServerHead* server, PpcSession**) -> std::optional<int> {
         EXPECT_EQ(server, foreign);
-        testsupport::WaitUntil([this] { return !server_.IsPPCServerRunning(); }, 20ms);
+        gaktest::WaitUntil([this] { return !server_.IsPPCServerRunning(); }, 20ms);
         return PPC_ERR_SOCKET_ACCEPT;
     });
     Create();
@@ -1179,7 +1178,7 @@ TEST_F(PpcServerTest, ServerCanBeCreatedAgainWithEmptyTables)
     EXPECT_EQ(log_.Count(") processFunc not exist"), log_.Count("PPCSerMsgProc msg type: "));
     EXPECT_THAT(Inbox::Messages(), IsEmpty());
     EXPECT_EQ(server_.SendData(Order(1, 8)), kOk);
-    EXPECT_EQ(testsupport::ReadPpcFrame(worker, 10s), (RawMessage{5, 0, 1, 0, 8, 0, {}}));
+    EXPECT_EQ(gaktest::ReadPpcFrame(worker, 10s), (RawMessage{5, 0, 1, 0, 8, 0, {}}));
 }
 
 // The first life leaves its entries in the finished-thread list; the system gives the ids that stand there to threads
@@ -1210,14 +1209,13 @@ TEST_F(PpcServerTest, FinishedThreadsOfAFormerLifeAreNotTakenForLiveOnes)
 
 TEST_F(PpcServerTest, SecondServerOnTheSameIdTakesOverTheSocket)
 {
-    testsupport::ChildProcess second([this] {
-        if (!testsupport::WaitUntil([] { return access(testsupport::SocketPath(kServerId).c_str(), F_OK) == 0; },
-                                    20s)) {
+    gaktest::ChildProcess second([this] {
+        if (!gaktest::WaitUntil([] { return access(gaktest::SocketPath(kServerId).c_str(), F_OK) == 0; }, 20s)) {
             return 1;
         }
         const Fd witness = Dial();  // of the first one, which closes it when this process has taken over
         if (!witness.valid() || server_.CreateServer(kServerId) != kOk ||
-            !WriteAll(witness, testsupport::PpcFrame(Report(1, 1)))) {
+            !WriteAll(witness, gaktest::PpcFrame(Report(1, 1)))) {
             return 2;
         }
         return log_.WaitFor("##### [threadName:", 20s) && server_.Destroy() == kOk ? 0 : 3;
@@ -1227,7 +1225,7 @@ TEST_F(PpcServerTest, SecondServerOnTheSameIdTakesOverTheSocket)
     // Whoever connects now comes to the second server; the first one keeps what it has.
     const Fd worker = Dial();
     ASSERT_TRUE(worker.valid());
-    EXPECT_TRUE(WriteAll(worker, testsupport::PpcFrame(Report(1, 2))));
+    EXPECT_TRUE(WriteAll(worker, gaktest::PpcFrame(Report(1, 2))));
     EXPECT_TRUE(second.WaitExit(20s).ExitedWith(0));
     EXPECT_EQ(server_.SendData(Order(1, 2)), 0x1093036u);
     EXPECT_EQ(server_.Destroy(), kOk);
@@ -1264,7 +1262,7 @@ private:
 class DaemonProcess {
 public:
     explicit DaemonProcess(const std::function<int(PpcServer& server)>& body)
-        : pipe_(testsupport::SocketPair()), child_([this, &body] {
+        : pipe_(gaktest::SocketPair()), child_([this, &body] {
               LineTap::CopyTo(pipe_.second.get());
               pipe_.first.Reset();
               if (ppcInit() != 0 || PpcServer::GetInstance().CreateServer(kServerId) != kOk) {
@@ -1276,9 +1274,9 @@ public:
         pipe_.second.Reset();
     }
 
-    testsupport::ExitStatus Wait()
+    gaktest::ExitStatus Wait()
     {
-        while (testsupport::WaitReadable(pipe_.first, 20s)) {
+        while (gaktest::WaitReadable(pipe_.first, 20s)) {
             char buffer[4096];
             const ssize_t count = read(pipe_.first.get(), buffer, sizeof(buffer));
             if (count <= 0) {
@@ -1293,7 +1291,7 @@ public:
 
 private:
     std::pair<Fd, Fd> pipe_;
-    testsupport::ChildProcess child_;
+    gaktest::ChildProcess child_;
     std::string output_;
 };
 
@@ -1310,7 +1308,7 @@ void ExpectDestructorRan(const DaemonProcess& daemon)
 
 Fd DialDaemon()
 {
-    return testsupport::RawConnect(static_cast<int>(kServerId));
+    return gaktest::RawConnect(static_cast<int>(kServerId));
 }
 
 TEST(PpcServerExitTest, ExitWithTheServerRunningDestroysIt)
@@ -1341,7 +1339,7 @@ TEST(PpcServerExitTest, DestructorDestroysTheServer)
     DaemonProcess daemon([](PpcServer& server) -> int {
         const Fd worker = DialDaemon();
         server.~PpcServer();
-        return testsupport::ExpectEof(worker, 10s) && !DialDaemon().valid() ? 11 : 12;
+        return gaktest::ExpectEof(worker, 10s) && !DialDaemon().valid() ? 11 : 12;
     });
     EXPECT_TRUE(daemon.Wait().ExitedWith(11));
     ExpectDestructorRan(daemon);
@@ -1352,7 +1350,7 @@ TEST(PpcServerExitTest, ExitInsideAHandlerEndsTheProcess)
     DaemonProcess daemon([](PpcServer& server) -> int {
         server.RegPPCSerMsgProcFunc(2, [](const PPCMessage&) { exit(9); });
         const Fd worker = DialDaemon();
-        WriteAll(worker, testsupport::PpcFrame(Report(1, 7, 2)));
+        WriteAll(worker, gaktest::PpcFrame(Report(1, 7, 2)));
         for (;;) {
             pause();
         }
@@ -1374,8 +1372,8 @@ TEST(PpcServerExitTest, ExitWithThreadsInsideTheServerIsClean)
         });
         server.RegPPCSerMsgProcFunc(0, [](const PPCMessage&) { told = true; });
         static const Fd* const worker = new Fd(DialDaemon());  // never closed
-        WriteAll(*worker, testsupport::PpcFrame(Report(1, 7)));
-        testsupport::WaitUntil([] { return told.load(); }, 10s);
+        WriteAll(*worker, gaktest::PpcFrame(Report(1, 7)));
+        gaktest::WaitUntil([] { return told.load(); }, 10s);
         std::thread([&server] {
             PPCMessage msg = Order(1, 7);
             msg.mutable_lib_names()->add_lib_name(std::string(4U << 20, 'x'));
@@ -1389,7 +1387,7 @@ TEST(PpcServerExitTest, ExitWithThreadsInsideTheServerIsClean)
                 server.GetPpcSession(1, 7);
             }
         }).detach();
-        testsupport::WaitUntil([] { return writes > 0; }, 10s);
+        gaktest::WaitUntil([] { return writes > 0; }, 10s);
         exit(10);
     });
     EXPECT_TRUE(daemon.Wait().ExitedWith(10));
@@ -1400,13 +1398,13 @@ TEST_F(PpcServerTest, ForkedChildThatExitsLeavesTheSessionsAlone)
 {
     Create();
     const Fd worker = ConnectAs(1, 7);
-    testsupport::ChildProcess child([]() -> int {
-        testsupport::LastExitHandler::code = 3;
+    gaktest::ChildProcess child([]() -> int {
+        gaktest::LastExitHandler::code = 3;
         exit(1);
     });
     EXPECT_TRUE(child.WaitExit(20s).ExitedWith(3));
     EXPECT_EQ(server_.SendData(Order(1, 7)), kOk);
-    EXPECT_EQ(testsupport::ReadPpcFrame(worker, 10s), (RawMessage{5, 0, 1, 0, 7, 0, {}}));
+    EXPECT_EQ(gaktest::ReadPpcFrame(worker, 10s), (RawMessage{5, 0, 1, 0, 7, 0, {}}));
     const Fd another = ConnectAs(1, 8);
     EXPECT_EQ(server_.SendData(Order(1, 8)), kOk);
 }
@@ -1416,7 +1414,7 @@ TEST_F(PpcServerTest, DestroyInAForkedChildDoesNothing)
     Create();
     const Fd worker = ConnectAs(1, 7);
     log_.Clear();
-    testsupport::ChildProcess child([this] {
+    gaktest::ChildProcess child([this] {
         EXPECT_EQ(server_.Destroy(), kOk);
         EXPECT_THAT(log_.Lines(), IsEmpty());
         EXPECT_EQ(closes_.Count(), 0u);

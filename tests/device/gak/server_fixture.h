@@ -30,7 +30,7 @@ using namespace std::chrono_literals;
 constexpr uint32_t kOk = 0x1011000;
 constexpr uint32_t kServerId = 19280;
 
-inline qel::PPCMessage Message(const testsupport::RawMessage& raw)
+inline qel::PPCMessage Message(const gaktest::RawMessage& raw)
 {
     qel::PPCMessage msg;
     msg.set_type(static_cast<qel::PPCMessage::MsgType>(raw.type));
@@ -49,7 +49,7 @@ inline qel::PPCMessage Order(uint32_t device, uint32_t pid)
 }
 
 // What a worker reports of itself.
-inline testsupport::RawMessage Report(uint32_t device, uint32_t pid, uint32_t type = 0)
+inline gaktest::RawMessage Report(uint32_t device, uint32_t pid, uint32_t type = 0)
 {
     return {type, device, kServerId, 0, pid, 0, {}};
 }
@@ -65,12 +65,12 @@ public:
         std::lock_guard<std::mutex> lock(Instance().mutex_);
         Instance().action_ = std::move(action);
     }
-    static std::vector<testsupport::RawMessage> Messages()
+    static std::vector<gaktest::RawMessage> Messages()
     {
         std::lock_guard<std::mutex> lock(Instance().mutex_);
         return Instance().messages_;
     }
-    static bool WaitFor(size_t count, testsupport::Deadline deadline = 10s)
+    static bool WaitFor(size_t count, gaktest::Deadline deadline = 10s)
     {
         Inbox& inbox = Instance();
         std::unique_lock<std::mutex> lock(inbox.mutex_);
@@ -92,13 +92,13 @@ private:
 
     void Take(const qel::PPCMessage& msg)
     {
-        testsupport::RawMessage raw{static_cast<uint32_t>(msg.type()),
-                                    msg.src_id(),
-                                    msg.dest_id(),
-                                    static_cast<uint32_t>(msg.proc_type()),
-                                    msg.sub_proc_pid(),
-                                    msg.host_pid(),
-                                    {}};
+        gaktest::RawMessage raw{static_cast<uint32_t>(msg.type()),
+                                msg.src_id(),
+                                msg.dest_id(),
+                                static_cast<uint32_t>(msg.proc_type()),
+                                msg.sub_proc_pid(),
+                                msg.host_pid(),
+                                {}};
         if (msg.has_lib_names()) {
             raw.lib_names.emplace(msg.lib_names().lib_name().begin(), msg.lib_names().lib_name().end());
         }
@@ -116,50 +116,50 @@ private:
 
     std::mutex mutex_;
     std::condition_variable changed_;
-    std::vector<testsupport::RawMessage> messages_;
+    std::vector<gaktest::RawMessage> messages_;
     std::function<void(const qel::PPCMessage&)> action_;
 };
 
 // A worker in a process of its own. Make it before the server exists; it connects when it is started.
 class WorkerProcess {
 public:
-    explicit WorkerProcess(const std::function<int(testsupport::Fd& socket)>& body)
+    explicit WorkerProcess(const std::function<int(gaktest::Fd& socket)>& body)
         : pipe_(MakePipe()), child_([this, &body] {
               char go = 0;
               pipe_.second.Reset();
               if (read(pipe_.first.get(), &go, 1) != 1) {
                   return 100;
               }
-              testsupport::Fd socket = testsupport::RawConnect(static_cast<int>(kServerId));
+              gaktest::Fd socket = gaktest::RawConnect(static_cast<int>(kServerId));
               return socket.valid() ? body(socket) : 101;
           })
     {
     }
 
     void Start() { EXPECT_EQ(write(pipe_.second.get(), "g", 1), 1); }
-    testsupport::ChildProcess& Process() { return child_; }
+    gaktest::ChildProcess& Process() { return child_; }
 
 private:
-    static std::pair<testsupport::Fd, testsupport::Fd> MakePipe()
+    static std::pair<gaktest::Fd, gaktest::Fd> MakePipe()
     {
         int fds[2] = {-1, -1};
         EXPECT_EQ(pipe2(fds, O_CLOEXEC), 0);
-        return {testsupport::Fd(fds[0]), testsupport::Fd(fds[1])};
+        return {gaktest::Fd(fds[0]), gaktest::Fd(fds[1])};
     }
 
-    std::pair<testsupport::Fd, testsupport::Fd> pipe_;
-    testsupport::ChildProcess child_;
+    std::pair<gaktest::Fd, gaktest::Fd> pipe_;
+    gaktest::ChildProcess child_;
 };
 
 inline size_t CountThreads(const std::string& name)
 {
-    const std::vector<std::string> names = testsupport::ThreadNames();
+    const std::vector<std::string> names = gaktest::ThreadNames();
     return static_cast<size_t>(std::count(names.begin(), names.end(), name));
 }
 
 inline testing::AssertionResult ThreadsBecome(const std::string& name, size_t count)
 {
-    if (testsupport::WaitUntil([&] { return CountThreads(name) == count; }, 10s)) {
+    if (gaktest::WaitUntil([&] { return CountThreads(name) == count; }, 10s)) {
         return testing::AssertionSuccess();
     }
     return testing::AssertionFailure() << CountThreads(name) << " threads are named " << name;
@@ -188,45 +188,44 @@ protected:
     void Handle(uint32_t type) { server_.RegPPCSerMsgProcFunc(type, &Inbox::Handler); }
 
     // A worker whose session is listed.
-    testsupport::Fd Connect()
+    gaktest::Fd Connect()
     {
         const uint64_t before = accepts_.Count();
-        testsupport::Fd worker = testsupport::RawConnect(static_cast<int>(kServerId));
+        gaktest::Fd worker = gaktest::RawConnect(static_cast<int>(kServerId));
         EXPECT_TRUE(worker.valid());
         EXPECT_TRUE(AcceptCallsBecome(before + 1));
         return worker;
     }
     // A worker that the server has heard of.
-    testsupport::Fd ConnectAs(uint32_t device, uint32_t pid)
+    gaktest::Fd ConnectAs(uint32_t device, uint32_t pid)
     {
-        testsupport::Fd worker = Connect();
+        gaktest::Fd worker = Connect();
         Say(worker, Report(device, pid));
         return worker;
     }
     // Sends, and waits until the server has done with the message.
-    void Say(const testsupport::Fd& worker, const testsupport::RawMessage& raw)
+    void Say(const gaktest::Fd& worker, const gaktest::RawMessage& raw)
     {
         const size_t before = log_.Count("##### [threadName:");
-        EXPECT_TRUE(WriteAll(worker, testsupport::PpcFrame(raw)));
+        EXPECT_TRUE(WriteAll(worker, gaktest::PpcFrame(raw)));
         EXPECT_TRUE(log_.WaitFor("##### [threadName:", 10s, before + 1));
     }
     // Waits until so many receive threads have said that they end, and have ended.
     bool WaitForExits(size_t count)
     {
-        return log_.WaitFor("]thread exit", 10s, count) &&
-               testsupport::WaitUntil([this] { return ExitsAreDone(); }, 10s);
+        return log_.WaitFor("]thread exit", 10s, count) && gaktest::WaitUntil([this] { return ExitsAreDone(); }, 10s);
     }
 
-    testsupport::LogCapture log_;
-    testsupport::CountingHook<DriverSessionAccept> accepts_;
-    testsupport::CountingHook<DriverSessionClose> closes_;
+    gaktest::LogCapture log_;
+    gaktest::CountingHook<DriverSessionAccept> accepts_;
+    gaktest::CountingHook<DriverSessionClose> closes_;
     qel::PpcServer& server_ = qel::PpcServer::GetInstance();
 
 private:
     bool ExitsAreDone() const
     {
-        const std::vector<testsupport::LogLine> lines = log_.Lines();
-        return std::none_of(lines.begin(), lines.end(), [](const testsupport::LogLine& line) {
+        const std::vector<gaktest::LogLine> lines = log_.Lines();
+        return std::none_of(lines.begin(), lines.end(), [](const gaktest::LogLine& line) {
             return line.text.find("]thread exit") != std::string::npos &&
                    access(("/proc/self/task/" + std::to_string(line.threadId)).c_str(), F_OK) == 0;
         });
@@ -234,7 +233,7 @@ private:
     // The session of one accept call is listed before the next call is made.
     bool AcceptCallsBecome(uint64_t count)
     {
-        return testsupport::WaitUntil([&] { return accepts_.Count() >= count; }, 10s);
+        return gaktest::WaitUntil([&] { return accepts_.Count() >= count; }, 10s);
     }
 };
 

@@ -22,16 +22,16 @@
 #include "raw_peer.h"
 
 // What the driver's tests share.
-namespace drivertest {
+namespace gaktest {
 
 using namespace std::chrono_literals;
-using testsupport::Bytes;
-using testsupport::CountingHook;
-using testsupport::Deadline;
-using testsupport::Fd;
-using testsupport::LogSink;
-using testsupport::OpenDescriptors;
-namespace calls = testsupport::calls;
+using gaktest::Bytes;
+using gaktest::CountingHook;
+using gaktest::Deadline;
+using gaktest::Fd;
+using gaktest::LogSink;
+using gaktest::OpenDescriptors;
+namespace calls = gaktest::calls;
 
 // ---- Log lines ----
 
@@ -39,7 +39,7 @@ namespace calls = testsupport::calls;
 MATCHER_P3(DriverLine, sink, function, message, "")
 {
     const std::string text = message;
-    const std::string number = std::to_string(testsupport::ParseLogText(arg.text).sinkLine);
+    const std::string number = std::to_string(gaktest::ParseLogText(arg.text).sinkLine);
     const std::string ending = text.rfind("memset_s error: ", 0) == 0 ? "\n" : "\n\n";
     const std::string expected =
         "[qel/device/src/ppc/ppc:" + number + "][" + function + ":" + number + "] >>> " + text + ending;
@@ -117,11 +117,11 @@ constexpr int kServerId = 77;
 // A session that the library connected to a plain socket.
 class Connection {
 public:
-    Connection() : Connection(testsupport::RawListen(kServerId)) {}
+    Connection() : Connection(gaktest::RawListen(kServerId)) {}
     explicit Connection(const Fd& listener)
     {
         EXPECT_EQ(drvPpcSessionConnect(kServerId, &session), PPC_OK);
-        peer = testsupport::RawAccept(listener, 5s);
+        peer = gaktest::RawAccept(listener, 5s);
     }
     ~Connection() { End(); }
     Connection(const Connection&) = delete;
@@ -219,7 +219,7 @@ private:
     }
 
     static inline std::atomic<size_t> count{0};
-    testsupport::ImportHook hook_;
+    gaktest::ImportHook hook_;
 };
 
 // Stops a thread inside a hooked call until the test lets it go on.
@@ -259,9 +259,9 @@ class DriverTest : public testing::Test {
 protected:
     DriverTest() { EXPECT_EQ(ppcInit(), 0); }
 
-    testsupport::LogCapture log_;
+    gaktest::LogCapture log_;
 };
 
-}  // namespace drivertest
+}  // namespace gaktest
 
 #endif

@@ -12,15 +12,15 @@
 
 namespace {
 
-using namespace drivertest;
+using namespace gaktest;
+using gaktest::ExpectEof;
+using gaktest::FrameBytes;
+using gaktest::Hex;
+using gaktest::ReadExactly;
+using gaktest::WaitReadable;
+using gaktest::WriteAll;
 using testing::ElementsAre;
 using testing::IsEmpty;
-using testsupport::ExpectEof;
-using testsupport::FrameBytes;
-using testsupport::Hex;
-using testsupport::ReadExactly;
-using testsupport::WaitReadable;
-using testsupport::WriteAll;
 
 const Bytes kTen{10, 11, 12, 13, 14, 15, 16, 17, 18, 19};
 const Bytes kTenFrame{0, 0, 0, 10, 10, 11, 12, 13, 14, 15, 16, 17, 18, 19};
@@ -53,7 +53,7 @@ std::string RecvErrorText(int fd, int error)
 // The driver's end of a connection is a bare descriptor here.
 class SocketIoTest : public testing::Test {
 protected:
-    SocketIoTest() { std::tie(socket_, peer_) = testsupport::SocketPair(); }
+    SocketIoTest() { std::tie(socket_, peer_) = gaktest::SocketPair(); }
 
     int Send(const Bytes& payload)
     {
@@ -89,7 +89,7 @@ protected:
     Bytes buffer_;
     uint32_t length_ = kUntouched;
     uint32_t got_ = kUntouched;
-    testsupport::LogCapture log_;
+    gaktest::LogCapture log_;
 };
 
 // ---- drvPpcSocketSend ----
@@ -165,7 +165,7 @@ TEST_F(SocketIoTest, InterruptionBeforeTheFirstByteLeavesTheConnectionUsable)
 TEST_F(SocketIoTest, ShortWriteGives27AndEndsTheConnection)
 {
     for (const size_t taken : {1u, 3u, 4u, 13u}) {
-        std::tie(socket_, peer_) = testsupport::SocketPair();
+        std::tie(socket_, peer_) = gaktest::SocketPair();
         log_.Clear();
         CountingHook<calls::Writev> writevCalls;
         writevCalls.OnCall([&](uint64_t, int fd, const iovec*, int) -> std::optional<ssize_t> {
@@ -441,7 +441,7 @@ TEST_F(MessageIoTest, SendOfOneMegabyteArrivesWhole)
     }
     const Message message(connection_.session, payload);
     std::future<int> sender = std::async(std::launch::async, [&] { return Send(message); });
-    EXPECT_TRUE(testsupport::ReadFrame(connection_.peer, 10s) == payload);
+    EXPECT_TRUE(gaktest::ReadFrame(connection_.peer, 10s) == payload);
     EXPECT_EQ(sender.get(), PPC_OK);
 }
 
@@ -560,7 +560,7 @@ TEST_F(MessageIoTest, RecvWaitsForTheRestOfAPayload)
     std::future<int> receiver = std::async(std::launch::async, [&] { return Receive(message); });
     for (const Bytes& part : {Bytes{0, 0, 0, 3}, Bytes{1}, Bytes{2}, Bytes{3}}) {
         ASSERT_TRUE(WriteAll(connection_.peer, part));
-        ASSERT_TRUE(testsupport::WaitUntil(
+        ASSERT_TRUE(gaktest::WaitUntil(
             [&] {
                 int unread = -1;
                 return ioctl(fd_, FIONREAD, &unread) == 0 && unread == 0;

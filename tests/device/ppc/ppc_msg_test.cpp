@@ -6,7 +6,7 @@
 
 namespace {
 
-using namespace drivertest;
+using namespace gaktest;
 using testing::ElementsAre;
 using testing::IsEmpty;
 
@@ -24,7 +24,7 @@ protected:
     static void SetCount(PpcMsg* msg, uint32_t count) { memcpy(static_cast<void*>(msg), &count, sizeof(count)); }
 
     BareSession session_;
-    testsupport::LogCapture log_;
+    gaktest::LogCapture log_;
 };
 
 // ---- drvPpcAllocMsg ----
@@ -308,7 +308,7 @@ class ReceivedMsgTest : public DriverTest {
 protected:
     ReceivedMsgTest() : message_(std::make_unique<Message>(connection_.session))
     {
-        EXPECT_TRUE(testsupport::WriteAll(connection_.peer, testsupport::FrameBytes({1, 2, 3})));
+        EXPECT_TRUE(gaktest::WriteAll(connection_.peer, gaktest::FrameBytes({1, 2, 3})));
         uint32_t count = 0;
         EXPECT_EQ(drvPpcRecv(connection_.session, message_->msg, 0, 0, &count), PPC_OK);
         log_.Clear();

@@ -9,7 +9,7 @@
 
 namespace {
 
-using namespace drivertest;
+using namespace gaktest;
 using testing::ElementsAre;
 using testing::IsEmpty;
 
@@ -39,7 +39,7 @@ protected:
         return {code, addr.sun_path, length};
     }
 
-    testsupport::LogCapture log_;
+    gaktest::LogCapture log_;
 };
 
 bool IsDirectory(const std::string& path)
@@ -249,7 +249,7 @@ int FailingFormatter(char*, size_t destMax, const char* format, ...)
 TEST_F(PpcPathTest, FormatterFailureGives24)
 {
     ASSERT_EQ(ppcInit(), 0);
-    const testsupport::ImportHook formatter("sprintf_s", reinterpret_cast<void*>(&FailingFormatter));
+    const gaktest::ImportHook formatter("sprintf_s", reinterpret_cast<void*>(&FailingFormatter));
     const Result result = SetPath(1, 1);
     EXPECT_EQ(result.code, PPC_ERR_SOCKET_PATH);
     EXPECT_EQ(result.length, 0u);
@@ -313,7 +313,7 @@ int AnswerTwo(int, int)
 TEST_F(PpcPathTest, OnlyTheAnswerOneTurnsALevelOn)
 {
     ASSERT_EQ(ppcInit(), 0);
-    const testsupport::ImportHook check("CheckLogLevel", reinterpret_cast<void*>(&AnswerTwo));
+    const gaktest::ImportHook check("CheckLogLevel", reinterpret_cast<void*>(&AnswerTwo));
     {
         const Endpoint endpoint;
     }

@@ -19,19 +19,19 @@
 
 namespace {
 
-using namespace drivertest;
+using namespace gaktest;
+using gaktest::ChildProcess;
+using gaktest::ExpectEof;
+using gaktest::FrameBytes;
+using gaktest::RawAccept;
+using gaktest::RawConnect;
+using gaktest::RawListen;
+using gaktest::ReadFrame;
+using gaktest::WaitReadable;
+using gaktest::WriteAll;
 using testing::Contains;
 using testing::ElementsAre;
 using testing::IsEmpty;
-using testsupport::ChildProcess;
-using testsupport::ExpectEof;
-using testsupport::FrameBytes;
-using testsupport::RawAccept;
-using testsupport::RawConnect;
-using testsupport::RawListen;
-using testsupport::ReadFrame;
-using testsupport::WaitReadable;
-using testsupport::WriteAll;
 
 constexpr size_t kSessionsRecognised = 4096;
 constexpr size_t kServersRecognised = 64;
@@ -232,7 +232,7 @@ TEST_F(InFlightTest, EveryBlockedAcceptReturns25WhenTheEndpointIsDestroyed)
     for (PpcSession*& session : sessions) {
         accepts.push_back(InThread([&] { return drvPpcSessionAccept(endpoint.server, &session); }));
     }
-    ASSERT_TRUE(testsupport::WaitUntil([&] { return entered == 3; }, 10s));
+    ASSERT_TRUE(gaktest::WaitUntil([&] { return entered == 3; }, 10s));
     log_.Clear();
     endpoint.End();
     for (std::future<int>& accept : accepts) {
@@ -264,7 +264,7 @@ TEST_P(SecondEndTest, ClosesNothingWhenTheNumberBelongsToAnother)
     Connection connection;
     const int fd = connection.FdNumber();
     connection.End();
-    auto pair = testsupport::SocketPair();
+    auto pair = gaktest::SocketPair();
     if (pair.first.get() != fd && pair.second.get() != fd) {
         ASSERT_EQ(dup2(pair.first.get(), fd), fd);
         pair.first.Reset(fd);
@@ -411,7 +411,7 @@ private:
     }
 
     CountingHook<calls::Malloc> mallocCalls_;
-    testsupport::ImportHook freeHook_{"free", reinterpret_cast<void*>(&Free)};
+    gaktest::ImportHook freeHook_{"free", reinterpret_cast<void*>(&Free)};
 };
 
 // Ended sessions stand in a row. One that leaves it from the middle must not take its neighbours along.
@@ -749,7 +749,7 @@ TEST_F(WholeFrameTest, FrameCutByASignalEndsTheSession)
     pthread_kill(senderThread, SIGUSR1);
     ASSERT_TRUE(EndsInTime(sender));
     EXPECT_EQ(sender.get(), PPC_ERR_SEND);
-    const Bytes part = testsupport::ReadExactly(connection.peer, 4 + kMoreThanASocketHolds, 10s);
+    const Bytes part = gaktest::ReadExactly(connection.peer, 4 + kMoreThanASocketHolds, 10s);
     EXPECT_LT(part.size(), 4 + kMoreThanASocketHolds);
     EXPECT_TRUE(ExpectEof(connection.peer, 5s));
     EXPECT_EQ(SendBytes(connection.session, 1), PPC_ERR_SEND);
@@ -840,7 +840,7 @@ TEST_F(StopAcceptTest, WorksWhenAnotherServerHasTakenThePath)
         ExpectQuickDestroy([&] {
             acceptCalls.Reset();
             ASSERT_EQ(server_.CreateServer(kServerId), 0x1011000u);
-            ASSERT_TRUE(testsupport::WaitUntil([&] { return acceptCalls.Count() > 0; }, 10s));
+            ASSERT_TRUE(gaktest::WaitUntil([&] { return acceptCalls.Count() > 0; }, 10s));
             other = RawListen(kServerId);
         });
         EXPECT_FALSE(WaitReadable(other, 0s)) << "nobody connects to wake the thread";
@@ -877,15 +877,15 @@ int ForeignServerDestroy(PpcServerHead* server)
 TEST_F(StopAcceptTest, IsHarmlessOnAServerThatTheDriverDidNotCreate)
 {
     log_.SetMinimumLevel(99);
-    const testsupport::ImportHook create("drvPpcServerCreate", reinterpret_cast<void*>(&ForeignServerCreate));
-    const testsupport::ImportHook accept("drvPpcSessionAccept", reinterpret_cast<void*>(&ForeignAccept));
-    const testsupport::ImportHook destroy("drvPpcServerDestroy", reinterpret_cast<void*>(&ForeignServerDestroy));
+    const gaktest::ImportHook create("drvPpcServerCreate", reinterpret_cast<void*>(&ForeignServerCreate));
+    const gaktest::ImportHook accept("drvPpcSessionAccept", reinterpret_cast<void*>(&ForeignAccept));
+    const gaktest::ImportHook destroy("drvPpcServerDestroy", reinterpret_cast<void*>(&ForeignServerDestroy));
     CountingHook<calls::Shutdown> shutdownCalls;
     ExpectQuickDestroy([this] {
         foreignAccepts = 0;
         foreignDestroys = 0;
         ASSERT_EQ(server_.CreateServer(kServerId), 0x1011000u);
-        ASSERT_TRUE(testsupport::WaitUntil([] { return foreignAccepts > 0; }, 10s));
+        ASSERT_TRUE(gaktest::WaitUntil([] { return foreignAccepts > 0; }, 10s));
     });
     EXPECT_EQ(foreignDestroys, 1);
     EXPECT_EQ(shutdownCalls.Count(), 0u);

@@ -10,17 +10,17 @@
 
 namespace {
 
-using namespace drivertest;
+using namespace gaktest;
+using gaktest::ExpectEof;
+using gaktest::RawAccept;
+using gaktest::RawConnect;
+using gaktest::RawListen;
+using gaktest::SocketPath;
+using gaktest::WaitReadable;
+using gaktest::WriteAll;
 using testing::Each;
 using testing::ElementsAre;
 using testing::IsEmpty;
-using testsupport::ExpectEof;
-using testsupport::RawAccept;
-using testsupport::RawConnect;
-using testsupport::RawListen;
-using testsupport::SocketPath;
-using testsupport::WaitReadable;
-using testsupport::WriteAll;
 
 PpcServerHead* const kNoServer = reinterpret_cast<PpcServerHead*>(0x1234);
 PpcSession* const kNoSession = reinterpret_cast<PpcSession*>(0x5678);
@@ -214,7 +214,7 @@ TEST_F(ServerCreateTest, FailingMemsetFreesTheRecord)
 
 TEST_F(ServerCreateTest, MissingDirectoryFailsTheBind)
 {
-    ASSERT_EQ(rmdir(testsupport::kSocketDir), 0);
+    ASSERT_EQ(rmdir(gaktest::kSocketDir), 0);
     PpcServerHead* server = kNoServer;
     EXPECT_EQ(drvPpcServerCreate(kServerId, &server), PPC_ERR_SOCKET_BIND);
     EXPECT_THAT(log_.Lines(), ElementsAre(ErrorLine("drvPpcServerCreate",
@@ -224,7 +224,7 @@ TEST_F(ServerCreateTest, MissingDirectoryFailsTheBind)
 // Without ppcInit.
 class UnpreparedTest : public testing::Test {
 protected:
-    testsupport::LogCapture log_;
+    gaktest::LogCapture log_;
     const size_t before_ = OpenDescriptors();
 };
 
@@ -309,7 +309,7 @@ TEST_F(ServerDestroyTest, AcceptedSessionsStay)
     ASSERT_EQ(drvPpcSessionAccept(endpoint.server, &session), PPC_OK);
     endpoint.End();
     EXPECT_EQ(drvPpcSend(session, Message(session, {5}).msg, 0), PPC_OK);
-    EXPECT_EQ(testsupport::ReadFrame(peer, 5s), Bytes{5});
+    EXPECT_EQ(gaktest::ReadFrame(peer, 5s), Bytes{5});
     EXPECT_EQ(drvPpcSessionClose(session), PPC_OK);
 }
 
@@ -342,7 +342,7 @@ TEST_F(SessionAcceptTest, MakesASessionOfTheConnection)
                                                        std::to_string(listenFd_) + ", pid " + PidText())));
     EXPECT_FALSE(WaitReadable(peer_, 0s)) << "nothing is exchanged";
     EXPECT_EQ(drvPpcSend(session_, Message(session_, {5}).msg, 0), PPC_OK);
-    EXPECT_EQ(testsupport::ReadFrame(peer_, 5s), Bytes{5});
+    EXPECT_EQ(gaktest::ReadFrame(peer_, 5s), Bytes{5});
     EXPECT_EQ(drvPpcSessionClose(session_), PPC_OK);
 }
 
@@ -581,7 +581,7 @@ INSTANTIATE_TEST_SUITE_P(, SessionEndTest,
 
 class ClientTest : public testing::Test {
 protected:
-    testsupport::LogCapture log_;
+    gaktest::LogCapture log_;
 };
 
 TEST_F(ClientTest, CreateLeavesTheHandleNull)
@@ -652,7 +652,7 @@ TEST_F(SessionConnectTest, MakesASessionOfTheConnection)
                                      "Ppc connect session " + std::to_string(view.fd) + ", pid " + PidText())));
     EXPECT_FALSE(WaitReadable(peer, 0s)) << "nothing is exchanged";
     EXPECT_EQ(drvPpcSend(session_, Message(session_, {5}).msg, 0), PPC_OK);
-    EXPECT_EQ(testsupport::ReadFrame(peer, 5s), Bytes{5});
+    EXPECT_EQ(gaktest::ReadFrame(peer, 5s), Bytes{5});
     EXPECT_EQ(drvPpcSessionDestroy(session_), PPC_OK);
 }
 

@@ -18,8 +18,8 @@
 namespace {
 
 using namespace std::chrono_literals;
-using testsupport::ChildProcess;
-using testsupport::Fd;
+using gaktest::ChildProcess;
+using gaktest::Fd;
 
 constexpr int kServerId = 19280;
 constexpr uint32_t kFailed = 0x1093031;
@@ -77,19 +77,19 @@ int WithBrokenPipes(const std::function<int()>& body)
     if (ppcInit() != 0) {
         return 10;
     }
-    Fd listener = testsupport::RawListen(kServerId);
+    Fd listener = gaktest::RawListen(kServerId);
     if (GakHeartbeatSend(0, 1) != 0) {
         return 11;
     }
     listener.Reset();  // with the connection that waits in its queue
     vlog_setlevel(kInfo);
-    return testsupport::BreakStandardError() ? body() : 12;
+    return gaktest::BreakStandardError() ? body() : 12;
 }
 
 testing::AssertionResult EndsWellWithBrokenPipes(const std::function<int()>& body)
 {
     ChildProcess child([&] { return WithBrokenPipes(body); });
-    const testsupport::ExitStatus status = child.WaitExit(20s);
+    const gaktest::ExitStatus status = child.WaitExit(20s);
     return status.ExitedWith(0) ? testing::AssertionSuccess() : testing::AssertionFailure() << status;
 }
 
