@@ -1,4 +1,6 @@
 // The least that carries the library's frames: the same system calls, the message classes, one allocation each way.
+// With GAKPPC_BENCH_ONE_HANDLER set, the daemon holds a mutex while it answers: one handler at a time, as in the
+// library.
 
 #include <arpa/inet.h>
 #include <sys/socket.h>
@@ -8,6 +10,7 @@
 #include <csignal>
 #include <cstdlib>
 #include <cstring>
+#include <mutex>
 
 #include "candidate.h"
 #include "unix_socket.h"
@@ -55,13 +58,28 @@ bool ReceiveFrame(int fd, qel::PPCMessage& msg)
     return true;
 }
 
+void Handle(int fd, const qel::PPCMessage& msg)
+{
+    if (IsAnswered(msg)) {
+        SendFrame(fd, AnswerTo(msg));
+    }
+}
+
 void ServeConnection(int fd)
 {
     qel::PPCMessage msg;
     while (ReceiveFrame(fd, msg)) {
-        if (IsAnswered(msg)) {
-            SendFrame(fd, AnswerTo(msg));
-        }
+        Handle(fd, msg);
+    }
+}
+
+void ServeConnectionOneHandlerAtATime(int fd)
+{
+    static std::mutex handlerMutex;
+    qel::PPCMessage msg;
+    while (ReceiveFrame(fd, msg)) {
+        const std::lock_guard<std::mutex> lock(handlerMutex);
+        Handle(fd, msg);
     }
 }
 
@@ -84,7 +102,8 @@ private:
 std::unique_ptr<Daemon> Serve(const std::string& address)
 {
     signal(SIGPIPE, SIG_IGN);
-    ServeEachConnection(address, ServeConnection);
+    const bool oneHandler = getenv("GAKPPC_BENCH_ONE_HANDLER") != nullptr;
+    ServeEachConnection(address, oneHandler ? ServeConnectionOneHandlerAtATime : ServeConnection);
     return std::make_unique<Daemon>();
 }
 

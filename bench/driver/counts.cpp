@@ -108,10 +108,10 @@ void PrintCounts(const std::string& programDir, const std::string& socketDir, co
                             },
                             IsStraceTotal};
     printf("%-44s %10s %10s %7s   %s\n", "count, both sides together", "FLOOR", "library", "ratio", "goal");
-    PrintRow(callgrind, places, "instructions of a round trip", "untimed_round_trip", "ratio <= 2.5");
-    PrintRow(callgrind, places, "instructions of a one-way heartbeat", "flood", "ratio <= 3.0");
+    PrintRow(callgrind, places, "instructions of a round trip", "untimed_round_trip", "ratio <= 2.45");
+    PrintRow(callgrind, places, "instructions of a one-way heartbeat", "flood", "ratio <= 2.6");
     PrintRow(strace, places, "system calls of a round trip", "untimed_round_trip", "<= 10 calls");
-    PrintRow(strace, places, "system calls of a one-way heartbeat", "flood", "<= 7 calls");
+    PrintRow(strace, places, "system calls of a one-way heartbeat", "flood", "<= 6 calls");
 }
 
 }  // namespace bench

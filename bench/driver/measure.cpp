@@ -86,7 +86,9 @@ void MeasureFleet(const Setup& setup, int workers, Results& results)
     const std::string figure = "fleet_" + std::to_string(workers);
     // FLOOR's worker speaks the library's frames and loads both daemons.
     Pair library("gakppc", ProgramPath(setup, "gakppc"), floor, kLibrarySocket);
+    setenv("GAKPPC_BENCH_ONE_HANDLER", "1", 1);  // the library's rule: many receive threads, one handler at a time
     Pair plain("floor", floor, floor, setup.socketDir + "/fleet");
+    unsetenv("GAKPPC_BENCH_ONE_HANDLER");
     for (int round = 0; round <= setup.rounds; ++round) {
         for (Pair* pair : {&library, &plain}) {
             Values values = pair->worker.Ask("fleet", std::max(workers, kFleetMessages / setup.divisor), workers);

@@ -21,7 +21,7 @@ public:
     // The connection, opened on first use.
     Link& MainLink();
     void CloseMainLink() { link_.reset(); }
-    // `count` connections that are kept besides, each a worker of its own to the daemon.
+    // `count` connections that are kept open, each a worker of its own to the daemon.
     std::vector<std::unique_ptr<Link>>& Fleet(int count);
     std::unique_ptr<Link> NewLink() const { return Connect(address_); }
 
@@ -48,7 +48,8 @@ Values Burst(Worker& worker, int count);
 Values Flood(Worker& worker, int count, int payload);
 // `count` new connections, up to the answer of the first message: p50.
 Values ConnectTime(Worker& worker, int count);
-// `workers` connections, each with one answered heartbeat on its way, `count` in all: rate, daemon_cpu of one.
+// `workers` connections in a closed loop, each with one answered heartbeat in flight, `count` in all: rate, daemon_cpu
+// of one.
 Values FleetLoop(Worker& worker, int count, int workers);
 
 }  // namespace bench
