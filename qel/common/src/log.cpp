@@ -6,7 +6,7 @@
 #include "info_line.h"
 #include "memguard.h"
 #include "mutex.h"
-#include "no_destroy.h"
+#include "no_destructor.h"
 #include "osal.h"
 #include "status_factory.h"
 #include "status_table.h"
@@ -189,7 +189,7 @@ Mutex QELLog::mutexHandle;
 
 QELLog& QELLog::GetInstance()
 {
-    static NoDestroy<QELLog> instance;
+    static NoDestructor<QELLog> instance;
     if (!isInitFlag) {
         MutexLock lock(mutexHandle);
         instance->Init();

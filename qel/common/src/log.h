@@ -115,7 +115,7 @@ public:
 
 private:
     template <typename T>
-    friend class NoDestroy;
+    friend class NoDestructor;
     QELLog() = default;
     ~QELLog() = default;
 

@@ -5,7 +5,7 @@
 #include <map>
 
 #include "mutex.h"
-#include "no_destroy.h"
+#include "no_destructor.h"
 #include "status_table.h"
 
 namespace qel {
@@ -67,7 +67,7 @@ struct Registered {
 
 Registered& GetRegistered()
 {
-    static NoDestroy<Registered> registered;
+    static NoDestructor<Registered> registered;
     return *registered;
 }
 
@@ -75,7 +75,7 @@ Registered& GetRegistered()
 
 StatusFactory& StatusFactory::GetInstance()
 {
-    static NoDestroy<StatusFactory> instance;
+    static NoDestructor<StatusFactory> instance;
     return *instance;
 }
 

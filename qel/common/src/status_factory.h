@@ -49,7 +49,7 @@ public:
 
 private:
     template <typename T>
-    friend class NoDestroy;
+    friend class NoDestructor;
     StatusFactory() = default;
     ~StatusFactory() = default;
 };

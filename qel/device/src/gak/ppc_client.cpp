@@ -5,14 +5,14 @@
 #include <map>
 #include <new>
 
+#include "at_exit.h"
 #include "gak_limits.h"
 #include "gak_log.h"
 #include "mutex.h"
-#include "no_destroy.h"
+#include "no_destructor.h"
 #include "own_pid.h"
 #include "ppc.h"
 #include "ppc_record.h"
-#include "process_exit.h"
 #include "sigpipe_guard.h"
 #include "status_table.h"
 
@@ -77,7 +77,7 @@ bool AddLibNames(const std::vector<std::string>& libNames, PPCMessage& msg)
 struct PpcClient::State {
     static State& Instance()
     {
-        static NoDestroy<State> state;
+        static NoDestructor<State> state;
         return *state;
     }
 
@@ -129,8 +129,8 @@ std::atomic<bool> PpcClient::clientRecvFlag_{false};
 
 PpcClient* PpcClient::GetInstance()
 {
-    static NoDestroy<PpcClient> instance;
-    static const ProcessExit<PpcClient> atExit(*instance);
+    static NoDestructor<PpcClient> instance;
+    static const AtExit<PpcClient> atExit(*instance);
     return &*instance;
 }
 

@@ -117,9 +117,9 @@ public:
 
 private:
     template <typename T>
-    friend class NoDestroy;
+    friend class NoDestructor;
     template <typename T>
-    friend class ProcessExit;
+    friend class AtExit;
     struct GAKPPC_LOCAL State;
     struct GAKPPC_LOCAL Report;
 

@@ -16,14 +16,14 @@
 #include <thread>
 #include <utility>
 
+#include "at_exit.h"
 #include "gak_limits.h"
 #include "gak_log.h"
 #include "library_thread.h"
 #include "mutex.h"
-#include "no_destroy.h"
+#include "no_destructor.h"
 #include "ppc.h"
 #include "ppc_record.h"
-#include "process_exit.h"
 #include "status_table.h"
 
 namespace qel {
@@ -140,7 +140,7 @@ bool IsAcceptable(const PPCMessage& msg)
 struct PpcServer::State {
     static State& Instance()
     {
-        static NoDestroy<State> state;
+        static NoDestructor<State> state;
         return *state;
     }
 
@@ -201,8 +201,8 @@ std::atomic<bool> PpcServer::serverRecvFlag_{false};
 
 PpcServer& PpcServer::GetInstance()
 {
-    static NoDestroy<PpcServer> instance;
-    static const ProcessExit<PpcServer> atExit(*instance);
+    static NoDestructor<PpcServer> instance;
+    static const AtExit<PpcServer> atExit(*instance);
     return *instance;
 }
 

@@ -124,9 +124,9 @@ public:
 
 private:
     template <typename T>
-    friend class NoDestroy;
+    friend class NoDestructor;
     template <typename T>
-    friend class ProcessExit;
+    friend class AtExit;
     struct GAKPPC_LOCAL State;
 
     GAKPPC_LOCAL PpcServer();

@@ -1,5 +1,5 @@
-#ifndef GAKPPC_NO_DESTROY_H
-#define GAKPPC_NO_DESTROY_H
+#ifndef GAKPPC_NO_DESTRUCTOR_H
+#define GAKPPC_NO_DESTRUCTOR_H
 
 #include <new>
 #include <utility>
@@ -8,16 +8,16 @@ namespace qel {
 
 // Storage for a process-wide object whose destructor never runs. Threads may still be inside the library while the
 // process runs its exit handlers, so what they use (logger, registry, mutexes, tables) must outlive every one of them.
-// Needs no heap: a function-local `static NoDestroy<T>` constructs T in place, once.
+// Needs no heap: a function-local `static NoDestructor<T>` constructs T in place, once.
 template <typename T>
-class NoDestroy {
+class NoDestructor {
 public:
     template <typename... Args>
-    explicit NoDestroy(Args&&... args) : object_(new (storage_) T(std::forward<Args>(args)...))
+    explicit NoDestructor(Args&&... args) : object_(new (storage_) T(std::forward<Args>(args)...))
     {
     }
-    NoDestroy(const NoDestroy&) = delete;
-    NoDestroy& operator=(const NoDestroy&) = delete;
+    NoDestructor(const NoDestructor&) = delete;
+    NoDestructor& operator=(const NoDestructor&) = delete;
 
     T& operator*() { return *object_; }
     T* operator->() { return object_; }
