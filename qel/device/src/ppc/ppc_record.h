@@ -2,12 +2,19 @@
 #define GAKPPC_PPC_RECORD_H
 
 #include <sys/types.h>
+#include <unistd.h>
 
 #include <atomic>
+#include <cstddef>
 #include <cstdint>
+#include <cstdlib>
+#include <new>
+#include <utility>
 
+#include "memguard.h"
 #include "mutex.h"
 #include "ppc.h"
+#include "ppc_types.h"
 
 // Lifetime of the driver's records, that is of sessions and server endpoints.
 //
@@ -145,6 +152,57 @@ private:
     const bool entered_;
     const int fd_;
 };
+
+// A descriptor until somebody else owns it.
+class OwnFd {
+public:
+    explicit OwnFd(int fd) : fd_(fd) {}
+    ~OwnFd()
+    {
+        if (fd_ >= 0) {
+            close(fd_);
+        }
+    }
+    OwnFd(const OwnFd&) = delete;
+    OwnFd& operator=(const OwnFd&) = delete;
+
+    int Get() const { return fd_; }
+    int Release() { return std::exchange(fd_, -1); }
+
+private:
+    int fd_;
+};
+
+// A driver record: what callers see, and in front of it what they don't.
+template <typename Visible>
+struct RecordBlock {
+    PpcRecord hidden;
+    Visible visible;
+};
+
+// Makes the record that owns `fd` from then on. PPC_ERR_NO_MEMORY or PPC_ERR_INVALID_VALUE (memset_s failed) leave
+// both arguments as they are.
+template <typename Visible>
+int CreateRecord(PpcRecord::Kind kind, OwnFd& fd, Visible** created)
+{
+    using Block = RecordBlock<Visible>;
+    static_assert(offsetof(Block, visible) == sizeof(PpcRecord), "the handle must follow the hidden part at once");
+    void* memory = malloc(sizeof(Block));
+    if (memory == nullptr) {
+        return PPC_ERR_NO_MEMORY;
+    }
+    if (memset_s(memory, sizeof(Block), 0, sizeof(Block)) != 0) {
+        free(memory);
+        return PPC_ERR_INVALID_VALUE;
+    }
+    Block* block = static_cast<Block*>(memory);
+    Visible* visible = new (&block->visible) Visible{};
+    FillIn(*visible, fd.Get());
+    PpcRecord* record = new (&block->hidden) PpcRecord(kind, fd.Release(), &DescriptorOf(*visible));
+    record->Publish();
+    *created = visible;
+    return PPC_OK;
+}
 
 // Keeps a session's record alive for the layers above, which store handles for longer than a call. A pointer that the
 // driver did not hand out (embedding processes may put their own transport underneath) is carried along without ever

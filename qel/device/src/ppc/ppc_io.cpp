@@ -1,0 +1,215 @@
+#include <arpa/inet.h>
+#include <sys/socket.h>
+#include <sys/uio.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+
+#include "ppc.h"
+#include "ppc_log.h"
+#include "ppc_record.h"
+#include "ppc_types.h"
+#include "sigpipe_guard.h"
+
+// NOLINTBEGIN(concurrency-mt-unsafe): what it finds is strerror, whose text glibc keeps for each thread
+
+namespace {
+
+using ppc::PpcCall;
+using ppc::PpcRecord;
+
+constexpr int kLengthFieldSize = 4;
+
+// recv that is not disturbed by signals.
+ssize_t Receive(int fd, void* buf, size_t size, int flags)
+{
+    ssize_t received;
+    do {
+        received = recv(fd, buf, size, flags);
+    } while (received == -1 && errno == EINTR);
+    return received;
+}
+
+// One frame with one system call. The result is writev's, with its errno.
+ssize_t WriteFrame(int fd, const void* buf, int len)
+{
+    uint32_t lengthField = htonl(static_cast<uint32_t>(len));
+    iovec entries[2] = {{&lengthField, kLengthFieldSize}, {const_cast<void*>(buf), static_cast<size_t>(len)}};
+    const ppc::SigpipeGuard guard;
+    const ssize_t written = writev(fd, entries, 2);
+    if (written == -1 && errno == EPIPE) {
+        ppc::SigpipeGuard::Consume();
+    }
+    return written;
+}
+
+}  // namespace
+
+int drvPpcSocketSend(int fd, const void* buf, int len)
+{
+    if (buf == nullptr) {
+        PPC_ERROR(PPC_TEXT("null buf"));
+        return PPC_ERR_INVALID_VALUE;
+    }
+    const ssize_t frameSize = static_cast<ssize_t>(len) + kLengthFieldSize;
+    const ssize_t written = WriteFrame(fd, buf, len);
+    if (written != -1 && written == frameSize) {
+        return PPC_OK;
+    }
+    PPC_ERROR(PPC_TEXT("send (sockfd %d)error: %s(errno: %d)  %d %d %d"), fd, strerror(errno), errno,
+              static_cast<int>(written), len, kLengthFieldSize);
+    if (written > 0) {
+        // What follows a cut frame would be read as the rest of it.
+        shutdown(fd, SHUT_RDWR);
+    }
+    return PPC_ERR_SEND;
+}
+
+int drvPpcSocketRecvPeek(int fd, uint32_t* len)
+{
+    if (len == nullptr) {
+        PPC_ERROR(PPC_TEXT("null ptr"));
+        return PPC_ERR_INVALID_VALUE;
+    }
+    uint32_t lengthField = 0;
+    const ssize_t received = Receive(fd, &lengthField, kLengthFieldSize, MSG_PEEK);
+    if (received == 0) {
+        PPC_INFO(PPC_TEXT("client connection closed: %s(errno: %d)(sock: %d)"), strerror(errno), errno, fd);
+        return PPC_ERR_SOCKET_CLOSED;
+    }
+    if (received < 0) {
+        PPC_ERROR(PPC_TEXT("recv error: %s(errno: %d)(sock: %d)"), strerror(errno), errno, fd);
+        return PPC_ERR_RECV;
+    }
+    if (received != kLengthFieldSize) {
+        PPC_ERROR(PPC_TEXT("length should be: %d(sock: %d)"), kLengthFieldSize, fd);
+        return PPC_ERR_INVALID_VALUE;
+    }
+    *len = ntohl(lengthField);
+    return PPC_OK;
+}
+
+int drvPpcSocketRecv(int fd, void* buf, int expected, uint32_t* got)
+{
+    if (buf == nullptr) {
+        PPC_ERROR(PPC_TEXT("null pBuf"));
+        return PPC_ERR_INVALID_VALUE;
+    }
+    if (expected < 0 || got == nullptr) {
+        PPC_ERROR(PPC_TEXT("illegal expected length %d or null ptr"), expected);
+        return PPC_ERR_INVALID_VALUE;
+    }
+    uint32_t lengthField = 0;
+    ssize_t received = Receive(fd, &lengthField, kLengthFieldSize, 0);
+    if (received < 0) {
+        PPC_ERROR(PPC_TEXT("recv error: %s(errno: %d)(sock: %d)"), strerror(errno), errno, fd);
+        return PPC_ERR_RECV;
+    }
+    if (received == 0) {
+        PPC_ERROR(PPC_TEXT("client connection closed: %s(errno: %d)(sock: %d)"), strerror(errno), errno, fd);
+        return PPC_ERR_SOCKET_CLOSED;
+    }
+    const uint32_t announced = ntohl(lengthField);
+    if (announced != static_cast<uint32_t>(expected)) {
+        PPC_ERROR(PPC_TEXT("recv Msg length not equal: %d != %d(sock: %d)"), static_cast<int>(announced), expected, fd);
+        return PPC_ERR_INVALID_VALUE;
+    }
+    uint32_t total = 0;
+    while (total < announced) {
+        received = Receive(fd, static_cast<char*>(buf) + total, announced - total, 0);
+        if (received < 0) {
+            PPC_ERROR(PPC_TEXT("recv error: %s(errno: %d)(sock: %d)"), strerror(errno), errno, fd);
+            return PPC_ERR_RECV;
+        }
+        if (received == 0) {
+            PPC_ERROR(PPC_TEXT("client connection closed: %s(errno: %d)(sock: %d)"), strerror(errno), errno, fd);
+            return PPC_ERR_SOCKET_CLOSED;
+        }
+        total += static_cast<uint32_t>(received);
+    }
+    *got = total;
+    return PPC_OK;
+}
+
+int drvPpcSend(PpcSession* session, PpcMsg* msg, uint32_t flag)
+{
+    if (session == nullptr) {
+        PPC_ERROR(PPC_TEXT("null session"));
+        return PPC_ERR_INVALID_VALUE;
+    }
+    if (msg == nullptr) {
+        PPC_ERROR(PPC_TEXT("illegal msg"));
+        return PPC_ERR_INVALID_VALUE;
+    }
+    if (flag != 0) {
+        PPC_ERROR(PPC_TEXT("flag just support 0, for future feature, %d"), static_cast<int>(flag));
+        return PPC_ERR_INVALID_VALUE;
+    }
+    if (msg->bd.buffer == nullptr) {
+        PPC_ERROR(PPC_TEXT("illegal msg"));
+        return PPC_ERR_INVALID_VALUE;
+    }
+    PpcRecord* record = PpcRecord::Of(session);
+    const PpcCall call(record);
+    qel::MutexLock turn(record->SendTurn());
+    if (drvPpcSocketSend(call.Fd(), msg->bd.buffer, msg->bd.length) != PPC_OK) {
+        PPC_ERROR(PPC_TEXT("ppc send message error"));
+        return PPC_ERR_SEND;
+    }
+    return PPC_OK;
+}
+
+int drvPpcRecv(PpcSession* session, PpcMsg* msg, uint32_t, uint32_t, uint32_t* count)
+{
+    if (session == nullptr) {
+        PPC_ERROR(PPC_TEXT("null session"));
+        return PPC_ERR_INVALID_VALUE;
+    }
+    if (msg == nullptr || count == nullptr) {
+        PPC_ERROR(PPC_TEXT("null ptr"));
+        return PPC_ERR_INVALID_VALUE;
+    }
+    PpcRecord* record = PpcRecord::Of(session);
+    const PpcCall call(record);
+    const int fd = call.Fd();
+    uint32_t length = 0;
+    int code = drvPpcSocketRecvPeek(fd, &length);
+    if (code != PPC_OK) {
+        return code;
+    }
+    if (length > PPC_MAX_MSG_LEN) {
+        PPC_ERROR(PPC_TEXT("msg length too large: %d(support: %d Byte) "), static_cast<int>(length),
+                  static_cast<int>(PPC_MAX_MSG_LEN));
+        return PPC_ERR_NO_RESOURCE;
+    }
+    if (length == 0) {
+        return PPC_OK;
+    }
+    void* buffer = malloc(length);
+    if (buffer == nullptr) {
+        PPC_ERROR(PPC_TEXT("malloc fail(sock: %d)"), fd);
+        record->Revoke();
+        return PPC_ERR_NO_MEMORY;
+    }
+    code = drvPpcAddMsgBuffer(msg, buffer, static_cast<int>(length));
+    if (code != PPC_OK) {
+        PPC_ERROR(PPC_TEXT("qelPpcAddMsgBuffer fail, err(%d)(sock: %d)"), code, fd);
+        free(buffer);
+        record->Revoke();
+        return code;
+    }
+    ppc::BlockOf(msg)->hidden.ownsBuffer = 1;
+    uint32_t got = 0;
+    code = drvPpcSocketRecv(fd, buffer, static_cast<int>(length), &got);
+    if (code != PPC_OK) {
+        PPC_ERROR(PPC_TEXT("socket recv mesg fail(session id:%d errno: %d)"), fd, code);
+        drvPpcReuseMsg(msg);
+        return PPC_ERR_RECV;
+    }
+    msg->bd.length = static_cast<int32_t>(got);
+    *count = ppc::kBufferCount;
+    return PPC_OK;
+}
+
+// NOLINTEND(concurrency-mt-unsafe)

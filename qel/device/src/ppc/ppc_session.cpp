@@ -1,0 +1,257 @@
+#include <fcntl.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+
+#include "ppc.h"
+#include "ppc_log.h"
+#include "ppc_record.h"
+#include "ppc_types.h"
+
+// NOLINTBEGIN(concurrency-mt-unsafe): what it finds is strerror, whose text glibc keeps for each thread
+
+namespace {
+
+using ppc::CreateRecord;
+using ppc::OwnFd;
+using ppc::PpcCall;
+using ppc::PpcRecord;
+
+constexpr int kBacklog = 10;
+constexpr socklen_t kPeerAddressLength = 110;
+constexpr int kExhaustedPauseMs = 10;
+
+// The processes that the daemon starts inherit none of the driver's descriptors.
+void CloseOnExec(int fd)
+{
+    if (fd >= 0) {
+        fcntl(fd, F_SETFD, FD_CLOEXEC);
+    }
+}
+
+int OpenSocket()
+{
+    const int fd = socket(AF_UNIX, SOCK_STREAM, 0);
+    CloseOnExec(fd);
+    return fd;
+}
+
+// When descriptors or memory have run out, clients stay queued and accept fails again at once. A short pause keeps the
+// caller's loop from filling a processor and the log. Ends early when the endpoint is shut down.
+void PauseIfExhausted(int error, int listenFd)
+{
+    if (error == EMFILE || error == ENFILE || error == ENOBUFS || error == ENOMEM) {
+        pollfd endpoint = {listenFd, 0, 0};  // no event asked for: only a shutdown ends the pause
+        poll(&endpoint, 1, kExhaustedPauseMs);
+    }
+}
+
+int AcceptPeer(int listenFd)
+{
+    sockaddr_storage peer;
+    int fd;
+    do {
+        socklen_t length = kPeerAddressLength;
+        fd = accept(listenFd, reinterpret_cast<sockaddr*>(&peer), &length);
+    } while (fd == -1 && errno == EINTR);
+    CloseOnExec(fd);
+    return fd;
+}
+
+int ConnectToServer(int fd, const sockaddr_un& addr, socklen_t addrLen)
+{
+    int result;
+    do {
+        result = connect(fd, reinterpret_cast<const sockaddr*>(&addr), addrLen);
+    } while (result == -1 && errno == EINTR);
+    return result;
+}
+
+// Log line of a failed CreateRecord in `function`.
+void LogRecordFailure(int code, const char* mallocText, const char* function, int line)
+{
+    if (code == PPC_ERR_NO_MEMORY) {
+        PPC_ERROR("[%s:%d][%s:%d] >>> %s\n\n", ppc::kSourcePath, line, function, line, mallocText);
+    } else {
+        PPC_ERROR("[%s:%d][%s:%d] >>> memset_s error: %s.\n", ppc::kSourcePath, line, function, line, strerror(errno));
+    }
+}
+
+}  // namespace
+
+int drvPpcServerCreate(int serverId, PpcServerHead** ppServer)
+{
+    if (ppServer == nullptr) {
+        PPC_ERROR(PPC_TEXT("invalid input, null ptr"));
+        return PPC_ERR_INVALID_VALUE;
+    }
+    OwnFd fd(OpenSocket());
+    if (fd.Get() < 0) {
+        PPC_ERROR(PPC_TEXT("create ppc socket error: %s(errno: %d)"), strerror(errno), errno);
+        return PPC_ERR_SOCKET_CREATE;
+    }
+    sockaddr_un addr = {};
+    addr.sun_family = AF_UNIX;
+    uint32_t addrLen = 0;
+    if (drvPpcSetSockPath(&addr, 1, serverId, &addrLen) != PPC_OK) {
+        return PPC_ERR_SOCKET_PATH;
+    }
+    unlink(addr.sun_path);
+    if (bind(fd.Get(), reinterpret_cast<sockaddr*>(&addr), addrLen) != 0) {
+        PPC_ERROR(PPC_TEXT("bind ppc socket error: %s(errno: %d) server_pid %d"), strerror(errno), errno, serverId);
+        return PPC_ERR_SOCKET_BIND;
+    }
+    if (listen(fd.Get(), kBacklog) != 0) {
+        PPC_ERROR(PPC_TEXT("listen ppc socket error: %s(errno: %d)"), strerror(errno), errno);
+        return PPC_ERR_SOCKET_LISTEN;
+    }
+    const int listenFd = fd.Get();
+    PpcServerHead* server = nullptr;
+    const int code = CreateRecord(PpcRecord::Kind::kServer, fd, &server);
+    if (code != PPC_OK) {
+        LogRecordFailure(code, "ppc server malloc failed", __func__, __LINE__);
+        return code;
+    }
+    PPC_INFO(PPC_TEXT("Ppc Server Create %d, pid %d"), listenFd, serverId);
+    *ppServer = server;
+    return PPC_OK;
+}
+
+int drvPpcServerDestroy(PpcServerHead* server)
+{
+    if (server == nullptr) {
+        PPC_ERROR(PPC_TEXT("null server"));
+        return PPC_ERR_INVALID_VALUE;
+    }
+    if (!PpcRecord::TakeFromOwner(PpcRecord::Kind::kServer, server)) {
+        PPC_ERROR(PPC_TEXT("server %p is not open"), static_cast<void*>(server));
+        return PPC_ERR_INVALID_VALUE;
+    }
+    PpcRecord* record = PpcRecord::Of(server);
+    const ppc::PpcHolding holding(record);
+    PPC_INFO(PPC_TEXT("Ppc Destory Server listenFd %d pHead %p, pid %d"), record->CreatedFd(),
+             static_cast<void*>(server), getpid());
+    record->Revoke();
+    return PPC_OK;
+}
+
+int drvPpcSessionAccept(PpcServerHead* server, PpcSession** ppSession)
+{
+    if (server == nullptr || ppSession == nullptr || !PpcRecord::Hold(PpcRecord::Kind::kServer, server)) {
+        PPC_WARN(PPC_TEXT("Server socket closed or invalid argument!"));
+        return PPC_ERR_INVALID_VALUE;
+    }
+    PpcRecord* record = PpcRecord::Of(server);
+    const ppc::PpcHolding holding(record);
+    const PpcCall call(record);
+    OwnFd fd(AcceptPeer(call.Fd()));
+    if (fd.Get() < 0) {
+        if (call.Fd() == -1 || record->ShownFd() == -1) {
+            PPC_WARN(PPC_TEXT("Server socket closed pHead %p"), static_cast<void*>(server));
+            return PPC_ERR_SOCKET_CLOSED;
+        }
+        const int error = errno;
+        PPC_ERROR(PPC_TEXT("accept ppc socket error: %s(errno: %d) pHead->listenFd %d pHead %p"), strerror(error),
+                  error, call.Fd(), static_cast<void*>(server));
+        PauseIfExhausted(error, call.Fd());
+        return PPC_ERR_SOCKET_ACCEPT;
+    }
+    PPC_INFO(PPC_TEXT("Ppc Accept Session %d, Server fd %d, pid %d"), fd.Get(), call.Fd(), getpid());
+    const int code = CreateRecord(PpcRecord::Kind::kSession, fd, ppSession);
+    if (code != PPC_OK) {
+        LogRecordFailure(code, "ppc server session malloc failed", __func__, __LINE__);
+    }
+    return code;
+}
+
+int drvPpcSessionClose(PpcSession* session)
+{
+    if (session == nullptr) {
+        PPC_ERROR(PPC_TEXT("null session"));
+        return PPC_ERR_INVALID_VALUE;
+    }
+    if (!PpcRecord::TakeFromOwner(PpcRecord::Kind::kSession, session)) {
+        PPC_ERROR(PPC_TEXT("session %p is not open"), static_cast<void*>(session));
+        return PPC_ERR_INVALID_VALUE;
+    }
+    PpcRecord* record = PpcRecord::Of(session);
+    const ppc::PpcHolding holding(record);
+    const int fd = record->ShownFd();
+    record->Revoke();
+    PPC_INFO(PPC_TEXT("Ppc Close session fd %d, pid %d session %p"), fd, getpid(), static_cast<void*>(session));
+    return PPC_OK;
+}
+
+int drvPpcClientCreate(void** ppClient, int, int)
+{
+    if (ppClient == nullptr) {
+        PPC_ERROR(PPC_TEXT("invalid input, nullptr"));
+        return PPC_ERR_INVALID_VALUE;
+    }
+    return PPC_OK;
+}
+
+int drvPpcClientDestroy(void* client)
+{
+    if (client == nullptr) {
+        PPC_ERROR(PPC_TEXT("invalid input, nullptr"));
+        return PPC_ERR_INVALID_VALUE;
+    }
+    return PPC_OK;
+}
+
+int drvPpcSessionConnect(int serverId, PpcSession** ppSession)
+{
+    if (ppSession == nullptr) {
+        PPC_ERROR(PPC_TEXT("invalid input, null ptr"));
+        return PPC_ERR_INVALID_VALUE;
+    }
+    OwnFd fd(OpenSocket());
+    if (fd.Get() < 0) {
+        PPC_ERROR(PPC_TEXT("create ppc socket error: %s(errno: %d)"), strerror(errno), errno);
+        return PPC_ERR_SOCKET_CREATE;
+    }
+    sockaddr_un addr = {};
+    addr.sun_family = AF_UNIX;
+    uint32_t addrLen = 0;
+    if (drvPpcSetSockPath(&addr, 1, serverId, &addrLen) != PPC_OK) {
+        return PPC_ERR_SOCKET_PATH;
+    }
+    if (ConnectToServer(fd.Get(), addr, addrLen) != 0) {
+        PPC_WARN(PPC_TEXT("connect ppc socket error: %s(errno: %d), server pid %d"), strerror(errno), errno, serverId);
+        return PPC_ERR_SOCKET_CONNECT;
+    }
+    const int sessionFd = fd.Get();
+    PpcSession* session = nullptr;
+    const int code = CreateRecord(PpcRecord::Kind::kSession, fd, &session);
+    if (code != PPC_OK) {
+        LogRecordFailure(code, "ppc session malloc failed", __func__, __LINE__);
+        return code;
+    }
+    PPC_INFO(PPC_TEXT("Ppc connect session %d, pid %d"), sessionFd, getpid());
+    *ppSession = session;
+    return PPC_OK;
+}
+
+int drvPpcSessionDestroy(PpcSession* session)
+{
+    if (session == nullptr) {
+        PPC_ERROR(PPC_TEXT("null session"));
+        return PPC_ERR_INVALID_VALUE;
+    }
+    if (!PpcRecord::TakeFromOwner(PpcRecord::Kind::kSession, session)) {
+        PPC_ERROR(PPC_TEXT("session %p is not open"), static_cast<void*>(session));
+        return PPC_ERR_INVALID_VALUE;
+    }
+    PpcRecord* record = PpcRecord::Of(session);
+    const ppc::PpcHolding holding(record);
+    PPC_INFO(PPC_TEXT("Ppc Destroy session %d, pid %d"), record->ShownFd(), getpid());
+    record->Revoke();
+    return PPC_OK;
+}
+
+// NOLINTEND(concurrency-mt-unsafe)

@@ -1,0 +1,85 @@
+#ifndef GAKPPC_PPC_TYPES_H
+#define GAKPPC_PPC_TYPES_H
+
+#include <atomic>
+#include <cstddef>
+#include <cstdint>
+#include <cstdlib>
+
+#include "ppc.h"
+
+// Visible parts of the records; a hidden part stands in front of each.
+
+struct PpcSession {
+    uint32_t magic;
+    std::atomic<int32_t> fd;
+    uint32_t room[6];
+};
+
+struct PpcServerHead {
+    std::atomic<int32_t> listenFd;
+    void* link;
+};
+
+struct PpcMsgBd {
+    void* buffer;
+    int32_t length;
+};
+
+struct PpcMsg {
+    uint32_t count;
+    PpcMsgBd bd;
+    uint32_t room[6];
+};
+
+namespace ppc {
+
+constexpr uint32_t kBufferCount = 1;
+
+inline std::atomic<int32_t>& DescriptorOf(PpcSession& session)
+{
+    return session.fd;
+}
+
+inline std::atomic<int32_t>& DescriptorOf(PpcServerHead& server)
+{
+    return server.listenFd;
+}
+
+inline void FillIn(PpcSession& session, int fd)
+{
+    session.magic = PPC_SESSION_MAGIC;
+    session.fd = fd;
+}
+
+inline void FillIn(PpcServerHead& server, int fd)
+{
+    server.listenFd = fd;
+}
+
+// Hidden part in front of a message descriptor.
+struct PpcMsgHead {
+    uint8_t ownsBuffer;
+};
+
+struct MsgBlock {
+    alignas(PpcMsg) PpcMsgHead hidden;
+    PpcMsg visible;
+};
+
+inline MsgBlock* BlockOf(PpcMsg* msg)
+{
+    return reinterpret_cast<MsgBlock*>(reinterpret_cast<char*>(msg) - offsetof(MsgBlock, visible));
+}
+
+inline void FreeOwnedBuffer(PpcMsg* msg)
+{
+    if (BlockOf(msg)->hidden.ownsBuffer != 0) {
+        free(msg->bd.buffer);
+        msg->bd.buffer = nullptr;
+    }
+}
+
+}  // namespace ppc
+
+#endif
