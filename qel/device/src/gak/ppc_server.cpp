@@ -3,7 +3,6 @@
 #include <sys/prctl.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <cinttypes>
 #include <cstdio>
 #include <exception>
@@ -24,6 +23,8 @@
 #include "no_destructor.h"
 #include "ppc.h"
 #include "ppc_record.h"
+#include "session_list.h"
+#include "session_table.h"
 #include "status_table.h"
 
 namespace qel {
@@ -39,21 +40,6 @@ constexpr uint32_t kNoProcessType = PPCMessage::MAXPROCTYPE;
     "(0:START RSP,1:SHUTDOWN RSP,2:HEARTBEAT,3:NOTIFY_VEXOINFO,4:ABNORMAL,5:SHUTDOWN,6:SOCKET_CLOSE)"
 
 using Handler = void (*)(const PPCMessage&);
-
-// The key of a worker in the session table.
-uint64_t WorkerKey(uint32_t deviceId, uint32_t subProcPid)
-{
-    return (uint64_t{deviceId} << 32) | subProcPid;
-}
-
-using SessionTable = std::map<uint64_t, ppc::PpcSessionRef>;
-
-// An entry that a thread has seen in the session table, and the version that the table had.
-struct SeenEntry {
-    uint64_t version;
-    uint64_t worker;
-    void* session;
-};
 
 // A receive thread that has ended. The system gives thread ids again, so a serial number goes with each: an entry that
 // nobody claimed must never be taken for a younger thread, which the reaper would then wait for.
@@ -80,9 +66,6 @@ using ReceiveThreads = std::map<uint64_t, ReceiveThread>;  // by serial number
 
 // The entry with which this thread will report its end; made before the thread starts, so that reporting cannot fail.
 thread_local std::list<FinishedThread>* ownFinishedEntry = nullptr;
-
-// Nearly every message confirms the entry that the one before it left.
-thread_local SeenEntry lastSeen = {};
 
 // Set while a handler runs on this thread.
 thread_local bool insideHandler = false;
@@ -155,11 +138,8 @@ struct PpcServer::State {
     // Raising serverRecvFlag_ and lowering both flags: an accept must not raise it again behind Destroy.
     Mutex flagMutex;
 
-    Mutex sessionListMutex;
-    std::list<void*> sessions GAKPPC_GUARDED_BY(sessionListMutex);
-    // The session whose receive thread has been started but which is not listed yet; empty if that thread closed it.
-    // A list of its own, so that listing the session cannot fail.
-    std::list<void*> unlisted GAKPPC_GUARDED_BY(sessionListMutex);
+    SessionList sessions;
+    SessionTable sessionTable;
 
     Mutex threadListMutex;
     ReceiveThreads receiveThreads GAKPPC_GUARDED_BY(threadListMutex);
@@ -171,18 +151,12 @@ struct PpcServer::State {
     Mutex handlerMutex;
     std::map<uint32_t, Handler> handlers GAKPPC_GUARDED_BY(handlerMutex);
 
-    Mutex sessionTableMutex;
-    SessionTable sessionTable GAKPPC_GUARDED_BY(sessionTableMutex);
-    // Rises, under that mutex, whenever an entry that was there changes; read without it.
-    std::atomic<uint64_t> sessionTableVersion{1};
-
     bool BelongsToParent() const { return server != nullptr && owner != getpid(); }
 
     bool RaiseRecvFlag();
     void LowerFlags();
 
-    bool AnnounceSession(void* session);
-    void ListAnnouncedSession();
+    bool AddPending(void* session);
     void CloseListedSessions();
 
     void JoinReceiveThreads();
@@ -192,7 +166,6 @@ struct PpcServer::State {
     void ReportFinished();
 
     ppc::PpcSessionRef GetPpcSession(uint32_t deviceId, uint32_t subProcPid);
-    bool HasSession(uint32_t deviceId, uint32_t subProcPid, void* session);
     void ClearTables();
 };
 
@@ -322,16 +295,11 @@ void PpcServer::State::LowerFlags()
 
 void PpcServer::State::ClearTables()
 {
-    SessionTable forgotten;
     {
         MutexLock lock(handlerMutex);
         handlers.clear();
     }
-    {
-        MutexLock lock(sessionTableMutex);
-        forgotten.swap(sessionTable);
-        ++sessionTableVersion;
-    }
+    sessionTable.Clear();
 }
 
 // ---- Accepting ----
@@ -358,35 +326,25 @@ uint32_t PpcServer::AcceptConnection()
             }
             continue;
         }
-        if (state_.AnnounceSession(session) && StartReceiveThread(session)) {
-            state_.ListAnnouncedSession();
+        if (state_.AddPending(session) && StartReceiveThread(session)) {
+            state_.sessions.ListPending(session);
         } else {
+            state_.sessions.Remove(session);
             drvPpcSessionClose(session);
         }
     }
     return kStatusOk;
 }
 
-// The thread is started before its session is listed, so a session that closes at once is taken off a list it is not
-// on yet. Announcing it first lets the receive thread say so.
-bool PpcServer::State::AnnounceSession(void* session)
+bool PpcServer::State::AddPending(void* session)
 {
-    std::list<void*> announced;
     try {
-        announced.push_back(session);
+        sessions.AddPending(ppc::PpcSessionRef(session));
+        return true;
     } catch (const std::bad_alloc&) {
         GAK_LOG_AS("AcceptConnection", kStatusMemoryExhausted, "[GAKPPCSER] no memory for the session, session closed");
         return false;
     }
-    MutexLock lock(sessionListMutex);
-    unlisted.swap(announced);
-    return true;
-}
-
-void PpcServer::State::ListAnnouncedSession()
-{
-    MutexLock lock(sessionListMutex);
-    sessions.splice(sessions.end(), unlisted);
 }
 
 bool PpcServer::StartReceiveThread(void* session)
@@ -421,44 +379,20 @@ bool PpcServer::StartReceiveThread(void* session)
 void PpcServer::SetPpcSession(uint32_t deviceId, uint32_t subProcPid, void* const& session)
 {
     GAK_FREQUENT_LOG("[PpcServer] SetPpcSession, deviceId:%u, subProcPid:%u", deviceId, subProcPid);
-    if (state_.HasSession(deviceId, subProcPid, session)) {
-        return;  // the usual case: every message of a worker comes here
-    }
-    ppc::PpcSessionRef entry(session);
     try {
-        MutexLock lock(state_.sessionTableMutex);
-        std::swap(state_.sessionTable[WorkerKey(deviceId, subProcPid)], entry);
-        ++state_.sessionTableVersion;
+        state_.sessionTable.Set(deviceId, subProcPid, session);
     } catch (const std::bad_alloc&) {
         GAK_LOG(kStatusMemoryExhausted, "[GAKPPCSER] SetPpcSession() no memory for deviceId:%u, subProcPid:%u",
                 deviceId, subProcPid);
     }
-    // The former entry is let go here, outside the lock.
 }
 
-// Only for a session that the table holds: the address of such a one cannot have become another session.
-bool PpcServer::State::HasSession(uint32_t deviceId, uint32_t subProcPid, void* session)
-{
-    const uint64_t worker = WorkerKey(deviceId, subProcPid);
-    if (lastSeen.version == sessionTableVersion && lastSeen.worker == worker && lastSeen.session == session) {
-        return true;
-    }
-    MutexLock lock(sessionTableMutex);
-    const auto entry = sessionTable.find(worker);
-    if (entry == sessionTable.end() || !entry->second.IsHeld() || entry->second.Get() != session) {
-        return false;
-    }
-    lastSeen = {sessionTableVersion, worker, session};
-    return true;
-}
-
-// A pair that was never seen is entered with a null handle. Null also when there is no memory for that.
+// Null also when there is no memory for a new entry.
 ppc::PpcSessionRef PpcServer::State::GetPpcSession(uint32_t deviceId, uint32_t subProcPid)
 {
     GAK_FREQUENT_LOG("[PpcServer] GetPpcSession, deviceId:%u, subProcPid:%u", deviceId, subProcPid);
     try {
-        MutexLock lock(sessionTableMutex);
-        return sessionTable[WorkerKey(deviceId, subProcPid)];
+        return sessionTable.Find(deviceId, subProcPid);
     } catch (const std::bad_alloc&) {
         GAK_LOG(kStatusMemoryExhausted, "[GAKPPCSER] GetPpcSession() no memory for deviceId:%u, subProcPid:%u",
                 deviceId, subProcPid);
@@ -505,29 +439,24 @@ void PpcServer::CloseSomeSession(void* const& session)
 
 void PpcServer::RemoveFromPpcSessionList(void* const& session)
 {
-    MutexLock lock(state_.sessionListMutex);
-    GAK_LOG("[GAKPPCSER] CloseSomeSession enter [sessionSize:%zu]", state_.sessions.size());
-    const auto found = std::find(state_.sessions.begin(), state_.sessions.end(), session);
-    if (found == state_.sessions.end()) {
+    const SessionList::Removal removal = state_.sessions.Remove(session);
+    GAK_LOG("[GAKPPCSER] CloseSomeSession enter [sessionSize:%zu]", removal.sizeBefore);
+    if (!removal.found) {
         GAK_LOG(kStatusPpcCloseFail, "[GAKPPCSER] CloseSomeSession session is not exist");
-        state_.unlisted.remove(session);
         return;
     }
-    state_.sessions.erase(found);
-    GAK_LOG("[GAKPPCSER] CloseSomeSession exit [sessionSize:%zu]", state_.sessions.size());
+    GAK_LOG("[GAKPPCSER] CloseSomeSession exit [sessionSize:%zu]", removal.sizeBefore - 1);
 }
 
 void PpcServer::State::CloseListedSessions()
 {
-    MutexLock lock(sessionListMutex);
-    for (void* session : sessions) {
-        const int result = drvPpcSessionClose(static_cast<PpcSession*>(session));
+    for (const ppc::PpcSessionRef& session : sessions.TakeAll()) {
+        const int result = drvPpcSessionClose(static_cast<PpcSession*>(session.Get()));
         GAK_LOG_AS("Destroy", "[GAKPPCSER] Destory ppc session serverId_=%u", serverId_.load());
         if (result != PPC_OK) {
             GAK_LOG_AS("Destroy", kStatusPpcDestroyFail, "[GAKPPCSER] Destory ppc session failed");
         }
     }
-    sessions.clear();
 }
 
 // ---- Receiving ----
