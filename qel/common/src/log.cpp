@@ -3,7 +3,7 @@
 #include <cstdarg>
 #include <string>
 
-#include "info_line.h"
+#include "log_line.h"
 #include "memguard.h"
 #include "mutex.h"
 #include "no_destructor.h"
@@ -16,18 +16,6 @@ namespace qel {
 namespace {
 
 constexpr char kSourcePath[] = "qel/device/../common/src/log";
-
-// Levels as the status numbers and the sinks count them.
-enum Level : uint32_t {
-    kDebug = 0,
-    kInfo = kInfoLevel,
-    kWarn = 2,
-    kError = 3,
-    kFatal = 4,
-    kEvent = 5,
-    kOperation = 6,
-    kTrace = 7,
-};
 
 // Line numbers that the sinks are given for each level. They never move: log filters know them.
 enum SinkLine : int {
@@ -44,49 +32,31 @@ constexpr size_t kMessageSize = 8192;  // with the terminating zero
 constexpr size_t kMessageLimit = 8191;
 constexpr size_t kLineSize = 8192;
 
-// Whether a line of `level` will be written. Asked once for each line, before anything is composed.
-bool SinkIsOn(int moduleId, uint32_t level)
-{
-    switch (level) {
-        case kDebug:
-        case kWarn:
-            return CheckLogLevel(moduleId, static_cast<int>(level)) == 1;
-        case kError:
-        case kEvent:
-        case kOperation:
-            return true;
-        case kTrace:
-            return CheckLogLevel(moduleId, kEvent) == 1;
-        default:
-            return CheckLogLevel(moduleId, kInfo) == 1;
-    }
-}
-
 void WriteTrace(int moduleId, const char* text, const char* statusText)
 {
     KeyValue status = {"status", statusText};
-    VlogWithKVInner(moduleId, kEvent, &status, 1, "[%s:%d]%s", kSourcePath, kTraceLine, text);
+    VlogWithKVInner(moduleId, kLogEvent, &status, 1, "[%s:%d]%s", kSourcePath, kTraceLine, text);
 }
 
 void WriteToSink(int moduleId, uint32_t level, const char* text, const char* statusText)
 {
     switch (level) {
-        case kDebug:
+        case kLogDebug:
             VlogDebugInner(moduleId, "[%s:%d]%s", kSourcePath, kDebugLine, text);
             break;
-        case kWarn:
+        case kLogWarn:
             VlogWarnInner(moduleId, "[%s:%d]%s", kSourcePath, kWarnLine, text);
             break;
-        case kError:
+        case kLogError:
             VlogErrorInner(moduleId, "[%s:%d]%s", kSourcePath, kErrorLine, text);
             break;
-        case kEvent:
+        case kLogEvent:
             VlogEventInner(moduleId, "[%s:%d]%s", kSourcePath, kEventLine, text);
             break;
-        case kOperation:
-            VlogInner(moduleId, kOperation, "[%s:%d]%s", kSourcePath, kOperationLine, text);
+        case kLogOperation:
+            VlogInner(moduleId, kLogOperation, "[%s:%d]%s", kSourcePath, kOperationLine, text);
             break;
-        case kTrace:
+        case kLogTrace:
             WriteTrace(moduleId, text, statusText);
             break;
         default:
@@ -133,7 +103,7 @@ int ComposeLine(char* line, const LineParts& parts, const char* message)
         return sprintf_s(line, kLineSize, "%s,[%s:%d:%s]%d Msg: %s\n", message, place.file, place.line, place.function,
                          thread, parts.status == kStatusOk ? kOkText : text.c_str());
     }
-    if (parts.level == kOperation) {
+    if (parts.level == kLogOperation) {
         return sprintf_s(line, kLineSize, "[%s:%d:%s]%d %s\n", place.file, place.line, place.function, thread, message);
     }
     return sprintf_s(line, kLineSize, "%s,[%s:%d:%s]%d\n", message, place.file, place.line, place.function, thread);
@@ -153,45 +123,67 @@ __attribute__((noinline, format(printf, 2, 0))) void WriteLine(const LineParts& 
     WriteToSink(kLogModuleId, parts.level, line, parts.traceStatus);
 }
 
-// Whether a line is to be composed: the platform's library is open, the line has a place, its sink is on. Asked first,
-// because most lines are never seen.
-bool IsWanted(const Place& place, uint32_t level)
+// Log readers find a line by its place; without one it is dropped.
+bool HasPlace(const Place& place)
 {
-    if (place.function == nullptr || place.file == nullptr) {
-        return false;
-    }
-    QELLog::Opener::Open();
-    return SinkIsOn(kLogModuleId, level);
+    return place.function != nullptr && place.file != nullptr;
 }
 
-__attribute__((format(printf, 2, 0))) void ComposeInfoLine(const Place& place, const char* fmt, va_list args)
+LineParts InfoLine(const Place& place)
 {
-    WriteLine({place, kInfo, true, kStatusOk, nullptr}, fmt, args);
+    return {place, kLogInfo, true, kStatusOk, nullptr};
 }
+
+LineParts StatusLine(const Place& place, uint32_t status)
+{
+    return {place, StatusLevel(status), true, status, nullptr};
+}
+
+LineParts EventLine(const Place& place)
+{
+    return {place, kLogEvent, false, 0, nullptr};
+}
+
+Mutex openMutex;  // serialises the first initialisation
 
 }  // namespace
 
-bool OkLineIsWanted()
+std::atomic<bool> isLogOpen{false};
+
+bool IsStatusLogEnabled(uint32_t status)
 {
-    return QELLog::GetInstance().QELLogOutputEnable(kStatusOk) && InfoLineIsWanted();
+    return QELLog::GetInstance().QELLogOutputEnable(status) && IsSinkEnabled(kLogModuleId, StatusLevel(status));
 }
 
 void WriteInfoLine(const char* funcName, const char* fileName, int line, const char* fmt, ...)
 {
     va_list args;
     va_start(args, fmt);
-    ComposeInfoLine({funcName, fileName, line}, fmt, args);
+    WriteLine(InfoLine({funcName, fileName, line}), fmt, args);
     va_end(args);
 }
 
-std::atomic<bool> QELLog::isInitFlag{false};
-Mutex QELLog::mutexHandle;
+void WriteStatusLine(const char* funcName, const char* fileName, int line, uint32_t status, const char* fmt, ...)
+{
+    va_list args;
+    va_start(args, fmt);
+    WriteLine(StatusLine({funcName, fileName, line}, status), fmt, args);
+    va_end(args);
+}
+
+void WriteEventLine(const char* funcName, const char* fileName, int line, const char* fmt, ...)
+{
+    va_list args;
+    va_start(args, fmt);
+    WriteLine(EventLine({funcName, fileName, line}), fmt, args);
+    va_end(args);
+}
 
 QELLog& QELLog::GetInstance()
 {
     static NoDestructor<QELLog> instance;
-    if (!isInitFlag) {
-        MutexLock lock(mutexHandle);
+    if (!isLogOpen) {
+        MutexLock lock(openMutex);
         instance->Init();
     }
     return *instance;
@@ -199,20 +191,20 @@ QELLog& QELLog::GetInstance()
 
 void QELLog::Init()
 {
-    if (isInitFlag) {
+    if (isLogOpen) {
         return;
     }
     vlog_init();
     currentLevel_ = QELGetCurLogLevel();
-    isInitFlag = true;
+    isLogOpen = true;
 }
 
 uint32_t QELLog::QELGetCurLogLevel()
 {
     int enableEvent = 0;
     const int level = vlog_getlevel(kLogModuleId, &enableEvent);
-    return level >= static_cast<int>(kDebug) && level <= static_cast<int>(kError) ? static_cast<uint32_t>(level)
-                                                                                  : kInfo;
+    return level >= static_cast<int>(kLogDebug) && level <= static_cast<int>(kLogError) ? static_cast<uint32_t>(level)
+                                                                                        : kLogInfo;
 }
 
 int QELLog::QELRefreshLevel()
@@ -225,12 +217,12 @@ int QELLog::QELRefreshLevel()
 bool QELLog::QELLogOutputEnable(uint32_t status)
 {
     const uint32_t level = StatusLevel(status);
-    return currentLevel_.load(std::memory_order_relaxed) <= level && level <= kFatal;
+    return currentLevel_.load(std::memory_order_relaxed) <= level && level <= kLogFatal;
 }
 
 void QELLog::QELSaveLog(int moduleId, uint32_t level, const char* text, const char* statusText)
 {
-    if (text != nullptr && SinkIsOn(moduleId, level)) {
+    if (text != nullptr && IsSinkEnabled(moduleId, level)) {
         WriteToSink(moduleId, level, text, statusText);
     }
 }
@@ -240,37 +232,36 @@ void QELLog::QELSaveLog(int moduleId, uint32_t level, const char* text, const ch
 void QEL_LOG_IMPL(const char* funcName, const char* fileName, int line, const char* fmt, ...)
 {
     const qel::Place place = {funcName, fileName, line};
-    if (!qel::IsWanted(place, qel::kInfo)) {
+    if (!qel::HasPlace(place) || !qel::IsLogEnabled(qel::kLogInfo)) {
         return;
     }
     va_list args;
     va_start(args, fmt);
-    qel::ComposeInfoLine(place, fmt, args);
+    qel::WriteLine(qel::InfoLine(place), fmt, args);
     va_end(args);
 }
 
 void QEL_LOG_IMPL(const char* funcName, const char* fileName, int line, uint32_t status, const char* fmt, ...)
 {
     const qel::Place place = {funcName, fileName, line};
-    const uint32_t level = qel::StatusLevel(status);
-    if (!qel::QELLog::GetInstance().QELLogOutputEnable(status) || !qel::IsWanted(place, level)) {
+    if (!qel::HasPlace(place) || !qel::IsStatusLogEnabled(status)) {
         return;
     }
     va_list args;
     va_start(args, fmt);
-    qel::WriteLine({place, level, true, status, nullptr}, fmt, args);
+    qel::WriteLine(qel::StatusLine(place, status), fmt, args);
     va_end(args);
 }
 
 void QEL_EVENT_LOG_IMPL(const char* funcName, const char* fileName, int line, const char* fmt, ...)
 {
     const qel::Place place = {funcName, fileName, line};
-    if (!qel::IsWanted(place, qel::kEvent)) {
+    if (!qel::HasPlace(place) || !qel::IsLogEnabled(qel::kLogEvent)) {
         return;
     }
     va_list args;
     va_start(args, fmt);
-    qel::WriteLine({place, qel::kEvent, false, 0, nullptr}, fmt, args);
+    qel::WriteLine(qel::EventLine(place), fmt, args);
     va_end(args);
 }
 
@@ -278,23 +269,23 @@ void QEL_TRACE_LOG_IMPL(const char* funcName, const char* fileName, int line, co
                         ...)
 {
     const qel::Place place = {funcName, fileName, line};
-    if (!qel::IsWanted(place, qel::kTrace)) {
+    if (!qel::HasPlace(place) || !qel::IsLogEnabled(qel::kLogTrace)) {
         return;
     }
     va_list args;
     va_start(args, fmt);
-    qel::WriteLine({place, qel::kTrace, false, 0, statusText}, fmt, args);
+    qel::WriteLine({place, qel::kLogTrace, false, 0, statusText}, fmt, args);
     va_end(args);
 }
 
 void QEL_OPLOG_IMPL(const char* funcName, const char* fileName, int line, const char* fmt, ...)
 {
     const qel::Place place = {funcName, fileName, line};
-    if (!qel::IsWanted(place, qel::kOperation)) {
+    if (!qel::HasPlace(place) || !qel::IsLogEnabled(qel::kLogOperation)) {
         return;
     }
     va_list args;
     va_start(args, fmt);
-    qel::WriteLine({place, qel::kOperation, false, 0, nullptr}, fmt, args);
+    qel::WriteLine({place, qel::kLogOperation, false, 0, nullptr}, fmt, args);
     va_end(args);
 }

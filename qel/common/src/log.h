@@ -66,8 +66,6 @@ GAKPPC_API void QEL_OPLOG_IMPL(const char* funcName, const char* fileName, int l
 
 namespace qel {
 
-class Mutex;
-
 /// The one logging instance: the current level and the way from a composed line to the platform's sinks. Never
 /// destroyed; any thread may call anything at any time.
 class GAKPPC_API QELLog {
@@ -104,10 +102,6 @@ public:
     /// @param statusText  The value of the key "status"; used at level 7 only.
     void QELSaveLog(int moduleId, uint32_t level, const char* text, const char* statusText);
 
-    /// @cond INTERNAL
-    struct GAKPPC_LOCAL Opener;  // for the log functions above
-    /// @endcond
-
     /// Not copied: there is one.
     QELLog(const QELLog&) = delete;
     /// Not copied: there is one.
@@ -118,9 +112,6 @@ private:
     friend class NoDestructor;
     QELLog() = default;
     ~QELLog() = default;
-
-    GAKPPC_LOCAL static std::atomic<bool> isInitFlag;
-    GAKPPC_LOCAL static Mutex mutexHandle;  // serialises the first initialisation
 
     std::atomic<uint32_t> currentLevel_{1};
 };

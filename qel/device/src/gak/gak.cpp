@@ -21,7 +21,7 @@ uint32_t CatchAll(const char* function, const char* whenCaught, const Call& call
     try {
         return call(*qel::PpcClient::GetInstance());
     } catch (...) {
-        GAK_LOG_AS(function, qel::kStatusPpcCreateFail, "%s", whenCaught);
+        GAK_STATUS_AS(function, qel::kStatusPpcCreateFail, "%s", whenCaught);
         return qel::kStatusPpcCreateFail;
     }
 }
@@ -32,7 +32,7 @@ uint32_t ResultOfReport(const char* function, uint32_t status)
     if (status != qel::kStatusOk) {
         return status;
     }
-    GAK_FREQUENT_OK_LOG_AS(function, "%s exit", function);
+    GAK_STATUS_AS(function, qel::kStatusOk, "%s exit", function);
     return 0;
 }
 
@@ -40,10 +40,10 @@ uint32_t ResultOfReport(const char* function, uint32_t status)
 uint32_t ResultOfWait(const char* function, uint32_t status)
 {
     if (status != qel::kStatusOk) {
-        GAK_LOG_AS(function, qel::kStatusPpcCreateFail, "%s execute failed", function);
+        GAK_STATUS_AS(function, qel::kStatusPpcCreateFail, "%s execute failed", function);
         return qel::kStatusPpcCreateFail;
     }
-    GAK_LOG_AS(function, "%s exit", function);
+    GAK_INFO_AS(function, "%s exit", function);
     return 0;
 }
 

@@ -1,26 +1,33 @@
 #ifndef GAKPPC_GAK_LOG_H
 #define GAKPPC_GAK_LOG_H
 
-#include "info_line.h"
-#include "log.h"
+#include "log_line.h"
 
-// Log calls of one source file. The file defines its path as `kSourcePath`; macros because function and line are their
-// user's. GAK_LOG takes a format and its arguments, or a status number in front of them. GAK_LOG_AS names another
-// function: log readers know the lines of a public function by its name, also those that a helper of it writes.
-#define GAK_LOG(...) QEL_LOG_IMPL(__func__, kSourcePath, __LINE__, __VA_ARGS__)
-#define GAK_LOG_AS(function, ...) QEL_LOG_IMPL(function, kSourcePath, __LINE__, __VA_ARGS__)
-#define GAK_EVENT(...) QEL_EVENT_LOG_IMPL(__func__, kSourcePath, __LINE__, __VA_ARGS__)
-#define GAK_EVENT_AS(function, ...) QEL_EVENT_LOG_IMPL(function, kSourcePath, __LINE__, __VA_ARGS__)
-
-// GAK_LOG with a format, or with kStatusOk in front of it (GAK_FREQUENT_OK_LOG), for the lines that every message has.
-// Their arguments are evaluated only if somebody will see the line, and the sink is asked once, as ever.
-#define GAK_FREQUENT_LOG(...) GAK_FREQUENT_LOG_AS(__func__, __VA_ARGS__)
-#define GAK_FREQUENT_LOG_AS(function, ...) GAK_LOG_IF(qel::InfoLineIsWanted(), function, __VA_ARGS__)
-#define GAK_FREQUENT_OK_LOG_AS(function, ...) GAK_LOG_IF(qel::OkLineIsWanted(), function, __VA_ARGS__)
-#define GAK_LOG_IF(isWanted, function, ...) \
+// Log lines of one source file, which defines its path as `kSourcePath`; macros because function and line are their
+// user's. The arguments of a line are evaluated only if it will be seen. GAK_INFO and GAK_EVENT take a format and its
+// arguments, GAK_STATUS a status number in front of them. The _AS forms name another function: log readers know the
+// lines of a public function by its name, also those that a helper of it writes.
+#define GAK_INFO(...) GAK_INFO_AS(__func__, __VA_ARGS__)
+#define GAK_INFO_AS(function, ...) \
     do { \
-        if (isWanted) { \
+        if (qel::IsLogEnabled(qel::kLogInfo)) { \
             qel::WriteInfoLine(function, kSourcePath, __LINE__, __VA_ARGS__); \
+        } \
+    } while (false)
+
+#define GAK_STATUS(...) GAK_STATUS_AS(__func__, __VA_ARGS__)
+#define GAK_STATUS_AS(function, status, ...) \
+    do { \
+        if (const uint32_t lineStatus = (status); qel::IsStatusLogEnabled(lineStatus)) { \
+            qel::WriteStatusLine(function, kSourcePath, __LINE__, lineStatus, __VA_ARGS__); \
+        } \
+    } while (false)
+
+#define GAK_EVENT(...) GAK_EVENT_AS(__func__, __VA_ARGS__)
+#define GAK_EVENT_AS(function, ...) \
+    do { \
+        if (qel::IsLogEnabled(qel::kLogEvent)) { \
+            qel::WriteEventLine(function, kSourcePath, __LINE__, __VA_ARGS__); \
         } \
     } while (false)
 

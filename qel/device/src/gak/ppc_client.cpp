@@ -146,7 +146,7 @@ void PpcClient::OnProcessExit()
     if (state_.BelongsToParent()) {
         return;
     }
-    GAK_LOG_AS("~PpcClient", "PpcClient::~PpcClient() destructor function called");
+    GAK_INFO_AS("~PpcClient", "PpcClient::~PpcClient() destructor function called");
     Destroy();
 }
 
@@ -157,12 +157,12 @@ bool PpcClient::State::CreateClient()
         return true;
     }
     if (drvPpcInit() != PPC_OK) {
-        GAK_LOG_AS("GetPpcSession", kStatusPpcInitFail, "[GAKPPCCLI] GetPpcSession() drvPpcInit fail");
+        GAK_STATUS_AS("GetPpcSession", kStatusPpcInitFail, "[GAKPPCCLI] GetPpcSession() drvPpcInit fail");
         return false;
     }
     void* created = nullptr;
     if (drvPpcClientCreate(&created, kClientCreateArgument1, kClientCreateArgument2) != PPC_OK) {
-        GAK_LOG_AS("GetPpcSession", kStatusPpcCreateFail, "[GAKPPCCLI] GetPpcSession() drvPdcClientCreate fail");
+        GAK_STATUS_AS("GetPpcSession", kStatusPpcCreateFail, "[GAKPPCCLI] GetPpcSession() drvPdcClientCreate fail");
         return false;
     }
     void* none = nullptr;
@@ -183,10 +183,10 @@ ppc::PpcSessionRef PpcClient::State::GetPpcSession(uint32_t deviceId, PPCMessage
     if (found != sessionMap_.end()) {
         return found->second;
     }
-    GAK_LOG("[GAKPPCCLI] GetPpcSession() will Create session use serverId: %u", kPpcServerId);
+    GAK_INFO("[GAKPPCCLI] GetPpcSession() will Create session use serverId: %u", kPpcServerId);
     PpcSession* session = nullptr;
     if (drvPpcSessionConnect(static_cast<int>(kPpcServerId), &session) != PPC_OK || session == nullptr) {
-        GAK_LOG(kStatusPpcConnectFail, "[GAKPPCCLI] GetPpcSession() drvPpcSessionConnect fail");
+        GAK_STATUS(kStatusPpcConnectFail, "[GAKPPCCLI] GetPpcSession() drvPpcSessionConnect fail");
         return {};
     }
     ppc::PpcSessionRef ref(session);
@@ -194,13 +194,13 @@ ppc::PpcSessionRef PpcClient::State::GetPpcSession(uint32_t deviceId, PPCMessage
         sessionMap_.emplace(key, ref);
     } catch (const std::bad_alloc&) {
         drvPpcSessionDestroy(session);
-        GAK_LOG(kStatusMemoryExhausted, "[GAKPPCCLI] GetPpcSession() no memory for the session");
+        GAK_STATUS(kStatusMemoryExhausted, "[GAKPPCCLI] GetPpcSession() no memory for the session");
         return {};
     }
     owner_ = static_cast<pid_t>(OwnPid());
     destroyed_ = false;
     clientRecvFlag_ = true;
-    GAK_LOG("[GAKPPCCLI] [serverId=%u] GetPpcSession() receive thread has been started", kPpcServerId);
+    GAK_INFO("[GAKPPCCLI] [serverId=%u] GetPpcSession() receive thread has been started", kPpcServerId);
     return ref;
 }
 
@@ -221,25 +221,26 @@ uint32_t PpcClient::RecvData(uint32_t deviceId, GakWaitType waitType)
     void* session = held.Get();
     for (;;) {
         if (!clientRecvFlag_) {
-            GAK_LOG(kStatusPpcRecvFail, "[GAKPPCCLI] recvdata device %d clientRecvFlag_ is false receive msg failed",
-                    static_cast<int>(deviceId));
+            GAK_STATUS(kStatusPpcRecvFail, "[GAKPPCCLI] recvdata device %d clientRecvFlag_ is false receive msg failed",
+                       static_cast<int>(deviceId));
             return kStatusPpcRecvFail;
         }
         PPCMessage msg;
         const uint32_t status = RecvMsg(session, msg);
         if (!clientRecvFlag_) {
             // The text says the opposite of what happened; log readers know it so.
-            GAK_LOG("[GAKPPCCLI] recvdata device %d client recvflag has been set true", static_cast<int>(deviceId));
+            GAK_INFO("[GAKPPCCLI] recvdata device %d client recvflag has been set true", static_cast<int>(deviceId));
             return status;
         }
         if (status != kStatusOk) {
-            GAK_LOG(status, "[GAKPPCCLI] recvdata device %d client receive message failed", static_cast<int>(deviceId));
+            GAK_STATUS(status, "[GAKPPCCLI] recvdata device %d client receive message failed",
+                       static_cast<int>(deviceId));
             return status;
         }
         const uint32_t result = RecvMsgProc(deviceId, session, procType, msg);
         if (result != kStatusPpcClientNotExpected) {
-            GAK_LOG("[PPCClient]Process Exit DevId:%u procType:%u(0:ZOLT,1:COMPUTE,2:CUSTOM_COMPUTE)", deviceId,
-                    static_cast<uint32_t>(procType));
+            GAK_INFO("[PPCClient]Process Exit DevId:%u procType:%u(0:ZOLT,1:COMPUTE,2:CUSTOM_COMPUTE)", deviceId,
+                     static_cast<uint32_t>(procType));
             return result;
         }
     }
@@ -248,26 +249,26 @@ uint32_t PpcClient::RecvData(uint32_t deviceId, GakWaitType waitType)
 uint32_t PpcClient::RecvMsgProc(uint32_t deviceId, void*& session, const PPCMessage::ProcessType& procType,
                                 const PPCMessage& msg)
 {
-    GAK_LOG("PpcClient:: msg.type[%u], msg.proc_type[%u]", static_cast<uint32_t>(msg.type()),
-            static_cast<uint32_t>(msg.proc_type()));
+    GAK_INFO("PpcClient:: msg.type[%u], msg.proc_type[%u]", static_cast<uint32_t>(msg.type()),
+             static_cast<uint32_t>(msg.proc_type()));
     if (msg.type() == PPCMessage::START_RSP && msg.proc_type() == PPCMessage::CUSTOM_COMPUTE) {
         state_.ReportCustomStart();
     }
-    GAK_LOG("PpcClient::RecvMsgProc, size=%u, subpid=%u", static_cast<uint32_t>(msg.ByteSizeLong()),
-            msg.sub_proc_pid());
+    GAK_INFO("PpcClient::RecvMsgProc, size=%u, subpid=%u", static_cast<uint32_t>(msg.ByteSizeLong()),
+             msg.sub_proc_pid());
     if (msg.type() != PPCMessage::SHUTDOWN || msg.dest_id() != deviceId) {
-        GAK_LOG("[PPCClient] RecvMsgProc() device[%u] procType[%u] msgType[%u] no match continue", deviceId,
-                static_cast<uint32_t>(procType), static_cast<uint32_t>(msg.type()));
+        GAK_INFO("[PPCClient] RecvMsgProc() device[%u] procType[%u] msgType[%u] no match continue", deviceId,
+                 static_cast<uint32_t>(procType), static_cast<uint32_t>(msg.type()));
         return kStatusPpcClientNotExpected;
     }
     const PPCMessage answer = MessageToDaemon(PPCMessage::SHUTDOWN_RSP, deviceId, procType);
-    GAK_LOG("PpcClient::RecvMsgProc, subpid1=%u, subpid2=%u", answer.sub_proc_pid(), answer.sub_proc_pid());
+    GAK_INFO("PpcClient::RecvMsgProc, subpid1=%u, subpid2=%u", answer.sub_proc_pid(), answer.sub_proc_pid());
     const uint32_t status = SendData(session, answer);
     if (status == kStatusOk) {
         GAK_EVENT("[PPCCLIEVENT] #### PPCClient->GAK Close Rsp send OK device[%u] procType:%u ####", deviceId,
                   static_cast<uint32_t>(procType));
     } else {
-        GAK_LOG(status, "[PPCClient] SendCloseRsp error");
+        GAK_STATUS(status, "[PPCClient] SendCloseRsp error");
     }
     return status;
 }
@@ -292,9 +293,9 @@ void PpcClient::Destroy()
     if (state_.BelongsToParent()) {
         return;
     }
-    GAK_LOG("[GAKPPCCLI]  Destroy() enter");
+    GAK_INFO("[GAKPPCCLI]  Destroy() enter");
     if (!clientRecvFlag_) {
-        GAK_LOG(kStatusDriverError, "[GAKPPCCLI]  Destroy() ppcclient not run");
+        GAK_STATUS(kStatusDriverError, "[GAKPPCCLI]  Destroy() ppcclient not run");
         return;
     }
     state_.destroyed_ = true;
@@ -302,7 +303,7 @@ void PpcClient::Destroy()
     state_.DestroySessions();
     state_.DestroyClient();
     drvPpcUninit();
-    GAK_LOG("[GAKPPCCLI]  Destroy() exit");
+    GAK_INFO("[GAKPPCCLI]  Destroy() exit");
 }
 
 void PpcClient::State::DestroySessions()
@@ -310,9 +311,9 @@ void PpcClient::State::DestroySessions()
     MutexLock lock(sessionMutex_);
     for (const auto& entry : sessionMap_) {
         const int result = drvPpcSessionDestroy(static_cast<PpcSession*>(entry.second.Get()));
-        GAK_LOG_AS("Destroy", "[GAKPPCCLI] Destroy() call drvPpcSessionDestroy func return [drvRet:%d]", result);
+        GAK_INFO_AS("Destroy", "[GAKPPCCLI] Destroy() call drvPpcSessionDestroy func return [drvRet:%d]", result);
         if (result != PPC_OK) {
-            GAK_LOG_AS("Destroy", kStatusDriverError, "[GAKPPCCLI]  Destroy() drvPpcSessionDestroy fail");
+            GAK_STATUS_AS("Destroy", kStatusDriverError, "[GAKPPCCLI]  Destroy() drvPpcSessionDestroy fail");
         }
     }
     sessionMap_.clear();
@@ -322,7 +323,7 @@ void PpcClient::State::DestroyClient()
 {
     void* client = ppcClient_.exchange(nullptr);
     if (client != nullptr && drvPpcClientDestroy(client) != PPC_OK) {
-        GAK_LOG_AS("Destroy", kStatusDriverError, "[GAKPPCCLI] Destroy() drvPpcClientDestroy fail");
+        GAK_STATUS_AS("Destroy", kStatusDriverError, "[GAKPPCCLI] Destroy() drvPpcClientDestroy fail");
     }
 }
 
@@ -344,7 +345,7 @@ void PpcClient::State::RecordDevice(uint32_t pid, uint32_t deviceId)
         lastRecorded_ = pair;
     } catch (const std::bad_alloc&) {
         // The message still goes out, and the next one records it.
-        GAK_LOG_AS("SendPpcMsg", kStatusMemoryExhausted, "[GAKPPCCLI] SendPpcMsg() no memory for the device");
+        GAK_STATUS_AS("SendPpcMsg", kStatusMemoryExhausted, "[GAKPPCCLI] SendPpcMsg() no memory for the device");
     }
 }
 
@@ -361,14 +362,15 @@ bool PpcClient::State::FindDevice(uint32_t pid, uint32_t* deviceId)
 
 uint32_t PpcClient::SendPpcMsg(uint32_t deviceId, GakWaitType waitType, PPCMessage::MsgType msgType)
 {
-    GAK_FREQUENT_LOG("[GAKPPCCLI] SendPpcMsg() deviceId: %u waitType:%u(0:ZOLT,1:COMPUTE,2:CUSTOM_COMPUTE) is running",
-                     deviceId, waitType);
+    GAK_INFO("[GAKPPCCLI] SendPpcMsg() deviceId: %u waitType:%u(0:ZOLT,1:COMPUTE,2:CUSTOM_COMPUTE) is running",
+             deviceId, waitType);
     if (deviceId >= MAX_DEVNUM_PER_OS) {
-        GAK_LOG(kStatusPpcClientInvalidParam, "[GAKPPCCLI] SendPpcMsg() srcDevId >= MAX_DEVNUM_PER_OS invalid param");
+        GAK_STATUS(kStatusPpcClientInvalidParam,
+                   "[GAKPPCCLI] SendPpcMsg() srcDevId >= MAX_DEVNUM_PER_OS invalid param");
         return kStatusPpcClientInvalidParam;
     }
     if (static_cast<int32_t>(waitType) > kLargestWaitType) {
-        GAK_LOG(kStatusPpcClientInvalidParam, "[GAKPPCCLI] SendPpcMsg() waitType > COMPUTE invalid param");
+        GAK_STATUS(kStatusPpcClientInvalidParam, "[GAKPPCCLI] SendPpcMsg() waitType > COMPUTE invalid param");
         return kStatusPpcClientInvalidParam;
     }
     const PPCMessage::ProcessType procType = ProcessTypeToSend(waitType);
@@ -381,12 +383,12 @@ uint32_t PpcClient::SendPpcMsg(uint32_t deviceId, GakWaitType waitType, PPCMessa
 
 uint32_t PpcClient::GakWaitForShutdownProc(uint32_t deviceId, GakWaitType waitType)
 {
-    GAK_LOG(
+    GAK_INFO(
         "[GAKPPCCLI] GakWaitForShutdownProc() deviceId: %u waitType:%u(0:ZOLT,1:COMPUTE,2:CUSTOM_COMPUTE) "
         "is running",
         deviceId, waitType);
     if (SendPpcMsg(deviceId, waitType, PPCMessage::START_RSP) != kStatusOk) {
-        GAK_LOG(kStatusPpcCreateFail, "[GAKPPCCLI] GakWaitForShutdownProc() SendData fail");
+        GAK_STATUS(kStatusPpcCreateFail, "[GAKPPCCLI] GakWaitForShutdownProc() SendData fail");
         return kStatusPpcCreateFail;
     }
     return RecvData(deviceId, waitType);
@@ -405,19 +407,19 @@ uint32_t PpcClient::SendAbnormalMsg(uint32_t deviceId, GakWaitType waitType)
 uint32_t PpcClient::SendReport(const Report& report, uint32_t deviceId, GakWaitType waitType)
 {
     const ppc::SigpipeGuard guard;  // the one that the frame needs, for the lines about it as well
-    GAK_FREQUENT_LOG_AS(report.function,
-                        "[GAKPPCCLI] %s() deviceId: %u waitType:%u(0:ZOLT,1:COMPUTE,2:CUSTOM_COMPUTE) is running",
-                        report.function, deviceId, waitType);
+    GAK_INFO_AS(report.function,
+                "[GAKPPCCLI] %s() deviceId: %u waitType:%u(0:ZOLT,1:COMPUTE,2:CUSTOM_COMPUTE) is running",
+                report.function, deviceId, waitType);
     if (SendPpcMsg(deviceId, waitType, report.type) != kStatusOk) {
-        GAK_LOG_AS(report.function, kStatusPpcCreateFail,
-                   "[GAKPPCCLI] Send %s fail device[%u],procType:%u(0:ZOLT,1:COMPUTE,2:CUSTOM_COMPUTE), subProcPid[%u]",
-                   report.word, deviceId, waitType, OwnPid());
+        GAK_STATUS_AS(
+            report.function, kStatusPpcCreateFail,
+            "[GAKPPCCLI] Send %s fail device[%u],procType:%u(0:ZOLT,1:COMPUTE,2:CUSTOM_COMPUTE), subProcPid[%u]",
+            report.word, deviceId, waitType, OwnPid());
         return kStatusPpcCreateFail;
     }
-    GAK_FREQUENT_LOG_AS(
-        report.function,
-        "[GAKPPCCLI] Send %s success device[%u] procType:%u(0:ZOLT,1:COMPUTE,2:CUSTOM_COMPUTE), subProcPid[%u]",
-        report.word, deviceId, waitType, OwnPid());
+    GAK_INFO_AS(report.function,
+                "[GAKPPCCLI] Send %s success device[%u] procType:%u(0:ZOLT,1:COMPUTE,2:CUSTOM_COMPUTE), subProcPid[%u]",
+                report.word, deviceId, waitType, OwnPid());
     return kStatusOk;
 }
 

@@ -111,20 +111,20 @@ PpcInterface::~PpcInterface() = default;
 uint32_t PpcInterface::SendMsg(void* session, const PPCMessage& msg)
 {
     if (session == nullptr) {
-        GAK_LOG(kStatusPpcNoSession, "[GAKPPCIF] SendMsg() serverId-%u  src_devid %u ppcSession is not existed",
-                msg.dest_id(), msg.src_id());
+        GAK_STATUS(kStatusPpcNoSession, "[GAKPPCIF] SendMsg() serverId-%u  src_devid %u ppcSession is not existed",
+                   msg.dest_id(), msg.src_id());
         return kStatusPpcNoSession;
     }
     const uint32_t encodedSize = EncodedSize(msg);
-    GAK_FREQUENT_LOG("PpcInterface::SendMsg, size=%u, subpid=%u", encodedSize, msg.sub_proc_pid());
+    GAK_INFO("PpcInterface::SendMsg, size=%u, subpid=%u", encodedSize, msg.sub_proc_pid());
     if (encodedSize > kLargestEncodedSize) {
-        GAK_LOG(kStatusIntegerReversed, "Integer reversed addA: %u + addB: %u", encodedSize, kInnerLengthSize);
+        GAK_STATUS(kStatusIntegerReversed, "Integer reversed addA: %u + addB: %u", encodedSize, kInnerLengthSize);
         return kStatusIntegerReversed;
     }
     const uint32_t size = encodedSize + kInnerLengthSize;
     Payload payload(size);
     if (!payload.Alloc()) {
-        GAK_LOG(kStatusMemoryExhausted, "[GAKPPCIF] SendMsg() msgBuffer is nullptr error");
+        GAK_STATUS(kStatusMemoryExhausted, "[GAKPPCIF] SendMsg() msgBuffer is nullptr error");
         return kStatusMemoryExhausted;
     }
     memcpy(payload.Bytes(), &encodedSize, kInnerLengthSize);
@@ -134,19 +134,19 @@ uint32_t PpcInterface::SendMsg(void* session, const PPCMessage& msg)
     Descriptor descriptor;
     descriptor.Alloc(session);
     if (descriptor.Get() == nullptr) {
-        GAK_LOG(kStatusPpcMsgAllocFail, "[GAKPPCIF] SendMsg() Alloc memory for PPCMessage fail");
+        GAK_STATUS(kStatusPpcMsgAllocFail, "[GAKPPCIF] SendMsg() Alloc memory for PPCMessage fail");
         return kStatusPpcMsgAllocFail;
     }
     if (drvPpcAddMsgBuffer(descriptor.Get(), payload.Bytes(), static_cast<int>(size)) != PPC_OK) {
-        GAK_LOG(kStatusPpcMsgBufferFail, "[GAKPPCIF] SendMsg() add msg buffer fail");
+        GAK_STATUS(kStatusPpcMsgBufferFail, "[GAKPPCIF] SendMsg() add msg buffer fail");
         return kStatusPpcMsgBufferFail;
     }
     if (drvPpcSend(static_cast<PpcSession*>(session), descriptor.Get(), 0) != PPC_OK) {
-        GAK_LOG(kStatusPpcSendRecvFail, "[GAKPPCIF] SendMsg() Send message buffer fail");
+        GAK_STATUS(kStatusPpcSendRecvFail, "[GAKPPCIF] SendMsg() Send message buffer fail");
         return kStatusPpcSendRecvFail;
     }
     if (descriptor.Free() != PPC_OK) {
-        GAK_LOG(kStatusPpcMsgFreeFail, "[GAKPPCIF] SendMsg() drvPpcFreeMsg fail");
+        GAK_STATUS(kStatusPpcMsgFreeFail, "[GAKPPCIF] SendMsg() drvPpcFreeMsg fail");
         return kStatusPpcMsgFreeFail;
     }
     return kStatusOk;
@@ -157,42 +157,42 @@ uint32_t PpcInterface::RecvMsg(void* session, PPCMessage& msg)
     Descriptor descriptor;
     if (descriptor.Alloc(session) != PPC_OK || descriptor.Get() == nullptr) {
         descriptor.Forget();
-        GAK_LOG(kStatusPpcMsgAllocFail, "[GAKPPCIF] drvPpcAllocMsg fail");
+        GAK_STATUS(kStatusPpcMsgAllocFail, "[GAKPPCIF] drvPpcAllocMsg fail");
         return kStatusPpcMsgAllocFail;
     }
     uint32_t count = 0;
     const int received = drvPpcRecv(static_cast<PpcSession*>(session), descriptor.Get(), kReceiveReserved, 0, &count);
     if (received != PPC_OK) {
-        GAK_LOG(kStatusWarning, "[GAKPPCIF] drvPpcRecv fail %d", received);
+        GAK_STATUS(kStatusWarning, "[GAKPPCIF] drvPpcRecv fail %d", received);
         return received == PPC_ERR_SOCKET_CLOSED ? kStatusPpcSocketClosed : kStatusPpcSendRecvFail;
     }
     void* payload = nullptr;
     uint32_t size = 0;
     if (drvPpcGetMsgBuffer(descriptor.Get(), 0, &payload, &size) != PPC_OK) {
-        GAK_LOG(kStatusPpcMsgBufferFail, "[GAKPPCIF] drvPpcGetMsgBuffer fail");
+        GAK_STATUS(kStatusPpcMsgBufferFail, "[GAKPPCIF] drvPpcGetMsgBuffer fail");
         return kStatusPpcMsgBufferFail;
     }
     if (payload == nullptr) {
-        GAK_LOG(kStatusPpcBufferNull, "[GAKPPCIF] RecvMsg() Message buffer is null");
+        GAK_STATUS(kStatusPpcBufferNull, "[GAKPPCIF] RecvMsg() Message buffer is null");
         return kStatusPpcBufferNull;
     }
     const uint32_t encodedSize = InnerLength(payload, size);
     if (encodedSize > kLargestEncodedSize) {
-        GAK_LOG(kStatusIntegerReversed, "Integer reversed addA: %u + addB: %u", encodedSize, kInnerLengthSize);
+        GAK_STATUS(kStatusIntegerReversed, "Integer reversed addA: %u + addB: %u", encodedSize, kInnerLengthSize);
         return kStatusIntegerReversed;
     }
     if (size != encodedSize + kInnerLengthSize) {  // also a payload that is too short for the length field
-        GAK_LOG(kStatusPpcLengthMismatch, "[GAKPPCIF] receive buffer len:%d, message_len:%d", static_cast<int>(size),
-                static_cast<int>(encodedSize + kInnerLengthSize));
+        GAK_STATUS(kStatusPpcLengthMismatch, "[GAKPPCIF] receive buffer len:%d, message_len:%d", static_cast<int>(size),
+                   static_cast<int>(encodedSize + kInnerLengthSize));
         return kStatusPpcLengthMismatch;
     }
     if (!Decode(payload, encodedSize, msg)) {
-        GAK_LOG(kStatusMemoryExhausted, "[GAKPPCIF] RecvMsg() no memory for the message");
+        GAK_STATUS(kStatusMemoryExhausted, "[GAKPPCIF] RecvMsg() no memory for the message");
         return kStatusMemoryExhausted;
     }
-    GAK_FREQUENT_LOG("PpcInterface::RecvMsg, size=%u, subpid=%u", EncodedSize(msg), msg.sub_proc_pid());
+    GAK_INFO("PpcInterface::RecvMsg, size=%u, subpid=%u", EncodedSize(msg), msg.sub_proc_pid());
     if (descriptor.Free() != PPC_OK) {
-        GAK_LOG(kStatusPpcMsgFreeFail, "[GAKPPCIF] RecvMsg() drvPpcFreeMsg fail");
+        GAK_STATUS(kStatusPpcMsgFreeFail, "[GAKPPCIF] RecvMsg() drvPpcFreeMsg fail");
         return kStatusPpcMsgFreeFail;
     }
     return kStatusOk;

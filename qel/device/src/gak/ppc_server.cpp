@@ -102,17 +102,19 @@ std::string ThreadIdText(std::thread::id id)
 bool IsAcceptable(const PPCMessage& msg)
 {
     if (msg.src_id() >= MAX_DEVNUM_PER_OS) {
-        GAK_LOG_AS("RecvData", kStatusPpcServerInvalidParam,
-                   "[GAKPPCSER] RecvData() srcDevId >= MAX_DEVNUM_PER_OS invalid param");
+        GAK_STATUS_AS("RecvData", kStatusPpcServerInvalidParam,
+                      "[GAKPPCSER] RecvData() srcDevId >= MAX_DEVNUM_PER_OS invalid param");
         return false;
     }
     if (static_cast<int32_t>(msg.proc_type()) > PPCMessage::CUSTOM_COMPUTE) {
         // CUSTOM_COMPUTE passes although the text names COMPUTE.
-        GAK_LOG_AS("RecvData", kStatusPpcServerInvalidParam, "[GAKPPCSER] RecvData() proctype > COMPUTE invalid param");
+        GAK_STATUS_AS("RecvData", kStatusPpcServerInvalidParam,
+                      "[GAKPPCSER] RecvData() proctype > COMPUTE invalid param");
         return false;
     }
     if (static_cast<int32_t>(msg.type()) > PPCMessage::ABNORMAL) {
-        GAK_LOG_AS("RecvData", kStatusPpcServerInvalidParam, "[GAKPPCSER] RecvData() msgType > ABNORMAL invalid param");
+        GAK_STATUS_AS("RecvData", kStatusPpcServerInvalidParam,
+                      "[GAKPPCSER] RecvData() msgType > ABNORMAL invalid param");
         return false;
     }
     return true;
@@ -191,7 +193,7 @@ void PpcServer::OnProcessExit()
     if (state_.BelongsToParent()) {
         return;
     }
-    GAK_LOG_AS("~PpcServer", "PpcServer::~PpcServer() destructor function called");
+    GAK_INFO_AS("~PpcServer", "PpcServer::~PpcServer() destructor function called");
     Destroy();
 }
 
@@ -203,7 +205,7 @@ uint32_t PpcServer::CreateServer(uint32_t serverId)
         return kStatusOk;
     }
     if (insideHandler) {
-        GAK_LOG(kStatusPpcServerInvalidParam, "[GAKPPCSER] CreateServer() called inside a handler, nothing done");
+        GAK_STATUS(kStatusPpcServerInvalidParam, "[GAKPPCSER] CreateServer() called inside a handler, nothing done");
         return kStatusPpcServerInvalidParam;
     }
     MutexLock lifeCycle(state_.lifeCycleMutex);
@@ -213,7 +215,7 @@ uint32_t PpcServer::CreateServer(uint32_t serverId)
     state_.serverId_ = serverId;
     int result = drvPpcInit();
     if (result != PPC_OK) {
-        GAK_LOG(kStatusPpcInitFail, "[GAKPPCSER] drvPpcInit return %d", result);
+        GAK_STATUS(kStatusPpcInitFail, "[GAKPPCSER] drvPpcInit return %d", result);
         return kStatusPpcInitFail;
     }
     auto* server = static_cast<PpcServerHead*>(state_.server.load());
@@ -221,7 +223,7 @@ uint32_t PpcServer::CreateServer(uint32_t serverId)
     state_.owner = getpid();
     state_.server = server;
     if (result != PPC_OK || server == nullptr) {
-        GAK_LOG(kStatusPpcCreateFail, "[GAKPPCSER] drvPpcServerCreate return %d", result);
+        GAK_STATUS(kStatusPpcCreateFail, "[GAKPPCSER] drvPpcServerCreate return %d", result);
         return kStatusPpcCreateFail;
     }
     serverRunningFlag_ = true;
@@ -229,12 +231,12 @@ uint32_t PpcServer::CreateServer(uint32_t serverId)
         state_.acceptThread = StartLibraryThread([this] { AcceptConnection(); });
     } catch (const std::exception& error) {
         serverRunningFlag_ = false;
-        GAK_LOG(kStatusPpcCreateFail, "[GAKPPCSER] accept thread can not be started: %s", error.what());
+        GAK_STATUS(kStatusPpcCreateFail, "[GAKPPCSER] accept thread can not be started: %s", error.what());
         drvPpcServerDestroy(server);
         state_.server = nullptr;
         return kStatusPpcCreateFail;
     }
-    GAK_LOG("[GAKPPCSER] [serverId=%u] ppcserver receive thread started succ", serverId);
+    GAK_INFO("[GAKPPCSER] [serverId=%u] ppcserver receive thread started succ", serverId);
     return kStatusOk;
 }
 
@@ -244,7 +246,7 @@ uint32_t PpcServer::Destroy()
         return kStatusOk;
     }
     if (insideHandler) {
-        GAK_LOG(kStatusPpcServerInvalidParam, "[GAKPPCSER] Destroy() called inside a handler, nothing done");
+        GAK_STATUS(kStatusPpcServerInvalidParam, "[GAKPPCSER] Destroy() called inside a handler, nothing done");
         return kStatusPpcServerInvalidParam;
     }
     MutexLock lifeCycle(state_.lifeCycleMutex);
@@ -253,8 +255,8 @@ uint32_t PpcServer::Destroy()
         return kStatusOk;  // another thread was first
     }
     state_.LowerFlags();
-    GAK_LOG("[GAKPPCSER] Destory ppc sever [serverId=%u] [pid=%u]", state_.serverId_.load(),
-            static_cast<uint32_t>(getpid()));
+    GAK_INFO("[GAKPPCSER] Destory ppc sever [serverId=%u] [pid=%u]", state_.serverId_.load(),
+             static_cast<uint32_t>(getpid()));
     // Accepting ends before any session is closed: a session that came in between would not be listed yet, would never
     // be closed, and the join of its receive thread would never return.
     ppc::PpcStopAccept(server);
@@ -264,7 +266,7 @@ uint32_t PpcServer::Destroy()
     state_.CloseListedSessions();
     state_.JoinReceiveThreads();
     if (drvPpcServerDestroy(static_cast<PpcServerHead*>(server)) != PPC_OK) {
-        GAK_LOG(kStatusPpcDestroyFail, "[GAKPPCSER] Destory ppc sever failed");
+        GAK_STATUS(kStatusPpcDestroyFail, "[GAKPPCSER] Destory ppc sever failed");
     }
     state_.server = nullptr;
     state_.ClearTables();
@@ -311,17 +313,18 @@ uint32_t PpcServer::AcceptConnection()
         PpcSession* session = nullptr;
         const int result = drvPpcSessionAccept(static_cast<PpcServerHead*>(state_.server.load()), &session);
         if (!serverRunningFlag_ || (result == PPC_OK && !state_.RaiseRecvFlag())) {
-            GAK_LOG("[GAKPPCSER] accept connection runningflag has been set false, drvRet = %u",
-                    static_cast<uint32_t>(result));
+            GAK_INFO("[GAKPPCSER] accept connection runningflag has been set false, drvRet = %u",
+                     static_cast<uint32_t>(result));
             if (result == PPC_OK) {
                 drvPpcSessionClose(session);
             }
             return kStatusOk;
         }
         if (result != PPC_OK) {
-            GAK_LOG("[GAKPPCSER] drvPpcSessionAccept() [return:%u] continue", static_cast<uint32_t>(result));
+            GAK_INFO("[GAKPPCSER] drvPpcSessionAccept() [return:%u] continue", static_cast<uint32_t>(result));
             if (result == PPC_ERR_SOCKET_CLOSED) {
-                GAK_LOG(kStatusPpcSocketClosed, "[GAKPPCSER] drvPpcSessionAccept receive socket close msg,server exit");
+                GAK_STATUS(kStatusPpcSocketClosed,
+                           "[GAKPPCSER] drvPpcSessionAccept receive socket close msg,server exit");
                 return kStatusPpcSocketClosed;
             }
             continue;
@@ -342,7 +345,8 @@ bool PpcServer::State::AddPending(void* session)
         sessions.AddPending(ppc::PpcSessionRef(session));
         return true;
     } catch (const std::bad_alloc&) {
-        GAK_LOG_AS("AcceptConnection", kStatusMemoryExhausted, "[GAKPPCSER] no memory for the session, session closed");
+        GAK_STATUS_AS("AcceptConnection", kStatusMemoryExhausted,
+                      "[GAKPPCSER] no memory for the session, session closed");
         return false;
     }
 }
@@ -368,8 +372,8 @@ bool PpcServer::StartReceiveThread(void* session)
         return true;
     } catch (const std::exception& error) {
         state_.receiveThreads.erase(serial);
-        GAK_LOG_AS("AcceptConnection", kStatusMemoryExhausted,
-                   "[GAKPPCSER] receive thread can not be started, session closed: %s", error.what());
+        GAK_STATUS_AS("AcceptConnection", kStatusMemoryExhausted,
+                      "[GAKPPCSER] receive thread can not be started, session closed: %s", error.what());
         return false;
     }
 }
@@ -378,24 +382,24 @@ bool PpcServer::StartReceiveThread(void* session)
 
 void PpcServer::SetPpcSession(uint32_t deviceId, uint32_t subProcPid, void* const& session)
 {
-    GAK_FREQUENT_LOG("[PpcServer] SetPpcSession, deviceId:%u, subProcPid:%u", deviceId, subProcPid);
+    GAK_INFO("[PpcServer] SetPpcSession, deviceId:%u, subProcPid:%u", deviceId, subProcPid);
     try {
         state_.sessionTable.Set(deviceId, subProcPid, session);
     } catch (const std::bad_alloc&) {
-        GAK_LOG(kStatusMemoryExhausted, "[GAKPPCSER] SetPpcSession() no memory for deviceId:%u, subProcPid:%u",
-                deviceId, subProcPid);
+        GAK_STATUS(kStatusMemoryExhausted, "[GAKPPCSER] SetPpcSession() no memory for deviceId:%u, subProcPid:%u",
+                   deviceId, subProcPid);
     }
 }
 
 // Null also when there is no memory for a new entry.
 ppc::PpcSessionRef PpcServer::State::GetPpcSession(uint32_t deviceId, uint32_t subProcPid)
 {
-    GAK_FREQUENT_LOG("[PpcServer] GetPpcSession, deviceId:%u, subProcPid:%u", deviceId, subProcPid);
+    GAK_INFO("[PpcServer] GetPpcSession, deviceId:%u, subProcPid:%u", deviceId, subProcPid);
     try {
         return sessionTable.Find(deviceId, subProcPid);
     } catch (const std::bad_alloc&) {
-        GAK_LOG(kStatusMemoryExhausted, "[GAKPPCSER] GetPpcSession() no memory for deviceId:%u, subProcPid:%u",
-                deviceId, subProcPid);
+        GAK_STATUS(kStatusMemoryExhausted, "[GAKPPCSER] GetPpcSession() no memory for deviceId:%u, subProcPid:%u",
+                   deviceId, subProcPid);
         return {};
     }
 }
@@ -408,21 +412,21 @@ void* PpcServer::GetPpcSession(uint32_t deviceId, uint32_t subProcPid)
 uint32_t PpcServer::SendData(const PPCMessage& msg)
 {
     if (msg.dest_id() >= MAX_DEVNUM_PER_OS) {
-        GAK_LOG(kStatusPpcServerInvalidParam,
-                "[GAKPPCSER] GetPpcSession() deviceId >= MAX_DEVNUM_PER_OS invalid param");
+        GAK_STATUS(kStatusPpcServerInvalidParam,
+                   "[GAKPPCSER] GetPpcSession() deviceId >= MAX_DEVNUM_PER_OS invalid param");
         return kStatusPpcServerInvalidParam;
     }
     if (static_cast<int32_t>(msg.proc_type()) > PPCMessage::CUSTOM_COMPUTE) {
-        GAK_LOG(kStatusPpcServerInvalidParam, "[GAKPPCSER] GetPpcSession() proctype > CUSTOM_COMPUTE invalid param");
+        GAK_STATUS(kStatusPpcServerInvalidParam, "[GAKPPCSER] GetPpcSession() proctype > CUSTOM_COMPUTE invalid param");
         return kStatusPpcServerInvalidParam;
     }
     // Held while sending: the table may get another session for this worker meanwhile.
     const ppc::PpcSessionRef session = state_.GetPpcSession(msg.dest_id(), msg.sub_proc_pid());
     if (session.Get() == nullptr) {
-        GAK_LOG(kStatusPpcNoSession,
-                "[GAKPPCSER] SendData() failed, session not exist deviceId:%u procType:%u(0:ZOLT,1:COMPUTE,"
-                "2:CUSTOM_COMPUTE)",
-                msg.dest_id(), static_cast<uint32_t>(msg.proc_type()));
+        GAK_STATUS(kStatusPpcNoSession,
+                   "[GAKPPCSER] SendData() failed, session not exist deviceId:%u procType:%u(0:ZOLT,1:COMPUTE,"
+                   "2:CUSTOM_COMPUTE)",
+                   msg.dest_id(), static_cast<uint32_t>(msg.proc_type()));
         return kStatusPpcNoSession;
     }
     return SendMsg(session.Get(), msg);
@@ -431,7 +435,7 @@ uint32_t PpcServer::SendData(const PPCMessage& msg)
 void PpcServer::CloseSomeSession(void* const& session)
 {
     if (drvPpcSessionClose(static_cast<PpcSession*>(session)) != PPC_OK) {
-        GAK_LOG(kStatusPpcCloseFail, "[GAKPPCSER] CloseSomeSession ppc session failed");
+        GAK_STATUS(kStatusPpcCloseFail, "[GAKPPCSER] CloseSomeSession ppc session failed");
         return;
     }
     RemoveFromPpcSessionList(session);
@@ -440,21 +444,21 @@ void PpcServer::CloseSomeSession(void* const& session)
 void PpcServer::RemoveFromPpcSessionList(void* const& session)
 {
     const SessionList::Removal removal = state_.sessions.Remove(session);
-    GAK_LOG("[GAKPPCSER] CloseSomeSession enter [sessionSize:%zu]", removal.sizeBefore);
+    GAK_INFO("[GAKPPCSER] CloseSomeSession enter [sessionSize:%zu]", removal.sizeBefore);
     if (!removal.found) {
-        GAK_LOG(kStatusPpcCloseFail, "[GAKPPCSER] CloseSomeSession session is not exist");
+        GAK_STATUS(kStatusPpcCloseFail, "[GAKPPCSER] CloseSomeSession session is not exist");
         return;
     }
-    GAK_LOG("[GAKPPCSER] CloseSomeSession exit [sessionSize:%zu]", removal.sizeBefore - 1);
+    GAK_INFO("[GAKPPCSER] CloseSomeSession exit [sessionSize:%zu]", removal.sizeBefore - 1);
 }
 
 void PpcServer::State::CloseListedSessions()
 {
     for (const ppc::PpcSessionRef& session : sessions.TakeAll()) {
         const int result = drvPpcSessionClose(static_cast<PpcSession*>(session.Get()));
-        GAK_LOG_AS("Destroy", "[GAKPPCSER] Destory ppc session serverId_=%u", serverId_.load());
+        GAK_INFO_AS("Destroy", "[GAKPPCSER] Destory ppc session serverId_=%u", serverId_.load());
         if (result != PPC_OK) {
-            GAK_LOG_AS("Destroy", kStatusPpcDestroyFail, "[GAKPPCSER] Destory ppc session failed");
+            GAK_STATUS_AS("Destroy", kStatusPpcDestroyFail, "[GAKPPCSER] Destory ppc session failed");
         }
     }
 }
@@ -481,10 +485,10 @@ void PpcServer::RecvData(void* const& session, uint64_t threadNumber)
         }
         SetPpcSession(msg.src_id(), msg.sub_proc_pid(), session);
         PPCSerMsgProc(msg);
-        GAK_FREQUENT_OK_LOG_AS(__func__,
-                               "[GAKPPCSER] ##### [threadName:%s] RecvData [ret=%u] Save [device index in os:%u] "
-                               "[notifyProcType:%u]####",
-                               threadName, status, lastDevice, lastProcessType);
+        GAK_STATUS(kStatusOk,
+                   "[GAKPPCSER] ##### [threadName:%s] RecvData [ret=%u] Save [device index in os:%u] "
+                   "[notifyProcType:%u]####",
+                   threadName, status, lastDevice, lastProcessType);
         if (!serverRecvFlag_) {
             return;
         }
@@ -524,10 +528,10 @@ void PpcServer::PPCSerMsgProc(const PPCMessage& msg)
 {
     const auto type = static_cast<uint32_t>(msg.type());
     MutexLock lock(state_.handlerMutex);
-    GAK_FREQUENT_LOG("[GAKPPCSER] PPCSerMsgProc msg type: %u", type);
+    GAK_INFO("[GAKPPCSER] PPCSerMsgProc msg type: %u", type);
     const auto found = state_.handlers.find(type);
     if (found == state_.handlers.end()) {
-        GAK_LOG("[GAKPPCSER] PPCSerMsgProc msg type:%u" GAKPPC_MSG_TYPES " processFunc not exist", type);
+        GAK_INFO("[GAKPPCSER] PPCSerMsgProc msg type:%u" GAKPPC_MSG_TYPES " processFunc not exist", type);
         return;
     }
     if (found->second == nullptr) {
@@ -537,9 +541,9 @@ void PpcServer::PPCSerMsgProc(const PPCMessage& msg)
     try {
         found->second(msg);
     } catch (const std::exception& error) {
-        GAK_LOG(kStatusWarning, "[GAKPPCSER] PPCSerMsgProc handler of msg type: %u failed: %s", type, error.what());
+        GAK_STATUS(kStatusWarning, "[GAKPPCSER] PPCSerMsgProc handler of msg type: %u failed: %s", type, error.what());
     } catch (...) {
-        GAK_LOG(kStatusWarning, "[GAKPPCSER] PPCSerMsgProc handler of msg type: %u failed", type);
+        GAK_STATUS(kStatusWarning, "[GAKPPCSER] PPCSerMsgProc handler of msg type: %u failed", type);
     }
 }
 
@@ -548,15 +552,15 @@ void PpcServer::RegPPCSerMsgProcFunc(uint32_t msgType, void (*handler)(const PPC
     MutexLock lock(state_.handlerMutex);
     try {
         if (!state_.handlers.emplace(msgType, handler).second) {
-            GAK_LOG("[GAKPPCSER] RegPPCSerMsgProcFunc type:%u" GAKPPC_MSG_TYPES " has exist,no need to register",
-                    msgType);
+            GAK_INFO("[GAKPPCSER] RegPPCSerMsgProcFunc type:%u" GAKPPC_MSG_TYPES " has exist,no need to register",
+                     msgType);
             return;
         }
     } catch (const std::bad_alloc&) {
-        GAK_LOG(kStatusMemoryExhausted, "[GAKPPCSER] RegPPCSerMsgProcFunc no memory for type:%u", msgType);
+        GAK_STATUS(kStatusMemoryExhausted, "[GAKPPCSER] RegPPCSerMsgProcFunc no memory for type:%u", msgType);
         return;
     }
-    GAK_LOG("[GAKPPCSER] RegPPCSerMsgProcFunc type:%u" GAKPPC_MSG_TYPES " success", msgType);
+    GAK_INFO("[GAKPPCSER] RegPPCSerMsgProcFunc type:%u" GAKPPC_MSG_TYPES " success", msgType);
 }
 
 // ---- Reaping receive threads ----
@@ -609,16 +613,16 @@ size_t PpcServer::State::CountFinishedThreads()
 void PpcServer::JoinAllPPCRcvThreads()
 {
     MutexLock lock(state_.threadListMutex);
-    GAK_LOG("[GAKPPCSER] JoinAllPPCRcvThreads() enter [threadSize=%zu]", state_.receiveThreads.size());
+    GAK_INFO("[GAKPPCSER] JoinAllPPCRcvThreads() enter [threadSize=%zu]", state_.receiveThreads.size());
     auto candidate = state_.receiveThreads.begin();
     while (candidate != state_.receiveThreads.end() && state_.CountFinishedThreads() != 0) {
-        GAK_LOG("[GAKPPCSER] JoinAllPPCRcvThreads() [ppc tid=%s] [threadSize=%zu] [freeThreadSize=%zu]",
-                ThreadIdText(candidate->second.id).c_str(), state_.receiveThreads.size(),
-                state_.CountFinishedThreads());
+        GAK_INFO("[GAKPPCSER] JoinAllPPCRcvThreads() [ppc tid=%s] [threadSize=%zu] [freeThreadSize=%zu]",
+                 ThreadIdText(candidate->second.id).c_str(), state_.receiveThreads.size(),
+                 state_.CountFinishedThreads());
         candidate = state_.ReapIfFinished(candidate);
     }
-    GAK_LOG("[GAKPPCSER] JoinAllPPCRcvThreads() exit [threadSize=%zu] [freeThreadSize=%zu]",
-            state_.receiveThreads.size(), state_.CountFinishedThreads());
+    GAK_INFO("[GAKPPCSER] JoinAllPPCRcvThreads() exit [threadSize=%zu] [freeThreadSize=%zu]",
+             state_.receiveThreads.size(), state_.CountFinishedThreads());
 }
 
 // Returns the thread that follows.
@@ -626,16 +630,16 @@ ReceiveThreads::iterator PpcServer::State::ReapIfFinished(ReceiveThreads::iterat
 {
     MutexLock lock(freeThreadMutex);
     for (auto finished = finishedThreads.begin(); finished != finishedThreads.end(); ++finished) {
-        GAK_LOG_AS("JoinAllPPCRcvThreads", "[GAKPPCSER] JoinAllPPCRcvThreads() [free tid=%s]",
-                   ThreadIdText(finished->id).c_str());
+        GAK_INFO_AS("JoinAllPPCRcvThreads", "[GAKPPCSER] JoinAllPPCRcvThreads() [free tid=%s]",
+                    ThreadIdText(finished->id).c_str());
         if (finished->serial == candidate->first) {
-            GAK_LOG_AS("JoinAllPPCRcvThreads", "[GAKPPCSER] JoinAllPPCRcvThreads() Find free tid and joinable");
+            GAK_INFO_AS("JoinAllPPCRcvThreads", "[GAKPPCSER] JoinAllPPCRcvThreads() Find free tid and joinable");
             candidate->second.JoinOnce();
             finishedThreads.erase(finished);
             return receiveThreads.erase(candidate);
         }
     }
-    GAK_LOG_AS("JoinAllPPCRcvThreads", "[GAKPPCSER] JoinAllPPCRcvThreads() Not find free tid");
+    GAK_INFO_AS("JoinAllPPCRcvThreads", "[GAKPPCSER] JoinAllPPCRcvThreads() Not find free tid");
     return std::next(candidate);
 }
 
