@@ -5,6 +5,7 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <memory>
 
 #include "ppc.h"
 #include "ppc_log.h"
@@ -29,6 +30,56 @@ ssize_t Receive(int fd, void* buf, size_t size, int flags)
         received = recv(fd, buf, size, flags);
     } while (received == -1 && errno == EINTR);
     return received;
+}
+
+// Reads what has arrived, at most `size` bytes. PPC_ERR_RECV or PPC_ERR_SOCKET_CLOSED if that is nothing.
+int ReceiveSome(int fd, void* buf, size_t size, size_t* received, ppc::CallSite site)
+{
+    const ssize_t result = Receive(fd, buf, size, 0);
+    if (result < 0) {
+        PPC_ERROR(PPC_TEXT_AT(site, "recv error: %s(errno: %d)(sock: %d)"), strerror(errno), errno, fd);
+        return PPC_ERR_RECV;
+    }
+    if (result == 0) {
+        PPC_ERROR(PPC_TEXT_AT(site, "client connection closed: %s(errno: %d)(sock: %d)"), strerror(errno), errno, fd);
+        return PPC_ERR_SOCKET_CLOSED;
+    }
+    *received = static_cast<size_t>(result);
+    return PPC_OK;
+}
+
+int ReceivePayload(int fd, char* buf, size_t size, ppc::CallSite site)
+{
+    size_t received = 0;
+    for (size_t total = 0; total < size; total += received) {
+        const int code = ReceiveSome(fd, buf + total, size - total, &received, site);
+        if (code != PPC_OK) {
+            return code;
+        }
+    }
+    return PPC_OK;
+}
+
+struct Free {
+    void operator()(void* memory) const { free(memory); }
+};
+
+// Gives the descriptor a buffer of its own.
+int AddReceiveBuffer(PpcMsg* msg, uint32_t length, int fd, ppc::CallSite site)
+{
+    std::unique_ptr<void, Free> buffer(malloc(length));
+    if (buffer == nullptr) {
+        PPC_ERROR(PPC_TEXT_AT(site, "malloc fail(sock: %d)"), fd);
+        return PPC_ERR_NO_MEMORY;
+    }
+    const int code = drvPpcAddMsgBuffer(msg, buffer.get(), static_cast<int>(length));
+    if (code != PPC_OK) {
+        PPC_ERROR(PPC_TEXT_AT(site, "qelPpcAddMsgBuffer fail, err(%d)(sock: %d)"), code, fd);
+        return code;
+    }
+    buffer.release();  // NOLINT(bugprone-unused-return-value): the descriptor's now
+    ppc::BlockOf(msg)->hidden.ownsBuffer = 1;
+    return PPC_OK;
 }
 
 // One frame with one system call. The result is writev's, with its errno.
@@ -101,35 +152,21 @@ int drvPpcSocketRecv(int fd, void* buf, int expected, uint32_t* got)
         return PPC_ERR_INVALID_VALUE;
     }
     uint32_t lengthField = 0;
-    ssize_t received = Receive(fd, &lengthField, kLengthFieldSize, 0);
-    if (received < 0) {
-        PPC_ERROR(PPC_TEXT("recv error: %s(errno: %d)(sock: %d)"), strerror(errno), errno, fd);
-        return PPC_ERR_RECV;
-    }
-    if (received == 0) {
-        PPC_ERROR(PPC_TEXT("client connection closed: %s(errno: %d)(sock: %d)"), strerror(errno), errno, fd);
-        return PPC_ERR_SOCKET_CLOSED;
+    size_t received = 0;
+    int code = ReceiveSome(fd, &lengthField, kLengthFieldSize, &received, PPC_CALL_SITE);
+    if (code != PPC_OK) {
+        return code;
     }
     const uint32_t announced = ntohl(lengthField);
     if (announced != static_cast<uint32_t>(expected)) {
         PPC_ERROR(PPC_TEXT("recv Msg length not equal: %d != %d(sock: %d)"), static_cast<int>(announced), expected, fd);
         return PPC_ERR_INVALID_VALUE;
     }
-    uint32_t total = 0;
-    while (total < announced) {
-        received = Receive(fd, static_cast<char*>(buf) + total, announced - total, 0);
-        if (received < 0) {
-            PPC_ERROR(PPC_TEXT("recv error: %s(errno: %d)(sock: %d)"), strerror(errno), errno, fd);
-            return PPC_ERR_RECV;
-        }
-        if (received == 0) {
-            PPC_ERROR(PPC_TEXT("client connection closed: %s(errno: %d)(sock: %d)"), strerror(errno), errno, fd);
-            return PPC_ERR_SOCKET_CLOSED;
-        }
-        total += static_cast<uint32_t>(received);
+    code = ReceivePayload(fd, static_cast<char*>(buf), announced, PPC_CALL_SITE);
+    if (code == PPC_OK) {
+        *got = announced;
     }
-    *got = total;
-    return PPC_OK;
+    return code;
 }
 
 int drvPpcSend(PpcSession* session, PpcMsg* msg, uint32_t flag)
@@ -186,22 +223,13 @@ int drvPpcRecv(PpcSession* session, PpcMsg* msg, uint32_t, uint32_t, uint32_t* c
     if (length == 0) {
         return PPC_OK;
     }
-    void* buffer = malloc(length);
-    if (buffer == nullptr) {
-        PPC_ERROR(PPC_TEXT("malloc fail(sock: %d)"), fd);
-        record->Revoke();
-        return PPC_ERR_NO_MEMORY;
-    }
-    code = drvPpcAddMsgBuffer(msg, buffer, static_cast<int>(length));
+    code = AddReceiveBuffer(msg, length, fd, PPC_CALL_SITE);
     if (code != PPC_OK) {
-        PPC_ERROR(PPC_TEXT("qelPpcAddMsgBuffer fail, err(%d)(sock: %d)"), code, fd);
-        free(buffer);
         record->Revoke();
         return code;
     }
-    ppc::BlockOf(msg)->hidden.ownsBuffer = 1;
     uint32_t got = 0;
-    code = drvPpcSocketRecv(fd, buffer, static_cast<int>(length), &got);
+    code = drvPpcSocketRecv(fd, msg->bd.buffer, static_cast<int>(length), &got);
     if (code != PPC_OK) {
         PPC_ERROR(PPC_TEXT("socket recv mesg fail(session id:%d errno: %d)"), fd, code);
         drvPpcReuseMsg(msg);

@@ -10,10 +10,39 @@
 
 // NOLINTBEGIN(concurrency-mt-unsafe): what it finds is strerror, whose text glibc keeps for each thread
 
+namespace {
+
 using ppc::BlockOf;
-using ppc::FreeOwnedBuffer;
 using ppc::kBufferCount;
 using ppc::MsgBlock;
+
+bool IsNull(const PpcMsg* msg, ppc::CallSite site)
+{
+    if (msg != nullptr) {
+        return false;
+    }
+    PPC_ERROR(PPC_TEXT_AT(site, "null pMsg"));
+    return true;
+}
+
+bool HasValidCount(const PpcMsg* msg, ppc::CallSite site)
+{
+    if (msg->count == kBufferCount) {
+        return true;
+    }
+    PPC_ERROR(PPC_TEXT_AT(site, "invalid pMsg->count %d"), static_cast<int>(msg->count));
+    return false;
+}
+
+void FreeOwnedBuffer(PpcMsg* msg)
+{
+    if (BlockOf(msg)->hidden.ownsBuffer != 0) {
+        free(msg->bd.buffer);
+        msg->bd.buffer = nullptr;
+    }
+}
+
+}  // namespace
 
 int drvPpcAllocMsg(PpcSession* session, PpcMsg** ppMsg, int count)
 {
@@ -40,7 +69,7 @@ int drvPpcAllocMsg(PpcSession* session, PpcMsg** ppMsg, int count)
     }
     if (memset_s(memory, sizeof(MsgBlock), 0, sizeof(MsgBlock)) != 0) {
         free(memory);
-        PPC_ERROR(PPC_LINE("memset_s error: %s.", "\n"), strerror(errno));
+        PPC_ERROR(PPC_LINE_AT(PPC_CALL_SITE, "memset_s error: %s.", "\n"), strerror(errno));
         return PPC_ERR_INVALID_VALUE;
     }
     MsgBlock* block = new (memory) MsgBlock;
@@ -51,12 +80,7 @@ int drvPpcAllocMsg(PpcSession* session, PpcMsg** ppMsg, int count)
 
 int drvPpcFreeMsg(PpcMsg* msg)
 {
-    if (msg == nullptr) {
-        PPC_ERROR(PPC_TEXT("null pMsg"));
-        return PPC_ERR_INVALID_VALUE;
-    }
-    if (msg->count != kBufferCount) {
-        PPC_ERROR(PPC_TEXT("invalid pMsg->count %d"), static_cast<int>(msg->count));
+    if (IsNull(msg, PPC_CALL_SITE) || !HasValidCount(msg, PPC_CALL_SITE)) {
         return PPC_ERR_INVALID_VALUE;
     }
     FreeOwnedBuffer(msg);
@@ -66,12 +90,7 @@ int drvPpcFreeMsg(PpcMsg* msg)
 
 int drvPpcReuseMsg(PpcMsg* msg)
 {
-    if (msg == nullptr) {
-        PPC_ERROR(PPC_TEXT("null pMsg"));
-        return PPC_ERR_INVALID_VALUE;
-    }
-    if (msg->count != kBufferCount) {
-        PPC_ERROR(PPC_TEXT("invalid pMsg->count %d"), static_cast<int>(msg->count));
+    if (IsNull(msg, PPC_CALL_SITE) || !HasValidCount(msg, PPC_CALL_SITE)) {
         return PPC_ERR_INVALID_VALUE;
     }
     FreeOwnedBuffer(msg);
@@ -82,8 +101,7 @@ int drvPpcReuseMsg(PpcMsg* msg)
 
 int drvPpcAddMsgBuffer(PpcMsg* msg, void* buf, int len)
 {
-    if (msg == nullptr) {
-        PPC_ERROR(PPC_TEXT("null pMsg"));
+    if (IsNull(msg, PPC_CALL_SITE)) {
         return PPC_ERR_INVALID_VALUE;
     }
     if (buf == nullptr) {
@@ -94,8 +112,7 @@ int drvPpcAddMsgBuffer(PpcMsg* msg, void* buf, int len)
         PPC_ERROR(PPC_TEXT("len(0) illegal"));
         return PPC_ERR_INVALID_VALUE;
     }
-    if (msg->count != kBufferCount) {
-        PPC_ERROR(PPC_TEXT("invalid pMsg->count %d"), static_cast<int>(msg->count));
+    if (!HasValidCount(msg, PPC_CALL_SITE)) {
         return PPC_ERR_INVALID_VALUE;
     }
     if (msg->bd.buffer != nullptr) {
@@ -109,8 +126,7 @@ int drvPpcAddMsgBuffer(PpcMsg* msg, void* buf, int len)
 
 int drvPpcGetMsgBuffer(PpcMsg* msg, int index, void** ppBuf, uint32_t* pLen)
 {
-    if (msg == nullptr) {
-        PPC_ERROR(PPC_TEXT("null pMsg"));
+    if (IsNull(msg, PPC_CALL_SITE)) {
         return PPC_ERR_INVALID_VALUE;
     }
     if (ppBuf == nullptr) {

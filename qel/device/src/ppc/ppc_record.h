@@ -156,15 +156,19 @@ private:
 // A descriptor until somebody else owns it.
 class OwnFd {
 public:
-    explicit OwnFd(int fd) : fd_(fd) {}
+    explicit OwnFd(int fd = -1) : fd_(fd) {}
+    OwnFd(OwnFd&& other) noexcept : fd_(other.Release()) {}
+    OwnFd& operator=(OwnFd&& other) noexcept
+    {
+        std::swap(fd_, other.fd_);
+        return *this;
+    }
     ~OwnFd()
     {
         if (fd_ >= 0) {
             close(fd_);
         }
     }
-    OwnFd(const OwnFd&) = delete;
-    OwnFd& operator=(const OwnFd&) = delete;
 
     int Get() const { return fd_; }
     int Release() { return std::exchange(fd_, -1); }

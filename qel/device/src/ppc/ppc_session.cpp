@@ -25,19 +25,31 @@ constexpr int kBacklog = 10;
 constexpr socklen_t kPeerAddressLength = 110;
 constexpr int kExhaustedPauseMs = 10;
 
-// The processes that the daemon starts inherit none of the driver's descriptors.
-void CloseOnExec(int fd)
+// The processes that the daemon starts inherit none of the driver's descriptors. Keeps errno.
+OwnFd CloseOnExec(int fd)
 {
     if (fd >= 0) {
         fcntl(fd, F_SETFD, FD_CLOEXEC);
     }
+    return OwnFd(fd);
 }
 
-int OpenSocket()
+// A socket, and the address of a server.
+struct ServerSocket {
+    OwnFd fd;
+    sockaddr_un addr = {};
+    uint32_t addrLen = 0;
+};
+
+int OpenServerSocket(int serverId, ServerSocket* opened, ppc::CallSite site)
 {
-    const int fd = socket(AF_UNIX, SOCK_STREAM, 0);
-    CloseOnExec(fd);
-    return fd;
+    opened->fd = CloseOnExec(socket(AF_UNIX, SOCK_STREAM, 0));
+    if (opened->fd.Get() < 0) {
+        PPC_ERROR(PPC_TEXT_AT(site, "create ppc socket error: %s(errno: %d)"), strerror(errno), errno);
+        return PPC_ERR_SOCKET_CREATE;
+    }
+    opened->addr.sun_family = AF_UNIX;
+    return drvPpcSetSockPath(&opened->addr, 1, serverId, &opened->addrLen) == PPC_OK ? PPC_OK : PPC_ERR_SOCKET_PATH;
 }
 
 // When descriptors or memory have run out, clients stay queued and accept fails again at once. A short pause keeps the
@@ -50,7 +62,7 @@ void PauseIfExhausted(int error, int listenFd)
     }
 }
 
-int AcceptPeer(int listenFd)
+OwnFd AcceptPeer(int listenFd)
 {
     sockaddr_storage peer;
     int fd;
@@ -58,27 +70,39 @@ int AcceptPeer(int listenFd)
         socklen_t length = kPeerAddressLength;
         fd = accept(listenFd, reinterpret_cast<sockaddr*>(&peer), &length);
     } while (fd == -1 && errno == EINTR);
-    CloseOnExec(fd);
-    return fd;
+    return CloseOnExec(fd);
 }
 
-int ConnectToServer(int fd, const sockaddr_un& addr, socklen_t addrLen)
+int ConnectToServer(const ServerSocket& socket)
 {
     int result;
     do {
-        result = connect(fd, reinterpret_cast<const sockaddr*>(&addr), addrLen);
+        result = connect(socket.fd.Get(), reinterpret_cast<const sockaddr*>(&socket.addr), socket.addrLen);
     } while (result == -1 && errno == EINTR);
     return result;
 }
 
-// Log line of a failed CreateRecord in `function`.
-void LogRecordFailure(int code, const char* mallocText, const char* function, int line)
+void LogRecordFailure(int code, const char* mallocText, ppc::CallSite site)
 {
     if (code == PPC_ERR_NO_MEMORY) {
-        PPC_ERROR("[%s:%d][%s:%d] >>> %s\n\n", ppc::kSourcePath, line, function, line, mallocText);
+        PPC_ERROR(PPC_TEXT_AT(site, "%s"), mallocText);
     } else {
-        PPC_ERROR("[%s:%d][%s:%d] >>> memset_s error: %s.\n", ppc::kSourcePath, line, function, line, strerror(errno));
+        PPC_ERROR(PPC_LINE_AT(site, "memset_s error: %s.", "\n"), strerror(errno));
     }
+}
+
+// Ends a session for its owner, whose reference passes to the caller. Null when it is not open.
+PpcRecord* EndSession(PpcSession* session, ppc::CallSite site)
+{
+    if (session == nullptr) {
+        PPC_ERROR(PPC_TEXT_AT(site, "null session"));
+        return nullptr;
+    }
+    if (!PpcRecord::TakeFromOwner(PpcRecord::Kind::kSession, session)) {
+        PPC_ERROR(PPC_TEXT_AT(site, "session %p is not open"), static_cast<void*>(session));
+        return nullptr;
+    }
+    return PpcRecord::Of(session);
 }
 
 }  // namespace
@@ -89,31 +113,25 @@ int drvPpcServerCreate(int serverId, PpcServerHead** ppServer)
         PPC_ERROR(PPC_TEXT("invalid input, null ptr"));
         return PPC_ERR_INVALID_VALUE;
     }
-    OwnFd fd(OpenSocket());
-    if (fd.Get() < 0) {
-        PPC_ERROR(PPC_TEXT("create ppc socket error: %s(errno: %d)"), strerror(errno), errno);
-        return PPC_ERR_SOCKET_CREATE;
+    ServerSocket socket;
+    int code = OpenServerSocket(serverId, &socket, PPC_CALL_SITE);
+    if (code != PPC_OK) {
+        return code;
     }
-    sockaddr_un addr = {};
-    addr.sun_family = AF_UNIX;
-    uint32_t addrLen = 0;
-    if (drvPpcSetSockPath(&addr, 1, serverId, &addrLen) != PPC_OK) {
-        return PPC_ERR_SOCKET_PATH;
-    }
-    unlink(addr.sun_path);
-    if (bind(fd.Get(), reinterpret_cast<sockaddr*>(&addr), addrLen) != 0) {
+    unlink(socket.addr.sun_path);
+    if (bind(socket.fd.Get(), reinterpret_cast<sockaddr*>(&socket.addr), socket.addrLen) != 0) {
         PPC_ERROR(PPC_TEXT("bind ppc socket error: %s(errno: %d) server_pid %d"), strerror(errno), errno, serverId);
         return PPC_ERR_SOCKET_BIND;
     }
-    if (listen(fd.Get(), kBacklog) != 0) {
+    if (listen(socket.fd.Get(), kBacklog) != 0) {
         PPC_ERROR(PPC_TEXT("listen ppc socket error: %s(errno: %d)"), strerror(errno), errno);
         return PPC_ERR_SOCKET_LISTEN;
     }
-    const int listenFd = fd.Get();
+    const int listenFd = socket.fd.Get();
     PpcServerHead* server = nullptr;
-    const int code = CreateRecord(PpcRecord::Kind::kServer, fd, &server);
+    code = CreateRecord(PpcRecord::Kind::kServer, socket.fd, &server);
     if (code != PPC_OK) {
-        LogRecordFailure(code, "ppc server malloc failed", __func__, __LINE__);
+        LogRecordFailure(code, "ppc server malloc failed", PPC_CALL_SITE);
         return code;
     }
     PPC_INFO(PPC_TEXT("Ppc Server Create %d, pid %d"), listenFd, serverId);
@@ -148,7 +166,7 @@ int drvPpcSessionAccept(PpcServerHead* server, PpcSession** ppSession)
     PpcRecord* record = PpcRecord::Of(server);
     const ppc::PpcHolding holding(record);
     const PpcCall call(record);
-    OwnFd fd(AcceptPeer(call.Fd()));
+    OwnFd fd = AcceptPeer(call.Fd());
     if (fd.Get() < 0) {
         if (call.Fd() == -1 || record->ShownFd() == -1) {
             PPC_WARN(PPC_TEXT("Server socket closed pHead %p"), static_cast<void*>(server));
@@ -163,22 +181,17 @@ int drvPpcSessionAccept(PpcServerHead* server, PpcSession** ppSession)
     PPC_INFO(PPC_TEXT("Ppc Accept Session %d, Server fd %d, pid %d"), fd.Get(), call.Fd(), getpid());
     const int code = CreateRecord(PpcRecord::Kind::kSession, fd, ppSession);
     if (code != PPC_OK) {
-        LogRecordFailure(code, "ppc server session malloc failed", __func__, __LINE__);
+        LogRecordFailure(code, "ppc server session malloc failed", PPC_CALL_SITE);
     }
     return code;
 }
 
 int drvPpcSessionClose(PpcSession* session)
 {
-    if (session == nullptr) {
-        PPC_ERROR(PPC_TEXT("null session"));
+    PpcRecord* record = EndSession(session, PPC_CALL_SITE);
+    if (record == nullptr) {
         return PPC_ERR_INVALID_VALUE;
     }
-    if (!PpcRecord::TakeFromOwner(PpcRecord::Kind::kSession, session)) {
-        PPC_ERROR(PPC_TEXT("session %p is not open"), static_cast<void*>(session));
-        return PPC_ERR_INVALID_VALUE;
-    }
-    PpcRecord* record = PpcRecord::Of(session);
     const ppc::PpcHolding holding(record);
     const int fd = record->ShownFd();
     record->Revoke();
@@ -210,26 +223,20 @@ int drvPpcSessionConnect(int serverId, PpcSession** ppSession)
         PPC_ERROR(PPC_TEXT("invalid input, null ptr"));
         return PPC_ERR_INVALID_VALUE;
     }
-    OwnFd fd(OpenSocket());
-    if (fd.Get() < 0) {
-        PPC_ERROR(PPC_TEXT("create ppc socket error: %s(errno: %d)"), strerror(errno), errno);
-        return PPC_ERR_SOCKET_CREATE;
+    ServerSocket socket;
+    int code = OpenServerSocket(serverId, &socket, PPC_CALL_SITE);
+    if (code != PPC_OK) {
+        return code;
     }
-    sockaddr_un addr = {};
-    addr.sun_family = AF_UNIX;
-    uint32_t addrLen = 0;
-    if (drvPpcSetSockPath(&addr, 1, serverId, &addrLen) != PPC_OK) {
-        return PPC_ERR_SOCKET_PATH;
-    }
-    if (ConnectToServer(fd.Get(), addr, addrLen) != 0) {
+    if (ConnectToServer(socket) != 0) {
         PPC_WARN(PPC_TEXT("connect ppc socket error: %s(errno: %d), server pid %d"), strerror(errno), errno, serverId);
         return PPC_ERR_SOCKET_CONNECT;
     }
-    const int sessionFd = fd.Get();
+    const int sessionFd = socket.fd.Get();
     PpcSession* session = nullptr;
-    const int code = CreateRecord(PpcRecord::Kind::kSession, fd, &session);
+    code = CreateRecord(PpcRecord::Kind::kSession, socket.fd, &session);
     if (code != PPC_OK) {
-        LogRecordFailure(code, "ppc session malloc failed", __func__, __LINE__);
+        LogRecordFailure(code, "ppc session malloc failed", PPC_CALL_SITE);
         return code;
     }
     PPC_INFO(PPC_TEXT("Ppc connect session %d, pid %d"), sessionFd, getpid());
@@ -239,15 +246,10 @@ int drvPpcSessionConnect(int serverId, PpcSession** ppSession)
 
 int drvPpcSessionDestroy(PpcSession* session)
 {
-    if (session == nullptr) {
-        PPC_ERROR(PPC_TEXT("null session"));
+    PpcRecord* record = EndSession(session, PPC_CALL_SITE);
+    if (record == nullptr) {
         return PPC_ERR_INVALID_VALUE;
     }
-    if (!PpcRecord::TakeFromOwner(PpcRecord::Kind::kSession, session)) {
-        PPC_ERROR(PPC_TEXT("session %p is not open"), static_cast<void*>(session));
-        return PPC_ERR_INVALID_VALUE;
-    }
-    PpcRecord* record = PpcRecord::Of(session);
     const ppc::PpcHolding holding(record);
     PPC_INFO(PPC_TEXT("Ppc Destroy session %d, pid %d"), record->ShownFd(), getpid());
     record->Revoke();

@@ -4,7 +4,6 @@
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
-#include <cstdlib>
 
 #include "ppc.h"
 
@@ -70,14 +69,6 @@ struct MsgBlock {
 inline MsgBlock* BlockOf(PpcMsg* msg)
 {
     return reinterpret_cast<MsgBlock*>(reinterpret_cast<char*>(msg) - offsetof(MsgBlock, visible));
-}
-
-inline void FreeOwnedBuffer(PpcMsg* msg)
-{
-    if (BlockOf(msg)->hidden.ownsBuffer != 0) {
-        free(msg->bd.buffer);
-        msg->bd.buffer = nullptr;
-    }
 }
 
 }  // namespace ppc
