@@ -181,11 +181,7 @@ TEST_F(PpcServerRecvTest, HandlerRunsOnTheReceiveThreadOfTheSession)
     Handle(2);
     Create();
     std::vector<std::string> threads;
-    Inbox::OnMessage([&threads](const PPCMessage&) {
-        char name[16] = "";
-        pthread_getname_np(pthread_self(), name, sizeof(name));
-        threads.emplace_back(name);
-    });
+    Inbox::OnMessage([&threads](const PPCMessage&) { threads.emplace_back(OwnThreadName()); });
     const Fd first = Connect();
     const Fd second = Connect();
     Say(second, Report(0, 1, 2));
@@ -449,9 +445,7 @@ TEST_F(PpcServerRecvTest, ReceiveWithTheFlagLoweredEndsAtOnce)
     std::string name;
     std::thread([&] {
         server_.RecvData(session, 5);
-        char own[16] = "";
-        pthread_getname_np(pthread_self(), own, sizeof(own));
-        name = own;
+        name = OwnThreadName();
     }).join();
     EXPECT_EQ(name, "ppc_srv_recv_5");
     EXPECT_THAT(log_.Lines(), IsEmpty());
@@ -633,10 +627,15 @@ TEST_F(PpcServerRecvTest, OneHandlerRunsAtATimeInTheWholeServer)
     const Fd second = Connect();
     EXPECT_TRUE(WriteAll(first, gaktest::PpcFrame(Report(1, 1, 2))));
     ASSERT_TRUE(Inbox::WaitFor(1));
+    // The second message comes as far as the handlers' mutex, which is the next one after the line of its dispatch.
+    std::atomic<bool> secondHasCome{false};
+    gaktest::CountingHook<MutexLock> locks;
+    locks.OnCall([&](uint64_t, pthread_mutex_t*) -> std::optional<int> {
+        secondHasCome = secondHasCome || (OwnThreadName() == "ppc_srv_recv_1" && log_.Count("msg type: 4") == 1);
+        return std::nullopt;
+    });
     EXPECT_TRUE(WriteAll(second, gaktest::PpcFrame(Report(1, 2, 4))));
-    // The second message has come as far as the dispatch, and no further.
-    ASSERT_TRUE(log_.WaitFor("SetPpcSession, deviceId:1, subProcPid:2", 10s));
-    EXPECT_EQ(log_.Count("PPCSerMsgProc msg type: "), 1u);
+    ASSERT_TRUE(gaktest::WaitUntil([&] { return secondHasCome.load(); }, 10s));
     EXPECT_EQ(Inbox::Messages().size(), 1u);
     leave.set_value();
     ASSERT_TRUE(Inbox::WaitFor(2));

@@ -245,11 +245,6 @@ TEST_F(PpcServerTest, ManyThreadsCreateOneServer)
     EXPECT_TRUE(ThreadsBecome("ppc_srv_accept", 1));
 }
 
-struct MutexLock : calls::OfGakppc {
-    static constexpr const char* kSymbol = "pthread_mutex_lock";
-    using Signature = int(pthread_mutex_t*);
-};
-
 TEST_F(PpcServerTest, SecondOfTwoThreadsThatCreateAtOnceIsContentWithTheServerOfTheFirst)
 {
     std::atomic<bool> secondHasCome{false};
@@ -1210,12 +1205,15 @@ TEST_F(PpcServerTest, FinishedThreadsOfAFormerLifeAreNotTakenForLiveOnes)
 TEST_F(PpcServerTest, SecondServerOnTheSameIdTakesOverTheSocket)
 {
     gaktest::ChildProcess second([this] {
-        if (!gaktest::WaitUntil([] { return access(gaktest::SocketPath(kServerId).c_str(), F_OK) == 0; }, 20s)) {
+        Fd witness;  // of the first one, which closes it when this process has taken over
+        const auto dial = [&witness] {
+            witness = Dial();
+            return witness.valid();
+        };
+        if (!gaktest::WaitUntil(dial, 20s)) {
             return 1;
         }
-        const Fd witness = Dial();  // of the first one, which closes it when this process has taken over
-        if (!witness.valid() || server_.CreateServer(kServerId) != kOk ||
-            !WriteAll(witness, gaktest::PpcFrame(Report(1, 1)))) {
+        if (server_.CreateServer(kServerId) != kOk || !WriteAll(witness, gaktest::PpcFrame(Report(1, 1)))) {
             return 2;
         }
         return log_.WaitFor("##### [threadName:", 20s) && server_.Destroy() == kOk ? 0 : 3;

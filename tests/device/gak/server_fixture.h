@@ -120,6 +120,19 @@ private:
     std::function<void(const qel::PPCMessage&)> action_;
 };
 
+// The library's calls only.
+struct MutexLock : calls::OfGakppc {
+    static constexpr const char* kSymbol = "pthread_mutex_lock";
+    using Signature = int(pthread_mutex_t*);
+};
+
+inline std::string OwnThreadName()
+{
+    char name[16] = "";
+    pthread_getname_np(pthread_self(), name, sizeof(name));
+    return name;
+}
+
 // A worker in a process of its own. Make it before the server exists; it connects when it is started.
 class WorkerProcess {
 public:

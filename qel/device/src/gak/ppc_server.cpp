@@ -18,6 +18,7 @@
 #include "at_exit.h"
 #include "gak_limits.h"
 #include "gak_log.h"
+#include "handler_table.h"
 #include "library_thread.h"
 #include "mutex.h"
 #include "no_destructor.h"
@@ -38,8 +39,6 @@ constexpr uint32_t kNoProcessType = PPCMessage::MAXPROCTYPE;
 
 #define GAKPPC_MSG_TYPES \
     "(0:START RSP,1:SHUTDOWN RSP,2:HEARTBEAT,3:NOTIFY_VEXOINFO,4:ABNORMAL,5:SHUTDOWN,6:SOCKET_CLOSE)"
-
-using Handler = void (*)(const PPCMessage&);
 
 // A receive thread that has ended. The system gives thread ids again, so a serial number goes with each: an entry that
 // nobody claimed must never be taken for a younger thread, which the reaper would then wait for.
@@ -66,20 +65,6 @@ using ReceiveThreads = std::map<uint64_t, ReceiveThread>;  // by serial number
 
 // The entry with which this thread will report its end; made before the thread starts, so that reporting cannot fail.
 thread_local std::list<FinishedThread>* ownFinishedEntry = nullptr;
-
-// Set while a handler runs on this thread.
-thread_local bool insideHandler = false;
-
-class InsideHandler {
-public:
-    InsideHandler() : outer_(std::exchange(insideHandler, true)) {}
-    ~InsideHandler() { insideHandler = outer_; }
-    InsideHandler(const InsideHandler&) = delete;
-    InsideHandler& operator=(const InsideHandler&) = delete;
-
-private:
-    const bool outer_;
-};
 
 void NameThisThread(const char* name)
 {
@@ -120,6 +105,19 @@ bool IsAcceptable(const PPCMessage& msg)
     return true;
 }
 
+void LogHandlerFailure(uint32_t type, const std::exception_ptr& failure)
+{
+    try {
+        std::rethrow_exception(failure);
+    } catch (const std::exception& error) {
+        GAK_STATUS_AS("PPCSerMsgProc", kStatusWarning, "[GAKPPCSER] PPCSerMsgProc handler of msg type: %u failed: %s",
+                      type, error.what());
+    } catch (...) {
+        GAK_STATUS_AS("PPCSerMsgProc", kStatusWarning, "[GAKPPCSER] PPCSerMsgProc handler of msg type: %u failed",
+                      type);
+    }
+}
+
 }  // namespace
 
 struct PpcServer::State {
@@ -142,6 +140,7 @@ struct PpcServer::State {
 
     SessionList sessions;
     SessionTable sessionTable;
+    HandlerTable handlers;
 
     Mutex threadListMutex;
     ReceiveThreads receiveThreads GAKPPC_GUARDED_BY(threadListMutex);
@@ -149,9 +148,6 @@ struct PpcServer::State {
 
     Mutex freeThreadMutex;
     std::list<FinishedThread> finishedThreads GAKPPC_GUARDED_BY(freeThreadMutex);
-
-    Mutex handlerMutex;
-    std::map<uint32_t, Handler> handlers GAKPPC_GUARDED_BY(handlerMutex);
 
     bool BelongsToParent() const { return server != nullptr && owner != getpid(); }
 
@@ -168,7 +164,6 @@ struct PpcServer::State {
     void ReportFinished();
 
     ppc::PpcSessionRef GetPpcSession(uint32_t deviceId, uint32_t subProcPid);
-    void ClearTables();
 };
 
 std::atomic<bool> PpcServer::serverRunningFlag_{false};
@@ -204,7 +199,7 @@ uint32_t PpcServer::CreateServer(uint32_t serverId)
     if (serverRunningFlag_) {
         return kStatusOk;
     }
-    if (insideHandler) {
+    if (HandlerTable::IsInsideHandler()) {
         GAK_STATUS(kStatusPpcServerInvalidParam, "[GAKPPCSER] CreateServer() called inside a handler, nothing done");
         return kStatusPpcServerInvalidParam;
     }
@@ -245,7 +240,7 @@ uint32_t PpcServer::Destroy()
     if (state_.server == nullptr || state_.BelongsToParent()) {
         return kStatusOk;
     }
-    if (insideHandler) {
+    if (HandlerTable::IsInsideHandler()) {
         GAK_STATUS(kStatusPpcServerInvalidParam, "[GAKPPCSER] Destroy() called inside a handler, nothing done");
         return kStatusPpcServerInvalidParam;
     }
@@ -269,7 +264,8 @@ uint32_t PpcServer::Destroy()
         GAK_STATUS(kStatusPpcDestroyFail, "[GAKPPCSER] Destory ppc sever failed");
     }
     state_.server = nullptr;
-    state_.ClearTables();
+    state_.handlers.Clear();
+    state_.sessionTable.Clear();
     return kStatusOk;
 }
 
@@ -293,15 +289,6 @@ void PpcServer::State::LowerFlags()
     MutexLock lock(flagMutex);
     serverRunningFlag_ = false;
     serverRecvFlag_ = false;
-}
-
-void PpcServer::State::ClearTables()
-{
-    {
-        MutexLock lock(handlerMutex);
-        handlers.clear();
-    }
-    sessionTable.Clear();
 }
 
 // ---- Accepting ----
@@ -527,40 +514,30 @@ void PpcServer::ReportSocketClosed(uint32_t status, uint32_t lastDevice, uint32_
 void PpcServer::PPCSerMsgProc(const PPCMessage& msg)
 {
     const auto type = static_cast<uint32_t>(msg.type());
-    MutexLock lock(state_.handlerMutex);
     GAK_INFO("[GAKPPCSER] PPCSerMsgProc msg type: %u", type);
-    const auto found = state_.handlers.find(type);
-    if (found == state_.handlers.end()) {
+    const HandlerTable::Outcome outcome = state_.handlers.Dispatch(msg);
+    if (!outcome.found) {
         GAK_INFO("[GAKPPCSER] PPCSerMsgProc msg type:%u" GAKPPC_MSG_TYPES " processFunc not exist", type);
-        return;
     }
-    if (found->second == nullptr) {
-        return;
-    }
-    const InsideHandler inside;
-    try {
-        found->second(msg);
-    } catch (const std::exception& error) {
-        GAK_STATUS(kStatusWarning, "[GAKPPCSER] PPCSerMsgProc handler of msg type: %u failed: %s", type, error.what());
-    } catch (...) {
-        GAK_STATUS(kStatusWarning, "[GAKPPCSER] PPCSerMsgProc handler of msg type: %u failed", type);
+    if (outcome.failure != nullptr) {
+        LogHandlerFailure(type, outcome.failure);
     }
 }
 
 void PpcServer::RegPPCSerMsgProcFunc(uint32_t msgType, void (*handler)(const PPCMessage&))
 {
-    MutexLock lock(state_.handlerMutex);
+    bool isNew = false;
     try {
-        if (!state_.handlers.emplace(msgType, handler).second) {
-            GAK_INFO("[GAKPPCSER] RegPPCSerMsgProcFunc type:%u" GAKPPC_MSG_TYPES " has exist,no need to register",
-                     msgType);
-            return;
-        }
+        isNew = state_.handlers.Register(msgType, handler);
     } catch (const std::bad_alloc&) {
         GAK_STATUS(kStatusMemoryExhausted, "[GAKPPCSER] RegPPCSerMsgProcFunc no memory for type:%u", msgType);
         return;
     }
-    GAK_INFO("[GAKPPCSER] RegPPCSerMsgProcFunc type:%u" GAKPPC_MSG_TYPES " success", msgType);
+    if (isNew) {
+        GAK_INFO("[GAKPPCSER] RegPPCSerMsgProcFunc type:%u" GAKPPC_MSG_TYPES " success", msgType);
+    } else {
+        GAK_INFO("[GAKPPCSER] RegPPCSerMsgProcFunc type:%u" GAKPPC_MSG_TYPES " has exist,no need to register", msgType);
+    }
 }
 
 // ---- Reaping receive threads ----
