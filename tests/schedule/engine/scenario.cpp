@@ -1,0 +1,65 @@
+#include "scenario.h"
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdlib>
+
+#include "scheduler.h"
+
+namespace gaktest {
+
+Scenario* scenarios = nullptr;
+
+void Require(bool condition, const char* otherwise)
+{
+    if (!condition) {
+        self->step.place = PlaceOf(__builtin_return_address(0));
+        Found("%s", otherwise);
+    }
+}
+
+void ExitProcess()
+{
+    ExpectExit();
+    exit(0);
+}
+
+void RunInChild(const std::function<void()>& body)
+{
+    const pid_t child = fork();
+    if (child == 0) {
+        body();
+        _exit(0);
+    }
+    int status = 0;
+    waitpid(child, &status, 0);
+    if (WIFEXITED(status) && WEXITSTATUS(status) != 0) {
+        _exit(WEXITSTATUS(status));  // it has left its finding
+    }
+    Require(WIFEXITED(status), "the forked child was ended by a signal");
+}
+
+int OpenDescriptors()
+{
+    constexpr int kMostDescriptors = 256;
+    int count = 0;
+    for (int fd = 0; fd < kMostDescriptors; ++fd) {
+        count += syscall(SYS_fcntl, fd, F_GETFD) == -1 ? 0 : 1;
+    }
+    return count;
+}
+
+int RunningThreads()
+{
+    int count = 0;
+    for (int id = 0; id < ThreadCount(); ++id) {
+        count += ThreadAt(id).alive ? 1 : 0;
+    }
+    return count;
+}
+
+}  // namespace gaktest

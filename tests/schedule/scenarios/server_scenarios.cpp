@@ -1,0 +1,303 @@
+// The daemon's end: Destroy against everything else, handlers that call back, tables that change under a sender.
+
+#include <atomic>
+#include <mutex>
+#include <thread>
+
+#include "peers.h"
+#include "ppc.h"
+#include "ppc_server.h"
+#include "scenario.h"
+#include "status_table.h"
+
+namespace {
+
+using gaktest::kHeartbeat;
+using gaktest::kShutdown;
+using gaktest::Peer;
+using gaktest::Require;
+using gaktest::WireMessage;
+using qel::PPCMessage;
+using qel::PpcServer;
+
+PpcServer& Server()
+{
+    return PpcServer::GetInstance();
+}
+
+// The protobuf library's own first use is not what is searched here.
+void Prepare()
+{
+    Server();
+    PPCMessage().SerializeAsString();
+}
+
+void StartServer()
+{
+    ppcInit();
+    Require(Server().CreateServer(gaktest::kServerId) == qel::kStatusOk, "the server cannot be created");
+}
+
+WireMessage HeartbeatOf(uint8_t pid)
+{
+    return {kHeartbeat, 0, 0, gaktest::kCompute, pid};
+}
+
+PPCMessage ShutdownFor(uint8_t pid)
+{
+    PPCMessage message;
+    message.set_type(PPCMessage::SHUTDOWN);
+    message.set_proc_type(PPCMessage::COMPUTE);
+    message.set_sub_proc_pid(pid);
+    return message;
+}
+
+// Sends one message and reads until the server ends the connection.
+void WorkerThatIsThrownOut(uint8_t pid)
+{
+    Peer worker;
+    if (worker.Connect() && worker.Send(HeartbeatOf(pid))) {
+        while (worker.Receive().has_value()) {
+        }
+    }
+}
+
+void WorkerThatLeaves(uint8_t pid)
+{
+    Peer worker;
+    if (worker.Connect()) {
+        worker.Send(HeartbeatOf(pid));
+    }
+}
+
+// Nothing of the server is left: this thread alone runs, and no descriptor is open but those there were before.
+void RequireNothingLeft(int descriptorsBefore)
+{
+    Require(!Server().IsPPCServerRunning(), "the server runs after Destroy");
+    Require(gaktest::RunningThreads() == 1, "a thread of the server is left after Destroy");
+    Require(gaktest::OpenDescriptors() == descriptorsBefore, "a descriptor of the server is left after Destroy");
+}
+
+// What handlers do.
+std::atomic<int> calls{0};
+std::mutex daemonMutex;
+
+void Count(const PPCMessage& /*message*/)
+{
+    ++calls;
+}
+
+void Reap(const PPCMessage& /*message*/)
+{
+    Server().JoinAllPPCRcvThreads();
+}
+
+void ReapUnderTheDaemonsMutex(const PPCMessage& /*message*/)
+{
+    const std::lock_guard<std::mutex> lock(daemonMutex);
+    Server().JoinAllPPCRcvThreads();
+}
+
+void TakeTheDaemonsMutex(const PPCMessage& /*message*/)
+{
+    const std::lock_guard<std::mutex> lock(daemonMutex);
+}
+
+void Answer(const PPCMessage& message)
+{
+    Server().SendData(ShutdownFor(static_cast<uint8_t>(message.sub_proc_pid())));
+}
+
+void CloseOwnSession(const PPCMessage& message)
+{
+    Server().CloseSomeSession(Server().GetPpcSession(message.src_id(), message.sub_proc_pid()));
+}
+
+}  // namespace
+
+SCENARIO_WITH(ServerDestroyAgainstAccept, nullptr, Prepare)
+{
+    const int before = gaktest::OpenDescriptors();
+    StartServer();
+    std::thread worker(WorkerThatIsThrownOut, 1);
+    Server().Destroy();
+    worker.join();
+    RequireNothingLeft(before);
+}
+
+SCENARIO_WITH(ServerDestroyAgainstReceive, nullptr, Prepare)
+{
+    const int before = gaktest::OpenDescriptors();
+    Server().RegPPCSerMsgProcFunc(kHeartbeat, Count);
+    StartServer();
+    std::thread first(WorkerThatIsThrownOut, 1);
+    std::thread second(WorkerThatLeaves, 2);
+    second.join();
+    Server().Destroy();
+    const int callsAtEnd = calls;
+    first.join();
+    Require(calls == callsAtEnd, "a handler is called after Destroy");
+    RequireNothingLeft(before);
+}
+
+SCENARIO_WITH(ServerDestroyAgainstSend, nullptr, Prepare)
+{
+    const int before = gaktest::OpenDescriptors();
+    StartServer();
+    std::thread worker(WorkerThatIsThrownOut, 1);
+    std::thread sender([] {
+        const uint32_t status = Server().SendData(ShutdownFor(1));
+        Require(status == qel::kStatusOk || status == qel::kStatusPpcNoSession || status == qel::kStatusPpcSendRecvFail,
+                "SendData returns something else");
+    });
+    Server().Destroy();
+    sender.join();
+    worker.join();
+    RequireNothingLeft(before);
+}
+
+SCENARIO_WITH(ServerDestroyAgainstReaping, nullptr, Prepare)
+{
+    const int before = gaktest::OpenDescriptors();
+    StartServer();
+    std::thread worker(WorkerThatLeaves, 1);
+    worker.join();
+    std::thread reaper([] { Server().JoinAllPPCRcvThreads(); });
+    Server().Destroy();
+    reaper.join();
+    RequireNothingLeft(before);
+}
+
+SCENARIO_WITH(ServerDestroyAgainstCreateServer, nullptr, Prepare)
+{
+    const int before = gaktest::OpenDescriptors();
+    StartServer();
+    std::thread creator([] { Server().CreateServer(gaktest::kServerId); });
+    Server().Destroy();
+    creator.join();
+    if (Server().IsPPCServerRunning()) {
+        Peer worker;
+        Require(worker.Connect(), "the server runs but does not listen");
+    }
+    Server().Destroy();
+    RequireNothingLeft(before);
+}
+
+SCENARIO_WITH(ServerDestroyAgainstDestroy, nullptr, Prepare)
+{
+    StartServer();
+    const auto destroyAndStartOver = [](uint32_t type) {
+        Server().Destroy();
+        Server().RegPPCSerMsgProcFunc(type, Count);
+    };
+    std::thread other(destroyAndStartOver, kHeartbeat);
+    destroyAndStartOver(gaktest::kStartRsp);
+    other.join();
+    PPCMessage message;
+    message.set_type(PPCMessage::HEARTBEAT);
+    Server().PPCSerMsgProc(message);
+    message.set_type(PPCMessage::START_RSP);
+    Server().PPCSerMsgProc(message);
+    Require(calls == 2, "a handler that was registered after Destroy is gone");
+}
+
+SCENARIO_WITH(ServerHandlerReaps, nullptr, Prepare)
+{
+    const int before = gaktest::OpenDescriptors();
+    Server().RegPPCSerMsgProcFunc(PPCMessage::SOCKET_CLOSE, Reap);
+    StartServer();
+    WorkerThatLeaves(1);
+    Server().Destroy();
+    RequireNothingLeft(before);
+}
+
+SCENARIO_WITH(ServerReaperAndHandlersShareAMutex, nullptr, Prepare)
+{
+    const int before = gaktest::OpenDescriptors();
+    Server().RegPPCSerMsgProcFunc(kHeartbeat, TakeTheDaemonsMutex);
+    StartServer();
+    WorkerThatLeaves(1);
+    std::thread reaper([] { ReapUnderTheDaemonsMutex(PPCMessage()); });
+    Server().Destroy();
+    reaper.join();
+    RequireNothingLeft(before);
+}
+
+SCENARIO_WITH(ServerHandlerAnswers, nullptr, Prepare)
+{
+    Server().RegPPCSerMsgProcFunc(kHeartbeat, Answer);
+    StartServer();
+    std::thread other([] {
+        Peer worker;
+        Require(worker.Connect() && worker.Send(HeartbeatOf(2)), "a worker cannot send");
+        const auto answer = worker.Receive();
+        Require(answer.has_value() && answer->type == kShutdown && answer->pid == 2, "a worker gets another's answer");
+    });
+    Peer worker;
+    Require(worker.Connect() && worker.Send(HeartbeatOf(1)), "a worker cannot send");
+    const auto answer = worker.Receive();
+    Require(answer.has_value() && answer->type == kShutdown && answer->pid == 1, "a worker gets another's answer");
+    other.join();
+}
+
+SCENARIO_WITH(ServerHandlerClosesItsOwnSession, nullptr, Prepare)
+{
+    const int before = gaktest::OpenDescriptors();
+    Server().RegPPCSerMsgProcFunc(kHeartbeat, CloseOwnSession);
+    StartServer();
+    {
+        Peer worker;
+        Require(worker.Connect() && worker.Send(HeartbeatOf(1)), "the worker cannot send");
+        Require(worker.ReadsEnd(), "the worker is told something");
+    }
+    Server().Destroy();
+    RequireNothingLeft(before);
+}
+
+// The worker with process id 1 leaves; whoever comes after it, perhaps with its descriptor and its record's memory, is
+// not told what was meant for it.
+SCENARIO_WITH(ServerSendsToNobodyElse, nullptr, Prepare)
+{
+    StartServer();
+    std::thread first(WorkerThatLeaves, 1);
+    std::thread sender([] {
+        for (int message = 0; message < 2; ++message) {
+            Server().SendData(ShutdownFor(1));
+        }
+    });
+    Peer second;
+    Require(second.Connect() && second.Send(HeartbeatOf(2)), "the worker cannot send");
+    first.join();
+    sender.join();
+    Server().Destroy();
+    Require(second.ReadsEnd(), "a worker is told what was meant for another");
+}
+
+// Two sessions of one worker: each message overwrites the entry that the other has made.
+SCENARIO_WITH(ServerTableOverwritesAgainstSends, nullptr, Prepare)
+{
+    const int before = gaktest::OpenDescriptors();
+    StartServer();
+    std::thread first(WorkerThatIsThrownOut, 1);
+    std::thread second(WorkerThatLeaves, 1);
+    for (int message = 0; message < 3; ++message) {
+        Server().SendData(ShutdownFor(1));
+    }
+    Server().Destroy();
+    first.join();
+    second.join();
+    RequireNothingLeft(before);
+}
+
+SCENARIO_WITH(ServerCloseAgainstSendAndReceive, nullptr, Prepare)
+{
+    StartServer();
+    Server().RegPPCSerMsgProcFunc(kHeartbeat, Count);
+    std::thread worker(WorkerThatIsThrownOut, 1);
+    std::thread closer([] { Server().CloseSomeSession(Server().GetPpcSession(0, 1)); });
+    std::thread sender([] { Server().SendData(ShutdownFor(1)); });
+    closer.join();
+    sender.join();
+    Server().Destroy();
+    worker.join();
+}
