@@ -209,14 +209,6 @@ std::string Hex(const Bytes& bytes)
     return text;
 }
 
-void Fd::Reset(int fd)
-{
-    if (fd_ >= 0) {
-        close(fd_);
-    }
-    fd_ = fd;
-}
-
 Fd RawConnect(int serverId)
 {
     Fd socket = NewSocket();

@@ -10,6 +10,7 @@
 #include <utility>
 #include <vector>
 
+#include "common/fd.h"
 #include "deadline.h"
 
 // Peers that speak to the library's sockets with plain system calls and build every byte themselves: nothing here uses
@@ -22,28 +23,7 @@ Bytes ToBytes(const std::string& text);
 // "00 00 00 0A ...", for comparisons whose failures can be read.
 std::string Hex(const Bytes& bytes);
 
-// Owns one descriptor; -1 means none. Not to be copied.
-class Fd {
-public:
-    explicit Fd(int fd = -1) : fd_(fd) {}
-    ~Fd() { Reset(); }
-    Fd(Fd&& other) noexcept : fd_(other.Release()) {}
-    Fd& operator=(Fd&& other) noexcept
-    {
-        Reset(other.Release());
-        return *this;
-    }
-    Fd(const Fd&) = delete;
-    Fd& operator=(const Fd&) = delete;
-
-    int get() const { return fd_; }
-    bool valid() const { return fd_ >= 0; }
-    int Release() { return std::exchange(fd_, -1); }
-    void Reset(int fd = -1);
-
-private:
-    int fd_;
-};
+using tools::Fd;
 
 // "/home/KrovaUser/qel_ppc/" and "/home/KrovaUser/qel_ppc/sock_server_<id>".
 extern const char kSocketDir[];

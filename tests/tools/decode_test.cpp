@@ -10,7 +10,7 @@ std::string HexOf(const Bytes& bytes)
     return Hex(bytes);
 }
 
-TEST(DecodeVerb, HexadecimalMessageIsShown)
+TEST(DecodeTest, HexadecimalMessageIsShown)
 {
     const Outcome outcome = Ctl({"decode"}, HexOf(PpcFrame(FromWorker(2))));
     EXPECT_TRUE(outcome.status.ExitedWith(0)) << outcome.status << outcome.err;
@@ -20,14 +20,14 @@ TEST(DecodeVerb, HexadecimalMessageIsShown)
         << outcome.out;
 }
 
-TEST(DecodeVerb, DashIsStandardInputAndPrefixesAreAccepted)
+TEST(DecodeTest, DashIsStandardInputAndPrefixesAreAccepted)
 {
     const Outcome outcome = Ctl({"decode", "-"}, "0x00000004 0x00000000");
     EXPECT_TRUE(outcome.status.ExitedWith(0));
     EXPECT_NE(outcome.out.find("START_RSP"), std::string::npos);
 }
 
-TEST(DecodeVerb, SeveralFramesAreToldApart)
+TEST(DecodeTest, SeveralFramesAreToldApart)
 {
     const Outcome outcome =
         Ctl({"decode", "--json"}, HexOf(PpcFrame(FromWorker(0))) + " " + HexOf(PpcFrame(FromWorker(2))));
@@ -35,14 +35,14 @@ TEST(DecodeVerb, SeveralFramesAreToldApart)
     EXPECT_TRUE(FitsSchema(outcome.out, "record"));
 }
 
-TEST(DecodeVerb, HexOptionRepeatsTheBytes)
+TEST(DecodeTest, HexOptionRepeatsTheBytes)
 {
     const Outcome outcome = Ctl({"decode", "--hex"}, "00000004 00000000");
     EXPECT_NE(outcome.out.find("\n    0000000400000000\n"), std::string::npos) << outcome.out;
     EXPECT_TRUE(FitsSchema(Ctl({"decode", "--hex", "--json"}, "00000004 00000000").out, "record"));
 }
 
-TEST(DecodeVerb, LibraryNamesAreShown)
+TEST(DecodeTest, LibraryNamesAreShown)
 {
     RawMessage message = FromWorker(3);
     message.lib_names = {{"first", "second"}};
@@ -51,7 +51,7 @@ TEST(DecodeVerb, LibraryNamesAreShown)
     EXPECT_TRUE(FitsSchema(outcome.out, "record"));
 }
 
-TEST(DecodeVerb, UnknownEnumerationValuesStayNumbers)
+TEST(DecodeTest, UnknownEnumerationValuesStayNumbers)
 {
     RawMessage message = FromWorker(77);
     message.proc_type = 9;
@@ -89,14 +89,14 @@ INSTANTIATE_TEST_SUITE_P(
                     Malformed{"00000006 0300 0000 0802", "inner length 3 where 2"},
                     Malformed{"00000006 0200 0000 08FF", "encoding is damaged"}));
 
-TEST(DecodeVerb, OddNumberOfDigitsFails)
+TEST(DecodeTest, OddNumberOfDigitsFails)
 {
     const Outcome outcome = Ctl({"decode"}, "000");
     EXPECT_TRUE(outcome.status.ExitedWith(1));
     EXPECT_EQ(outcome.out, "");
 }
 
-TEST(DecodeVerb, MissingFileFails)
+TEST(DecodeTest, MissingFileFails)
 {
     const Outcome outcome = Ctl({"decode", "/nowhere/trace.cap"});
     EXPECT_TRUE(outcome.status.ExitedWith(1));
@@ -159,7 +159,7 @@ void WriteFile(const std::string& path, const Bytes& bytes)
         .write(reinterpret_cast<const char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
 }
 
-TEST(DecodeVerb, CaptureIsShownAsRecorded)
+TEST(DecodeTest, CaptureIsShownAsRecorded)
 {
     WriteFile("/home/one.cap", CaptureOfOneHeartbeat(1));
     const Outcome outcome = Ctl({"decode", "/home/one.cap"});
@@ -167,7 +167,7 @@ TEST(DecodeVerb, CaptureIsShownAsRecorded)
     EXPECT_EQ(outcome.out.find("1970-01-01T00:00:01.000000Z #7 -> pid 4711 uid 1000 HEARTBEAT {"), 0u) << outcome.out;
 }
 
-TEST(DecodeVerb, CaptureThatWasCutShowsWhatIsWhole)
+TEST(DecodeTest, CaptureThatWasCutShowsWhatIsWhole)
 {
     Bytes file = CaptureOfOneHeartbeat(1);
     file.insert(file.end(), {1, 2, 3});
@@ -177,7 +177,7 @@ TEST(DecodeVerb, CaptureThatWasCutShowsWhatIsWhole)
     EXPECT_EQ(CountOf(outcome.out, "\n"), 1u);
 }
 
-TEST(DecodeVerb, CaptureOfAnotherVersionIsRefused)
+TEST(DecodeTest, CaptureOfAnotherVersionIsRefused)
 {
     WriteFile("/home/new.cap", CaptureOfOneHeartbeat(2));
     const Outcome outcome = Ctl({"decode", "/home/new.cap"});
@@ -185,7 +185,7 @@ TEST(DecodeVerb, CaptureOfAnotherVersionIsRefused)
     EXPECT_NE(outcome.err.find("version 2"), std::string::npos);
 }
 
-TEST(DecodeVerb, DamagedCaptureIsRefused)
+TEST(DecodeTest, DamagedCaptureIsRefused)
 {
     Bytes file = CaptureOfOneHeartbeat(1);
     file[8 + 4 + 12] = 9;  // kind

@@ -4,16 +4,24 @@
 
 #include <vector>
 
-namespace tools {
+namespace gaktest {
 namespace {
+
+using tools::Bytes;
+using tools::FrameOf;
+using tools::FrameStream;
+using tools::kFrameHeaderSize;
+using tools::kMaxStored;
+using tools::StreamItem;
+using tools::StreamItemKind;
 
 class FrameStreamTest : public testing::Test {
 protected:
-    void Pass(const Bytes& bytes) { stream_.Pass(bytes.data(), bytes.size()); }
+    void Feed(const Bytes& bytes) { stream_.Feed(bytes.data(), bytes.size()); }
     size_t NextSegment(const Bytes& bytes) const { return stream_.NextSegment(bytes.data(), bytes.size()); }
 
-    std::vector<Piece> pieces_;
-    FrameStream stream_{[this](Piece&& piece) { pieces_.push_back(std::move(piece)); }};
+    std::vector<StreamItem> items_;
+    FrameStream stream_{[this](StreamItem&& item) { items_.push_back(std::move(item)); }};
 };
 
 TEST_F(FrameStreamTest, IncompleteLengthFieldIsNoSegment)
@@ -32,13 +40,13 @@ TEST_F(FrameStreamTest, SegmentEndsWithItsFrame)
 TEST_F(FrameStreamTest, BeginningOfAFrameIsASegment)
 {
     EXPECT_EQ(NextSegment({0, 0, 0, 9, 1, 2}), 6u);
-    Pass({0, 0, 0, 9, 1, 2});
+    Feed({0, 0, 0, 9, 1, 2});
     EXPECT_EQ(NextSegment({3, 4, 5, 6, 7, 8, 9, 0, 0}), 7u);
 }
 
 TEST_F(FrameStreamTest, RestOfALengthFieldBelongsToItsFrame)
 {
-    Pass({0, 0});
+    Feed({0, 0});
     EXPECT_EQ(NextSegment({0}), 0u);
     EXPECT_EQ(NextSegment({0, 1, 7, 0}), 3u);
 }
@@ -46,58 +54,58 @@ TEST_F(FrameStreamTest, RestOfALengthFieldBelongsToItsFrame)
 TEST_F(FrameStreamTest, PortionsMakeNoDifference)
 {
     for (const uint8_t byte : Bytes{0, 0, 0, 2, 1, 2, 0, 0, 0, 0}) {
-        Pass({byte});
+        Feed({byte});
     }
-    ASSERT_EQ(pieces_.size(), 2u);
-    EXPECT_EQ(pieces_[0].bytes, (Bytes{0, 0, 0, 2, 1, 2}));
-    EXPECT_EQ(pieces_[0].kind, PieceKind::kFrame);
-    EXPECT_EQ(pieces_[1].bytes, (Bytes{0, 0, 0, 0}));
+    ASSERT_EQ(items_.size(), 2u);
+    EXPECT_EQ(items_[0].bytes, (Bytes{0, 0, 0, 2, 1, 2}));
+    EXPECT_EQ(items_[0].kind, StreamItemKind::kFrame);
+    EXPECT_EQ(items_[1].bytes, (Bytes{0, 0, 0, 0}));
 }
 
 TEST_F(FrameStreamTest, NothingIsToldApartAfterALengthAboveTheLimit)
 {
     EXPECT_EQ(NextSegment({0x40, 0, 0, 1, 0, 0, 0, 0}), 8u);
-    Pass({0x40, 0, 0, 1, 0, 0, 0, 0});
-    Pass({0, 0, 0, 0});
-    ASSERT_EQ(pieces_.size(), 2u);
-    EXPECT_EQ(pieces_[0].kind, PieceKind::kFragment);
-    EXPECT_EQ(pieces_[0].wireLength, 8u);
-    EXPECT_EQ(pieces_[1].kind, PieceKind::kFragment);
+    Feed({0x40, 0, 0, 1, 0, 0, 0, 0});
+    Feed({0, 0, 0, 0});
+    ASSERT_EQ(items_.size(), 2u);
+    EXPECT_EQ(items_[0].kind, StreamItemKind::kFragment);
+    EXPECT_EQ(items_[0].wireLength, 8u);
+    EXPECT_EQ(items_[1].kind, StreamItemKind::kFragment);
 }
 
 TEST_F(FrameStreamTest, LongestPayloadIsNoFragment)
 {
-    Pass({0x40, 0, 0, 0});
-    EXPECT_TRUE(pieces_.empty());
+    Feed({0x40, 0, 0, 0});
+    EXPECT_TRUE(items_.empty());
     EXPECT_EQ(NextSegment(Bytes(100)), 100u);
 }
 
 TEST_F(FrameStreamTest, EndLeavesAFragment)
 {
-    Pass({0, 0, 0, 2, 1});
-    stream_.End();
-    ASSERT_EQ(pieces_.size(), 1u);
-    EXPECT_EQ(pieces_[0].kind, PieceKind::kFragment);
-    EXPECT_EQ(pieces_[0].bytes, (Bytes{0, 0, 0, 2, 1}));
+    Feed({0, 0, 0, 2, 1});
+    stream_.Finish();
+    ASSERT_EQ(items_.size(), 1u);
+    EXPECT_EQ(items_[0].kind, StreamItemKind::kFragment);
+    EXPECT_EQ(items_[0].bytes, (Bytes{0, 0, 0, 2, 1}));
 }
 
 TEST_F(FrameStreamTest, EndBetweenFramesLeavesNothing)
 {
-    Pass({0, 0, 0, 1, 1});
-    stream_.End();
-    EXPECT_EQ(pieces_.size(), 1u);
+    Feed({0, 0, 0, 1, 1});
+    stream_.Finish();
+    EXPECT_EQ(items_.size(), 1u);
 }
 
 TEST_F(FrameStreamTest, LongFrameIsKeptInPart)
 {
-    const size_t length = kMaxKept + 10;
-    Pass(FrameOf(Bytes(length)));
-    ASSERT_EQ(pieces_.size(), 1u);
-    EXPECT_EQ(pieces_[0].kind, PieceKind::kFrame);
-    EXPECT_EQ(pieces_[0].wireLength, length + kFrameHeaderSize);
-    EXPECT_EQ(pieces_[0].bytes.size(), kMaxKept);
-    EXPECT_TRUE(pieces_[0].IsCut());
+    const size_t length = kMaxStored + 10;
+    Feed(FrameOf(Bytes(length)));
+    ASSERT_EQ(items_.size(), 1u);
+    EXPECT_EQ(items_[0].kind, StreamItemKind::kFrame);
+    EXPECT_EQ(items_[0].wireLength, length + kFrameHeaderSize);
+    EXPECT_EQ(items_[0].bytes.size(), kMaxStored);
+    EXPECT_TRUE(items_[0].IsTruncated());
 }
 
 }  // namespace
-}  // namespace tools
+}  // namespace gaktest

@@ -94,7 +94,7 @@ TEST(Gakppcd, WrongOrdersAreExplained)
 {
     const auto daemon = StartDaemon();
     daemon->Write("dance\n\nshutdown\nshutdown 0\nshutdown 0 77\nstart-custom 0 78\n");
-    EXPECT_TRUE(daemon->WaitForErr("\"dance\" is no order"));
+    EXPECT_TRUE(daemon->WaitForErr("\"dance\" is no command"));
     EXPECT_TRUE(daemon->WaitForErr("\"shutdown\" needs a device and a process id"));
     EXPECT_TRUE(daemon->WaitForErr("no worker with device 0 and pid 77"));
     EXPECT_TRUE(daemon->WaitForErr("no worker with device 0 and pid 78"));

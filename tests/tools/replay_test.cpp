@@ -29,14 +29,14 @@ void Record(const Fd& listener)
     ASSERT_TRUE(tap.Finish().ExitedWith(0)) << tap.err();
 }
 
-class ReplayVerb : public testing::Test {
+class ReplayTest : public testing::Test {
 protected:
     void SetUp() override { ASSERT_NO_FATAL_FAILURE(Record(listener_)); }
 
     Fd listener_ = RawListen(kServer);
 };
 
-TEST_F(ReplayVerb, SendsWhatTheWorkersSentAgain)
+TEST_F(ReplayTest, SendsWhatTheWorkersSentAgain)
 {
     Tool replay(kGakppctl, {"replay", kCapture, "--json"});
     const Fd first = RawAccept(listener_, kLimit);
@@ -53,7 +53,7 @@ TEST_F(ReplayVerb, SendsWhatTheWorkersSentAgain)
     EXPECT_TRUE(FitsSchema(replay.out(), "replay"));
 }
 
-TEST_F(ReplayVerb, OneConnectionCanBeChosen)
+TEST_F(ReplayTest, OneConnectionCanBeChosen)
 {
     Tool replay(kGakppctl, {"replay", kCapture, "--connection", "2", "--speed", "0", "--wait", "0"});
     const Fd only = RawAccept(listener_, kLimit);
@@ -62,7 +62,7 @@ TEST_F(ReplayVerb, OneConnectionCanBeChosen)
     EXPECT_EQ(replay.out(), "1 connection(s), 1 message(s) sent, 0 received\n");
 }
 
-TEST_F(ReplayVerb, SpeedStretchesThePauses)
+TEST_F(ReplayTest, SpeedStretchesThePauses)
 {
     Tool replay(kGakppctl, {"replay", kCapture, "--connection", "1", "--speed", "0.25"});
     const Fd only = RawAccept(listener_, kLimit);
@@ -71,13 +71,13 @@ TEST_F(ReplayVerb, SpeedStretchesThePauses)
     EXPECT_EQ(ReadPpcFrame(only, kLimit), FromWorker(2, 0));
 }
 
-TEST_F(ReplayVerb, NoDaemonIsTold)
+TEST_F(ReplayTest, NoDaemonIsTold)
 {
     listener_.Reset();
     EXPECT_TRUE(Ctl({"replay", kCapture, "--timeout", "1"}).status.ExitedWith(3));
 }
 
-TEST(ReplayVerbAlone, WhatIsNoCaptureIsRefused)
+TEST(ReplayStandaloneTest, WhatIsNoCaptureIsRefused)
 {
     const Outcome outcome = Ctl({"replay", "/proc/version"});
     EXPECT_TRUE(outcome.status.ExitedWith(1));

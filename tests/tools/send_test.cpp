@@ -12,7 +12,7 @@ std::vector<std::string> Send(std::vector<std::string> arguments)
 }
 
 // A daemon of the test, and the tool that talks to it.
-class SendVerb : public testing::Test {
+class SendTest : public testing::Test {
 protected:
     Fd Start(const std::vector<std::string>& arguments)
     {
@@ -31,7 +31,7 @@ protected:
     std::unique_ptr<Tool> tool_;
 };
 
-TEST_F(SendVerb, MessageHasItsOptionsInIt)
+TEST_F(SendTest, MessageHasItsOptionsInIt)
 {
     RawMessage message;
     message.type = 3;
@@ -50,14 +50,14 @@ TEST_F(SendVerb, MessageHasItsOptionsInIt)
     EXPECT_NE(tool_->out().find("NOTIFY_VEXOINFO"), std::string::npos) << tool_->out();
 }
 
-TEST_F(SendVerb, WithoutOptionsItIsAComputeWorkerOfDeviceZero)
+TEST_F(SendTest, WithoutOptionsItIsAComputeWorkerOfDeviceZero)
 {
     const Fd worker = Start({"HEARTBEAT"});
     const RawMessage expected = FromWorker(2, 0, static_cast<uint32_t>(tool_->pid()));
     EXPECT_EQ(ReadPpcFrame(worker, kLimit), expected);
 }
 
-TEST_F(SendVerb, NumbersOutsideTheSchemaAreSent)
+TEST_F(SendTest, NumbersOutsideTheSchemaAreSent)
 {
     RawMessage message = FromWorker(77, 9, 1);
     message.proc_type = 12;
@@ -65,7 +65,7 @@ TEST_F(SendVerb, NumbersOutsideTheSchemaAreSent)
     EXPECT_EQ(Hex(SentBy({"77", "--device", "9", "--type", "12", "--pid", "1"}, frame.size())), Hex(frame));
 }
 
-TEST_F(SendVerb, MessageInJsonIsSent)
+TEST_F(SendTest, MessageInJsonIsSent)
 {
     RawMessage message;
     message.type = 4;
@@ -74,19 +74,19 @@ TEST_F(SendVerb, MessageInJsonIsSent)
     EXPECT_EQ(Hex(SentBy({"--message", "{\"type\":\"ABNORMAL\",\"src_id\":1}"}, frame.size())), Hex(frame));
 }
 
-TEST_F(SendVerb, RawBytesGetNoFrame)
+TEST_F(SendTest, RawBytesGetNoFrame)
 {
     EXPECT_EQ(Hex(SentBy({"--raw", "0000 0A"}, 3)), "00 00 0A");
     EXPECT_TRUE(tool_->Finish().ExitedWith(0));
     EXPECT_NE(tool_->out().find("MALFORMED (length field of 3 byte(s))"), std::string::npos) << tool_->out();
 }
 
-TEST_F(SendVerb, PayloadGetsAFrame)
+TEST_F(SendTest, PayloadGetsAFrame)
 {
     EXPECT_EQ(Hex(SentBy({"--payload", "010203"}, 7)), "00 00 00 03 01 02 03");
 }
 
-TEST_F(SendVerb, CountAndIntervalRepeat)
+TEST_F(SendTest, CountAndIntervalRepeat)
 {
     const auto begin = std::chrono::steady_clock::now();
     const Bytes frame = PpcFrame(FromWorker(2, 0, 5));
@@ -95,7 +95,7 @@ TEST_F(SendVerb, CountAndIntervalRepeat)
     EXPECT_GE(std::chrono::steady_clock::now() - begin, std::chrono::milliseconds(200));
 }
 
-TEST_F(SendVerb, WaitShowsWhatComes)
+TEST_F(SendTest, WaitShowsWhatComes)
 {
     const Fd worker = Start({"HEARTBEAT", "--wait", "20", "--json", "--hex"});
     ASSERT_TRUE(ReadPpcFrame(worker, kLimit).has_value());
@@ -105,7 +105,7 @@ TEST_F(SendVerb, WaitShowsWhatComes)
     EXPECT_TRUE(FitsSchema(tool_->out(), "record"));
 }
 
-TEST_F(SendVerb, ExpectedMessageEndsTheWait)
+TEST_F(SendTest, ExpectedMessageEndsTheWait)
 {
     const Fd worker = Start({"START_RSP", "--expect", "SHUTDOWN"});
     ASSERT_TRUE(WriteAll(worker, PpcFrame(FromWorker(0))));
@@ -113,34 +113,34 @@ TEST_F(SendVerb, ExpectedMessageEndsTheWait)
     EXPECT_TRUE(tool_->Finish().ExitedWith(0)) << tool_->err();
 }
 
-TEST_F(SendVerb, MissingExpectedMessageIsATimeLimit)
+TEST_F(SendTest, MissingExpectedMessageIsATimeLimit)
 {
     const Fd worker = Start({"START_RSP", "--expect", "SHUTDOWN", "--timeout", "0.1"});
     EXPECT_TRUE(tool_->Finish().ExitedWith(124)) << tool_->err();
 }
 
-TEST_F(SendVerb, DaemonThatClosesBeforeTheExpectedMessageIsAFailure)
+TEST_F(SendTest, DaemonThatClosesBeforeTheExpectedMessageIsAFailure)
 {
     Fd worker = Start({"START_RSP", "--expect", "SHUTDOWN"});
     worker.Reset();
     EXPECT_TRUE(tool_->Finish().ExitedWith(1)) << tool_->err();
 }
 
-TEST_F(SendVerb, DaemonsPlaceIsNotTakenToReachAWorker)
+TEST_F(SendTest, RefusesToReplaceADaemonToReachAWorker)
 {
     const Outcome outcome = Ctl({"send", "SHUTDOWN", "--to-worker"});
     EXPECT_TRUE(outcome.status.ExitedWith(1)) << outcome.status;
     EXPECT_NE(outcome.err.find("a daemon runs"), std::string::npos) << outcome.err;
 }
 
-TEST(SendVerbAlone, NoDaemonIsTold)
+TEST(SendStandaloneTest, NoDaemonIsTold)
 {
     EXPECT_TRUE(Ctl({"send", "HEARTBEAT"}).status.ExitedWith(3));
     RawListen(kServer);  // leaves a stale socket
     EXPECT_TRUE(Ctl({"send", "HEARTBEAT"}).status.ExitedWith(3));
 }
 
-TEST(SendVerbAlone, WorkerIsReachedInTheDaemonsStead)
+TEST(SendStandaloneTest, WorkerIsReachedInTheDaemonsStead)
 {
     Tool tool(kGakppctl,
               Send({"SHUTDOWN", "--to-worker", "--device", "2", "--expect", "SHUTDOWN_RSP", "--timeout", "20"}));
@@ -164,12 +164,12 @@ TEST(SendVerbAlone, WorkerIsReachedInTheDaemonsStead)
     EXPECT_EQ(access(SocketPath(kServer).c_str(), F_OK), -1) << "the stand-in left its socket";
 }
 
-TEST(SendVerbAlone, WorkerThatDoesNotComeIsATimeLimit)
+TEST(SendStandaloneTest, WorkerThatDoesNotComeIsATimeLimit)
 {
     EXPECT_TRUE(Ctl({"send", "SHUTDOWN", "--to-worker", "--timeout", "0.1"}).status.ExitedWith(124));
 }
 
-TEST(SendVerbAlone, WrongArgumentsAreWrongUsage)
+TEST(SendStandaloneTest, WrongArgumentsAreWrongUsage)
 {
     for (const std::vector<std::string>& arguments :
          std::vector<std::vector<std::string>>{{},

@@ -6,7 +6,7 @@ namespace {
 constexpr char kNoSession[] =
     "0x1093036 (17379382) system 0x01 module 0x09 level ERROR number 0x036 \"PPC session is not existed\"\n";
 
-TEST(StatusVerb, NumberGivesFieldsAndText)
+TEST(StatusTest, NumberGivesFieldsAndText)
 {
     const Outcome outcome = Ctl({"status", "0x1093036"});
     EXPECT_TRUE(outcome.status.ExitedWith(0)) << outcome.status;
@@ -14,22 +14,22 @@ TEST(StatusVerb, NumberGivesFieldsAndText)
     EXPECT_EQ(outcome.err, "");
 }
 
-TEST(StatusVerb, DecimalNumberOfALogLineIsUnderstood)
+TEST(StatusTest, DecimalNumberOfALogLineIsUnderstood)
 {
     EXPECT_EQ(Ctl({"status", "17379382"}).out, kNoSession);
 }
 
-TEST(StatusVerb, HexadecimalNumberNeedsNoPrefix)
+TEST(StatusTest, HexadecimalNumberNeedsNoPrefix)
 {
     EXPECT_EQ(Ctl({"status", "1093036"}).out, kNoSession);
 }
 
-TEST(StatusVerb, TextGivesItsNumber)
+TEST(StatusTest, TextGivesItsNumber)
 {
     EXPECT_EQ(Ctl({"status", "ppc session IS not existed"}).out, kNoSession);
 }
 
-TEST(StatusVerb, TextOfTwoNumbersGivesBoth)
+TEST(StatusTest, TextOfTwoNumbersGivesBoth)
 {
     const Outcome outcome = Ctl({"status", "memory copy failed"});
     EXPECT_EQ(CountOf(outcome.out, "\n"), 2u);
@@ -37,27 +37,27 @@ TEST(StatusVerb, TextOfTwoNumbersGivesBoth)
     EXPECT_NE(outcome.out.find("0x11730f0"), std::string::npos);
 }
 
-TEST(StatusVerb, PartOfATextFindsAllThatContainIt)
+TEST(StatusTest, PartOfATextFindsAllThatContainIt)
 {
     const Outcome outcome = Ctl({"status", "PPC m"});
     EXPECT_EQ(CountOf(outcome.out, "\n"), CountOf(outcome.out, "\"PPC m"));
     EXPECT_GE(CountOf(outcome.out, "\n"), 6u);
 }
 
-TEST(StatusVerb, ListHasTheWholeTable)
+TEST(StatusTest, ListHasTheWholeTable)
 {
     const Outcome outcome = Ctl({"status", "--list"});
     EXPECT_TRUE(outcome.status.ExitedWith(0));
     EXPECT_EQ(CountOf(outcome.out, "\n"), 251u);
 }
 
-TEST(StatusVerb, JsonFitsItsSchema)
+TEST(StatusTest, JsonFitsItsSchema)
 {
     EXPECT_TRUE(FitsSchema(Ctl({"status", "--list", "--json"}).out, "status"));
     EXPECT_TRUE(FitsSchema(Ctl({"status", "0xdead", "--json"}).out, "status"));
 }
 
-TEST(StatusVerb, UnknownNumberIsTakenApartAndFails)
+TEST(StatusTest, UnknownNumberIsTakenApartAndFails)
 {
     const Outcome outcome = Ctl({"status", "0x1094fff"});
     EXPECT_TRUE(outcome.status.ExitedWith(1)) << outcome.status;
@@ -65,7 +65,7 @@ TEST(StatusVerb, UnknownNumberIsTakenApartAndFails)
         << outcome.out;
 }
 
-TEST(StatusVerb, UnknownTextFails)
+TEST(StatusTest, UnknownTextFails)
 {
     const Outcome outcome = Ctl({"status", "no such text"});
     EXPECT_TRUE(outcome.status.ExitedWith(1));
@@ -73,7 +73,7 @@ TEST(StatusVerb, UnknownTextFails)
     EXPECT_NE(outcome.err.find("no such text"), std::string::npos);
 }
 
-TEST(StatusVerb, NeedsAQueryOrTheListButNotBoth)
+TEST(StatusTest, NeedsAQueryOrTheListButNotBoth)
 {
     EXPECT_TRUE(Ctl({"status"}).status.ExitedWith(2));
     EXPECT_TRUE(Ctl({"status", "--list", "0x1093036"}).status.ExitedWith(2));

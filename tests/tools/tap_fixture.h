@@ -13,7 +13,7 @@
 namespace gaktest {
 
 inline const std::string kSock = "/home/KrovaUser/qel_ppc/sock_server_19280";
-inline const std::string kAside = kSock + ".tap";
+inline const std::string kSavedSock = kSock + ".tap";
 
 inline struct stat FileAt(const std::string& path)
 {
@@ -23,7 +23,7 @@ inline struct stat FileAt(const std::string& path)
 }
 
 // A daemon of the test, a tap in front of it, and workers that find the tap.
-class TapVerb : public testing::Test {
+class TapTest : public testing::Test {
 protected:
     void Start(std::vector<std::string> arguments = {})
     {
@@ -49,9 +49,9 @@ protected:
         daemon_.Reset();
     }
 
-    bool PlaceIsGivenBack() const
+    bool SocketIsRestored() const
     {
-        return FileAt(kSock).st_ino == daemonFile_.st_ino && access(kAside.c_str(), F_OK) == -1;
+        return FileAt(kSock).st_ino == daemonFile_.st_ino && access(kSavedSock.c_str(), F_OK) == -1;
     }
 
     Fd listener_ = RawListen(kServer);

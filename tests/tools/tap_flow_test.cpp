@@ -14,7 +14,7 @@
 namespace gaktest {
 namespace {
 
-using TapFlow = TapVerb;
+using TapFlow = TapTest;
 
 struct Odd {
     Bytes bytes;
@@ -24,7 +24,7 @@ void PrintTo(const Odd& odd, std::ostream* out)
 {
     *out << Hex(odd.bytes);
 }
-class TapMalformed : public TapVerb, public testing::WithParamInterface<Odd> {};
+class TapMalformed : public TapTest, public testing::WithParamInterface<Odd> {};
 
 TEST_P(TapMalformed, IsPassedOnAsItIsAndShown)
 {
@@ -188,7 +188,7 @@ TEST_F(TapFlow, NoMessageIsLostWhileItComesAndGoes)
     EXPECT_GE(daemon.Messages(), size_t{kConnections} * kEach);
     EXPECT_TRUE(daemon.InOrder());
     EXPECT_GE(taps, 2);
-    EXPECT_EQ(access(kAside.c_str(), F_OK), -1);
+    EXPECT_EQ(access(kSavedSock.c_str(), F_OK), -1);
     std::cout << daemon.Messages() << " messages, " << taps << " taps\n";
 }
 

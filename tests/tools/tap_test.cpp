@@ -7,7 +7,7 @@
 namespace gaktest {
 namespace {
 
-TEST_F(TapVerb, ShowsBothDirectionsWithTheRealProcessBesideTheClaimedOne)
+TEST_F(TapTest, ShowsBothDirectionsWithTheRealProcessBesideTheClaimedOne)
 {
     ASSERT_NO_FATAL_FAILURE(Start());
     ASSERT_NO_FATAL_FAILURE(Connect());
@@ -21,7 +21,7 @@ TEST_F(TapVerb, ShowsBothDirectionsWithTheRealProcessBesideTheClaimedOne)
     EXPECT_TRUE(tap_->WaitForOut("#1 <- " + self + "SHUTDOWN {"));
 }
 
-TEST_F(TapVerb, JsonFitsItsSchema)
+TEST_F(TapTest, JsonFitsItsSchema)
 {
     ASSERT_NO_FATAL_FAILURE(Start({"--json", "--hex"}));
     ASSERT_NO_FATAL_FAILURE(Connect());
@@ -34,7 +34,7 @@ TEST_F(TapVerb, JsonFitsItsSchema)
     EXPECT_TRUE(FitsSchema(tap_->out(), "record"));
 }
 
-TEST_F(TapVerb, SocketKeepsItsModeAndOwner)
+TEST_F(TapTest, SocketKeepsItsModeAndOwner)
 {
     const uid_t uid = MapsOtherUsers() ? 1234 : 0;
     const gid_t gid = MapsOtherUsers() ? 4321 : 0;
@@ -46,21 +46,21 @@ TEST_F(TapVerb, SocketKeepsItsModeAndOwner)
     EXPECT_EQ(FileAt(kSock).st_gid, gid);
 }
 
-class TapSignal : public TapVerb, public testing::WithParamInterface<int> {};
+class TapSignal : public TapTest, public testing::WithParamInterface<int> {};
 
-TEST_P(TapSignal, GivesThePlaceBack)
+TEST_P(TapSignal, RestoresTheSocket)
 {
     ASSERT_NO_FATAL_FAILURE(Start());
     tap_->Kill(GetParam());
     EXPECT_TRUE(tap_->Finish().ExitedWith(0)) << tap_->err();
-    EXPECT_TRUE(PlaceIsGivenBack());
+    EXPECT_TRUE(SocketIsRestored());
     const Fd worker = RawConnect(kServer);
     EXPECT_TRUE(RawAccept(listener_, kLimit).valid());
 }
 
 INSTANTIATE_TEST_SUITE_P(Signals, TapSignal, testing::Values(SIGINT, SIGTERM, SIGHUP));
 
-TEST_F(TapVerb, CountEndsIt)
+TEST_F(TapTest, CountEndsIt)
 {
     ASSERT_NO_FATAL_FAILURE(Start({"--count", "2"}));
     ASSERT_NO_FATAL_FAILURE(Connect());
@@ -68,32 +68,32 @@ TEST_F(TapVerb, CountEndsIt)
         ASSERT_TRUE(WriteAll(worker_, PpcFrame(FromWorker(2))));
         EXPECT_EQ(ReadPpcFrame(daemon_, kLimit), FromWorker(2));
     }
-    EXPECT_TRUE(WaitUntil([this] { return PlaceIsGivenBack(); }, kLimit));
+    EXPECT_TRUE(WaitUntil([this] { return SocketIsRestored(); }, kLimit));
     Disconnect();
     EXPECT_TRUE(tap_->Finish().ExitedWith(0)) << tap_->err();
     EXPECT_EQ(CountOf(tap_->out(), "\"type\":\"HEARTBEAT\""), 2u) << tap_->out();
 }
 
-TEST_F(TapVerb, TimeEndsIt)
+TEST_F(TapTest, TimeEndsIt)
 {
     ASSERT_NO_FATAL_FAILURE(Start({"--for", "0.1"}));
     EXPECT_TRUE(tap_->Finish().ExitedWith(0));
-    EXPECT_TRUE(PlaceIsGivenBack());
+    EXPECT_TRUE(SocketIsRestored());
 }
 
-TEST_F(TapVerb, ReaderThatLeavesEndsIt)
+TEST_F(TapTest, ReaderThatLeavesEndsIt)
 {
     ASSERT_NO_FATAL_FAILURE(Start());
     tap_->CloseOutput();
     ASSERT_NO_FATAL_FAILURE(Connect());
     ASSERT_TRUE(WriteAll(worker_, PpcFrame(FromWorker(2))));
     EXPECT_EQ(ReadPpcFrame(daemon_, kLimit), FromWorker(2));
-    EXPECT_TRUE(WaitUntil([this] { return PlaceIsGivenBack(); }, kLimit));
+    EXPECT_TRUE(WaitUntil([this] { return SocketIsRestored(); }, kLimit));
     Disconnect();
     EXPECT_TRUE(tap_->Finish().ExitedWith(1));
 }
 
-TEST_F(TapVerb, ReaderThatPausesHoldsNobodyUp)
+TEST_F(TapTest, ReaderThatPausesHoldsNobodyUp)
 {
     ASSERT_NO_FATAL_FAILURE(Start());
     ASSERT_NO_FATAL_FAILURE(Connect());
@@ -103,23 +103,23 @@ TEST_F(TapVerb, ReaderThatPausesHoldsNobodyUp)
         ASSERT_TRUE(ReadPpcFrame(daemon_, kLimit).has_value()) << i;
     }
     tap_->Kill(SIGINT);
-    EXPECT_TRUE(WaitUntil([this] { return PlaceIsGivenBack(); }, kLimit));
+    EXPECT_TRUE(WaitUntil([this] { return SocketIsRestored(); }, kLimit));
 }
 
-TEST_F(TapVerb, OpenConnectionsFlowOnAfterItHasStopped)
+TEST_F(TapTest, OpenConnectionsFlowOnAfterItHasStopped)
 {
     ASSERT_NO_FATAL_FAILURE(Start());
     ASSERT_NO_FATAL_FAILURE(Connect());
     tap_->Kill(SIGINT);
     ASSERT_TRUE(tap_->WaitForErr("1 open connection(s) still lead through the tap"));
-    EXPECT_TRUE(PlaceIsGivenBack());
+    EXPECT_TRUE(SocketIsRestored());
     ASSERT_TRUE(WriteAll(worker_, PpcFrame(FromWorker(2))));
     EXPECT_EQ(ReadPpcFrame(daemon_, kLimit), FromWorker(2));
     Disconnect();
     EXPECT_TRUE(tap_->Finish().ExitedWith(0)) << tap_->err();
 }
 
-TEST_F(TapVerb, SecondSignalCutsThem)
+TEST_F(TapTest, SecondSignalCutsThem)
 {
     ASSERT_NO_FATAL_FAILURE(Start());
     ASSERT_NO_FATAL_FAILURE(Connect());
@@ -131,7 +131,7 @@ TEST_F(TapVerb, SecondSignalCutsThem)
     EXPECT_TRUE(ExpectEof(daemon_, kLimit));
 }
 
-TEST_F(TapVerb, LingerLimitsTheWait)
+TEST_F(TapTest, LingerLimitsTheWait)
 {
     ASSERT_NO_FATAL_FAILURE(Start({"--linger", "0.1"}));
     ASSERT_NO_FATAL_FAILURE(Connect());
@@ -140,17 +140,17 @@ TEST_F(TapVerb, LingerLimitsTheWait)
     EXPECT_TRUE(ExpectEof(worker_, kLimit));
 }
 
-TEST_F(TapVerb, DaemonThatStartsAnewKeepsItsPlace)
+TEST_F(TapTest, SocketOfARestartedDaemonStays)
 {
     ASSERT_NO_FATAL_FAILURE(Start());
     const Fd next = RawListen(kServer);
     const ino_t inode = FileAt(kSock).st_ino;
     EXPECT_TRUE(tap_->Finish().ExitedWith(1));
     EXPECT_EQ(FileAt(kSock).st_ino, inode);
-    EXPECT_EQ(access(kAside.c_str(), F_OK), -1);
+    EXPECT_EQ(access(kSavedSock.c_str(), F_OK), -1);
 }
 
-TEST_F(TapVerb, SecondTapIsRefused)
+TEST_F(TapTest, SecondTapIsRefused)
 {
     ASSERT_NO_FATAL_FAILURE(Start());
     const Outcome second = Ctl({"tap"});
@@ -158,18 +158,18 @@ TEST_F(TapVerb, SecondTapIsRefused)
     EXPECT_NE(second.err.find("another tap runs"), std::string::npos);
 }
 
-TEST(TapVerbAlone, NoDaemonIsTold)
+TEST(TapStandaloneTest, NoDaemonIsTold)
 {
     EXPECT_TRUE(Ctl({"tap"}).status.ExitedWith(3));
 }
 
-TEST_F(TapVerb, FileThatCannotBeWrittenIsTold)
+TEST_F(TapTest, FileThatCannotBeWrittenIsTold)
 {
     EXPECT_TRUE(Ctl({"tap", "--write", "/nowhere/trace.cap"}).status.ExitedWith(1));
-    EXPECT_EQ(access(kAside.c_str(), F_OK), -1);
+    EXPECT_EQ(access(kSavedSock.c_str(), F_OK), -1);
 }
 
-TEST_F(TapVerb, CaptureIsDecodedToTheSameLines)
+TEST_F(TapTest, CaptureIsDecodedToTheSameLines)
 {
     ASSERT_NO_FATAL_FAILURE(Start({"--write", "/home/trace.cap"}));
     ASSERT_NO_FATAL_FAILURE(Connect());

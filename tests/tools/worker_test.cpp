@@ -7,7 +7,7 @@ namespace gaktest {
 namespace {
 
 // A daemon of the test, and workers that connect to it.
-class WorkerVerb : public testing::Test {
+class WorkerTest : public testing::Test {
 protected:
     Fd Start(std::vector<std::string> arguments)
     {
@@ -37,7 +37,7 @@ protected:
     std::unique_ptr<Tool> tool_;
 };
 
-TEST_F(WorkerVerb, ReportsItsStartAndEndsOnShutdown)
+TEST_F(WorkerTest, ReportsItsStartAndEndsOnShutdown)
 {
     const Fd worker = Start({"--device", "2", "--type", "ZOLT", "--heartbeat", "0"});
     EXPECT_EQ(ReadPpcFrame(worker, kLimit), Expected(0, 2, 0));
@@ -49,7 +49,7 @@ TEST_F(WorkerVerb, ReportsItsStartAndEndsOnShutdown)
               std::string::npos);
 }
 
-TEST_F(WorkerVerb, SendsHeartbeats)
+TEST_F(WorkerTest, SendsHeartbeats)
 {
     const Fd worker = Start({"--heartbeat", "0.02"});
     EXPECT_EQ(ReadPpcFrame(worker, kLimit), Expected(0, 0, 1));
@@ -58,7 +58,7 @@ TEST_F(WorkerVerb, SendsHeartbeats)
     }
 }
 
-TEST_F(WorkerVerb, AsksForTheCustomProcessWithItsLibraries)
+TEST_F(WorkerTest, AsksForTheCustomProcessWithItsLibraries)
 {
     const Fd worker = Start({"--libs", "liba.so,libb.so", "--host-pid", "99", "--heartbeat", "0", "--json"});
     EXPECT_EQ(ReadPpcFrame(worker, kLimit), Expected(0, 0, 1));
@@ -72,7 +72,7 @@ TEST_F(WorkerVerb, AsksForTheCustomProcessWithItsLibraries)
     EXPECT_TRUE(FitsSchema(tool_->out(), "worker"));
 }
 
-TEST_F(WorkerVerb, CrashesWithoutNotice)
+TEST_F(WorkerTest, CrashesWithoutNotice)
 {
     const Fd worker = Start({"--crash-after", "0.05", "--heartbeat", "0"});
     EXPECT_EQ(ReadPpcFrame(worker, kLimit), Expected(0, 0, 1));
@@ -80,7 +80,7 @@ TEST_F(WorkerVerb, CrashesWithoutNotice)
     EXPECT_TRUE(tool_->Finish().KilledBy(SIGKILL));
 }
 
-TEST_F(WorkerVerb, ReportsAnAbnormalEnd)
+TEST_F(WorkerTest, ReportsAnAbnormalEnd)
 {
     const Fd worker = Start({"--abnormal-after", "0.05", "--heartbeat", "0", "--json"});
     EXPECT_EQ(ReadPpcFrame(worker, kLimit), Expected(0, 0, 1));
@@ -89,13 +89,13 @@ TEST_F(WorkerVerb, ReportsAnAbnormalEnd)
     EXPECT_TRUE(FitsSchema(tool_->out(), "worker"));
 }
 
-TEST_F(WorkerVerb, LeavesAtItsTimeLimit)
+TEST_F(WorkerTest, LeavesAtItsTimeLimit)
 {
     const Fd worker = Start({"--timeout", "0.05"});
     EXPECT_TRUE(tool_->Finish().ExitedWith(124));
 }
 
-TEST_F(WorkerVerb, LostConnectionIsAFailure)
+TEST_F(WorkerTest, LostConnectionIsAFailure)
 {
     Fd worker = Start({});
     ASSERT_TRUE(ReadPpcFrame(worker, kLimit).has_value());
@@ -104,7 +104,7 @@ TEST_F(WorkerVerb, LostConnectionIsAFailure)
     EXPECT_NE(tool_->out().find(" LOST\n"), std::string::npos);
 }
 
-TEST_F(WorkerVerb, CountStartsSoManyProcesses)
+TEST_F(WorkerTest, CountStartsSoManyProcesses)
 {
     std::vector<Fd> workers;
     workers.push_back(Start({"--count", "3", "--heartbeat", "0"}));
@@ -121,12 +121,12 @@ TEST_F(WorkerVerb, CountStartsSoManyProcesses)
     EXPECT_TRUE(tool_->Finish().ExitedWith(0)) << tool_->err();
 }
 
-TEST(WorkerVerbAlone, NoDaemonIsTold)
+TEST(WorkerStandaloneTest, NoDaemonIsTold)
 {
     EXPECT_TRUE(Ctl({"worker"}).status.ExitedWith(3));
 }
 
-TEST(WorkerVerbAlone, WrongArgumentsAreWrongUsage)
+TEST(WorkerStandaloneTest, WrongArgumentsAreWrongUsage)
 {
     EXPECT_TRUE(Ctl({"worker", "--device", "4"}).status.ExitedWith(2));
     EXPECT_TRUE(Ctl({"worker", "--type", "OTHER"}).status.ExitedWith(2));

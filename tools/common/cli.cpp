@@ -25,22 +25,22 @@ int ExitOfParse(const CLI::App& app, const CLI::ParseError& error)
     return code == 0 ? kExitOk : kExitUsage;
 }
 
-int RunVerb(const Verb& verb)
+int RunSubcommand(const Subcommand& subcommand)
 {
     try {
-        return verb.run();
-    } catch (const Failure& failure) {
-        Complain(failure.what());
-        return failure.code();
+        return subcommand.run();
+    } catch (const ExitError& error) {
+        PrintError(error.what());
+        return error.code();
     } catch (const std::exception& error) {
-        Complain(error.what());
+        PrintError(error.what());
         return kExitFailed;
     }
 }
 
 }  // namespace
 
-void SetManners(CLI::App& app, const std::string& examples)
+void AddStandardOptions(CLI::App& app, const std::string& examples)
 {
     const CLI::App& program = app.get_parent() != nullptr ? *app.get_parent() : app;
     app.set_version_flag("--version", fmt::format("{} (libgakppc) {}", program.get_name(), GAKPPC_VERSION),
@@ -49,7 +49,7 @@ void SetManners(CLI::App& app, const std::string& examples)
                "\n\nExit status: 0 success, 1 failed, 2 wrong usage, 3 no daemon, 124 time limit.");
 }
 
-int RunProgram(CLI::App& app, const std::vector<Verb>& verbs, int argc, char** argv)
+int RunProgram(CLI::App& app, const std::vector<Subcommand>& subcommands, int argc, char** argv)
 {
     SetProgramName(app.get_name());
     signal(SIGPIPE, SIG_IGN);  // a reader that left shows as a failed write
@@ -58,9 +58,9 @@ int RunProgram(CLI::App& app, const std::vector<Verb>& verbs, int argc, char** a
     } catch (const CLI::ParseError& error) {
         return ExitOfParse(app, error);
     }
-    for (const Verb& verb : verbs) {
-        if (verb.app == &app || verb.app->parsed()) {
-            return RunVerb(verb);
+    for (const Subcommand& subcommand : subcommands) {
+        if (subcommand.app == &app || subcommand.app->parsed()) {
+            return RunSubcommand(subcommand);
         }
     }
     return kExitUsage;

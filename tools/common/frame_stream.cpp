@@ -1,5 +1,7 @@
 #include "frame_stream.h"
 
+#include <gakppc/ppc.h>
+
 #include <algorithm>
 #include <cstring>
 #include <utility>
@@ -26,7 +28,7 @@ Bytes FrameOf(const Bytes& payload)
 
 size_t FrameStream::NextSegment(const uint8_t* data, size_t available) const
 {
-    if (lost_) {
+    if (outOfSync_) {
         return available;
     }
     if (bodyLeft_ > 0) {
@@ -40,17 +42,17 @@ size_t FrameStream::NextSegment(const uint8_t* data, size_t available) const
     memcpy(header, header_, headerSize_);
     memcpy(header + headerSize_, data, missing);
     const uint32_t length = DecodeBigEndian(header);
-    return length > kMaxPayload ? available
-                                : static_cast<size_t>(std::min<uint64_t>(missing + uint64_t{length}, available));
+    return length > PPC_MAX_MSG_LEN ? available
+                                    : static_cast<size_t>(std::min<uint64_t>(missing + uint64_t{length}, available));
 }
 
-void FrameStream::Pass(const uint8_t* data, size_t count)
+void FrameStream::Feed(const uint8_t* data, size_t count)
 {
     while (count > 0) {
         size_t taken = count;
-        if (lost_) {
-            Keep(data, count);
-            Emit(PieceKind::kFragment);
+        if (outOfSync_) {
+            Append(data, count);
+            Emit(StreamItemKind::kFragment);
         } else if (bodyLeft_ > 0) {
             taken = TakeBody(data, count);
         } else {
@@ -61,10 +63,10 @@ void FrameStream::Pass(const uint8_t* data, size_t count)
     }
 }
 
-void FrameStream::End()
+void FrameStream::Finish()
 {
-    if (piece_.wireLength > 0) {
-        Emit(PieceKind::kFragment);
+    if (item_.wireLength > 0) {
+        Emit(StreamItemKind::kFragment);
     }
 }
 
@@ -73,19 +75,19 @@ size_t FrameStream::TakeHeader(const uint8_t* data, size_t count)
     const size_t taken = std::min(count, kFrameHeaderSize - headerSize_);
     memcpy(header_ + headerSize_, data, taken);
     headerSize_ += taken;
-    Keep(data, taken);
+    Append(data, taken);
     if (headerSize_ < kFrameHeaderSize) {
         return taken;
     }
     headerSize_ = 0;
     const uint32_t length = DecodeBigEndian(header_);
-    if (length > kMaxPayload) {
-        lost_ = true;
+    if (length > PPC_MAX_MSG_LEN) {
+        outOfSync_ = true;
         if (taken == count) {
-            Emit(PieceKind::kFragment);
+            Emit(StreamItemKind::kFragment);
         }
     } else if (length == 0) {
-        Emit(PieceKind::kFrame);
+        Emit(StreamItemKind::kFrame);
     } else {
         bodyLeft_ = length;
     }
@@ -95,25 +97,25 @@ size_t FrameStream::TakeHeader(const uint8_t* data, size_t count)
 size_t FrameStream::TakeBody(const uint8_t* data, size_t count)
 {
     const auto taken = static_cast<size_t>(std::min<uint64_t>(count, bodyLeft_));
-    Keep(data, taken);
+    Append(data, taken);
     bodyLeft_ -= taken;
     if (bodyLeft_ == 0) {
-        Emit(PieceKind::kFrame);
+        Emit(StreamItemKind::kFrame);
     }
     return taken;
 }
 
-void FrameStream::Keep(const uint8_t* data, size_t count)
+void FrameStream::Append(const uint8_t* data, size_t count)
 {
-    const size_t kept = std::min(count, kMaxKept - piece_.bytes.size());
-    piece_.bytes.insert(piece_.bytes.end(), data, data + kept);
-    piece_.wireLength += count;
+    const size_t kept = std::min(count, kMaxStored - item_.bytes.size());
+    item_.bytes.insert(item_.bytes.end(), data, data + kept);
+    item_.wireLength += count;
 }
 
-void FrameStream::Emit(PieceKind kind)
+void FrameStream::Emit(StreamItemKind kind)
 {
-    piece_.kind = kind;
-    sink_(std::exchange(piece_, {}));
+    item_.kind = kind;
+    sink_(std::exchange(item_, {}));
 }
 
 }  // namespace tools

@@ -92,7 +92,7 @@ bool IsDenied(const fs::path& directory)
 // Each socket with the processes that have it open.
 struct OpenSockets {
     std::multimap<std::string, pid_t> owners;
-    bool complete = true;  // every process could be looked into
+    bool complete = true;  // the descriptors of every process could be read
 };
 
 OpenSockets FindOwners(const std::set<std::string>& sockets)

@@ -1,6 +1,7 @@
 #include "message.h"
 
 #include <fmt/format.h>
+#include <gakppc/ppc.h>
 #include <google/protobuf/util/json_util.h>
 
 #include <nlohmann/json.hpp>
@@ -30,16 +31,16 @@ std::optional<int> ParseNumber(const std::string& text)
     return result.ec == std::errc() && result.ptr == end ? std::optional<int>(number) : std::nullopt;
 }
 
-std::string DescribeFragment(const Piece& piece)
+std::string DescribeFragment(const StreamItem& item)
 {
-    if (piece.wireLength < kFrameHeaderSize) {
-        return fmt::format("length field of {} byte(s)", piece.wireLength);
+    if (item.wireLength < kFrameHeaderSize) {
+        return fmt::format("length field of {} byte(s)", item.wireLength);
     }
-    const uint32_t length = DecodeBigEndian(piece.bytes.data());
-    if (length > kMaxPayload) {
-        return fmt::format("no frame: a length of {} is above the limit of {}", length, kMaxPayload);
+    const uint32_t length = DecodeBigEndian(item.bytes.data());
+    if (length > PPC_MAX_MSG_LEN) {
+        return fmt::format("no frame: a length of {} is above the limit of {}", length, PPC_MAX_MSG_LEN);
     }
-    return fmt::format("no frame: {} byte(s) where a length of {} was announced", piece.wireLength - kFrameHeaderSize,
+    return fmt::format("no frame: {} byte(s) where a length of {} was announced", item.wireLength - kFrameHeaderSize,
                        length);
 }
 
@@ -123,22 +124,22 @@ Bytes FrameOfMessage(const PPCMessage& message)
     return FrameOf(payload);
 }
 
-Decoded DecodePiece(const Piece& piece)
+Decoded DecodeItem(const StreamItem& item)
 {
-    if (piece.kind == PieceKind::kFragment) {
-        return {std::nullopt, DescribeFragment(piece)};
+    if (item.kind == StreamItemKind::kFragment) {
+        return {std::nullopt, DescribeFragment(item)};
     }
-    if (piece.IsCut()) {
-        return {std::nullopt, fmt::format("only {} of {} bytes were kept", piece.bytes.size(), piece.wireLength)};
+    if (item.IsTruncated()) {
+        return {std::nullopt, fmt::format("only {} of {} bytes were kept", item.bytes.size(), item.wireLength)};
     }
-    const size_t payload = piece.bytes.size() - kFrameHeaderSize;
+    const size_t payload = item.bytes.size() - kFrameHeaderSize;
     if (payload == 0) {
         return {std::nullopt, "frame of length 0"};
     }
     if (payload < kInnerLengthSize) {
         return {std::nullopt, fmt::format("payload of {} byte(s) has no room for its inner length", payload)};
     }
-    const uint8_t* inner = piece.bytes.data() + kFrameHeaderSize;
+    const uint8_t* inner = item.bytes.data() + kFrameHeaderSize;
     const uint32_t length = DecodeLittleEndian(inner);
     if (length != payload - kInnerLengthSize) {
         return {std::nullopt,

@@ -18,7 +18,7 @@ using Json = nlohmann::ordered_json;
 std::string JsonLine(const Json& json);
 
 // Names and numbers of the two enumerations. Unknown numbers keep their digits, for the other way round they are
-// accepted as well. Raises std::invalid_argument for an unknown name.
+// accepted as well. Throws std::invalid_argument for an unknown name.
 std::string TypeName(int type);
 std::string ProcessName(int type);
 qel::PPCMessage::MsgType ParseType(const std::string& text);
@@ -26,18 +26,18 @@ qel::PPCMessage::ProcessType ParseProcess(const std::string& text);
 
 // The schema's JSON mapping, with the field names of the schema and all fields.
 Json ToJson(const qel::PPCMessage& message);
-// The inverse. Raises std::invalid_argument.
+// The inverse. Throws std::invalid_argument.
 qel::PPCMessage FromJson(const std::string& text);
 
 // The whole frame of a message.
 Bytes FrameOfMessage(const qel::PPCMessage& message);
 
-// What is in one piece of a stream: a message, or the reason why there is none.
+// What is in one item of a stream: a message, or the reason why there is none.
 struct Decoded {
     std::optional<qel::PPCMessage> message;
     std::string problem;
 };
-Decoded DecodePiece(const Piece& piece);
+Decoded DecodeItem(const StreamItem& item);
 
 }  // namespace tools
 

@@ -13,7 +13,7 @@
 #include <sstream>
 #include <stdexcept>
 
-#include "failure.h"
+#include "exit_error.h"
 
 namespace tools {
 namespace {
@@ -57,7 +57,7 @@ bool WriteOut(const std::string& text)
 void Print(const std::string& text)
 {
     if (!WriteOut(text)) {
-        throw Failure(kExitFailed, fmt::format("standard output: {}", strerror(errno)));
+        throw ExitError(kExitFailed, fmt::format("standard output: {}", strerror(errno)));
     }
 }
 

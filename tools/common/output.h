@@ -15,7 +15,7 @@ using SystemTime = std::chrono::system_clock::time_point;
 // Writes all of `text` to standard output. False when its reader has gone or it cannot be written.
 bool WriteOut(const std::string& text);
 
-// WriteOut that ends the program (Failure) when the text cannot be written.
+// WriteOut that ends the program (ExitError) when the text cannot be written.
 void Print(const std::string& text);
 
 // Whether standard output is a terminal that understands escape codes.
@@ -27,7 +27,7 @@ bool OutputIsColoured();
 // "2031-02-03T04:05:06.123456Z".
 std::string UtcTime(SystemTime time);
 
-// "000000080A..." and back. The digits may be grouped by white space, each group may begin with 0x. Raises
+// "000000080A..." and back. The digits may be grouped by white space, each group may begin with 0x. Throws
 // std::invalid_argument for anything else.
 std::string ToHex(const Bytes& bytes);
 Bytes FromHex(const std::string& text);

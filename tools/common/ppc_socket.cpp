@@ -8,12 +8,12 @@
 #include <cerrno>
 #include <cstring>
 
-#include "failure.h"
+#include "exit_error.h"
 
 namespace tools {
 namespace {
 
-constexpr int kAskAgainMs = 1;
+constexpr int kConnectRetryMs = 1;
 
 sockaddr_un AddressOf(const char* path)
 {
@@ -74,15 +74,15 @@ Fd ConnectToDaemon(const Deadline& deadline)
             return socket;
         }
         if (errno == ENOENT || errno == ECONNREFUSED || errno == ENOTDIR) {
-            throw Failure(kExitNoDaemon, fmt::format("no daemon listens at {}: {}", kSocketPath, strerror(errno)));
+            throw ExitError(kExitNoDaemon, fmt::format("no daemon listens at {}: {}", kSocketPath, strerror(errno)));
         }
         if (errno != EAGAIN) {
-            throw Failure(kExitFailed, fmt::format("{}: {}", kSocketPath, strerror(errno)));
+            throw ExitError(kExitFailed, fmt::format("{}: {}", kSocketPath, strerror(errno)));
         }
         if (deadline.Passed()) {
-            throw Failure(kExitTimeLimit, "the daemon takes no connections");
+            throw ExitError(kExitTimeLimit, "the daemon takes no connections");
         }
-        poll(nullptr, 0, kAskAgainMs);  // nothing tells when the queue has room
+        poll(nullptr, 0, kConnectRetryMs);  // no event tells when the queue has room
     }
 }
 
@@ -92,7 +92,7 @@ Fd ListenAt(const char* path, int backlog)
     const sockaddr_un address = AddressOf(path);
     if (bind(socket.get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)) == -1 ||
         listen(socket.get(), backlog) == -1) {
-        throw Failure(kExitFailed, fmt::format("{}: {}", path, strerror(errno)));
+        throw ExitError(kExitFailed, fmt::format("{}: {}", path, strerror(errno)));
     }
     return socket;
 }
@@ -112,10 +112,10 @@ void SendAll(const Fd& socket, const Bytes& bytes, const Deadline& deadline)
             sent += static_cast<size_t>(result);
         } else if (errno == EAGAIN) {
             if (!WaitFor(socket.get(), POLLOUT, deadline)) {
-                throw Failure(kExitTimeLimit, "the peer does not read");
+                throw ExitError(kExitTimeLimit, "the peer does not read");
             }
         } else if (errno != EINTR) {
-            throw Failure(kExitFailed, fmt::format("the peer has closed the connection: {}", strerror(errno)));
+            throw ExitError(kExitFailed, fmt::format("the peer has closed the connection: {}", strerror(errno)));
         }
     }
 }

@@ -1,6 +1,7 @@
 #ifndef GAKPPC_PPC_SOCKET_H
 #define GAKPPC_PPC_SOCKET_H
 
+#include <gakppc/gak_limits.h>
 #include <sys/types.h>
 
 #include <cstdint>
@@ -12,13 +13,13 @@
 
 namespace tools {
 
-// The one server id of the system, and where it listens.
-constexpr uint32_t kServerId = 19280;
+// Where the library's server listens; the name of the socket holds its id.
+static_assert(qel::kPpcServerId == 19280);
 constexpr char kHomeDir[] = "/home/KrovaUser";
 constexpr char kSocketDir[] = "/home/KrovaUser/qel_ppc";
 constexpr char kSocketPath[] = "/home/KrovaUser/qel_ppc/sock_server_19280";
-// While a tap has the socket's place, the daemon's socket stands here.
-constexpr char kAsidePath[] = "/home/KrovaUser/qel_ppc/sock_server_19280.tap";
+// While a tap has taken over, the daemon's socket is here.
+constexpr char kSavedSocketPath[] = "/home/KrovaUser/qel_ppc/sock_server_19280.tap";
 
 // The process at the other end of a connection, as the kernel knows it.
 struct Peer {
@@ -27,21 +28,21 @@ struct Peer {
 };
 Peer PeerOf(const Fd& socket);
 
-// A new connection to the socket at `path`, which does not block. Invalid, with errno set, when that fails; EAGAIN
+// A new non-blocking connection to the socket at `path`. Invalid, with errno set, when that fails; EAGAIN
 // means that the listener's queue is full.
 Fd TryConnect(const char* path);
 
-// TryConnect until there is room in the queue. Failure kExitNoDaemon when nobody listens, kExitTimeLimit when the
+// TryConnect until there is room in the queue. ExitError kExitNoDaemon when nobody listens, kExitTimeLimit when the
 // deadline comes first.
 Fd ConnectToDaemon(const Deadline& deadline);
 
-// A socket that listens at `path`, which must not exist. It does not block. Raises Failure.
+// A non-blocking socket that listens at `path`, which must not exist. Throws ExitError.
 Fd ListenAt(const char* path, int backlog);
 
 // Waits until `fd` has something to read, or its end. False when the deadline came first.
 bool WaitReadable(int fd, const Deadline& deadline);
 
-// Sends all bytes. Failure kExitFailed when the peer has gone, kExitTimeLimit when the deadline comes first.
+// Sends all bytes. ExitError kExitFailed when the peer has gone, kExitTimeLimit when the deadline comes first.
 void SendAll(const Fd& socket, const Bytes& bytes, const Deadline& deadline);
 
 }  // namespace tools

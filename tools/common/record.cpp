@@ -8,7 +8,7 @@
 namespace tools {
 namespace {
 
-const char* EventName(RecordKind kind, bool sound)
+const char* EventName(RecordKind kind, bool wellFormed)
 {
     switch (kind) {
         case RecordKind::kOpen:
@@ -16,7 +16,7 @@ const char* EventName(RecordKind kind, bool sound)
         case RecordKind::kClose:
             return "close";
         default:
-            return sound ? "message" : "malformed";
+            return wellFormed ? "message" : "malformed";
     }
 }
 
@@ -27,11 +27,11 @@ bool HasBytes(const Record& record)
 
 Decoded Decode(const Record& record)
 {
-    Piece piece;
-    piece.kind = static_cast<PieceKind>(record.kind);
-    piece.wireLength = record.wireLength;
-    piece.bytes = record.bytes;
-    return DecodePiece(piece);
+    StreamItem item;
+    item.kind = static_cast<StreamItemKind>(record.kind);
+    item.wireLength = record.wireLength;
+    item.bytes = record.bytes;
+    return DecodeItem(item);
 }
 
 std::string ShowJson(const Record& record, const Decoded& decoded, bool hex)
@@ -60,7 +60,7 @@ std::string ShowJson(const Record& record, const Decoded& decoded, bool hex)
 }
 
 // What the message says about its sender, where the kernel says otherwise.
-std::string Contradiction(const Record& record, const qel::PPCMessage& message)
+std::string ClaimedPid(const Record& record, const qel::PPCMessage& message)
 {
     const bool differs =
         record.direction == Direction::kToDaemon && message.sub_proc_pid() != static_cast<uint32_t>(record.peer.pid);
@@ -76,7 +76,7 @@ std::string Body(const Record& record, const Decoded& decoded, bool coloured)
     if (decoded.message.has_value()) {
         const auto style = coloured ? fmt::emphasis::bold : fmt::text_style();
         text = fmt::format("{}{} {}", fmt::format(style, "{}", TypeName(decoded.message->type())),
-                           Contradiction(record, *decoded.message), ToJson(*decoded.message).dump());
+                           ClaimedPid(record, *decoded.message), ToJson(*decoded.message).dump());
     }
     if (!decoded.problem.empty()) {
         const auto style = coloured ? fg(fmt::terminal_color::red) : fmt::text_style();
@@ -101,13 +101,13 @@ std::string ShowText(const Record& record, const Decoded& decoded, const RecordS
 
 }  // namespace
 
-Record RecordOf(Piece&& piece)
+Record RecordOf(StreamItem&& item)
 {
     Record record;
     record.time = std::chrono::system_clock::now();
-    record.kind = static_cast<RecordKind>(piece.kind);
-    record.wireLength = piece.wireLength;
-    record.bytes = std::move(piece.bytes);
+    record.kind = static_cast<RecordKind>(item.kind);
+    record.wireLength = item.wireLength;
+    record.bytes = std::move(item.bytes);
     return record;
 }
 

@@ -12,11 +12,11 @@ namespace tools {
 
 enum class Direction : uint8_t { kToDaemon = 0, kToWorker = 1 };
 
-// What a record tells of. The numbers are part of the capture format.
+// What a record reports. The numbers are part of the capture format.
 enum class RecordKind : uint8_t {
     kOpen = 0,      // a worker has connected
     kFrame = 1,     // a whole frame
-    kFragment = 2,  // bytes that make no frame
+    kFragment = 2,  // bytes that are no frame
     kClose = 3      // the connection has ended
 };
 
@@ -31,16 +31,16 @@ struct Record {
     uint64_t wireLength = 0;
     Bytes bytes;
 };
-Record RecordOf(Piece&& piece);
+Record RecordOf(StreamItem&& item);
 
-// How records are shown.
+// How records are printed.
 struct RecordStyle {
     bool json = false;
     bool hex = false;
     bool coloured = false;
 };
 
-// One or, with hex, two lines. `malformed` is set to whether the record holds no sound message.
+// One or, with hex, two lines. `malformed` is set to whether the record holds no well-formed message.
 std::string Show(const Record& record, const RecordStyle& style, bool* malformed = nullptr);
 
 }  // namespace tools

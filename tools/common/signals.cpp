@@ -6,7 +6,7 @@
 #include <cerrno>
 #include <cstring>
 
-#include "failure.h"
+#include "exit_error.h"
 
 namespace tools {
 
@@ -20,11 +20,11 @@ SignalFd::SignalFd(std::initializer_list<int> signals)
     pthread_sigmask(SIG_BLOCK, &set, &formerMask_);
     fd_.Reset(signalfd(-1, &set, SFD_CLOEXEC | SFD_NONBLOCK));
     if (!fd_.valid()) {
-        throw Failure(kExitFailed, std::string("signalfd: ") + strerror(errno));
+        throw ExitError(kExitFailed, std::string("signalfd: ") + strerror(errno));
     }
 }
 
-int SignalFd::Take()
+int SignalFd::Next()
 {
     signalfd_siginfo info{};
     ssize_t size = 0;

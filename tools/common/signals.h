@@ -8,18 +8,18 @@
 
 namespace tools {
 
-// Turns signals into something to poll for. They are blocked from here on in this thread and those it starts later, so
-// make it before the first thread.
+// A signalfd. The signals are blocked from here on in this thread and those it starts later, so create it before the
+// first thread.
 class SignalFd {
 public:
     explicit SignalFd(std::initializer_list<int> signals);
 
     int get() const { return fd_.get(); }
 
-    // The next signal that came, 0 when there is none. Does not wait.
-    int Take();
+    // The next pending signal, 0 when there is none. Does not block.
+    int Next();
 
-    // The mask from before, for programs that are started.
+    // The previous mask, for child processes.
     const sigset_t& FormerMask() const { return formerMask_; }
 
 private:

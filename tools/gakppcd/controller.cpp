@@ -1,14 +1,15 @@
 #include "controller.h"
 
 #include <fmt/format.h>
+#include <gakppc/gak_limits.h>
 #include <gakppc/ppc_server.h>
+#include <gakppc/status_table.h>
 
 #include <stdexcept>
 #include <utility>
 
-#include "common/failure.h"
+#include "common/exit_error.h"
 #include "common/message.h"
-#include "common/ppc_socket.h"
 
 namespace tools {
 namespace {
@@ -16,17 +17,15 @@ namespace {
 using qel::PPCMessage;
 using qel::PpcServer;
 
-constexpr uint32_t kStatusOk = 0x1011000;
-
 }  // namespace
 
 void Controller::Spawn(uint32_t device, int type)
 {
     try {
         view_.Event("SPAWNED", &workers_.OnSpawned(device, type, spawner_.Start(device, type)));
-    } catch (const Failure& failure) {
+    } catch (const ExitError& error) {
         spawnFailed_ = true;
-        view_.Note(failure.what());
+        view_.Note(error.what());
     }
 }
 
@@ -45,7 +44,8 @@ void Controller::OnStarted(Worker& worker)
     }
 }
 
-// A device has at most one custom process. The one who asks is told as soon as it has reported its start.
+// A device has at most one custom process. The worker that asks gets the answer when that process has reported its
+// start.
 void Controller::ProvideCustom(Worker& asker)
 {
     if (asker.state == WorkerState::kStopping || asker.state == WorkerState::kStopped) {
@@ -62,17 +62,17 @@ void Controller::ProvideCustom(Worker& asker)
     }
 }
 
-void Controller::Obey(const Order& order)
+void Controller::Execute(const Command& command)
 {
-    if (order.kind == OrderKind::kShutdownAll) {
+    if (command.kind == CommandKind::kShutdownAll) {
         ShutdownAll();
         return;
     }
-    Worker* const worker = workers_.Find(order.device, order.pid);
+    Worker* const worker = workers_.Find(command.device, command.pid);
     if (worker == nullptr) {
-        throw std::invalid_argument(fmt::format("no worker with device {} and pid {}", order.device, order.pid));
+        throw std::invalid_argument(fmt::format("no worker with device {} and pid {}", command.device, command.pid));
     }
-    if (order.kind == OrderKind::kShutdown) {
+    if (command.kind == CommandKind::kShutdown) {
         OrderShutdown(*worker);
     } else {
         ProvideCustom(*worker);
@@ -84,12 +84,12 @@ bool Controller::Send(PPCMessage::MsgType type, int about, Worker& to)
 {
     PPCMessage message;
     message.set_type(type);
-    message.set_src_id(kServerId);
+    message.set_src_id(qel::kPpcServerId);
     message.set_dest_id(to.device);
     message.set_proc_type(static_cast<PPCMessage::ProcessType>(about));
     message.set_sub_proc_pid(to.pid);
     const uint32_t status = PpcServer::GetInstance().SendData(message);
-    if (status != kStatusOk) {
+    if (status != qel::kStatusOk) {
         workers_.OnUnreachable(to);
         view_.Note(fmt::format("{} cannot be sent to device {} pid {}: status {:#x}", TypeName(type), to.device, to.pid,
                                status));

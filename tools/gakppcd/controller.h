@@ -3,7 +3,7 @@
 
 #include <gakppc/qel_message.pb.h>
 
-#include "orders.h"
+#include "commands.h"
 #include "spawner.h"
 #include "view.h"
 #include "workers.h"
@@ -24,11 +24,11 @@ public:
     // `worker` has reported its start.
     void OnStarted(Worker& worker);
 
-    // Sees to it that `asker` is told of its device's custom process, which is started when there is none.
+    // Reports the device's custom process to `asker` as soon as it runs. It is started when there is none.
     void ProvideCustom(Worker& asker);
 
-    // Any order but kQuit. Raises std::invalid_argument when there is no such worker.
-    void Obey(const Order& order);
+    // Any command but kQuit. Throws std::invalid_argument when there is no such worker.
+    void Execute(const Command& command);
 
     void ShutdownAll();
 

@@ -2,19 +2,21 @@
 
 #include <fmt/format.h>
 #include <fmt/ranges.h>
+#include <gakppc/gak_limits.h>
 #include <gakppc/ppc.h>
 #include <gakppc/ppc_server.h>
+#include <gakppc/status_table.h>
 #include <poll.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <stdexcept>
 
-#include "common/failure.h"
+#include "common/exit_error.h"
 #include "common/listeners.h"
 #include "common/message.h"
 #include "common/ppc_socket.h"
-#include "mailbox.h"
+#include "message_queue.h"
 
 namespace tools {
 namespace {
@@ -22,19 +24,18 @@ namespace {
 using qel::PPCMessage;
 using qel::PpcServer;
 
-constexpr uint32_t kStatusOk = 0x1011000;
 constexpr int kTickMs = 500;
 constexpr std::chrono::seconds kKillTime{2};
 
-Mailbox& TheMailbox()
+MessageQueue& ReceivedMessages()
 {
-    static Mailbox mailbox;
-    return mailbox;
+    static MessageQueue queue;
+    return queue;
 }
 
-void PutIntoMailbox(const PPCMessage& message)
+void QueueMessage(const PPCMessage& message)
 {
-    TheMailbox().Put(message);
+    ReceivedMessages().Push(message);
 }
 
 View::Mode ModeOf(const DaemonOptions& options)
@@ -59,16 +60,16 @@ void Daemon::Open()
 {
     const auto others = ListenersAt(kSocketPath);
     if (!others.empty() && !options_.replace) {
-        throw Failure(kExitFailed, fmt::format("process {} listens at {} already (--replace takes its place)",
-                                               others.front().pid, kSocketPath));
+        throw ExitError(kExitFailed, fmt::format("process {} listens at {} already (--replace replaces its socket)",
+                                                 others.front().pid, kSocketPath));
     }
     PpcServer& server = PpcServer::GetInstance();
     for (const auto type : {PPCMessage::START_RSP, PPCMessage::SHUTDOWN_RSP, PPCMessage::HEARTBEAT,
                             PPCMessage::NOTIFY_VEXOINFO, PPCMessage::ABNORMAL, PPCMessage::SOCKET_CLOSE}) {
-        server.RegPPCSerMsgProcFunc(type, PutIntoMailbox);
+        server.RegPPCSerMsgProcFunc(type, QueueMessage);
     }
-    if (ppcInit() != 0 || server.CreateServer(kServerId) != kStatusOk) {
-        throw Failure(kExitFailed, fmt::format("cannot serve {} (see gakppctl doctor)", kSocketPath));
+    if (ppcInit() != 0 || server.CreateServer(qel::kPpcServerId) != qel::kStatusOk) {
+        throw ExitError(kExitFailed, fmt::format("cannot serve {} (see gakppctl doctor)", kSocketPath));
     }
 }
 
@@ -90,9 +91,9 @@ int Daemon::Run()
     while (!stopLimit_.has_value() || (!IsStopped() && !stopLimit_->Passed())) {
         Step(input);
     }
-    EndRest();
+    KillRemaining();
     PpcServer::GetInstance().Destroy();
-    for (const PPCMessage& message : TheMailbox().TakeAll()) {
+    for (const PPCMessage& message : ReceivedMessages().PopAll()) {
         OnMessage(message);
     }
     view_.Event("ENDED", nullptr, orderly_ ? "in order" : "not in order");
@@ -112,16 +113,16 @@ void Daemon::Step(LineReader& input)
 {
     view_.Refresh();
     pollfd events[] = {{signals_.get(), POLLIN, 0},
-                       {TheMailbox().Descriptor(), POLLIN, 0},
+                       {ReceivedMessages().Descriptor(), POLLIN, 0},
                        {input.AtEnd() ? -1 : STDIN_FILENO, POLLIN, 0}};
     poll(events, 3, StepTimeoutMs());
-    for (const PPCMessage& message : TheMailbox().TakeAll()) {
+    for (const PPCMessage& message : ReceivedMessages().PopAll()) {
         OnMessage(message);
     }
     OnSignals();
     if (events[2].revents != 0) {
         for (const std::string& line : input.Take()) {
-            OnOrder(line);
+            OnCommand(line);
         }
     }
     if (HasPassed(end_)) {
@@ -132,7 +133,7 @@ void Daemon::Step(LineReader& input)
 
 void Daemon::OnSignals()
 {
-    for (int signal = 0; (signal = signals_.Take()) != 0;) {
+    for (int signal = 0; (signal = signals_.Next()) != 0;) {
         if (signal == SIGCHLD) {
             Reap();
         } else {
@@ -160,14 +161,14 @@ void Daemon::OnMessage(const PPCMessage& message)
     }
 }
 
-void Daemon::OnOrder(const std::string& line)
+void Daemon::OnCommand(const std::string& line)
 {
     try {
-        const Order order = ParseOrder(line);
-        if (order.kind == OrderKind::kQuit) {
+        const Command command = ParseCommand(line);
+        if (command.kind == CommandKind::kQuit) {
             BeginStop();
         } else {
-            controller_.Obey(order);
+            controller_.Execute(command);
         }
     } catch (const std::invalid_argument& error) {
         view_.Note(error.what());
@@ -203,7 +204,7 @@ bool Daemon::IsStopped() const
 }
 
 // What has not ended in time: spawned workers are killed, the connections of others are cut.
-void Daemon::EndRest()
+void Daemon::KillRemaining()
 {
     orderly_ = orderly_ && IsStopped() && !controller_.SpawnFailed();
     for (const auto& [key, worker] : workers_.All()) {

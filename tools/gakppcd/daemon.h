@@ -5,10 +5,10 @@
 #include <string>
 #include <vector>
 
+#include "commands.h"
 #include "common/deadline.h"
 #include "common/signals.h"
 #include "controller.h"
-#include "orders.h"
 #include "spawner.h"
 #include "view.h"
 #include "workers.h"
@@ -26,8 +26,8 @@ struct DaemonOptions {
     std::string log;
 };
 
-// The daemon: serves the socket until a signal, an order or its time limit ends it. All decisions are taken on the main
-// thread; the server's threads only fill the mailbox.
+// The daemon: serves the socket until a signal, a command or its time limit ends it. All decisions are taken on the
+// main thread; the server's threads only fill the queue of received messages.
 class Daemon {
 public:
     explicit Daemon(const DaemonOptions& options);
@@ -43,12 +43,12 @@ private:
 
     void OnMessage(const qel::PPCMessage& message);
     void OnSignals();
-    void OnOrder(const std::string& line);
+    void OnCommand(const std::string& line);
     void Reap();
 
     void BeginStop();
     bool IsStopped() const;
-    void EndRest();
+    void KillRemaining();
 
     const DaemonOptions& options_;
     SignalFd signals_{SIGINT, SIGTERM, SIGHUP, SIGCHLD};

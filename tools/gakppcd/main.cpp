@@ -24,7 +24,7 @@ void RedirectLog(const DaemonOptions& options)
     const char* const path = options.log.empty() ? "/dev/null" : options.log.c_str();
     const int log = open(path, O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
     if (log == -1 || dup2(log, STDERR_FILENO) == -1) {
-        throw Failure(kExitFailed, fmt::format("{}: {}", path, strerror(errno)));
+        throw ExitError(kExitFailed, fmt::format("{}: {}", path, strerror(errno)));
     }
     close(log);
 }
@@ -41,11 +41,11 @@ void AddOptions(CLI::App& app, DaemonOptions& options, std::vector<std::string>&
         ->type_name("DEVICE:TYPE[:N]")
         ->expected(1)
         ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll);
-    app.add_option("--worker-program", options.workerProgram, "What is started (the gakppctl beside this program)")
+    app.add_option("--worker-program", options.workerProgram, "What is started (the gakppctl next to this program)")
         ->type_name("FILE");
     app.add_flag("--auto-custom", options.autoCustom,
                  "Start the custom process as soon as a worker asks for it, without waiting for start-custom");
-    app.add_flag("--replace", options.replace, "Take the socket's place even when a daemon listens there");
+    app.add_flag("--replace", options.replace, "Replace the socket even when another daemon listens there");
     AddSeconds(app, "--grace", options.grace, "Time for the workers to shut down when this daemon ends (3)");
     AddSeconds(app, "--for", options.duration, "End after this time");
     app.add_flag("--json", options.json, "Print one JSON object per line");
@@ -54,7 +54,7 @@ void AddOptions(CLI::App& app, DaemonOptions& options, std::vector<std::string>&
         ->type_name("FILE");
 }
 
-// CLI11 reports what a callback raises as wrong usage.
+// CLI11 reports what a callback throws as wrong usage.
 void ReadSpawn(const std::vector<std::string>& texts, DaemonOptions& options)
 {
     for (const std::string& text : texts) {
@@ -82,9 +82,9 @@ int main(int argc, char** argv)
     std::vector<std::string> spawn;
     AddOptions(app, options, spawn);
     app.callback([&] { ReadSpawn(spawn, options); });
-    SetManners(app, std::string("  $ gakppcd --spawn 0:COMPUTE --spawn 1:ZOLT:2 --auto-custom\n"
-                                "  $ echo 'shutdown all' | gakppcd --json --for 10\n\n"
-                                "Orders on standard input:\n") +
-                        kOrderHelp);
+    AddStandardOptions(app, std::string("  $ gakppcd --spawn 0:COMPUTE --spawn 1:ZOLT:2 --auto-custom\n"
+                                        "  $ echo 'shutdown all' | gakppcd --json --for 10\n\n"
+                                        "Commands on standard input:\n") +
+                                kCommandHelp);
     return RunProgram(app, {{&app, [&options] { return Run(options); }}}, argc, argv);
 }

@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <fmt/format.h>
+#include <gakppc/gak_limits.h>
 #include <gakppc/qel_message.pb.h>
 #include <spawn.h>
 #include <sys/wait.h>
@@ -12,7 +13,7 @@
 #include <cstring>
 #include <stdexcept>
 
-#include "common/failure.h"
+#include "common/exit_error.h"
 #include "common/message.h"
 
 extern char** environ;
@@ -20,7 +21,6 @@ extern char** environ;
 namespace tools {
 namespace {
 
-constexpr uint32_t kDevices = 4;
 constexpr uint32_t kMostWorkers = 10000;
 
 // What posix_spawn is to do with descriptors and signals of the new process.
@@ -78,7 +78,7 @@ SpawnRequest ParseSpawn(const std::string& text)
     }
     const size_t second = text.find(':', first + 1);
     SpawnRequest request;
-    request.device = ParseNumber(text.substr(0, first), 0, kDevices - 1);
+    request.device = ParseNumber(text.substr(0, first), 0, qel::MAX_DEVNUM_PER_OS - 1);
     request.type = ParseProcess(text.substr(first + 1, second - first - 1));
     if (request.type < 0 || request.type > qel::PPCMessage::CUSTOM_COMPUTE) {
         throw std::invalid_argument(fmt::format("\"{}\" names no process type", text));
@@ -92,9 +92,9 @@ std::string DefaultWorkerProgram()
     char self[PATH_MAX] = "";
     if (readlink("/proc/self/exe", self, sizeof(self) - 1) > 0) {
         const std::string path(self);
-        std::string beside = path.substr(0, path.rfind('/') + 1) + "gakppctl";
-        if (access(beside.c_str(), X_OK) == 0) {
-            return beside;
+        std::string sibling = path.substr(0, path.rfind('/') + 1) + "gakppctl";
+        if (access(sibling.c_str(), X_OK) == 0) {
+            return sibling;
         }
     }
     return "gakppctl";
@@ -114,7 +114,7 @@ pid_t Spawner::Start(uint32_t device, int type) const
     const int error =
         posix_spawnp(&pid, program_.c_str(), settings.files(), settings.attributes(), arguments.data(), environ);
     if (error != 0) {
-        throw Failure(kExitFailed, fmt::format("{}: {}", program_, strerror(error)));
+        throw ExitError(kExitFailed, fmt::format("{}: {}", program_, strerror(error)));
     }
     return pid;
 }

@@ -18,10 +18,10 @@ struct SpawnRequest {
     uint32_t count = 1;
 };
 
-// Raises std::invalid_argument.
+// Throws std::invalid_argument.
 SpawnRequest ParseSpawn(const std::string& text);
 
-// The gakppctl beside this program, or the one of the search path.
+// The gakppctl next to this program, or the one in PATH.
 std::string DefaultWorkerProgram();
 
 // Starts workers.
@@ -30,7 +30,7 @@ public:
     // `mask` is the signal mask that workers get.
     Spawner(std::string program, const sigset_t& mask) : program_(std::move(program)), mask_(mask) {}
 
-    // The new process. Raises Failure.
+    // The new process. Throws ExitError.
     pid_t Start(uint32_t device, int type) const;
 
 private:

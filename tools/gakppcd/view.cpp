@@ -9,7 +9,7 @@
 #include <nlohmann/json.hpp>
 #include <vector>
 
-#include "common/failure.h"
+#include "common/exit_error.h"
 #include "common/message.h"
 #include "common/output.h"
 
@@ -95,7 +95,7 @@ void View::Note(const std::string& text)
     if (mode_ == Mode::kTable) {
         Remember(text);
     } else {
-        Complain(text);
+        PrintError(text);
     }
 }
 
@@ -140,12 +140,12 @@ std::string View::JsonEvent(const std::string& event, const Worker* worker, cons
     return JsonLine(line);
 }
 
-// The bottom row stays free: orders are typed there.
+// The bottom row stays free: commands are typed there.
 std::string View::Table() const
 {
     const ScreenSize size = TerminalSize();
     std::vector<std::string> lines{
-        fmt::format("gakppcd, process {}; orders: shutdown DEVICE PID, shutdown all, start-custom DEVICE PID, quit",
+        fmt::format("gakppcd, process {}; commands: shutdown DEVICE PID, shutdown all, start-custom DEVICE PID, quit",
                     getpid())
             .substr(0, size.columns - 1),
         fmt::format("{:>6}  {:<14}  {:>8}  {:<9}  {:>10}  {:>9}", "DEVICE", "PROCESS TYPE", "PID", "STATE",

@@ -8,8 +8,7 @@
 
 namespace tools {
 
-// How the daemon shows what happens: on a terminal a table that is drawn over its former self, in a pipe one line for
-// each event, or JSON.
+// The daemon's output: on a terminal a table that is redrawn in place, in a pipe one line for each event, or JSON.
 class View {
 public:
     enum class Mode { kTable, kLines, kJson };
@@ -24,10 +23,10 @@ public:
     // Something has happened, to a worker or, with null, to the daemon itself.
     void Event(const std::string& event, const Worker* worker = nullptr, const std::string& detail = "");
 
-    // Something that is no event: a wrong order, a failed attempt. Goes to standard error unless a table is shown.
+    // Something that is no event: a wrong command, a failed attempt. Goes to standard error unless a table is shown.
     void Note(const std::string& text);
 
-    // Draws the table anew. Does nothing in the other modes.
+    // Redraws the table. Does nothing in the other modes.
     void Refresh();
 
 private:

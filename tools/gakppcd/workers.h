@@ -15,7 +15,7 @@
 namespace tools {
 
 enum class WorkerState {
-    kSpawned,   // started by this daemon, not heard of yet
+    kSpawned,   // started by this daemon, no message yet
     kStarted,   // has reported its start
     kRunning,   // has sent a heartbeat, or another message
     kAbnormal,  // has reported an abnormal end
@@ -47,7 +47,7 @@ class WorkerTable {
 public:
     using Map = std::map<std::pair<uint32_t, uint32_t>, Worker>;
 
-    // The entry of the worker that a message names, brought up to date by it. Null for the end of a connection that
+    // The entry of the worker that a message names, updated by it. Null for the end of a connection that
     // never carried a message.
     Worker* OnMessage(const qel::PPCMessage& message);
     Worker& OnSpawned(uint32_t device, int type, pid_t pid);

@@ -5,7 +5,7 @@
 #include <cerrno>
 #include <cstring>
 
-#include "common/failure.h"
+#include "common/exit_error.h"
 
 namespace tools {
 namespace {
@@ -60,7 +60,7 @@ bool Read(std::istream& in, uint8_t* bytes, size_t count)
 bool IsSound(const uint8_t* header, uint64_t wireLength, uint32_t stored)
 {
     return header[12] <= static_cast<uint8_t>(RecordKind::kClose) &&
-           header[13] <= static_cast<uint8_t>(Direction::kToWorker) && stored <= kMaxKept && stored <= wireLength;
+           header[13] <= static_cast<uint8_t>(Direction::kToWorker) && stored <= kMaxStored && stored <= wireLength;
 }
 
 }  // namespace
@@ -72,7 +72,7 @@ const char kCaptureMagic[kCaptureMagicSize + 1] = "GAKPPCAP";
 CaptureWriter::CaptureWriter(const std::string& path) : path_(path), file_(fopen(path.c_str(), "wbe"), &fclose)
 {
     if (file_ == nullptr) {
-        throw Failure(kExitFailed, fmt::format("{}: {}", path, strerror(errno)));
+        throw ExitError(kExitFailed, fmt::format("{}: {}", path, strerror(errno)));
     }
     Bytes head(kCaptureMagic, kCaptureMagic + kCaptureMagicSize);
     Put<uint32_t>(head, kCaptureVersion);
@@ -94,7 +94,7 @@ void CaptureWriter::Write(const Record& record)
 void CaptureWriter::Flush()
 {
     if (fflush(file_.get()) != 0 || ferror(file_.get()) != 0) {
-        throw Failure(kExitFailed, fmt::format("{}: {}", path_, strerror(errno)));
+        throw ExitError(kExitFailed, fmt::format("{}: {}", path_, strerror(errno)));
     }
 }
 
@@ -102,11 +102,11 @@ CaptureReader::CaptureReader(std::istream& in) : in_(in)
 {
     uint8_t head[kCaptureMagicSize + sizeof(uint32_t)] = {};
     if (!Read(in_, head, sizeof(head)) || memcmp(head, kCaptureMagic, kCaptureMagicSize) != 0) {
-        throw Failure(kExitFailed, "not a capture: the file does not begin as one");
+        throw ExitError(kExitFailed, "not a capture: the file does not begin as one");
     }
     const auto version = Get<uint32_t>(head + kCaptureMagicSize);
     if (version != kCaptureVersion) {
-        throw Failure(kExitFailed, fmt::format("capture version {} is not known", version));
+        throw ExitError(kExitFailed, fmt::format("capture version {} is not known", version));
     }
 }
 
@@ -124,7 +124,7 @@ bool CaptureReader::Next(Record& record)
     record.wireLength = Get<uint64_t>(header + 24);
     const auto stored = Get<uint32_t>(header + 32);
     if (!IsSound(header, record.wireLength, stored)) {
-        throw Failure(kExitFailed, "the capture is damaged");
+        throw ExitError(kExitFailed, "the capture is damaged");
     }
     record.bytes.resize(stored);
     return Read(in_, record.bytes.data(), stored);

@@ -15,13 +15,13 @@
 //   record:  offset  size
 //            0       8     time, microseconds since 1970-01-01 UTC
 //            8       4     connection number, from 1, in the order of their opening
-//            12      1     kind: 0 opened, 1 frame, 2 bytes that make no frame, 3 closed
+//            12      1     kind: 0 opened, 1 frame, 2 bytes that are no frame, 3 closed
 //            13      1     direction: 0 to the daemon, 1 to the worker
 //            14      2     reserved, 0
 //            16      4     process id of the sender (opened and closed: of the worker)
 //            20      4     user id of the same
 //            24      8     length on the wire, the frame's length field included
-//            32      4     stored length S; less than the length on the wire for a frame of more than 16 MiB
+//            32      4     stored length S; less than the length on the wire for a frame above 16 MiB
 //            36      S     the bytes as they were on the wire
 //
 // A record that the file's end cuts off is ignored: the tap may have been killed while it wrote.
@@ -31,7 +31,7 @@ constexpr size_t kCaptureMagicSize = 8;
 extern const char kCaptureMagic[kCaptureMagicSize + 1];
 constexpr uint32_t kCaptureVersion = 1;
 
-// Writes a new capture file. Raises Failure when that is impossible.
+// Writes a new capture file. Throws ExitError when that is impossible.
 class CaptureWriter {
 public:
     explicit CaptureWriter(const std::string& path);
@@ -43,7 +43,7 @@ private:
     std::unique_ptr<FILE, int (*)(FILE*)> file_;
 };
 
-// Reads a capture record by record. `in` must outlive it. Raises Failure when the file is of another kind.
+// Reads a capture record by record. `in` must outlive it. Throws ExitError when the file is of another kind.
 class CaptureReader {
 public:
     explicit CaptureReader(std::istream& in);

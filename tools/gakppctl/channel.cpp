@@ -62,7 +62,7 @@ void Channel::Flush(bool whole)
         wanted = wanted == 0 ? used_ - sent : wanted;
         const ssize_t count = send(destination_, buffer_.data() + sent, wanted, MSG_DONTWAIT | MSG_NOSIGNAL);
         if (count >= 0) {
-            stream_.Pass(buffer_.data() + sent, static_cast<size_t>(count));
+            stream_.Feed(buffer_.data() + sent, static_cast<size_t>(count));
             sent += static_cast<size_t>(count);
         } else if (errno == EAGAIN) {
             blocked_ = true;

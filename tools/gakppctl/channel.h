@@ -8,27 +8,27 @@
 
 namespace tools {
 
-// Passes the bytes of one direction of a connection on. A receiver takes the length field of a frame for complete as
-// soon as a byte of it has come, so it is never split: each frame leaves with a call of its own. Bytes that the sender
-// itself has written as less than a length field are passed on as they came.
+// Forwards the bytes of one direction of a connection. A receiver takes the length field of a frame for complete as
+// soon as a byte of it has arrived, so it is never split: each frame is sent by a call of its own. Bytes that the
+// sender itself wrote as less than a length field are forwarded as they came.
 class Channel {
 public:
-    // `sink` is told of every frame after it has been passed on. The descriptors do not block and stay the caller's.
+    // `sink` gets every frame after it has been forwarded. The descriptors are non-blocking and stay the caller's.
     Channel(int source, int destination, FrameStream::Sink sink);
 
-    // Passes on what is there, up to a fair share. With `drain` to the end: for a source whose peer has gone.
+    // Forwards what can be read, up to a fair share; with `drain` until the end, for a source whose peer has gone.
     void Pump(bool drain);
 
-    // The destination takes no more at present: the source is not read until it does.
+    // The destination is full: the source is not read until it has room.
     bool IsBlocked() const { return blocked_; }
-    // The source has ended, or the destination is gone, and nothing is left to pass on.
+    // The source has ended, or the destination is gone, and nothing is left to forward.
     bool IsFinished() const { return ended_ && used_ == 0; }
-    // The destination was found gone. What still comes from the source is nobody's.
+    // The destination is gone. What still comes from the source is discarded.
     bool LostDestination() const { return lostDestination_; }
     bool HasEnded() const { return ended_; }
 
-    // Tells the sink of an unfinished frame.
-    void EndStream() { stream_.End(); }
+    // Gives an unfinished frame to the sink.
+    void FinishStream() { stream_.Finish(); }
 
 private:
     enum class Fill { kSome, kFull, kNothing, kEnd };

@@ -11,7 +11,7 @@
 #include <sstream>
 
 #include "capture.h"
-#include "verbs.h"
+#include "subcommands.h"
 
 namespace tools {
 namespace {
@@ -28,75 +28,75 @@ std::string ReadAll(const std::string& file)
     }
     std::ifstream in(file, std::ios::binary);
     if (!in) {
-        throw Failure(kExitFailed, fmt::format("{}: {}", file, strerror(errno)));
+        throw ExitError(kExitFailed, fmt::format("{}: {}", file, strerror(errno)));
     }
     return {std::istreambuf_iterator<char>(in), {}};
 }
 
 // Shows records and remembers whether one was malformed.
-class Shower {
+class Printer {
 public:
-    explicit Shower(const RecordStyle& style) : style_(style) {}
+    explicit Printer(const RecordStyle& style) : style_(style) {}
 
-    void operator()(const Record& record)
+    void Print(const Record& record)
     {
         bool malformed = false;
-        Print(Show(record, style_, &malformed));
-        allSound_ = allSound_ && !malformed;
+        tools::Print(Show(record, style_, &malformed));
+        allWellFormed_ = allWellFormed_ && !malformed;
     }
 
-    bool AllSound() const { return allSound_; }
+    bool AllWellFormed() const { return allWellFormed_; }
 
 private:
     RecordStyle style_;
-    bool allSound_ = true;
+    bool allWellFormed_ = true;
 };
 
-void ShowCapture(const std::string& content, Shower& show)
+void ShowCapture(const std::string& content, Printer& printer)
 {
     std::istringstream in(content);
     CaptureReader reader(in);
     for (Record record; reader.Next(record);) {
-        show(record);
+        printer.Print(record);
     }
 }
 
-void ShowHex(const std::string& content, Shower& show)
+void ShowHex(const std::string& content, Printer& printer)
 {
     const Bytes bytes = FromHex(content);
-    FrameStream stream([&show](Piece&& piece) {
-        Record record = RecordOf(std::move(piece));
+    FrameStream stream([&printer](StreamItem&& item) {
+        Record record = RecordOf(std::move(item));
         record.connection = 1;
-        show(record);
+        printer.Print(record);
     });
-    stream.Pass(bytes.data(), bytes.size());
-    stream.End();
+    stream.Feed(bytes.data(), bytes.size());
+    stream.Finish();
 }
 
 int Run(const Options& options)
 {
     const std::string content = ReadAll(options.file);
-    Shower show(options.style);
+    Printer printer(options.style);
     if (IsCapture(content)) {
-        ShowCapture(content, show);
+        ShowCapture(content, printer);
     } else {
-        ShowHex(content, show);
+        ShowHex(content, printer);
     }
-    return show.AllSound() ? kExitOk : kExitFailed;
+    return printer.AllWellFormed() ? kExitOk : kExitFailed;
 }
 
 }  // namespace
 
-Verb AddDecode(CLI::App& program)
+Subcommand AddDecode(CLI::App& program)
 {
     CLI::App* app = program.add_subcommand("decode", "Show the messages of a capture, or of bytes in hexadecimal");
     auto options = std::make_shared<Options>();
     app->add_option("FILE", options->file, "A capture or hexadecimal digits; - or nothing: standard input");
     app->add_flag("--json", options->style.json, "Print one JSON object per line");
     app->add_flag("--hex", options->style.hex, "Print the bytes as well");
-    SetManners(*app,
-               "  $ gakppctl decode trace.cap\n"
-               "  $ echo '0000000D 09000000 0802 18D09601 28E724' | gakppctl decode");
+    AddStandardOptions(*app,
+                       "  $ gakppctl decode trace.cap\n"
+                       "  $ echo '0000000D 09000000 0802 18D09601 28E724' | gakppctl decode");
     return {app, [options] {
                 options->style.coloured = OutputIsColoured();
                 return Run(*options);

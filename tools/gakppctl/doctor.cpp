@@ -8,7 +8,7 @@
 
 #include "checks.h"
 #include "common/message.h"
-#include "verbs.h"
+#include "subcommands.h"
 
 namespace tools {
 namespace {
@@ -74,7 +74,7 @@ int Run(const Options& options)
 
 }  // namespace
 
-Verb AddDoctor(CLI::App& program)
+Subcommand AddDoctor(CLI::App& program)
 {
     CLI::App* app = program.add_subcommand(
         "doctor",
@@ -83,9 +83,9 @@ Verb AddDoctor(CLI::App& program)
     auto options = std::make_shared<Options>();
     app->add_flag("--all", options->all, "Print also what is well and what is merely worth knowing");
     app->add_flag("--json", options->json, "Print one JSON object per line");
-    SetManners(*app,
-               "  $ gakppctl doctor\n"
-               "  $ gakppctl doctor --all --json");
+    AddStandardOptions(*app,
+                       "  $ gakppctl doctor\n"
+                       "  $ gakppctl doctor --all --json");
     return {app, [options] { return Run(*options); }};
 }
 

@@ -175,17 +175,17 @@ void CheckSocket(Diagnosis& diagnosis, const DaemonProcess& daemon, bool listens
 
 bool CheckTapLeftover(Diagnosis& diagnosis)
 {
-    if (!Look(kAsidePath, false)) {
+    if (!Look(kSavedSocketPath, false)) {
         return false;
     }
-    if (!ListenersAt(kAsidePath).empty()) {
+    if (!ListenersAt(kSavedSocketPath).empty()) {
         diagnosis.Add(Severity::kNote, "tap", "a tap holds the place of the daemon's socket");
         return true;
     }
-    const std::string repair =
-        IsAlive(kAsidePath) ? fmt::format("mv -fT {} {}", kAsidePath, kSocketPath) : fmt::format("rm {}", kAsidePath);
+    const std::string repair = IsAlive(kSavedSocketPath) ? fmt::format("mv -fT {} {}", kSavedSocketPath, kSocketPath)
+                                                         : fmt::format("rm {}", kSavedSocketPath);
     diagnosis.Add(Severity::kFault, "tap leftover",
-                  fmt::format("a tap was killed and could not tidy up: {} is left", kAsidePath), repair);
+                  fmt::format("a tap was killed and could not tidy up: {} is left", kSavedSocketPath), repair);
     return true;
 }
 

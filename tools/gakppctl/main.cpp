@@ -1,19 +1,19 @@
-// gakppctl: works on the control messages between the daemon and its workers by hand. One file for each verb.
+// gakppctl: works on the control messages between the daemon and its workers by hand. One file for each subcommand.
 
-#include "verbs.h"
+#include "subcommands.h"
 
 // NOLINTNEXTLINE(bugprone-exception-escape): only the lack of memory, which ends the program
 int main(int argc, char** argv)
 {
     using namespace tools;
     CLI::App app("Works on the control messages between the process-manager daemon and its workers.", "gakppctl");
-    const std::vector<Verb> verbs{AddWorker(app), AddSend(app),   AddTap(app),   AddReplay(app),
-                                  AddDecode(app), AddStatus(app), AddDoctor(app)};
+    const std::vector<Subcommand> subcommands{AddWorker(app), AddSend(app),   AddTap(app),   AddReplay(app),
+                                              AddDecode(app), AddStatus(app), AddDoctor(app)};
     app.require_subcommand(1);
-    SetManners(app,
-               "  $ gakppctl worker --device 0 --type COMPUTE\n"
-               "  $ gakppctl tap --json\n"
-               "  $ gakppctl doctor\n"
-               "  $ gakppctl tap --help");
-    return RunProgram(app, verbs, argc, argv);
+    AddStandardOptions(app,
+                       "  $ gakppctl worker --device 0 --type COMPUTE\n"
+                       "  $ gakppctl tap --json\n"
+                       "  $ gakppctl doctor\n"
+                       "  $ gakppctl tap --help");
+    return RunProgram(app, subcommands, argc, argv);
 }

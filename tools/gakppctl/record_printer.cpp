@@ -3,7 +3,7 @@
 #include <chrono>
 #include <utility>
 
-#include "common/failure.h"
+#include "common/exit_error.h"
 
 namespace tools {
 namespace {
@@ -37,7 +37,7 @@ void RecordPrinter::Push(Record&& record)
     const size_t size = sizeof(Record) + record.bytes.size();
     std::lock_guard<std::mutex> lock(mutex_);
     if (queuedBytes_ + size > kMaxQueuedBytes) {
-        ++leftOut_;
+        ++dropped_;
         return;
     }
     queuedBytes_ += size;
@@ -72,8 +72,8 @@ void RecordPrinter::Run()
             if (writable) {
                 Write(records);
             }
-        } catch (const Failure& failure) {
-            Complain(failure.what());
+        } catch (const ExitError& error) {
+            PrintError(error.what());
             writable = false;
             failed_();
         }

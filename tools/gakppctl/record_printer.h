@@ -16,8 +16,8 @@
 
 namespace tools {
 
-// Shows records and writes them to a capture, on a thread of its own: whoever passes messages on never waits for a
-// slow reader of standard output. What waits to be shown is bounded; records above that are counted and left out.
+// Prints records and writes them to a capture, on a thread of its own: forwarding never waits for a slow reader of
+// standard output. The queue is bounded; records above that are counted and dropped.
 //
 // Locks: mutex_ guards the queue and is never held while something is written.
 class RecordPrinter {
@@ -35,7 +35,7 @@ public:
     // then left alone, and the process has to end without the destructors.
     bool Finish(const Deadline& deadline);
 
-    size_t LeftOut() const { return leftOut_; }
+    size_t Dropped() const { return dropped_; }
 
 private:
     void Run();
@@ -44,7 +44,7 @@ private:
     const RecordStyle style_;
     const std::unique_ptr<CaptureWriter> capture_;
     const std::function<void()> failed_;
-    std::atomic<size_t> leftOut_{0};
+    std::atomic<size_t> dropped_{0};
 
     std::mutex mutex_;
     std::condition_variable changed_;

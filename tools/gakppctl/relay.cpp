@@ -9,7 +9,7 @@
 #include <optional>
 #include <utility>
 
-#include "common/failure.h"
+#include "common/exit_error.h"
 
 namespace tools {
 namespace {
@@ -43,14 +43,14 @@ void Relay::Watch(int fd, void* mark)
     event.events = EPOLLIN;
     event.data.ptr = mark;
     if (epoll_ctl(epoll_.get(), EPOLL_CTL_ADD, fd, &event) == -1) {
-        throw Failure(kExitFailed, fmt::format("epoll_ctl: {}", strerror(errno)));
+        throw ExitError(kExitFailed, fmt::format("epoll_ctl: {}", strerror(errno)));
     }
 }
 
 bool Relay::Step(int timeoutMs)
 {
     epoll_event events[kEvents];
-    const int wait = toConnectOn_ > 0 ? kRetryMs : acceptingPaused_ ? kResumeMs : timeoutMs;
+    const int wait = pendingConnects_ > 0 ? kRetryMs : acceptingPaused_ ? kResumeMs : timeoutMs;
     const int count = epoll_wait(epoll_.get(), events, kEvents, std::min(wait, timeoutMs));
     bool woken = count <= 0;
     bool accept = acceptingPaused_;
@@ -68,11 +68,11 @@ bool Relay::Step(int timeoutMs)
         PauseAccepting(false);
         AcceptAll();
     }
-    if (toConnectOn_ > 0) {
-        ConnectWaiting();
+    if (pendingConnects_ > 0) {
+        ConnectPending();
     }
     if (std::exchange(someClosed_, false)) {
-        // Not earlier: events of this round may still have pointed at them.
+        // Not earlier: events of this round may still point at them.
         connections_.remove_if([](const auto& connection) { return connection->closed; });
     }
     return woken;
@@ -93,36 +93,36 @@ void Relay::AcceptAll()
         connection->worker.peer = PeerOf(connection->worker.fd);
         Report(*connection, RecordKind::kOpen);
         connections_.push_back(std::move(connection));
-        ++toConnectOn_;
+        ++pendingConnects_;
     }
 }
 
-void Relay::ConnectWaiting()
+void Relay::ConnectPending()
 {
     for (const auto& connection : connections_) {
         if (!connection->closed && !connection->toDaemon.has_value()) {
-            ConnectOn(*connection);
+            ConnectPeer(*connection);
         }
     }
 }
 
-void Relay::ConnectOn(Connection& connection)
+void Relay::ConnectPeer(Connection& connection)
 {
     Fd fd = TryConnect(daemonPath_);
     if (!fd.valid()) {
         if (errno != EAGAIN && errno != EMFILE && errno != ENFILE) {
-            Complain(fmt::format("connection {}: no daemon: {}", connection.number, strerror(errno)));
+            PrintError(fmt::format("connection {}: no daemon: {}", connection.number, strerror(errno)));
             Close(connection);
         }
         return;
     }
-    --toConnectOn_;
+    --pendingConnects_;
     connection.daemon.fd = std::move(fd);
     connection.daemon.peer = PeerOf(connection.daemon.fd);
     const int worker = connection.worker.fd.get();
     const int daemon = connection.daemon.fd.get();
-    connection.toDaemon.emplace(worker, daemon, ReportPieces(connection, Direction::kToDaemon));
-    connection.toWorker.emplace(daemon, worker, ReportPieces(connection, Direction::kToWorker));
+    connection.toDaemon.emplace(worker, daemon, ReportItems(connection, Direction::kToDaemon));
+    connection.toWorker.emplace(daemon, worker, ReportItems(connection, Direction::kToWorker));
     SetInterest(connection.worker);
     SetInterest(connection.daemon);
 }
@@ -148,24 +148,24 @@ void Relay::Handle(End& end, uint32_t events)
 
 void Relay::AfterPump(Connection& connection)
 {
-    struct Way {
+    struct Route {
         Channel& channel;
         End& source;
         End& destination;
     };
     bool finished = true;
-    for (const Way& way : {Way{*connection.toDaemon, connection.worker, connection.daemon},
-                           Way{*connection.toWorker, connection.daemon, connection.worker}}) {
-        if (!way.channel.IsFinished()) {
+    for (const Route& route : {Route{*connection.toDaemon, connection.worker, connection.daemon},
+                               Route{*connection.toWorker, connection.daemon, connection.worker}}) {
+        if (!route.channel.IsFinished()) {
             finished = false;
             continue;
         }
-        // Nobody is left to hear, or to be heard: the other direction has no purpose either.
-        if (way.source.hungUp && !way.channel.LostDestination()) {
+        // The source is gone in both directions, so the other direction has no purpose either.
+        if (route.source.hungUp && !route.channel.LostDestination()) {
             Close(connection);
             return;
         }
-        shutdown(way.destination.fd.get(), SHUT_WR);
+        shutdown(route.destination.fd.get(), SHUT_WR);
     }
     if (finished) {
         Close(connection);
@@ -178,10 +178,10 @@ void Relay::AfterPump(Connection& connection)
 void Relay::Close(Connection& connection)
 {
     if (connection.toDaemon.has_value()) {
-        connection.toDaemon->EndStream();
-        connection.toWorker->EndStream();
+        connection.toDaemon->FinishStream();
+        connection.toWorker->FinishStream();
     } else {
-        --toConnectOn_;
+        --pendingConnects_;
     }
     connection.closed = true;
     someClosed_ = true;
@@ -190,8 +190,8 @@ void Relay::Close(Connection& connection)
     Report(connection, RecordKind::kClose);
 }
 
-// A peer that hung up is reported again and again whatever is asked for, so it is taken out: what it has left behind
-// is read when the other end has room.
+// epoll reports a peer that hung up for ever, whatever the mask, so it is removed: what it has left in the socket is
+// read when the other end has room.
 void Relay::SetInterest(End& end)
 {
     const Connection& connection = *end.connection;
@@ -223,11 +223,11 @@ void Relay::Report(const Connection& connection, RecordKind kind)
     sink_(std::move(record));
 }
 
-FrameStream::Sink Relay::ReportPieces(const Connection& connection, Direction direction)
+FrameStream::Sink Relay::ReportItems(const Connection& connection, Direction direction)
 {
     const Peer peer = direction == Direction::kToDaemon ? connection.worker.peer : connection.daemon.peer;
-    return [this, number = connection.number, direction, peer](Piece&& piece) {
-        Record record = RecordOf(std::move(piece));
+    return [this, number = connection.number, direction, peer](StreamItem&& item) {
+        Record record = RecordOf(std::move(item));
         record.connection = number;
         record.direction = direction;
         record.peer = peer;
@@ -235,7 +235,7 @@ FrameStream::Sink Relay::ReportPieces(const Connection& connection, Direction di
     };
 }
 
-// Without a free descriptor the queue of the listener would be reported again and again.
+// Without a free descriptor the listener would stay readable and Step would spin.
 void Relay::PauseAccepting(bool pause)
 {
     if (pause == acceptingPaused_) {

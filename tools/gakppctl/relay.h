@@ -14,30 +14,30 @@
 
 namespace tools {
 
-// Accepts workers on a listener, connects on to the daemon for each of them, and passes on what both say, unchanged and
-// in order. A connection that one end closes is closed at the other end as soon as everything has been passed on. One
-// thread, one epoll; the owner drives it by calling Step.
+// Accepts workers on a listener, connects to the daemon for each of them, and forwards what both send, unchanged and in
+// order. A connection that one end closes is closed at the other end as soon as everything has been forwarded. Single
+// threaded, one epoll; the owner drives it by calling Step.
 class Relay {
 public:
     using Sink = std::function<void(Record&&)>;
 
-    // `listener` stays the caller's; `daemonPath` is connected to. `sink` is told of everything after it happened.
+    // `listener` stays the caller's; `daemonPath` is connected to. `sink` gets everything after it happened.
     Relay(int listener, const char* daemonPath, Sink sink);
     ~Relay();
     Relay(const Relay&) = delete;
     Relay& operator=(const Relay&) = delete;
 
-    // Step returns as soon as this descriptor can be read.
+    // Step returns as soon as this descriptor is readable.
     void WakeOn(int fd) { Watch(fd, nullptr); }
 
-    // Handles what has happened, waits up to `timeoutMs` for something to happen. Whether the time passed or one of the
-    // descriptors of WakeOn can be read.
+    // Waits up to `timeoutMs` for events and handles them. True when the time has passed or a descriptor of WakeOn is
+    // readable.
     bool Step(int timeoutMs);
 
-    // Where workers that are still to be connected find the daemon from now on.
+    // Where workers are connected to from now on.
     void SetDaemonPath(const char* path) { daemonPath_ = path; }
 
-    // Connections that are open or still to be connected on.
+    // Connections that are open or still to be connected to the daemon.
     size_t Open() const { return connections_.size(); }
 
 private:
@@ -54,14 +54,14 @@ private:
 
     void Watch(int fd, void* mark);
     void AcceptAll();
-    void ConnectOn(Connection& connection);
-    void ConnectWaiting();
+    void ConnectPeer(Connection& connection);
+    void ConnectPending();
     void Handle(End& end, uint32_t events);
     void AfterPump(Connection& connection);
     void Close(Connection& connection);
     void SetInterest(End& end);
     void Report(const Connection& connection, RecordKind kind);
-    FrameStream::Sink ReportPieces(const Connection& connection, Direction direction);
+    FrameStream::Sink ReportItems(const Connection& connection, Direction direction);
     void PauseAccepting(bool pause);
 
     int listener_;
@@ -70,7 +70,7 @@ private:
     Fd epoll_;
     uint32_t lastNumber_ = 0;
     bool acceptingPaused_ = false;
-    size_t toConnectOn_ = 0;
+    size_t pendingConnects_ = 0;
     bool someClosed_ = false;
     std::list<std::unique_ptr<Connection>> connections_;
 };

@@ -14,7 +14,7 @@
 #include <optional>
 
 #include "capture.h"
-#include "verbs.h"
+#include "subcommands.h"
 
 namespace tools {
 namespace {
@@ -37,7 +37,7 @@ public:
 
     void Play(const Record& record);
     void WaitForAnswers(const Deadline& deadline);
-    void Summarise() const;
+    void PrintSummary() const;
 
 private:
     struct Connection {
@@ -67,7 +67,7 @@ Player::Connection& Player::ConnectionOf(uint32_t number)
     }
     ++opened_;
     Connection connection{ConnectToDaemon(Deadline(Seconds(options_.timeout))),
-                          FrameStream([this](Piece&&) { ++received_; })};
+                          FrameStream([this](StreamItem&&) { ++received_; })};
     return connections_.emplace(number, std::move(connection)).first->second;
 }
 
@@ -109,7 +109,7 @@ void Player::Drain(Connection& connection)
     for (;;) {
         const ssize_t count = recv(connection.socket.get(), buffer, sizeof(buffer), MSG_DONTWAIT);
         if (count > 0) {
-            connection.answers.Pass(buffer, static_cast<size_t>(count));
+            connection.answers.Feed(buffer, static_cast<size_t>(count));
         } else if (count == 0 || errno == ECONNRESET) {
             connection.socket.Reset();
             return;
@@ -143,10 +143,10 @@ void Player::WaitForAnswers(const Deadline& deadline)
     }
 }
 
-void Player::Summarise() const
+void Player::PrintSummary() const
 {
     if (skipped_ > 0) {
-        Complain(fmt::format("{} message(s) left out: the capture holds only their beginning", skipped_));
+        PrintError(fmt::format("{} message(s) left out: the capture holds only their beginning", skipped_));
     }
     if (!options_.json) {
         Print(fmt::format("{} connection(s), {} message(s) sent, {} received\n", opened_, sent_, received_));
@@ -164,7 +164,7 @@ int Run(const Options& options)
 {
     std::ifstream in(options.file, std::ios::binary);
     if (!in) {
-        throw Failure(kExitFailed, fmt::format("{}: {}", options.file, strerror(errno)));
+        throw ExitError(kExitFailed, fmt::format("{}: {}", options.file, strerror(errno)));
     }
     CaptureReader reader(in);
     Player player(options);
@@ -174,13 +174,13 @@ int Run(const Options& options)
         }
     }
     player.WaitForAnswers(Deadline(Seconds(options.wait)));
-    player.Summarise();
+    player.PrintSummary();
     return kExitOk;
 }
 
 }  // namespace
 
-Verb AddReplay(CLI::App& program)
+Subcommand AddReplay(CLI::App& program)
 {
     CLI::App* app = program.add_subcommand(
         "replay", "Send the messages that a capture's workers sent to the daemon once more, as workers");
@@ -195,9 +195,9 @@ Verb AddReplay(CLI::App& program)
     AddSeconds(*app, "--wait", options->wait, "Stay connected for this time after the last message (0.2)");
     AddSeconds(*app, "--timeout", options->timeout, "Limit for each connecting and sending (5)");
     app->add_flag("--json", options->json, "Print the summary as JSON");
-    SetManners(*app,
-               "  $ gakppctl replay trace.cap\n"
-               "  $ gakppctl replay trace.cap --speed 0 --connection 2");
+    AddStandardOptions(*app,
+                       "  $ gakppctl replay trace.cap\n"
+                       "  $ gakppctl replay trace.cap --speed 0 --connection 2");
     return {app, [options] { return Run(*options); }};
 }
 

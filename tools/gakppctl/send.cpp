@@ -1,8 +1,9 @@
 // gakppctl send: any message, or any bytes, by hand: to the daemon as a worker, or as the daemon to a worker.
 
 #include <fmt/format.h>
+#include <gakppc/gak_limits.h>
+#include <gakppc/ppc.h>
 #include <sys/socket.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -12,12 +13,10 @@
 
 #include "common/listeners.h"
 #include "common/record.h"
-#include "verbs.h"
+#include "subcommands.h"
 
 namespace tools {
 namespace {
-
-constexpr mode_t kSocketDirMode = 0350;
 
 struct Options {
     std::string type;
@@ -39,23 +38,23 @@ struct Options {
 };
 
 // One end of a connection that shows what it sends and receives.
-class Talk {
+class Connection {
 public:
-    Talk(Fd socket, const Options& options)
+    Connection(Fd socket, const Options& options)
         : socket_(std::move(socket)),
           options_(options),
           peer_(PeerOf(socket_)),
-          sent_([this](Piece&& piece) {
-              OnPiece(std::move(piece), !options_.toWorker, {getpid(), getuid()});
+          sent_([this](StreamItem&& item) {
+              OnItem(std::move(item), !options_.toWorker, {getpid(), getuid()});
           }),
-          received_([this](Piece&& piece) { OnPiece(std::move(piece), options_.toWorker, peer_); })
+          received_([this](StreamItem&& item) { OnItem(std::move(item), options_.toWorker, peer_); })
     {
     }
 
     void Send(const Bytes& bytes)
     {
         SendAll(socket_, bytes, Deadline(Seconds(options_.timeout)));
-        sent_.Pass(bytes.data(), bytes.size());
+        sent_.Feed(bytes.data(), bytes.size());
     }
 
     // Receives until `deadline`, the peer's end or a message of the expected type.
@@ -64,14 +63,14 @@ public:
     bool SawExpected() const { return sawExpected_; }
     bool PeerEnded() const { return ended_; }
     pid_t PeerPid() const { return peer_.pid; }
-    void EndStreams()
+    void FinishStreams()
     {
-        sent_.End();
-        received_.End();
+        sent_.Finish();
+        received_.Finish();
     }
 
 private:
-    void OnPiece(Piece&& piece, bool toDaemon, const Peer& sender);
+    void OnItem(StreamItem&& item, bool toDaemon, const Peer& sender);
 
     Fd socket_;
     const Options& options_;
@@ -82,27 +81,27 @@ private:
     bool ended_ = false;
 };
 
-void Talk::OnPiece(Piece&& piece, bool toDaemon, const Peer& sender)
+void Connection::OnItem(StreamItem&& item, bool toDaemon, const Peer& sender)
 {
     const bool received = toDaemon == options_.toWorker;
     if (received && !options_.expect.empty()) {
-        const Decoded decoded = DecodePiece(piece);
+        const Decoded decoded = DecodeItem(item);
         sawExpected_ = sawExpected_ || (decoded.message && decoded.message->type() == ParseType(options_.expect));
     }
-    Record record = RecordOf(std::move(piece));
+    Record record = RecordOf(std::move(item));
     record.connection = 1;
     record.direction = toDaemon ? Direction::kToDaemon : Direction::kToWorker;
     record.peer = sender;
     Print(Show(record, options_.style));
 }
 
-void Talk::Receive(const Deadline& deadline)
+void Connection::Receive(const Deadline& deadline)
 {
     Bytes buffer(size_t{64} * 1024);
     while (!ended_ && !sawExpected_ && WaitReadable(socket_.get(), deadline)) {
         const ssize_t count = recv(socket_.get(), buffer.data(), buffer.size(), MSG_DONTWAIT);
         if (count > 0) {
-            received_.Pass(buffer.data(), static_cast<size_t>(count));
+            received_.Feed(buffer.data(), static_cast<size_t>(count));
         } else if (count == 0 || (errno != EAGAIN && errno != EINTR)) {
             ended_ = true;
         }
@@ -116,8 +115,8 @@ qel::PPCMessage BuildMessage(const Options& options, pid_t workerPid)
     }
     qel::PPCMessage message;
     message.set_type(ParseType(options.type));
-    message.set_src_id(options.toWorker ? kServerId : options.device);
-    message.set_dest_id(options.toWorker ? options.device : kServerId);
+    message.set_src_id(options.toWorker ? qel::kPpcServerId : options.device);
+    message.set_dest_id(options.toWorker ? options.device : qel::kPpcServerId);
     message.set_proc_type(ParseProcess(options.process));
     message.set_sub_proc_pid(static_cast<uint32_t>(options.pid >= 0 ? options.pid : workerPid));
     message.set_host_pid(options.hostPid);
@@ -142,16 +141,16 @@ Bytes BytesToSend(const Options& options, pid_t workerPid)
 Fd AwaitWorker(const Deadline& deadline)
 {
     if (!ListenersAt(kSocketPath).empty()) {
-        throw Failure(kExitFailed, "a daemon runs: its own orders reach the worker");
+        throw ExitError(kExitFailed, "a daemon runs: its own orders reach the worker");
     }
-    mkdir(kSocketDir, kSocketDirMode);  // when it cannot be made, listening tells why
+    ppcInit();  // makes the directory; when that fails, listening tells why
     unlink(kSocketPath);
     const Fd listener = ListenAt(kSocketPath, 10);
     const bool came = WaitReadable(listener.get(), deadline);
     Fd worker(came ? accept4(listener.get(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK) : -1);
     unlink(kSocketPath);
     if (!worker.valid()) {
-        throw Failure(kExitTimeLimit, "no worker has connected");
+        throw ExitError(kExitTimeLimit, "no worker has connected");
     }
     return worker;
 }
@@ -159,25 +158,25 @@ Fd AwaitWorker(const Deadline& deadline)
 int Run(const Options& options)
 {
     const Deadline deadline(Seconds(options.timeout));
-    Talk talk(options.toWorker ? AwaitWorker(deadline) : ConnectToDaemon(deadline), options);
+    Connection connection(options.toWorker ? AwaitWorker(deadline) : ConnectToDaemon(deadline), options);
     if (options.toWorker) {
         // A worker reports its start first; it is received only to be shown.
-        talk.Receive(Deadline(std::chrono::milliseconds(200)));
+        connection.Receive(Deadline(std::chrono::milliseconds(200)));
     }
-    const Bytes bytes = BytesToSend(options, options.toWorker ? talk.PeerPid() : getpid());
+    const Bytes bytes = BytesToSend(options, options.toWorker ? connection.PeerPid() : getpid());
     for (uint32_t i = 0; i < options.count; ++i) {
-        talk.Send(bytes);
+        connection.Send(bytes);
         if (i + 1 < options.count) {
-            talk.Receive(Deadline(Seconds(options.interval)));
+            connection.Receive(Deadline(Seconds(options.interval)));
         }
     }
     const bool expects = !options.expect.empty();
-    talk.Receive(Deadline(Seconds(expects && options.wait == 0 ? options.timeout : options.wait)));
-    talk.EndStreams();
-    if (!expects || talk.SawExpected()) {
+    connection.Receive(Deadline(Seconds(expects && options.wait == 0 ? options.timeout : options.wait)));
+    connection.FinishStreams();
+    if (!expects || connection.SawExpected()) {
         return kExitOk;
     }
-    throw Failure(talk.PeerEnded() ? kExitFailed : kExitTimeLimit, options.expect + " has not come");
+    throw ExitError(connection.PeerEnded() ? kExitFailed : kExitTimeLimit, options.expect + " has not come");
 }
 
 void AddContent(CLI::App& app, Options& options)
@@ -229,19 +228,19 @@ void CheckOptions(const Options& options)
 
 }  // namespace
 
-Verb AddSend(CLI::App& program)
+Subcommand AddSend(CLI::App& program)
 {
     CLI::App* app = program.add_subcommand("send", "Send any message by hand, as a worker or to a worker");
     auto options = std::make_shared<Options>();
     AddContent(*app, *options);
     AddConduct(*app, *options);
     app->callback([options] { CheckOptions(*options); });
-    SetManners(*app,
-               "  $ gakppctl send HEARTBEAT --device 2 --type ZOLT --pid 4711\n"
-               "  $ gakppctl send START_RSP --expect SHUTDOWN --timeout 30\n"
-               "  $ gakppctl send SHUTDOWN --to-worker --device 0 --expect SHUTDOWN_RSP\n"
-               "  $ gakppctl send --message '{\"type\":\"ABNORMAL\",\"src_id\":1}'\n"
-               "  $ gakppctl send --raw 0000 --wait 1");
+    AddStandardOptions(*app,
+                       "  $ gakppctl send HEARTBEAT --device 2 --type ZOLT --pid 4711\n"
+                       "  $ gakppctl send START_RSP --expect SHUTDOWN --timeout 30\n"
+                       "  $ gakppctl send SHUTDOWN --to-worker --device 0 --expect SHUTDOWN_RSP\n"
+                       "  $ gakppctl send --message '{\"type\":\"ABNORMAL\",\"src_id\":1}'\n"
+                       "  $ gakppctl send --raw 0000 --wait 1");
     return {app, [options] {
                 options->style.coloured = OutputIsColoured();
                 return Run(*options);

@@ -11,7 +11,7 @@
 #include <optional>
 
 #include "common/message.h"
-#include "verbs.h"
+#include "subcommands.h"
 
 namespace tools {
 namespace {
@@ -125,7 +125,7 @@ int Run(const Options& options)
 {
     const std::vector<Status> found = Select(options);
     if (found.empty()) {
-        throw Failure(kExitFailed, fmt::format("no status has a text with \"{}\"", options.query));
+        throw ExitError(kExitFailed, fmt::format("no status has a text with \"{}\"", options.query));
     }
     std::string text;
     for (const Status& status : found) {
@@ -137,7 +137,7 @@ int Run(const Options& options)
 
 }  // namespace
 
-Verb AddStatus(CLI::App& program)
+Subcommand AddStatus(CLI::App& program)
 {
     CLI::App* app = program.add_subcommand("status", "Explain a status number, or find the numbers of a text");
     auto options = std::make_shared<Options>();
@@ -150,11 +150,11 @@ Verb AddStatus(CLI::App& program)
             throw CLI::RequiredError("QUERY or --list");
         }
     });
-    SetManners(*app,
-               "  $ gakppctl status 0x1093036\n"
-               "  $ gakppctl status 17379382\n"
-               "  $ gakppctl status 'session is not existed'\n"
-               "  $ gakppctl status --list --json");
+    AddStandardOptions(*app,
+                       "  $ gakppctl status 0x1093036\n"
+                       "  $ gakppctl status 17379382\n"
+                       "  $ gakppctl status 'session is not existed'\n"
+                       "  $ gakppctl status --list --json");
     return {app, [options] { return Run(*options); }};
 }
 

@@ -1,8 +1,8 @@
 // gakppctl tap: shows every message between the workers that connect from now on and the daemon.
 //
-// It takes the place of the daemon's socket (place.h), passes everything on (relay.h) and shows it on another thread
-// (record_printer.h). When it is told to stop it gives the place back at once. Connections that lead through it are
-// passed on until they end, because cutting them would end their workers.
+// It replaces the daemon's socket by its own (socket_takeover.h), forwards everything (relay.h) and prints it on
+// another thread (record_printer.h). When it is told to stop it restores the daemon's socket at once. Connections
+// through the tap are forwarded until they end, because cutting them would end their workers.
 
 #include <fmt/format.h>
 #include <sys/eventfd.h>
@@ -15,10 +15,10 @@
 #include <utility>
 
 #include "common/signals.h"
-#include "place.h"
 #include "record_printer.h"
 #include "relay.h"
-#include "verbs.h"
+#include "socket_takeover.h"
+#include "subcommands.h"
 
 namespace tools {
 namespace {
@@ -52,7 +52,7 @@ private:
     SignalFd signals_{SIGINT, SIGTERM, SIGHUP};
     Fd outputFailed_{eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)};
     RecordPrinter printer_;
-    Place place_;
+    SocketTakeover takeover_;
     Relay relay_;
     std::optional<Deadline> end_;
     uint64_t messages_ = 0;
@@ -67,7 +67,7 @@ std::unique_ptr<CaptureWriter> OpenCapture(const std::string& path)
 Tap::Tap(const Options& options)
     : options_(options),
       printer_(options.style, OpenCapture(options.capture), [this] { eventfd_write(outputFailed_.get(), 1); }),
-      relay_(place_.Listener().get(), kAsidePath, [this](Record&& record) { OnRecord(std::move(record)); })
+      relay_(takeover_.Listener().get(), kSavedSocketPath, [this](Record&& record) { OnRecord(std::move(record)); })
 {
     relay_.WakeOn(signals_.get());
     relay_.WakeOn(outputFailed_.get());
@@ -97,11 +97,11 @@ bool Tap::ShouldStop()
         exit_ = kExitFailed;
         return true;
     }
-    if (signals_.Take() != 0 || HasPassed(end_)) {
+    if (signals_.Next() != 0 || HasPassed(end_)) {
         return true;
     }
-    if (!place_.IsOurs()) {
-        Complain("another daemon has put its socket in the place of the tap's");
+    if (!takeover_.IsInPlace()) {
+        PrintError("another daemon has replaced the tap's socket by its own");
         exit_ = kExitFailed;
         return true;
     }
@@ -110,12 +110,12 @@ bool Tap::ShouldStop()
 
 void Tap::Serve()
 {
-    Complain("the tap is in place; workers that connect from now on are shown");
+    PrintError("the tap is in place; workers that connect from now on are shown");
     Deadline check(kTick);
     for (bool stop = false; !stop;) {
         const bool woken = relay_.Step(end_.has_value() ? std::min(kTickMs, end_->RemainingMs()) : kTickMs);
         stop = options_.count > 0 && messages_ >= options_.count;
-        // Not for every message: each look costs system calls.
+        // Not for every message: each check costs system calls.
         if (woken || check.Passed()) {
             stop = stop || ShouldStop();
             check = Deadline(kTick);
@@ -126,27 +126,27 @@ void Tap::Serve()
 void Tap::Linger()
 {
     relay_.SetDaemonPath(kSocketPath);
-    // A worker may have found our socket just before it left its place.
+    // A worker may have found our socket just before it was removed.
     const Deadline late(kGraceForLateWorkers);
     std::optional<Deadline> end;
     if (options_.linger >= 0) {
         end.emplace(Seconds(options_.linger));
     }
-    bool told = false;
+    bool reported = false;
     while (!late.Passed() || relay_.Open() > 0) {
         relay_.Step(late.Passed() ? kTickMs : late.RemainingMs());
-        if (late.Passed() && relay_.Open() > 0 && !std::exchange(told, true)) {
-            Complain(
-                fmt::format("the place is given back; {} open connection(s) still lead through the tap, which "
-                            "stays until they end (a second signal cuts them)",
+        if (late.Passed() && relay_.Open() > 0 && !std::exchange(reported, true)) {
+            PrintError(
+                fmt::format("the daemon's socket is restored; {} open connection(s) still lead through the tap, "
+                            "which stays until they end (a second signal cuts them)",
                             relay_.Open()));
         }
-        if (signals_.Take() != 0 || (HasPassed(end) && late.Passed())) {
+        if (signals_.Next() != 0 || (HasPassed(end) && late.Passed())) {
             break;
         }
     }
     if (relay_.Open() > 0) {
-        Complain(fmt::format("{} connection(s) cut", relay_.Open()));
+        PrintError(fmt::format("{} connection(s) cut", relay_.Open()));
         exit_ = kExitFailed;
     }
 }
@@ -154,13 +154,13 @@ void Tap::Linger()
 int Tap::Finish()
 {
     const bool shown = printer_.Finish(Deadline(kPrintTime));
-    if (printer_.LeftOut() > 0) {
-        Complain(fmt::format("{} message(s) were passed on but not shown: the output is read too slowly",
-                             printer_.LeftOut()));
+    if (printer_.Dropped() > 0) {
+        PrintError(fmt::format("{} message(s) were forwarded but not shown: the output is read too slowly",
+                               printer_.Dropped()));
         exit_ = kExitFailed;
     }
     if (!shown) {
-        Complain("the output is not read; the rest is not shown");
+        PrintError("the output is not read; the rest is not shown");
         fflush(stderr);
         _exit(kExitFailed);  // the printing thread cannot be joined
     }
@@ -170,7 +170,7 @@ int Tap::Finish()
 int Tap::Run()
 {
     Serve();
-    place_.GiveBack();
+    takeover_.Restore();
     Linger();
     return Finish();
 }
@@ -194,12 +194,13 @@ int Run(const Options& options)
 
 }  // namespace
 
-Verb AddTap(CLI::App& program)
+Subcommand AddTap(CLI::App& program)
 {
     CLI::App* app = program.add_subcommand(
         "tap",
-        "Show the messages of all workers that connect from now on. The tap takes the place of the daemon's socket and "
-        "passes everything on; it gives the place back on SIGINT, SIGTERM, SIGHUP, at its limits and on errors, and "
+        "Show the messages of all workers that connect from now on. The tap replaces the daemon's socket by its own "
+        "and "
+        "forwards everything. It restores the socket on SIGINT, SIGTERM and SIGHUP, at its limits and on errors, and "
         "then stays until the connections through it have ended");
     auto options = std::make_shared<Options>();
     app->add_flag("--json", options->style.json, "Print one JSON object per line");
@@ -211,10 +212,10 @@ Verb AddTap(CLI::App& program)
     AddSeconds(*app, "--for", options->duration, "Stop after this time");
     AddSeconds(*app, "--linger", options->linger,
                "After stopping, cut connections that are still open after this time (default: wait for their end)");
-    SetManners(*app,
-               "  $ gakppctl tap\n"
-               "  $ gakppctl tap --json --for 10 | jq .message.type\n"
-               "  $ gakppctl tap --write trace.cap --count 100");
+    AddStandardOptions(*app,
+                       "  $ gakppctl tap\n"
+                       "  $ gakppctl tap --json --for 10 | jq .message.type\n"
+                       "  $ gakppctl tap --write trace.cap --count 100");
     return {app, [options] {
                 options->style.coloured = OutputIsColoured();
                 return Run(*options);

@@ -3,6 +3,7 @@
 #include <fmt/format.h>
 #include <gakppc/gak.h>
 #include <gakppc/ppc_client.h>
+#include <gakppc/status_table.h>
 #include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -10,19 +11,18 @@
 #include <cerrno>
 #include <csignal>
 #include <cstring>
+#include <future>
 #include <memory>
 #include <nlohmann/json.hpp>
 #include <optional>
 #include <thread>
 
+#include "common/deadline.h"
 #include "common/message.h"
-#include "verbs.h"
-#include "worker_end.h"
+#include "subcommands.h"
 
 namespace tools {
 namespace {
-
-constexpr uint32_t kStatusOk = 0x1011000;
 
 struct Options {
     uint32_t device = 0;
@@ -37,7 +37,7 @@ struct Options {
     bool json = false;
 };
 
-void Say(const Options& options, const std::string& event)
+void PrintEvent(const Options& options, const std::string& event)
 {
     if (!options.json) {
         Print(fmt::format("device {} {} pid {} {}\n", options.device, options.type, getpid(), event));
@@ -72,22 +72,22 @@ private:
     void WaitForShutdown();
     void AskForCustomProcess();
     Clock::duration UntilNext() const;
-    std::optional<int> OnTime();
+    std::optional<int> HandleTimers();
 
     const Options& options_;
     const GakWaitType type_;
-    const std::shared_ptr<WorkerEnd> end_ = std::make_shared<WorkerEnd>();  // shared with a thread that is not joined
+    std::future<uint32_t> shutdown_;  // what RecvData returns
     const std::optional<Deadline> crash_ = After(options_.crashAfter);
     const std::optional<Deadline> abnormal_ = After(options_.abnormalAfter);
     const std::optional<Deadline> timeout_ = After(options_.timeout);
-    Deadline beat_{Seconds(options_.heartbeat)};
+    Deadline nextHeartbeat_{Seconds(options_.heartbeat)};
 };
 
 void Worker::Connect()
 {
     const auto type = static_cast<qel::PPCMessage::ProcessType>(type_);
     if (ppcInit() != 0 || qel::PpcClient::GetInstance()->GetPpcSession(options_.device, type) == nullptr) {
-        throw Failure(kExitNoDaemon, "no connection to a daemon");
+        throw ExitError(kExitNoDaemon, "no connection to a daemon");
     }
 }
 
@@ -97,8 +97,10 @@ void Worker::WaitForShutdown()
     const auto type = type_;
     qel::PpcClient* const client = qel::PpcClient::GetInstance();
     client->SendPpcMsg(options_.device, type, qel::PPCMessage::START_RSP);
-    std::thread([client, device = options_.device, type, end = end_] {
-        end->Set(client->RecvData(device, type));
+    std::promise<uint32_t> result;
+    shutdown_ = result.get_future();
+    std::thread([client, device = options_.device, type, result = std::move(result)]() mutable {
+        result.set_value(client->RecvData(device, type));
     }).detach();
 }
 
@@ -111,13 +113,13 @@ void Worker::AskForCustomProcess()
         }
         const auto count = static_cast<uint32_t>(names.size());
         const uint32_t result = CreateOrFindCustPid(count, names.data(), options.hostPid);
-        Say(options, result == 0 ? "CUSTOM_READY" : "CUSTOM_FAILED");
+        PrintEvent(options, result == 0 ? "CUSTOM_READY" : "CUSTOM_FAILED");
     }).detach();
 }
 
 Clock::duration Worker::UntilNext() const
 {
-    int next = options_.heartbeat > 0 ? beat_.RemainingMs() : 1000;
+    int next = options_.heartbeat > 0 ? nextHeartbeat_.RemainingMs() : 1000;
     for (const auto& deadline : {crash_, abnormal_, timeout_}) {
         next = deadline.has_value() ? std::min(next, deadline->RemainingMs()) : next;
     }
@@ -125,24 +127,24 @@ Clock::duration Worker::UntilNext() const
 }
 
 // Does what is due. The exit status when the worker is to end.
-std::optional<int> Worker::OnTime()
+std::optional<int> Worker::HandleTimers()
 {
     if (HasPassed(crash_)) {
-        Say(options_, "CRASH");
+        PrintEvent(options_, "CRASH");
         static_cast<void>(raise(SIGKILL));  // does not return
     }
     if (HasPassed(abnormal_)) {
         GakDestory(options_.device, type_);
-        Say(options_, "ABNORMAL");
+        PrintEvent(options_, "ABNORMAL");
         return kExitFailed;
     }
     if (HasPassed(timeout_)) {
-        Say(options_, "TIME_LIMIT");
+        PrintEvent(options_, "TIME_LIMIT");
         return kExitTimeLimit;
     }
-    if (options_.heartbeat > 0 && beat_.Passed()) {
-        GakHeartbeatSend(options_.device, type_);  // when the daemon is gone, the other thread learns it
-        beat_ = Deadline(Seconds(options_.heartbeat));
+    if (options_.heartbeat > 0 && nextHeartbeat_.Passed()) {
+        GakHeartbeatSend(options_.device, type_);  // a lost connection is noticed by the other thread
+        nextHeartbeat_ = Deadline(Seconds(options_.heartbeat));
     }
     return std::nullopt;
 }
@@ -150,17 +152,18 @@ std::optional<int> Worker::OnTime()
 int Worker::Run()
 {
     Connect();
-    Say(options_, "CONNECTED");
+    PrintEvent(options_, "CONNECTED");
     WaitForShutdown();
     if (!options_.libs.empty()) {
         AskForCustomProcess();
     }
     for (;;) {
-        if (const auto result = end_->Wait(UntilNext())) {
-            Say(options_, *result == kStatusOk ? "SHUTDOWN" : "LOST");
-            return *result == kStatusOk ? kExitOk : kExitFailed;
+        if (shutdown_.wait_for(UntilNext()) == std::future_status::ready) {
+            const bool ordered = shutdown_.get() == qel::kStatusOk;
+            PrintEvent(options_, ordered ? "SHUTDOWN" : "LOST");
+            return ordered ? kExitOk : kExitFailed;
         }
-        if (const auto status = OnTime()) {
+        if (const auto status = HandleTimers()) {
             return *status;
         }
     }
@@ -193,7 +196,7 @@ int RunSeveral(const Options& options)
             return Worker(options).Run();
         }
         if (pid == -1) {
-            Complain(fmt::format("fork: {}", strerror(errno)));
+            PrintError(fmt::format("fork: {}", strerror(errno)));
             worst = kExitFailed;
             break;
         }
@@ -231,16 +234,16 @@ void AddOptions(CLI::App& app, Options& options)
 
 }  // namespace
 
-Verb AddWorker(CLI::App& program)
+Subcommand AddWorker(CLI::App& program)
 {
     CLI::App* app = program.add_subcommand(
         "worker", "Be a worker: report the start, send heartbeats, end when the daemon orders the shutdown");
     auto options = std::make_shared<Options>();
     AddOptions(*app, *options);
-    SetManners(*app,
-               "  $ gakppctl worker --device 0 --type ZOLT --heartbeat 0.5\n"
-               "  $ gakppctl worker --device 1 --libs libfirst.so,libsecond.so --host-pid 4711\n"
-               "  $ gakppctl worker --device 2 --count 8 --crash-after 5");
+    AddStandardOptions(*app,
+                       "  $ gakppctl worker --device 0 --type ZOLT --heartbeat 0.5\n"
+                       "  $ gakppctl worker --device 1 --libs libfirst.so,libsecond.so --host-pid 4711\n"
+                       "  $ gakppctl worker --device 2 --count 8 --crash-after 5");
     return {app, [options] { return Run(*options); }};
 }
 

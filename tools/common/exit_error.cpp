@@ -1,4 +1,4 @@
-#include "failure.h"
+#include "exit_error.h"
 
 #include <fmt/format.h>
 
@@ -15,7 +15,7 @@ std::string& ProgramName()
 
 }  // namespace
 
-void Complain(const std::string& text)
+void PrintError(const std::string& text)
 {
     fmt::print(stderr, "{}: {}\n", ProgramName(), text);
 }

@@ -1,5 +1,5 @@
-#ifndef GAKPPC_ORDERS_H
-#define GAKPPC_ORDERS_H
+#ifndef GAKPPC_COMMANDS_H
+#define GAKPPC_COMMANDS_H
 
 #include <cstdint>
 #include <string>
@@ -7,26 +7,26 @@
 
 namespace tools {
 
-// What may be written to the daemon's standard input, one order a line.
-extern const char kOrderHelp[];
+// What may be written to the daemon's standard input, one command a line.
+extern const char kCommandHelp[];
 
-enum class OrderKind {
+enum class CommandKind {
     kShutdown,     // one worker
     kShutdownAll,  // every worker
     kStartCustom,  // the custom process that a worker has asked for
     kQuit,         // the daemon
 };
 
-struct Order {
-    OrderKind kind = OrderKind::kQuit;
+struct Command {
+    CommandKind kind = CommandKind::kQuit;
     uint32_t device = 0;
     uint32_t pid = 0;
 };
 
-// Raises std::invalid_argument for anything that is no order.
-Order ParseOrder(const std::string& line);
+// Throws std::invalid_argument for anything that is no command.
+Command ParseCommand(const std::string& line);
 
-// Reads lines from a descriptor that poll(2) has reported. Lines that are longer than any order are cut.
+// Reads lines from a descriptor that poll(2) has reported. Lines that are longer than any command are cut.
 class LineReader {
 public:
     explicit LineReader(int fd) : fd_(fd) {}

@@ -1,12 +1,12 @@
-#ifndef GAKPPC_FAILURE_H
-#define GAKPPC_FAILURE_H
+#ifndef GAKPPC_EXIT_ERROR_H
+#define GAKPPC_EXIT_ERROR_H
 
 #include <stdexcept>
 #include <string>
 
 namespace tools {
 
-// Exit statuses of all programs and verbs.
+// Exit statuses of all programs and subcommands.
 enum ExitCode {
     kExitOk = 0,
     kExitFailed = 1,
@@ -16,9 +16,9 @@ enum ExitCode {
 };
 
 // Ends the program: the text goes to standard error, `code` becomes the exit status.
-class Failure : public std::runtime_error {
+class ExitError : public std::runtime_error {
 public:
-    Failure(ExitCode code, const std::string& text) : std::runtime_error(text), code_(code) {}
+    ExitError(ExitCode code, const std::string& text) : std::runtime_error(text), code_(code) {}
     ExitCode code() const { return code_; }
 
 private:
@@ -26,9 +26,9 @@ private:
 };
 
 // Writes "<program>: <text>" to standard error.
-void Complain(const std::string& text);
+void PrintError(const std::string& text);
 
-// The name that Complain writes.
+// The name that PrintError writes.
 void SetProgramName(const std::string& name);
 
 }  // namespace tools

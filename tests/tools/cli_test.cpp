@@ -10,26 +10,26 @@ namespace {
 
 struct Command {
     const char* program;
-    const char* verb;
+    const char* subcommand;
 };
 
 void PrintTo(const Command& command, std::ostream* out)
 {
     const std::string program = command.program;
-    *out << program.substr(program.rfind('/') + 1) << ' ' << command.verb;
+    *out << program.substr(program.rfind('/') + 1) << ' ' << command.subcommand;
 }
 
 std::vector<std::string> Arguments(const Command& command, std::vector<std::string> arguments)
 {
-    if (*command.verb != '\0') {
-        arguments.insert(arguments.begin(), command.verb);
+    if (*command.subcommand != '\0') {
+        arguments.insert(arguments.begin(), command.subcommand);
     }
     return arguments;
 }
 
-class Manners : public testing::TestWithParam<Command> {};
+class EveryCommand : public testing::TestWithParam<Command> {};
 
-TEST_P(Manners, HelpShowsExamplesAndExitStatuses)
+TEST_P(EveryCommand, HelpShowsExamplesAndExitStatuses)
 {
     const Outcome outcome = RunTool(GetParam().program, Arguments(GetParam(), {"--help"}));
     EXPECT_TRUE(outcome.status.ExitedWith(0)) << outcome.status;
@@ -53,7 +53,7 @@ std::vector<std::string> Examples(const std::string& help)
     return examples;
 }
 
-TEST_P(Manners, ExamplesAreNoWrongUsage)
+TEST_P(EveryCommand, ExamplesAreValidUsage)
 {
     const std::string programs = std::string(kGakppctl).substr(0, std::string(kGakppctl).rfind('/'));
     const auto examples = Examples(RunTool(GetParam().program, Arguments(GetParam(), {"--help"})).out);
@@ -74,10 +74,11 @@ std::string ContentOf(const std::string& file)
 }
 
 // --help and --version are this file's.
-TEST_P(Manners, EveryOptionIsUsedByATestOfItsVerb)
+TEST_P(EveryCommand, EveryOptionIsUsedByATest)
 {
-    const std::string verb = GetParam().verb;
-    const std::string tests = ContentOf(GAKPPC_TOOL_TEST_DIR "/" + (verb.empty() ? "gakppcd" : verb) + "_test.cpp");
+    const std::string subcommand = GetParam().subcommand;
+    const std::string tests =
+        ContentOf(GAKPPC_TOOL_TEST_DIR "/" + (subcommand.empty() ? "gakppcd" : subcommand) + "_test.cpp");
     std::istringstream help(RunTool(GetParam().program, Arguments(GetParam(), {"--help"})).out);
     size_t found = 0;
     for (std::string word, line; std::getline(help, line);) {
@@ -87,10 +88,11 @@ TEST_P(Manners, EveryOptionIsUsedByATestOfItsVerb)
             EXPECT_NE(tests.find("\"" + word + "\""), std::string::npos) << word;
         }
     }
-    EXPECT_EQ(found == 0, verb.empty() && std::string(GetParam().program) == kGakppctl) << "gakppctl has verbs only";
+    EXPECT_EQ(found == 0, subcommand.empty() && std::string(GetParam().program) == kGakppctl)
+        << "gakppctl has subcommands only";
 }
 
-TEST_P(Manners, VersionIsTheProjects)
+TEST_P(EveryCommand, VersionIsTheProjects)
 {
     const Outcome outcome = RunTool(GetParam().program, Arguments(GetParam(), {"--version"}));
     EXPECT_TRUE(outcome.status.ExitedWith(0));
@@ -98,7 +100,7 @@ TEST_P(Manners, VersionIsTheProjects)
     EXPECT_EQ(outcome.out, (daemon ? "gakppcd" : "gakppctl") + std::string(" (libgakppc) " GAKPPC_VERSION "\n"));
 }
 
-TEST_P(Manners, UnknownOptionIsWrongUsageAndNothingIsPrinted)
+TEST_P(EveryCommand, UnknownOptionIsWrongUsageAndNothingIsPrinted)
 {
     const Outcome outcome = RunTool(GetParam().program, Arguments(GetParam(), {"--no-such-option"}));
     EXPECT_TRUE(outcome.status.ExitedWith(2)) << outcome.status;
@@ -106,11 +108,11 @@ TEST_P(Manners, UnknownOptionIsWrongUsageAndNothingIsPrinted)
     EXPECT_NE(outcome.err, "");
 }
 
-TEST_P(Manners, ManualPageSaysWhatHelpSays)
+TEST_P(EveryCommand, ManualPageSaysWhatHelpSays)
 {
-    const std::string verb = GetParam().verb;
+    const std::string subcommand = GetParam().subcommand;
     const std::string program = std::string(GetParam().program) == kGakppcd ? "gakppcd" : "gakppctl";
-    const std::string page = program + (verb.empty() ? "" : "-" + verb);
+    const std::string page = program + (subcommand.empty() ? "" : "-" + subcommand);
     const std::string text = ContentOf(std::string(GAKPPC_MAN_DIR) + "/" + page + ".1");
     EXPECT_NE(text.find(".SH NAME"), std::string::npos) << page;
     EXPECT_NE(text.find("\\-\\-version"), std::string::npos) << text;
@@ -118,26 +120,26 @@ TEST_P(Manners, ManualPageSaysWhatHelpSays)
     EXPECT_NE(text.find("\n\\f(CW$ "), std::string::npos) << "the examples are not on lines of their own:\n" << text;
 }
 
-INSTANTIATE_TEST_SUITE_P(Commands, Manners,
+INSTANTIATE_TEST_SUITE_P(Commands, EveryCommand,
                          testing::Values(Command{kGakppctl, ""}, Command{kGakppctl, "worker"},
                                          Command{kGakppctl, "send"}, Command{kGakppctl, "tap"},
                                          Command{kGakppctl, "replay"}, Command{kGakppctl, "decode"},
                                          Command{kGakppctl, "status"}, Command{kGakppctl, "doctor"},
                                          Command{kGakppcd, ""}));
 
-TEST(MannersOfGakppctl, NeedsAVerb)
+TEST(GakppctlTest, NeedsASubcommand)
 {
     EXPECT_TRUE(Ctl({}).status.ExitedWith(2));
     EXPECT_TRUE(Ctl({"dance"}).status.ExitedWith(2));
 }
 
-TEST(MannersOfGakppctl, ClosedOutputIsAFailure)
+TEST(GakppctlTest, ClosedOutputIsAFailure)
 {
     Tool tool("sh", {"-c", "exec \"$0\" status --list >&-", kGakppctl});
     EXPECT_TRUE(tool.Finish().ExitedWith(1)) << tool.err();
 }
 
-TEST(MannersOfGakppctl, ColoursOnlyOnATerminalThatWantsThem)
+TEST(GakppctlTest, ColoursOnlyOnATerminalThatWantsThem)
 {
     const std::vector<std::string> arguments{"decode", "/home/frame.hex"};
     std::ofstream("/home/frame.hex") << "00000004 00000000";
@@ -162,13 +164,13 @@ std::string Completions(const std::string& program, const std::string& words)
     return RunTool("bash", {"-c", script}).out;
 }
 
-TEST(Completion, OffersVerbs)
+TEST(Completion, OffersSubcommands)
 {
     EXPECT_EQ(Completions("gakppctl", std::string(kGakppctl) + " s"), " send status \n");
     EXPECT_NE(Completions("gakppctl", std::string(kGakppctl) + " ''").find(" doctor "), std::string::npos);
 }
 
-TEST(Completion, OffersOptionsOfTheVerb)
+TEST(Completion, OffersOptionsOfTheSubcommand)
 {
     EXPECT_EQ(Completions("gakppctl", std::string(kGakppctl) + " tap --li"), " --linger \n");
     EXPECT_EQ(Completions("gakppctl", std::string(kGakppctl) + " worker --cr"), " --crash-after \n");

@@ -1,5 +1,5 @@
-#ifndef GAKPPC_MAILBOX_H
-#define GAKPPC_MAILBOX_H
+#ifndef GAKPPC_MESSAGE_QUEUE_H
+#define GAKPPC_MESSAGE_QUEUE_H
 
 #include <gakppc/qel_message.pb.h>
 #include <sys/eventfd.h>
@@ -12,18 +12,18 @@
 
 namespace tools {
 
-// Carries messages from the server's receive threads, on which handlers run and must be quick, to the main thread,
+// Carries messages from the server's receive threads, on which handlers run and must not block, to the main thread,
 // which polls Descriptor().
-class Mailbox {
+class MessageQueue {
 public:
-    void Put(const qel::PPCMessage& message)
+    void Push(const qel::PPCMessage& message)
     {
         std::lock_guard<std::mutex> lock(mutex_);
         messages_.push_back(message);
         eventfd_write(fd_.get(), 1);
     }
 
-    std::deque<qel::PPCMessage> TakeAll()
+    std::deque<qel::PPCMessage> PopAll()
     {
         std::lock_guard<std::mutex> lock(mutex_);
         eventfd_t ignored = 0;

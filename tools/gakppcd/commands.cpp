@@ -1,4 +1,4 @@
-#include "orders.h"
+#include "commands.h"
 
 #include <fmt/format.h>
 #include <unistd.h>
@@ -12,45 +12,45 @@ namespace {
 
 constexpr size_t kLongestLine = 4096;
 
-Order AboutWorker(OrderKind kind, std::istringstream& words, const std::string& line)
+Command AboutWorker(CommandKind kind, std::istringstream& words, const std::string& line)
 {
-    Order order;
-    order.kind = kind;
+    Command command;
+    command.kind = kind;
     std::string rest;
-    if (!(words >> order.device >> order.pid) || words >> rest) {
+    if (!(words >> command.device >> command.pid) || words >> rest) {
         throw std::invalid_argument(fmt::format("\"{}\" needs a device and a process id", line));
     }
-    return order;
+    return command;
 }
 
 }  // namespace
 
-const char kOrderHelp[] =
-    "  shutdown DEVICE PID      order one worker to shut down\n"
-    "  shutdown all             order every worker to shut down\n"
+const char kCommandHelp[] =
+    "  shutdown DEVICE PID      tell one worker to shut down\n"
+    "  shutdown all             tell every worker to shut down\n"
     "  start-custom DEVICE PID  start the custom process that a worker has asked for\n"
     "  quit                     shut everything down and end";
 
-Order ParseOrder(const std::string& line)
+Command ParseCommand(const std::string& line)
 {
     std::istringstream words(line);
-    std::string verb, second, third;
-    words >> verb >> second >> third;
-    if (verb == "quit" && second.empty()) {
+    std::string name, second, third;
+    words >> name >> second >> third;
+    if (name == "quit" && second.empty()) {
         return {};
     }
-    if (verb == "shutdown" && second == "all" && third.empty()) {
-        return {OrderKind::kShutdownAll, 0, 0};
+    if (name == "shutdown" && second == "all" && third.empty()) {
+        return {CommandKind::kShutdownAll, 0, 0};
     }
     std::istringstream again(line);
-    again >> verb;
-    if (verb == "shutdown") {
-        return AboutWorker(OrderKind::kShutdown, again, line);
+    again >> name;
+    if (name == "shutdown") {
+        return AboutWorker(CommandKind::kShutdown, again, line);
     }
-    if (verb == "start-custom") {
-        return AboutWorker(OrderKind::kStartCustom, again, line);
+    if (name == "start-custom") {
+        return AboutWorker(CommandKind::kStartCustom, again, line);
     }
-    throw std::invalid_argument(fmt::format("\"{}\" is no order; orders are:\n{}", line, kOrderHelp));
+    throw std::invalid_argument(fmt::format("\"{}\" is no command; commands are:\n{}", line, kCommandHelp));
 }
 
 std::vector<std::string> LineReader::Take()
