@@ -178,9 +178,6 @@ private:
     size_t length_ = 0;
 };
 
-// What this thread said last with vlog_sigpipe_is_blocked.
-thread_local bool sigpipeIsBlocked = false;
-
 sigset_t OnlySigpipe()
 {
     sigset_t sigpipe;
@@ -189,43 +186,41 @@ sigset_t OnlySigpipe()
     return sigpipe;
 }
 
-// Takes back the SIGPIPE that a write has raised while it was blocked.
-void ConsumeSigpipe()
-{
-    const sigset_t sigpipe = OnlySigpipe();
-    const timespec noWait{};
-    sigtimedwait(&sigpipe, nullptr, &noWait);
-}
-
 // Keeps a broken pipe from killing the process, for the calling thread and the length of a scope. A SIGPIPE that was
 // pending before stays pending.
 class SigpipeGuard {
 public:
-    SigpipeGuard()
+    SigpipeGuard() : sigpipe_(OnlySigpipe())
     {
-        const sigset_t sigpipe = OnlySigpipe();
-        blocked_ = pthread_sigmask(SIG_BLOCK, &sigpipe, &before_) == 0 && sigismember(&before_, SIGPIPE) == 0;
+        pthread_sigmask(SIG_BLOCK, &sigpipe_, &before_);
+        wasPending_ = IsPending();
     }
-    ~SigpipeGuard()
-    {
-        if (blocked_) {
-            pthread_sigmask(SIG_SETMASK, &before_, nullptr);
-        }
-    }
+    ~SigpipeGuard() { pthread_sigmask(SIG_SETMASK, &before_, nullptr); }
     SigpipeGuard(const SigpipeGuard&) = delete;
     SigpipeGuard& operator=(const SigpipeGuard&) = delete;
 
     // Removes the signal of a write that failed with EPIPE.
     void Consume()
     {
-        if (blocked_) {
-            ConsumeSigpipe();
+        const timespec noWait{};
+        sigtimedwait(&sigpipe_, nullptr, &noWait);
+        if (wasPending_ && !IsPending()) {
+            pthread_kill(pthread_self(), SIGPIPE);  // the two had merged: the caller's goes back
         }
     }
 
 private:
+    static bool IsPending()
+    {
+        sigset_t pending;
+        sigemptyset(&pending);
+        sigpending(&pending);
+        return sigismember(&pending, SIGPIPE) == 1;
+    }
+
+    const sigset_t sigpipe_;
     sigset_t before_;
-    bool blocked_ = false;
+    bool wasPending_;
 };
 
 // write(2) that raises no SIGPIPE by itself, which saves the guard's system calls. False when this kernel, or what
@@ -256,12 +251,6 @@ bool WriteWithoutSignal(const Line& line)
 // A short or failed write loses the rest of the line: repeating it could block or mix lines.
 void WriteToStandardError(const Line& line)
 {
-    if (sigpipeIsBlocked) {
-        if (write(STDERR_FILENO, line.text(), line.length()) == -1 && errno == EPIPE) {
-            ConsumeSigpipe();
-        }
-        return;
-    }
     if (WriteWithoutSignal(line)) {
         return;
     }
@@ -324,11 +313,6 @@ int vlog_setlevel(int level)
     }
     currentLevel.store(level, std::memory_order_relaxed);
     return 0;
-}
-
-void vlog_sigpipe_is_blocked(int isBlocked)
-{
-    sigpipeIsBlocked = isBlocked != 0;
 }
 
 int CheckLogLevel(int /*moduleId*/, int logLevel)

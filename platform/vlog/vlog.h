@@ -56,11 +56,6 @@ void VlogWithKVInner(int moduleId, int level, KeyValue* pairs, int pairCount, co
  * a value outside 0 to 3, which changes nothing. */
 int vlog_setlevel(int level);
 
-/* The stand-in's own as well: says whether the calling thread keeps SIGPIPE blocked from now on, and has none pending.
- * While it does, its lines need no precaution against a closed reader, which makes them cheaper. At first it does not.
- */
-void vlog_sigpipe_is_blocked(int isBlocked);
-
 #pragma GCC visibility pop
 
 #ifdef __cplusplus

@@ -318,7 +318,6 @@ TEST_P(VlogOnAKernel, ClosedReaderDoesNotKillTheProcessOrLeaveASignal)
     EXPECT_TRUE(child.WaitExit(10s).ExitedWith(0)) << child.WaitExit(10s);
 }
 
-// A thread that says so saves the precaution, not the care.
 TEST_P(VlogOnAKernel, ClosedReaderLeavesNoSignalOnAThreadThatBlocksIt)
 {
     ChildProcess child([] {
@@ -326,37 +325,12 @@ TEST_P(VlogOnAKernel, ClosedReaderLeavesNoSignalOnAThreadThatBlocksIt)
         if (!gaktest::BreakStandardError()) {
             return 1;
         }
-        vlog_sigpipe_is_blocked(1);
         errno = ENOENT;
         VlogErrorInner(38, "into a broken pipe");
         sigset_t pending;
         return errno == ENOENT && sigpending(&pending) == 0 && sigismember(&pending, SIGPIPE) == 0 ? 0 : 2;
     });
     EXPECT_TRUE(child.WaitExit(10s).ExitedWith(0)) << child.WaitExit(10s);
-}
-
-TEST_P(VlogOnAKernel, ThreadThatBlocksSigpipeNoLongerIsProtectedAgain)
-{
-    ChildProcess child([] {
-        if (!gaktest::BreakStandardError()) {
-            return 1;
-        }
-        signal(SIGPIPE, SIG_DFL);
-        vlog_sigpipe_is_blocked(1);
-        vlog_sigpipe_is_blocked(0);
-        VlogErrorInner(38, "into a broken pipe");
-        return 0;
-    });
-    EXPECT_TRUE(child.WaitExit(10s).ExitedWith(0)) << child.WaitExit(10s);
-}
-
-TEST_P(VlogOnAKernel, LinesOfAThreadThatBlocksSigpipeAreWrittenWhole)
-{
-    vlog_sigpipe_is_blocked(1);
-    const std::vector<std::string> writes = WritesOf([] { VlogErrorInner(38, "first"); });
-    vlog_sigpipe_is_blocked(0);
-    ASSERT_EQ(writes.size(), 1U);
-    EXPECT_EQ(WithoutTime(writes[0]), "ERROR [38] first\n");
 }
 
 TEST_P(VlogOnAKernel, SigpipeThatTheCallerHoldsPendingStaysPending)

@@ -8,9 +8,11 @@
 
 #include <chrono>
 #include <functional>
+#include <future>
 
 #include "gak.h"
 #include "ppc.h"
+#include "ppc_server.h"
 #include "process.h"
 #include "raw_peer.h"
 #include "vlog.h"
@@ -22,7 +24,9 @@ using gaktest::ChildProcess;
 using gaktest::Fd;
 
 constexpr int kServerId = 19280;
+constexpr uint32_t kOk = 0x1011000;
 constexpr uint32_t kFailed = 0x1093031;
+constexpr uint32_t kSendFailed = 0x1093037;
 constexpr int kInfo = 1;
 
 volatile sig_atomic_t delivered = 0;
@@ -121,15 +125,50 @@ TEST(SigpipeGuardTest, SignalThatWasPendingIsDeliveredOnce)
     }));
 }
 
-// What the library told the logging library about its thread must not outlast the call.
-TEST(SigpipeGuardTest, LinesAfterTheMessageAreWrittenWithCareAgain)
+std::promise<void> workerHasGone;
+std::promise<uint32_t> answered;
+
+uint32_t Answer(const qel::PPCMessage& heartbeat)
 {
-    EXPECT_TRUE(EndsWellWithBrokenPipes([] {
-        signal(SIGPIPE, SIG_DFL);
-        const bool asExpected = SendIntoTheVoid();
-        VlogErrorInner(38, "on the process's own account");
-        return asExpected && !IsPending() ? 0 : 1;
-    }));
+    qel::PPCMessage answer;
+    answer.set_dest_id(heartbeat.src_id());
+    answer.set_sub_proc_pid(heartbeat.sub_proc_pid());
+    return qel::PpcServer::GetInstance().SendData(answer);
+}
+
+// Changes the mask of the library's thread that it is called on, between two answers.
+void UnblockAndAnswer(const qel::PPCMessage& heartbeat)
+{
+    workerHasGone.get_future().wait_for(10s);
+    const uint32_t first = Answer(heartbeat);
+    SetBlocked(false);
+    answered.set_value(Answer(heartbeat) == first ? first : kOk);
+}
+
+int AnswerAWorkerThatHasGone()
+{
+    signal(SIGPIPE, SIG_DFL);
+    qel::PpcServer& server = qel::PpcServer::GetInstance();
+    server.RegPPCSerMsgProcFunc(qel::PPCMessage::HEARTBEAT, &UnblockAndAnswer);
+    if (ppcInit() != 0 || server.CreateServer(kServerId) != kOk) {
+        return 10;
+    }
+    Fd worker = gaktest::RawConnect(kServerId);
+    if (!gaktest::WriteAll(worker, gaktest::PpcFrame({qel::PPCMessage::HEARTBEAT, 0, kServerId, 0, 77, 0, {}}))) {
+        return 11;
+    }
+    worker.Reset();
+    workerHasGone.set_value();
+    const bool asExpected = answered.get_future().get() == kSendFailed;
+    server.Destroy();
+    return asExpected ? 0 : 1;
+}
+
+TEST(SigpipeGuardTest, HandlerThatUnblocksTheSignalMaySendToAWorkerThatHasGone)
+{
+    ChildProcess child(&AnswerAWorkerThatHasGone);
+    const gaktest::ExitStatus status = child.WaitExit(20s);
+    EXPECT_TRUE(status.ExitedWith(0)) << status;
 }
 
 }  // namespace

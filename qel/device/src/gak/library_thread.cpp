@@ -5,8 +5,6 @@
 #include <csignal>
 #include <utility>
 
-#include "sigpipe_guard.h"
-
 namespace qel {
 namespace {
 
@@ -49,7 +47,6 @@ std::thread StartLibraryThread(std::function<void()> body)
     const AsynchronousSignalsBlocked blocked;
     return std::thread([body = std::move(body)] {
         isLibraryThread = true;
-        ppc::SigpipeGuard::StaysBlockedOnThisThread();
         body();
     });
 }

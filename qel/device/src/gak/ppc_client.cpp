@@ -13,7 +13,6 @@
 #include "own_pid.h"
 #include "ppc.h"
 #include "ppc_record.h"
-#include "sigpipe_guard.h"
 #include "status_table.h"
 
 namespace qel {
@@ -406,7 +405,6 @@ uint32_t PpcClient::SendAbnormalMsg(uint32_t deviceId, GakWaitType waitType)
 
 uint32_t PpcClient::SendReport(const Report& report, uint32_t deviceId, GakWaitType waitType)
 {
-    const ppc::SigpipeGuard guard;  // the one that the frame needs, for the lines about it as well
     GAK_INFO_AS(report.function,
                 "[GAKPPCCLI] %s() deviceId: %u waitType:%u(0:ZOLT,1:COMPUTE,2:CUSTOM_COMPUTE) is running",
                 report.function, deviceId, waitType);

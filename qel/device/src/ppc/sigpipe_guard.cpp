@@ -1,15 +1,12 @@
 #include "sigpipe_guard.h"
 
 #include <pthread.h>
+#include <sys/syscall.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <csignal>
 #include <ctime>
-
-#include "vlog.h"
-
-// The stand-in's own: the logging library of a host need not have it.
-extern "C" void vlog_sigpipe_is_blocked(int isBlocked) __attribute__((weak));
 
 namespace ppc {
 namespace {
@@ -24,44 +21,33 @@ sigset_t SigpipeSet() noexcept
 
 const sigset_t kSigpipe = SigpipeSet();
 
-bool SigpipeIsPending()
+// Takes a pending SIGPIPE, the thread's own before the process's. Not sigtimedwait, which does not tell a signal that
+// was sent to the thread from any other.
+bool TakePending(siginfo_t* signal)
 {
-    sigset_t pending;
-    sigemptyset(&pending);
-    sigpending(&pending);
-    return sigismember(&pending, SIGPIPE) == 1;
+    constexpr size_t kKernelSetSize = (NSIG - 1) / 8;
+    const timespec noWait = {};
+    return syscall(SYS_rt_sigtimedwait, &kSigpipe, signal, &noWait, kKernelSetSize) == SIGPIPE;
 }
 
-void TellLog(bool isBlocked)
+// The signal of a broken pipe bears the process id of the writer, as those of kill do; but kill sends to the process.
+bool IsOfAWrite(const siginfo_t& signal)
 {
-    if (vlog_sigpipe_is_blocked != nullptr) {
-        vlog_sigpipe_is_blocked(isBlocked ? 1 : 0);
-    }
+    return signal.si_code == SI_USER && signal.si_pid == getpid();
 }
 
 }  // namespace
 
-__thread bool SigpipeGuard::isBlocked = false;
-__thread bool SigpipeGuard::wasPending = false;
-
-void SigpipeGuard::Block()
+SigpipeGuard::SigpipeGuard()
 {
     sigset_t previous;
     pthread_sigmask(SIG_BLOCK, &kSigpipe, &previous);
-    unblockAtEnd_ = sigismember(&previous, SIGPIPE) == 0;
-    isOutermost_ = true;
-    isBlocked = true;
-    // A thread that does not block the signal has none pending.
-    wasPending = !unblockAtEnd_ && SigpipeIsPending();
-    TellLog(!wasPending);
+    wasBlocked_ = sigismember(&previous, SIGPIPE) == 1;
 }
 
-void SigpipeGuard::Restore()
+SigpipeGuard::~SigpipeGuard()
 {
-    TellLog(false);
-    isBlocked = false;
-    wasPending = false;
-    if (unblockAtEnd_) {
+    if (!wasBlocked_) {
         pthread_sigmask(SIG_UNBLOCK, &kSigpipe, nullptr);
     }
 }
@@ -69,18 +55,11 @@ void SigpipeGuard::Restore()
 void SigpipeGuard::Consume()
 {
     const int savedErrno = errno;
-    const timespec noWait = {};
-    sigtimedwait(&kSigpipe, nullptr, &noWait);  // takes the thread's own before the process's
-    if (wasPending && !SigpipeIsPending()) {
-        pthread_kill(pthread_self(), SIGPIPE);  // the two had merged: the caller's goes back
+    siginfo_t signal = {};
+    if (TakePending(&signal) && !IsOfAWrite(signal)) {
+        pthread_kill(pthread_self(), SIGPIPE);  // the thread had it pending before, and the write's merged with it
     }
     errno = savedErrno;
-}
-
-void SigpipeGuard::StaysBlockedOnThisThread()
-{
-    isBlocked = true;
-    TellLog(true);
 }
 
 }  // namespace ppc
