@@ -12,30 +12,26 @@
 #include <future>
 #include <memory>
 #include <new>
+#include <optional>
 #include <string>
 #include <thread>
 #include <type_traits>
+#include <utility>
 #include <vector>
 
 #include "driver_calls.h"
 #include "last_exit_handler.h"
 #include "server_fixture.h"
+#include "server_lines.h"
 
 namespace {
 
 using namespace gaktest;
-using gaktest::Bytes;
-using gaktest::CountingHook;
-using gaktest::Fd;
-using gaktest::ImportHook;
-using gaktest::LogSink;
-using gaktest::RawMessage;
 using qel::PPCMessage;
 using qel::PpcServer;
 using testing::Contains;
 using testing::ElementsAre;
 using testing::IsEmpty;
-namespace calls = gaktest::calls;
 
 std::string DestroyLine(uint32_t serverId = kServerId)
 {
@@ -45,25 +41,7 @@ std::string DestroyLine(uint32_t serverId = kServerId)
 
 const std::string kDestroySessionLine = Plain("Destroy", "[GAKPPCSER] Destory ppc session serverId_=19280");
 
-std::string LookupLine(uint32_t device, uint32_t pid)
-{
-    return Plain("GetPpcSession", "[PpcServer] GetPpcSession, deviceId:" + std::to_string(device) +
-                                      ", subProcPid:" + std::to_string(pid));
-}
-
-class PpcServerTest : public ServerTest {
-protected:
-    // The lines that the function `name` wrote.
-    std::vector<std::string> LinesOfFunction(const std::string& name)
-    {
-        std::vector<std::string> lines = ServerLines(log_);
-        const auto isOther = [&](const std::string& line) { return line.find(" " + name + ": ") == std::string::npos; };
-        lines.erase(std::remove_if(lines.begin(), lines.end(), isOther), lines.end());
-        return lines;
-    }
-    // Connects without waiting for the server.
-    static Fd Dial() { return gaktest::RawConnect(static_cast<int>(kServerId)); }
-};
+using PpcServerTest = ServerTest;
 
 // A hook of drvPpcServerCreate that keeps the endpoint.
 class EndpointHook {
@@ -82,25 +60,6 @@ public:
 private:
     PpcServerHead* endpoint_ = nullptr;
     CountingHook<DriverServerCreate> hook_;
-};
-
-// Threads and descriptors of this process, to be found again later.
-class Baseline {
-public:
-    // A thread that has been joined may still be counted for a moment: fewer than before are no fault.
-    testing::AssertionResult Returned() const
-    {
-        if (gaktest::WaitUntil(
-                [this] { return gaktest::ThreadCount() <= threads_ && gaktest::OpenDescriptors() == fds_; }, 10s)) {
-            return testing::AssertionSuccess();
-        }
-        return testing::AssertionFailure() << "threads: " << threads_ << ", now " << gaktest::ThreadCount()
-                                           << "; descriptors: " << fds_ << ", now " << gaktest::OpenDescriptors();
-    }
-
-private:
-    const size_t threads_ = gaktest::ThreadCount();
-    const size_t fds_ = gaktest::OpenDescriptors();
 };
 
 // ---- The class ----
@@ -141,7 +100,7 @@ TEST_F(PpcServerTest, CreateServerWhileRunningIsANoOp)
     EXPECT_EQ(inits.Count(), 0u);
     EXPECT_TRUE(before.Returned());
     EXPECT_THAT(log_.Lines(), IsEmpty());
-    EXPECT_FALSE(gaktest::RawConnect(kServerId + 1).valid());
+    EXPECT_FALSE(RawConnect(kServerId + 1).valid());
     EXPECT_EQ(server_.Destroy(), kOk);
     EXPECT_THAT(ServerLines(log_), Contains(DestroyLine(kServerId)));
 }
@@ -162,11 +121,11 @@ TEST_F(PpcServerTest, FailingDriverInitIsReported)
 
 TEST_F(PpcServerTest, FailingEndpointIsReportedWithItsResult)
 {
-    unlink(gaktest::SocketPath(kServerId).c_str());
-    ASSERT_EQ(mkdir(gaktest::SocketPath(kServerId).c_str(), 0700), 0);  // nothing can be bound there
+    unlink(SocketPath(kServerId).c_str());
+    ASSERT_EQ(mkdir(SocketPath(kServerId).c_str(), 0700), 0);  // nothing can be bound there
     const Baseline before;
     EXPECT_EQ(server_.CreateServer(kServerId), 0x1093031u);
-    EXPECT_EQ(rmdir(gaktest::SocketPath(kServerId).c_str()), 0);
+    EXPECT_EQ(rmdir(SocketPath(kServerId).c_str()), 0);
     EXPECT_THAT(ServerLines(log_),
                 ElementsAre(WithStatus(0x1093031, "CreateServer", "[GAKPPCSER] drvPpcServerCreate return 20")));
     EXPECT_FALSE(server_.IsPPCServerRunning());
@@ -245,7 +204,7 @@ TEST_F(PpcServerTest, ManyThreadsCreateOneServer)
     EXPECT_TRUE(ThreadsBecome("ppc_srv_accept", 1));
 }
 
-TEST_F(PpcServerTest, SecondOfTwoThreadsThatCreateAtOnceIsContentWithTheServerOfTheFirst)
+TEST_F(PpcServerTest, SecondOfTwoThreadsThatCreateAtOnceUsesTheServerOfTheFirst)
 {
     std::atomic<bool> secondHasCome{false};
     CountingHook<MutexLock> locks;
@@ -258,7 +217,7 @@ TEST_F(PpcServerTest, SecondOfTwoThreadsThatCreateAtOnceIsContentWithTheServerOf
     inits.OnCall([&](uint64_t number) -> std::optional<int> {
         if (number == 1) {
             second = std::async(std::launch::async, [this] { return server_.CreateServer(kServerId + 1); });
-            EXPECT_TRUE(gaktest::WaitUntil([&] { return secondHasCome.load(); }, 10s));
+            EXPECT_TRUE(WaitUntil([&] { return secondHasCome.load(); }, 10s));
         }
         return std::nullopt;
     });
@@ -266,7 +225,7 @@ TEST_F(PpcServerTest, SecondOfTwoThreadsThatCreateAtOnceIsContentWithTheServerOf
     EXPECT_EQ(second.get(), kOk);
     EXPECT_EQ(inits.Count(), 1u);
     EXPECT_TRUE(Dial().valid());
-    EXPECT_FALSE(gaktest::RawConnect(kServerId + 1).valid());
+    EXPECT_FALSE(RawConnect(kServerId + 1).valid());
 }
 
 // ---- Accepting ----
@@ -293,7 +252,7 @@ TEST_F(PpcServerTest, FailedAcceptIsLoggedAndTriedAgain)
                             Plain("AcceptConnection", "[GAKPPCSER] drvPpcSessionAccept() [return:22] continue")));
 }
 
-TEST_F(PpcServerTest, AcceptThreadEndsWhenTheEndpointIsGoneWhileTheServerCountsAsRunning)
+TEST_F(PpcServerTest, AcceptThreadThatLosesItsEndpointLeavesTheServerRunning)
 {
     const EndpointHook endpoint;
     Create();
@@ -344,7 +303,7 @@ TEST_F(PpcServerTest, ReceiveThreadThatCannotBeStartedClosesItsSessionOnly)
         CountingHook<calls::StdThreadCreate> starts;
         starts.FailCall(1, EAGAIN, 0);
         const Fd refused = Connect();
-        EXPECT_TRUE(gaktest::ExpectEof(refused, 10s));
+        EXPECT_TRUE(ExpectEof(refused, 10s));
     }
     EXPECT_EQ(closes_.Count(), 1u);
     EXPECT_EQ(log_.Count(LogSink::kError, "[GAKPPCSER]"), 1u);
@@ -371,7 +330,7 @@ TEST_P(PpcServerNoMemoryTest, SessionThatCannotBeStoredIsClosedAlone)
             return std::nullopt;
         });
         const Fd refused = Connect();
-        EXPECT_TRUE(gaktest::ExpectEof(refused, 10s));
+        EXPECT_TRUE(ExpectEof(refused, 10s));
     }
     EXPECT_EQ(closes_.Count(), 1u);
     EXPECT_EQ(log_.Count(LogSink::kError, "session closed"), 1u);
@@ -383,117 +342,6 @@ TEST_P(PpcServerNoMemoryTest, SessionThatCannotBeStoredIsClosedAlone)
 }
 
 INSTANTIATE_TEST_SUITE_P(Block, PpcServerNoMemoryTest, testing::Range<uint64_t>(1, 4));
-
-// The accept thread is held between the start of the receive thread and the listing of the session.
-TEST_F(PpcServerTest, SessionThatClosesBeforeItIsListedIsClosedOnce)
-{
-    Create();
-    {
-        CountingHook<calls::StdThreadCreate> starts;
-        starts.OnCall([this](uint64_t, pthread_t* thread, const pthread_attr_t* attr, void* (*body)(void*), void* arg) {
-            const int result = CountingHook<calls::StdThreadCreate>::Real(thread, attr, body, arg);
-            EXPECT_TRUE(log_.WaitFor("CloseSomeSession session is not exist", 10s));
-            return std::optional<int>(result);
-        });
-        const uint64_t before = accepts_.Count();
-        Dial().Reset();
-        EXPECT_TRUE(gaktest::WaitUntil([&] { return accepts_.Count() > before; }, 10s));
-    }
-    EXPECT_THAT(LinesOfFunction("RemoveFromPpcSessionList"),
-                ElementsAre(Plain("RemoveFromPpcSessionList", "[GAKPPCSER] CloseSomeSession enter [sessionSize:0]"),
-                            WithStatus(0x1093041, "RemoveFromPpcSessionList",
-                                       "[GAKPPCSER] CloseSomeSession session is not exist")));
-    log_.Clear();
-    EXPECT_EQ(server_.Destroy(), kOk);
-    EXPECT_EQ(closes_.Count(), 1u);
-    EXPECT_EQ(log_.Count("Destory ppc session"), 0u);
-}
-
-// ---- Session table ----
-
-TEST_F(PpcServerTest, StoringAndLookingUpASessionIsLogged)
-{
-    int foreign = 0;
-    void* const session = &foreign;
-    server_.SetPpcSession(3, 4294967295, session);
-    EXPECT_EQ(server_.GetPpcSession(3, 4294967295), session);
-    EXPECT_THAT(ServerLines(log_),
-                ElementsAre(Plain("SetPpcSession", "[PpcServer] SetPpcSession, deviceId:3, subProcPid:4294967295"),
-                            LookupLine(3, 4294967295)));
-}
-
-TEST_F(PpcServerTest, AnyDeviceAndPointerCanBeStored)
-{
-    void* const unmapped = reinterpret_cast<void*>(0x10);
-    server_.SetPpcSession(0xFFFFFFFF, 0, unmapped);
-    EXPECT_EQ(server_.GetPpcSession(0xFFFFFFFF, 0), unmapped);
-}
-
-TEST_F(PpcServerTest, EachPairOfDeviceAndSubProcessHasItsOwnSession)
-{
-    char foreign[3];
-    const std::pair<uint32_t, uint32_t> pairs[] = {{0, 1}, {1, 0}, {1, 1}};
-    for (size_t i = 0; i < 3; ++i) {
-        server_.SetPpcSession(pairs[i].first, pairs[i].second, &foreign[i]);
-    }
-    for (size_t i = 0; i < 3; ++i) {
-        EXPECT_EQ(server_.GetPpcSession(pairs[i].first, pairs[i].second), &foreign[i]);
-    }
-    EXPECT_EQ(server_.GetPpcSession(0, 0), nullptr);
-}
-
-TEST_F(PpcServerTest, LaterSessionOfAPairReplacesTheEarlier)
-{
-    char foreign[2];
-    server_.SetPpcSession(1, 7, &foreign[0]);
-    server_.SetPpcSession(1, 7, &foreign[1]);
-    EXPECT_EQ(server_.GetPpcSession(1, 7), &foreign[1]);
-}
-
-TEST_F(PpcServerTest, FailedLookupEntersThePairWithANullHandle)
-{
-    CountingHook<calls::OperatorNew> allocations;
-    EXPECT_EQ(server_.GetPpcSession(2, 5), nullptr);
-    EXPECT_EQ(server_.GetPpcSession(2, 6), nullptr);
-    EXPECT_EQ(allocations.Count(), 2u);
-    allocations.Reset();
-    EXPECT_EQ(server_.GetPpcSession(2, 5), nullptr);
-    EXPECT_EQ(server_.GetPpcSession(2, 6), nullptr);
-    EXPECT_EQ(allocations.Count(), 0u);
-}
-
-// The library finds no memory for what it wants to store while one exists.
-class NoMemory {
-public:
-    NoMemory()
-    {
-        hook_.OnCall([](uint64_t, size_t) -> std::optional<void*> { throw std::bad_alloc(); });
-    }
-
-private:
-    CountingHook<calls::OperatorNew> hook_;
-};
-
-TEST_F(PpcServerTest, SessionThatCannotBeStoredForLackOfMemoryIsLoggedAndNotRaised)
-{
-    int foreign = 0;
-    {
-        const NoMemory noMemory;
-        server_.SetPpcSession(1, 7, &foreign);
-    }
-    EXPECT_EQ(log_.Count(LogSink::kError, "memory exhausted error"), 1u);
-    EXPECT_EQ(server_.GetPpcSession(1, 7), nullptr);
-}
-
-TEST_F(PpcServerTest, LookupWithoutMemoryFindsNothingAndRaisesNothing)
-{
-    {
-        const NoMemory noMemory;
-        EXPECT_EQ(server_.GetPpcSession(1, 7), nullptr);
-        EXPECT_EQ(server_.SendData(Order(1, 7)), 0x1093036u);
-    }
-    EXPECT_EQ(log_.Count(LogSink::kError, "memory exhausted error"), 2u);
-}
 
 // ---- SendData ----
 
@@ -540,22 +388,14 @@ INSTANTIATE_TEST_SUITE_P(Addresses, PpcServerAddressTest,
                                                      "procType:4294967295(0:ZOLT,1:COMPUTE,2:CUSTOM_COMPUTE)"}),
                          [](const testing::TestParamInfo<AddressCase>& param) { return param.param.name; });
 
-TEST_F(PpcServerTest, SendDataToAPairNeverSeenEntersIt)
-{
-    EXPECT_EQ(server_.SendData(Order(1, 99)), 0x1093036u);
-    CountingHook<calls::OperatorNew> allocations;
-    EXPECT_EQ(server_.GetPpcSession(1, 99), nullptr);
-    EXPECT_EQ(allocations.Count(), 0u);
-}
-
 TEST_F(PpcServerTest, SendDataReachesTheWorkerOfTheProcessOnly)
 {
     std::vector<std::unique_ptr<WorkerProcess>> workers;
     for (uint32_t pid = 10; pid < 14; ++pid) {
         workers.push_back(std::make_unique<WorkerProcess>([pid](Fd& socket) {
             const RawMessage order{5, 0, pid % 2, 0, pid, 0, {}};
-            return WriteAll(socket, gaktest::PpcFrame(Report(pid % 2, pid))) &&
-                           gaktest::ReadPpcFrame(socket, 20s) == order && gaktest::ExpectEof(socket, 20s)
+            return WriteAll(socket, PpcFrame(Report(pid % 2, pid))) && ReadPpcFrame(socket, 20s) == order &&
+                           ExpectEof(socket, 20s)
                        ? 0
                        : 1;
         }));
@@ -582,7 +422,7 @@ TEST_F(PpcServerTest, ProcessTypeIsNotPartOfTheAddress)
     for (const auto type : {PPCMessage::ZOLT, PPCMessage::COMPUTE, PPCMessage::CUSTOM_COMPUTE}) {
         msg.set_proc_type(type);
         EXPECT_EQ(server_.SendData(msg), kOk);
-        EXPECT_EQ(gaktest::ReadPpcFrame(worker, 10s), (RawMessage{5, 0, 1, static_cast<uint32_t>(type), 7, 0, {}}));
+        EXPECT_EQ(ReadPpcFrame(worker, 10s), (RawMessage{5, 0, 1, static_cast<uint32_t>(type), 7, 0, {}}));
     }
 }
 
@@ -622,166 +462,6 @@ TEST_F(PpcServerTest, ResultOfSendingIsReturnedUnchanged)
     CountingHook<DriverAllocMsg> alloc;
     alloc.FailFrom(1, PPC_OK, 0);
     EXPECT_EQ(server_.SendData(Order(1, 7)), 0x1093039u);
-}
-
-// ---- Stale entries ----
-
-TEST_F(PpcServerTest, ClosedSessionStaysInTheTableAndSendingToItFails)
-{
-    Create();
-    Fd worker = ConnectAs(1, 7);
-    void* const handle = server_.GetPpcSession(1, 7);
-    ASSERT_NE(handle, nullptr);
-    worker.Reset();
-    ASSERT_TRUE(WaitForExits(1));
-    EXPECT_EQ(server_.GetPpcSession(1, 7), handle);
-    log_.Clear();
-    EXPECT_EQ(server_.SendData(Order(1, 7)), 0x1093037u);
-    EXPECT_THAT(CodecLines(log_),
-                Contains(WithStatus(0x1093037, "SendMsg", "[GAKPPCIF] SendMsg() Send message buffer fail")));
-}
-
-// A session record shows its descriptor behind the magic word, and -1 from the moment when its thread closes it.
-int DescriptorOf(void* session)
-{
-    return __atomic_load_n(static_cast<int*>(session) + 1, __ATOMIC_ACQUIRE);
-}
-
-TEST_F(PpcServerTest, StaleEntryNeverReachesANewWorkerWithTheSameDescriptor)
-{
-    Create();
-    Fd former = ConnectAs(1, 7);
-    void* const stale = server_.GetPpcSession(1, 7);
-    const int descriptor = DescriptorOf(stale);
-    former.Reset();
-    ASSERT_TRUE(WaitForExits(1));
-    // The system reserves the number of the next session when accept is called, and it gives the lowest free one. The
-    // old number is kept from the workers' own ends and let go right before such a call.
-    ASSERT_EQ(fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, descriptor), descriptor);
-    std::atomic<bool> kept{true};
-    accepts_.OnCall([&](uint64_t, PpcServerHead*, PpcSession**) -> std::optional<int> {
-        if (kept.exchange(false)) {
-            close(descriptor);
-        }
-        return std::nullopt;
-    });
-    const Fd between = Connect();
-    const Fd worker = ConnectAs(1, 8);
-    ASSERT_EQ(DescriptorOf(server_.GetPpcSession(1, 8)), descriptor);
-    EXPECT_NE(server_.GetPpcSession(1, 8), stale);
-    EXPECT_EQ(server_.SendData(Order(1, 7)), 0x1093037u);
-    EXPECT_EQ(server_.SendData(Order(1, 8)), kOk);
-    EXPECT_EQ(gaktest::ReadPpcFrame(worker, 10s), (RawMessage{5, 0, 1, 0, 8, 0, {}}));
-    EXPECT_EQ(server_.Destroy(), kOk);
-    EXPECT_TRUE(gaktest::ExpectEof(between, 10s));
-}
-
-// More sessions end meanwhile than the driver remembers.
-TEST_F(PpcServerTest, StaleEntryStaysSafeAfterThousandsOfOtherSessions)
-{
-    Create();
-    Fd worker = ConnectAs(1, 7);
-    void* const stale = server_.GetPpcSession(1, 7);
-    worker.Reset();
-    ASSERT_TRUE(WaitForExits(1));
-    log_.SetMinimumLevel(3);
-    const Fd listener = gaktest::RawListen(kServerId + 1);
-    for (int i = 0; i < 5000; ++i) {
-        PpcSession* session = nullptr;
-        ASSERT_EQ(drvPpcSessionConnect(kServerId + 1, &session), PPC_OK);
-        ASSERT_NE(session, stale);
-        ASSERT_TRUE(gaktest::RawAccept(listener, 10s).valid());
-        ASSERT_EQ(drvPpcSessionDestroy(session), PPC_OK);
-    }
-    EXPECT_EQ(server_.SendData(Order(1, 7)), 0x1093037u);
-}
-
-// ---- CloseSomeSession ----
-
-TEST_F(PpcServerTest, CloseSomeSessionClosesAndUnlists)
-{
-    Create();
-    const Fd worker = ConnectAs(1, 7);
-    void* const session = server_.GetPpcSession(1, 7);
-    // The receive thread ends by it and finds the session closed: kept out of the lines.
-    log_.Clear();
-    server_.CloseSomeSession(session);
-    EXPECT_TRUE(gaktest::ExpectEof(worker, 10s));
-    EXPECT_THAT(LinesOfFunction("RemoveFromPpcSessionList"),
-                ElementsAre(Plain("RemoveFromPpcSessionList", "[GAKPPCSER] CloseSomeSession enter [sessionSize:1]"),
-                            Plain("RemoveFromPpcSessionList", "[GAKPPCSER] CloseSomeSession exit [sessionSize:0]")));
-    EXPECT_EQ(server_.GetPpcSession(1, 7), session);
-}
-
-// The thread of the former session remembers that it had been entered.
-TEST_F(PpcServerTest, WorkerIsReachedOverTheSessionThatSpokeLast)
-{
-    Create();
-    const Fd first = ConnectAs(1, 7);
-    Say(first, Report(1, 7));
-    void* const firstSession = server_.GetPpcSession(1, 7);
-    const Fd second = ConnectAs(1, 7);
-    EXPECT_NE(server_.GetPpcSession(1, 7), firstSession);
-    Say(first, Report(1, 7));
-    EXPECT_EQ(server_.GetPpcSession(1, 7), firstSession);
-}
-
-TEST_F(PpcServerTest, SecondCloseIsLoggedAndClosesNothing)
-{
-    Create();
-    const Fd worker = ConnectAs(1, 7);
-    void* const session = server_.GetPpcSession(1, 7);
-    server_.CloseSomeSession(session);
-    ASSERT_TRUE(WaitForExits(1));
-    const Baseline before;
-    log_.Clear();
-    server_.CloseSomeSession(session);
-    EXPECT_THAT(ServerLines(log_), ElementsAre(WithStatus(0x1093041, "CloseSomeSession",
-                                                          "[GAKPPCSER] CloseSomeSession ppc session failed")));
-    EXPECT_TRUE(before.Returned());
-}
-
-TEST_F(PpcServerTest, SessionWhoseCloseFailsStaysListed)
-{
-    Create();
-    const Fd worker = ConnectAs(1, 7);
-    closes_.FailFrom(1, PPC_ERR_INVALID_VALUE, 0);
-    log_.Clear();
-    server_.CloseSomeSession(server_.GetPpcSession(1, 7));
-    EXPECT_THAT(
-        LinesOfFunction("CloseSomeSession"),
-        ElementsAre(WithStatus(0x1093041, "CloseSomeSession", "[GAKPPCSER] CloseSomeSession ppc session failed")));
-    closes_.Reset();
-    EXPECT_EQ(server_.Destroy(), kOk);
-    EXPECT_EQ(log_.Count("Destory ppc session serverId_"), 1u);
-}
-
-TEST_F(PpcServerTest, UnknownSessionIsNotTakenOffTheList)
-{
-    Create();
-    const Fd worker = Connect();
-    log_.Clear();
-    int foreign = 0;
-    server_.RemoveFromPpcSessionList(&foreign);
-    EXPECT_THAT(ServerLines(log_),
-                ElementsAre(Plain("RemoveFromPpcSessionList", "[GAKPPCSER] CloseSomeSession enter [sessionSize:1]"),
-                            WithStatus(0x1093041, "RemoveFromPpcSessionList",
-                                       "[GAKPPCSER] CloseSomeSession session is not exist")));
-    EXPECT_EQ(closes_.Count(), 0u);
-}
-
-TEST_F(PpcServerTest, CloseSomeSessionAfterDestroyClosesNothing)
-{
-    Create();
-    const Fd worker = ConnectAs(1, 7);
-    void* const session = server_.GetPpcSession(1, 7);
-    EXPECT_EQ(server_.Destroy(), kOk);
-    const Baseline before;
-    log_.Clear();
-    server_.CloseSomeSession(session);
-    EXPECT_THAT(ServerLines(log_), ElementsAre(WithStatus(0x1093041, "CloseSomeSession",
-                                                          "[GAKPPCSER] CloseSomeSession ppc session failed")));
-    EXPECT_TRUE(before.Returned());
 }
 
 // ---- Destroy ----
@@ -853,7 +533,7 @@ TEST_F(PpcServerTest, OrderlyStopLogsNoError)
                 ElementsAre(DestroyLine(), Plain("AcceptConnection",
                                                  "[GAKPPCSER] accept connection runningflag has been set false, "
                                                  "drvRet = 25")));
-    for (const gaktest::LogLine& line : log_.Lines()) {
+    for (const LogLine& line : log_.Lines()) {
         EXPECT_NE(line.sink, LogSink::kError) << line;
     }
 }
@@ -901,7 +581,7 @@ TEST_F(PpcServerTest, DestroyReturnsThreadsAndDescriptorsToTheBaseline)
         ASSERT_TRUE(WaitForExits(3));
         EXPECT_EQ(server_.Destroy(), kOk);
         for (const Fd& worker : workers) {
-            EXPECT_TRUE(gaktest::ExpectEof(worker, 10s));
+            EXPECT_TRUE(ExpectEof(worker, 10s));
         }
     }
     EXPECT_TRUE(before.Returned());
@@ -929,7 +609,7 @@ TEST_F(PpcServerTest, DestroyWithIdleSessionsTakesLessThanATenthOfASecond)
 TEST_F(PpcServerTest, DestroyFreesASenderThatWaitsForAStoppedWorker)
 {
     WorkerProcess worker([](Fd& socket) {
-        WriteAll(socket, gaktest::PpcFrame(Report(1, 7)));
+        WriteAll(socket, PpcFrame(Report(1, 7)));
         raise(SIGSTOP);
         return 0;
     });
@@ -942,7 +622,7 @@ TEST_F(PpcServerTest, DestroyFreesASenderThatWaitsForAStoppedWorker)
         msg.mutable_lib_names()->add_lib_name(std::string(8U << 20, 'x'));  // more than a socket takes
         return server_.SendData(msg);
     });
-    ASSERT_TRUE(gaktest::WaitUntil([&] { return writes.Count() == 1; }, 10s));
+    ASSERT_TRUE(WaitUntil([&] { return writes.Count() == 1; }, 10s));
     EXPECT_EQ(sent.wait_for(0s), std::future_status::timeout);
     EXPECT_EQ(server_.Destroy(), kOk);
     EXPECT_EQ(sent.get(), 0x1093037u);
@@ -960,17 +640,17 @@ TEST_F(PpcServerTest, SessionAcceptedDuringDestroyIsClosedOnce)
         const int result = CountingHook<DriverSessionAccept>::Real(server, session);
         if (number == 1) {
             taken.set_value();
-            EXPECT_TRUE(gaktest::WaitUntil([this] { return !server_.IsPPCServerRunning(); }, 10s));
+            EXPECT_TRUE(WaitUntil([this] { return !server_.IsPPCServerRunning(); }, 10s));
         }
         return result;
     });
     Create();
     {
         const Fd worker = Dial();
-        EXPECT_TRUE(WriteAll(worker, gaktest::PpcFrame(Report(1, 7, 2))));
+        EXPECT_TRUE(WriteAll(worker, PpcFrame(Report(1, 7, 2))));
         taken.get_future().wait();
         EXPECT_EQ(server_.Destroy(), kOk);
-        EXPECT_TRUE(gaktest::ExpectEof(worker, 10s));
+        EXPECT_TRUE(ExpectEof(worker, 10s));
     }
     EXPECT_EQ(closes_.Count(), 1u);
     EXPECT_THAT(LinesOfFunction("AcceptConnection"),
@@ -999,16 +679,16 @@ TEST_F(PpcServerTest, SessionAcceptedRightBeforeDestroyIsClosedOnce)
     locks.OnCall([&](uint64_t, pthread_mutex_t*) -> std::optional<int> {
         if (accepted.exchange(false)) {
             taken.set_value();
-            EXPECT_TRUE(gaktest::WaitUntil([this] { return !server_.IsPPCServerRunning(); }, 10s));
+            EXPECT_TRUE(WaitUntil([this] { return !server_.IsPPCServerRunning(); }, 10s));
         }
         return std::nullopt;
     });
     {
         const Fd worker = Dial();
-        EXPECT_TRUE(WriteAll(worker, gaktest::PpcFrame(Report(1, 7, 2))));
+        EXPECT_TRUE(WriteAll(worker, PpcFrame(Report(1, 7, 2))));
         taken.get_future().wait();
         EXPECT_EQ(server_.Destroy(), kOk);
-        EXPECT_TRUE(gaktest::ExpectEof(worker, 10s));
+        EXPECT_TRUE(ExpectEof(worker, 10s));
     }
     EXPECT_EQ(closes_.Count(), 1u);
     EXPECT_EQ(log_.Count("runningflag has been set false, drvRet = 0"), 1u);
@@ -1027,10 +707,10 @@ TEST_F(PpcServerTest, ConnectionNotYetAcceptedIsClosedByDestroy)
     const Fd worker = Dial();
     ASSERT_TRUE(worker.valid());
     auto destroyed = std::async(std::launch::async, [this] { return server_.Destroy(); });
-    EXPECT_TRUE(gaktest::WaitUntil([this] { return !server_.IsPPCServerRunning(); }, 10s));
+    EXPECT_TRUE(WaitUntil([this] { return !server_.IsPPCServerRunning(); }, 10s));
     leave.set_value();
     EXPECT_EQ(destroyed.get(), kOk);
-    EXPECT_TRUE(gaktest::ExpectEof(worker, 10s));
+    EXPECT_TRUE(ExpectEof(worker, 10s));
 }
 
 // Counts the accepted sessions and the successful closes; each session must be closed by exactly one call.
@@ -1059,12 +739,12 @@ TEST_F(PpcServerTest, NoSessionLeaksOrIsClosedTwiceWhenWorkersConnectDuringDestr
                 while (!stop) {
                     const Fd worker = Dial();
                     if (worker.valid()) {
-                        WriteAll(worker, gaktest::PpcFrame(Report(1, 7)));
+                        WriteAll(worker, PpcFrame(Report(1, 7)));
                     }
                 }
             }));
         }
-        EXPECT_TRUE(gaktest::WaitUntil([&] { return accepted >= acceptedBefore + 5; }, 10s));
+        EXPECT_TRUE(WaitUntil([&] { return accepted >= acceptedBefore + 5; }, 10s));
         EXPECT_EQ(server_.Destroy(), kOk);
         stop = true;
     }
@@ -1117,12 +797,12 @@ TEST_F(PpcServerTest, CreateServerInsideAHandlerDuringDestroyIsRefused)
     Handle(2);
     Inbox::OnMessage([&](const PPCMessage&) {
         entered.set_value();
-        EXPECT_TRUE(gaktest::WaitUntil([this] { return !server_.IsPPCServerRunning(); }, 10s));
+        EXPECT_TRUE(WaitUntil([this] { return !server_.IsPPCServerRunning(); }, 10s));
         result = server_.CreateServer(kServerId);
     });
     Create();
     const Fd worker = Connect();
-    EXPECT_TRUE(WriteAll(worker, gaktest::PpcFrame(Report(1, 7, 2))));
+    EXPECT_TRUE(WriteAll(worker, PpcFrame(Report(1, 7, 2))));
     entered.get_future().wait();
     EXPECT_EQ(server_.Destroy(), kOk);
     EXPECT_EQ(result, 0x109303Du);
@@ -1131,7 +811,7 @@ TEST_F(PpcServerTest, CreateServerInsideAHandlerDuringDestroyIsRefused)
 
 // A transport underneath that is not the library's driver: the handle means nothing to it, and its accept returns from
 // time to time.
-TEST_F(PpcServerTest, ServerOfAnotherTransportIsStoppedWithoutLookingBehindItsHandle)
+TEST_F(PpcServerTest, ServerOfAnotherTransportIsStoppedWithItsHandleAsItIs)
 {
     auto* const foreign = reinterpret_cast<PpcServerHead*>(0x7770);
     CountingHook<DriverServerCreate> creates;
@@ -1146,7 +826,7 @@ TEST_F(PpcServerTest, ServerOfAnotherTransportIsStoppedWithoutLookingBehindItsHa
     });
     accepts_.OnCall([&](uint64_t, PpcServerHead* server, PpcSession**) -> std::optional<int> {
         EXPECT_EQ(server, foreign);
-        gaktest::WaitUntil([this] { return !server_.IsPPCServerRunning(); }, 20ms);
+        WaitUntil([this] { return !server_.IsPPCServerRunning(); }, 20ms);
         return PPC_ERR_SOCKET_ACCEPT;
     });
     Create();
@@ -1173,47 +853,21 @@ TEST_F(PpcServerTest, ServerCanBeCreatedAgainWithEmptyTables)
     EXPECT_EQ(log_.Count(") processFunc not exist"), log_.Count("PPCSerMsgProc msg type: "));
     EXPECT_THAT(Inbox::Messages(), IsEmpty());
     EXPECT_EQ(server_.SendData(Order(1, 8)), kOk);
-    EXPECT_EQ(gaktest::ReadPpcFrame(worker, 10s), (RawMessage{5, 0, 1, 0, 8, 0, {}}));
-}
-
-// The first life leaves its entries in the finished-thread list; the system gives the ids that stand there to threads
-// of the second life.
-TEST_F(PpcServerTest, FinishedThreadsOfAFormerLifeAreNotTakenForLiveOnes)
-{
-    const auto connectThree = [this] {
-        std::vector<Fd> workers;
-        for (uint32_t pid = 0; pid < 3; ++pid) {
-            workers.push_back(ConnectAs(1, pid));
-        }
-        return workers;
-    };
-    Create();
-    connectThree().clear();
-    ASSERT_TRUE(WaitForExits(3));
-    EXPECT_EQ(server_.Destroy(), kOk);
-    Create();
-    std::vector<Fd> workers = connectThree();
-    auto joined = std::async(std::launch::async, [this] { server_.JoinAllPPCRcvThreads(); });
-    const bool atOnce = joined.wait_for(5s) == std::future_status::ready;
-    EXPECT_TRUE(atOnce);
-    EXPECT_EQ(log_.Count("JoinAllPPCRcvThreads() exit [threadSize=3] [freeThreadSize=3]"), 1u);
-    if (!atOnce) {
-        _exit(1);  // the join waits for a thread that needs what it holds
-    }
+    EXPECT_EQ(ReadPpcFrame(worker, 10s), (RawMessage{5, 0, 1, 0, 8, 0, {}}));
 }
 
 TEST_F(PpcServerTest, SecondServerOnTheSameIdTakesOverTheSocket)
 {
-    gaktest::ChildProcess second([this] {
+    ChildProcess second([this] {
         Fd witness;  // of the first one, which closes it when this process has taken over
         const auto dial = [&witness] {
             witness = Dial();
             return witness.valid();
         };
-        if (!gaktest::WaitUntil(dial, 20s)) {
+        if (!WaitUntil(dial, 20s)) {
             return 1;
         }
-        if (server_.CreateServer(kServerId) != kOk || !WriteAll(witness, gaktest::PpcFrame(Report(1, 1)))) {
+        if (server_.CreateServer(kServerId) != kOk || !WriteAll(witness, PpcFrame(Report(1, 1)))) {
             return 2;
         }
         return log_.WaitFor("##### [threadName:", 20s) && server_.Destroy() == kOk ? 0 : 3;
@@ -1223,7 +877,7 @@ TEST_F(PpcServerTest, SecondServerOnTheSameIdTakesOverTheSocket)
     // Whoever connects now comes to the second server; the first one keeps what it has.
     const Fd worker = Dial();
     ASSERT_TRUE(worker.valid());
-    EXPECT_TRUE(WriteAll(worker, gaktest::PpcFrame(Report(1, 2))));
+    EXPECT_TRUE(WriteAll(worker, PpcFrame(Report(1, 2))));
     EXPECT_TRUE(second.WaitExit(20s).ExitedWith(0));
     EXPECT_EQ(server_.SendData(Order(1, 2)), 0x1093036u);
     EXPECT_EQ(server_.Destroy(), kOk);
@@ -1260,7 +914,7 @@ private:
 class DaemonProcess {
 public:
     explicit DaemonProcess(const std::function<int(PpcServer& server)>& body)
-        : pipe_(gaktest::SocketPair()), child_([this, &body] {
+        : pipe_(SocketPair()), child_([this, &body] {
               LineTap::CopyTo(pipe_.second.get());
               pipe_.first.Reset();
               if (ppcInit() != 0 || PpcServer::GetInstance().CreateServer(kServerId) != kOk) {
@@ -1272,9 +926,9 @@ public:
         pipe_.second.Reset();
     }
 
-    gaktest::ExitStatus Wait()
+    ExitStatus Wait()
     {
-        while (gaktest::WaitReadable(pipe_.first, 20s)) {
+        while (WaitReadable(pipe_.first, 20s)) {
             char buffer[4096];
             const ssize_t count = read(pipe_.first.get(), buffer, sizeof(buffer));
             if (count <= 0) {
@@ -1289,7 +943,7 @@ public:
 
 private:
     std::pair<Fd, Fd> pipe_;
-    gaktest::ChildProcess child_;
+    ChildProcess child_;
     std::string output_;
 };
 
@@ -1306,7 +960,7 @@ void ExpectDestructorRan(const DaemonProcess& daemon)
 
 Fd DialDaemon()
 {
-    return gaktest::RawConnect(static_cast<int>(kServerId));
+    return RawConnect(static_cast<int>(kServerId));
 }
 
 TEST(PpcServerExitTest, ExitWithTheServerRunningDestroysIt)
@@ -1337,7 +991,7 @@ TEST(PpcServerExitTest, DestructorDestroysTheServer)
     DaemonProcess daemon([](PpcServer& server) -> int {
         const Fd worker = DialDaemon();
         server.~PpcServer();
-        return gaktest::ExpectEof(worker, 10s) && !DialDaemon().valid() ? 11 : 12;
+        return ExpectEof(worker, 10s) && !DialDaemon().valid() ? 11 : 12;
     });
     EXPECT_TRUE(daemon.Wait().ExitedWith(11));
     ExpectDestructorRan(daemon);
@@ -1348,7 +1002,7 @@ TEST(PpcServerExitTest, ExitInsideAHandlerEndsTheProcess)
     DaemonProcess daemon([](PpcServer& server) -> int {
         server.RegPPCSerMsgProcFunc(2, [](const PPCMessage&) { exit(9); });
         const Fd worker = DialDaemon();
-        WriteAll(worker, gaktest::PpcFrame(Report(1, 7, 2)));
+        WriteAll(worker, PpcFrame(Report(1, 7, 2)));
         for (;;) {
             pause();
         }
@@ -1370,8 +1024,8 @@ TEST(PpcServerExitTest, ExitWithThreadsInsideTheServerIsClean)
         });
         server.RegPPCSerMsgProcFunc(0, [](const PPCMessage&) { told = true; });
         static const Fd* const worker = new Fd(DialDaemon());  // never closed
-        WriteAll(*worker, gaktest::PpcFrame(Report(1, 7)));
-        gaktest::WaitUntil([] { return told.load(); }, 10s);
+        WriteAll(*worker, PpcFrame(Report(1, 7)));
+        WaitUntil([] { return told.load(); }, 10s);
         std::thread([&server] {
             PPCMessage msg = Order(1, 7);
             msg.mutable_lib_names()->add_lib_name(std::string(4U << 20, 'x'));
@@ -1385,7 +1039,7 @@ TEST(PpcServerExitTest, ExitWithThreadsInsideTheServerIsClean)
                 server.GetPpcSession(1, 7);
             }
         }).detach();
-        gaktest::WaitUntil([] { return writes > 0; }, 10s);
+        WaitUntil([] { return writes > 0; }, 10s);
         exit(10);
     });
     EXPECT_TRUE(daemon.Wait().ExitedWith(10));
@@ -1396,13 +1050,13 @@ TEST_F(PpcServerTest, ForkedChildThatExitsLeavesTheSessionsAlone)
 {
     Create();
     const Fd worker = ConnectAs(1, 7);
-    gaktest::ChildProcess child([]() -> int {
-        gaktest::LastExitHandler::code = 3;
+    ChildProcess child([]() -> int {
+        LastExitHandler::code = 3;
         exit(1);
     });
     EXPECT_TRUE(child.WaitExit(20s).ExitedWith(3));
     EXPECT_EQ(server_.SendData(Order(1, 7)), kOk);
-    EXPECT_EQ(gaktest::ReadPpcFrame(worker, 10s), (RawMessage{5, 0, 1, 0, 7, 0, {}}));
+    EXPECT_EQ(ReadPpcFrame(worker, 10s), (RawMessage{5, 0, 1, 0, 7, 0, {}}));
     const Fd another = ConnectAs(1, 8);
     EXPECT_EQ(server_.SendData(Order(1, 8)), kOk);
 }
@@ -1412,7 +1066,7 @@ TEST_F(PpcServerTest, DestroyInAForkedChildDoesNothing)
     Create();
     const Fd worker = ConnectAs(1, 7);
     log_.Clear();
-    gaktest::ChildProcess child([this] {
+    ChildProcess child([this] {
         EXPECT_EQ(server_.Destroy(), kOk);
         EXPECT_THAT(log_.Lines(), IsEmpty());
         EXPECT_EQ(closes_.Count(), 0u);

@@ -30,7 +30,7 @@ using namespace std::chrono_literals;
 constexpr uint32_t kOk = 0x1011000;
 constexpr uint32_t kServerId = 19280;
 
-inline qel::PPCMessage Message(const gaktest::RawMessage& raw)
+inline qel::PPCMessage Message(const RawMessage& raw)
 {
     qel::PPCMessage msg;
     msg.set_type(static_cast<qel::PPCMessage::MsgType>(raw.type));
@@ -49,7 +49,7 @@ inline qel::PPCMessage Order(uint32_t device, uint32_t pid)
 }
 
 // What a worker reports of itself.
-inline gaktest::RawMessage Report(uint32_t device, uint32_t pid, uint32_t type = 0)
+inline RawMessage Report(uint32_t device, uint32_t pid, uint32_t type = 0)
 {
     return {type, device, kServerId, 0, pid, 0, {}};
 }
@@ -65,12 +65,12 @@ public:
         std::lock_guard<std::mutex> lock(Instance().mutex_);
         Instance().action_ = std::move(action);
     }
-    static std::vector<gaktest::RawMessage> Messages()
+    static std::vector<RawMessage> Messages()
     {
         std::lock_guard<std::mutex> lock(Instance().mutex_);
         return Instance().messages_;
     }
-    static bool WaitFor(size_t count, gaktest::Deadline deadline = 10s)
+    static bool WaitFor(size_t count, Deadline deadline = 10s)
     {
         Inbox& inbox = Instance();
         std::unique_lock<std::mutex> lock(inbox.mutex_);
@@ -92,13 +92,13 @@ private:
 
     void Take(const qel::PPCMessage& msg)
     {
-        gaktest::RawMessage raw{static_cast<uint32_t>(msg.type()),
-                                msg.src_id(),
-                                msg.dest_id(),
-                                static_cast<uint32_t>(msg.proc_type()),
-                                msg.sub_proc_pid(),
-                                msg.host_pid(),
-                                {}};
+        RawMessage raw{static_cast<uint32_t>(msg.type()),
+                       msg.src_id(),
+                       msg.dest_id(),
+                       static_cast<uint32_t>(msg.proc_type()),
+                       msg.sub_proc_pid(),
+                       msg.host_pid(),
+                       {}};
         if (msg.has_lib_names()) {
             raw.lib_names.emplace(msg.lib_names().lib_name().begin(), msg.lib_names().lib_name().end());
         }
@@ -116,7 +116,7 @@ private:
 
     std::mutex mutex_;
     std::condition_variable changed_;
-    std::vector<gaktest::RawMessage> messages_;
+    std::vector<RawMessage> messages_;
     std::function<void(const qel::PPCMessage&)> action_;
 };
 
@@ -133,50 +133,80 @@ inline std::string OwnThreadName()
     return name;
 }
 
+// The library finds no memory for what it wants to store while one exists.
+class NoMemory {
+public:
+    NoMemory()
+    {
+        hook_.OnCall([](uint64_t, size_t) -> std::optional<void*> { throw std::bad_alloc(); });
+    }
+
+private:
+    CountingHook<calls::OperatorNew> hook_;
+};
+
 // A worker in a process of its own. Make it before the server exists; it connects when it is started.
 class WorkerProcess {
 public:
-    explicit WorkerProcess(const std::function<int(gaktest::Fd& socket)>& body)
+    explicit WorkerProcess(const std::function<int(Fd& socket)>& body)
         : pipe_(MakePipe()), child_([this, &body] {
               char go = 0;
               pipe_.second.Reset();
               if (read(pipe_.first.get(), &go, 1) != 1) {
                   return 100;
               }
-              gaktest::Fd socket = gaktest::RawConnect(static_cast<int>(kServerId));
+              Fd socket = RawConnect(static_cast<int>(kServerId));
               return socket.valid() ? body(socket) : 101;
           })
     {
     }
 
     void Start() { EXPECT_EQ(write(pipe_.second.get(), "g", 1), 1); }
-    gaktest::ChildProcess& Process() { return child_; }
+    ChildProcess& Process() { return child_; }
 
 private:
-    static std::pair<gaktest::Fd, gaktest::Fd> MakePipe()
+    static std::pair<Fd, Fd> MakePipe()
     {
         int fds[2] = {-1, -1};
         EXPECT_EQ(pipe2(fds, O_CLOEXEC), 0);
-        return {gaktest::Fd(fds[0]), gaktest::Fd(fds[1])};
+        return {Fd(fds[0]), Fd(fds[1])};
     }
 
-    std::pair<gaktest::Fd, gaktest::Fd> pipe_;
-    gaktest::ChildProcess child_;
+    std::pair<Fd, Fd> pipe_;
+    ChildProcess child_;
 };
 
 inline size_t CountThreads(const std::string& name)
 {
-    const std::vector<std::string> names = gaktest::ThreadNames();
+    const std::vector<std::string> names = ThreadNames();
     return static_cast<size_t>(std::count(names.begin(), names.end(), name));
 }
 
 inline testing::AssertionResult ThreadsBecome(const std::string& name, size_t count)
 {
-    if (gaktest::WaitUntil([&] { return CountThreads(name) == count; }, 10s)) {
+    if (WaitUntil([&] { return CountThreads(name) == count; }, 10s)) {
         return testing::AssertionSuccess();
     }
     return testing::AssertionFailure() << CountThreads(name) << " threads are named " << name;
 }
+
+// Threads and descriptors of this process, to be found again later.
+class Baseline {
+public:
+    // A thread that has been joined may still be counted for a moment: fewer than before are no fault.
+    testing::AssertionResult Returned() const
+    {
+        if (WaitUntil([this] { return ThreadCount() <= threads_ && OpenDescriptors() == fds_; }, 10s)) {
+            return testing::AssertionSuccess();
+        }
+        return testing::AssertionFailure() << "threads: " << threads_ << ", now " << ThreadCount()
+                                           << "; descriptors: " << fds_ << ", now " << OpenDescriptors();
+    }
+
+private:
+    const size_t threads_ = ThreadCount();
+    const size_t fds_ = OpenDescriptors();
+};
 
 // The server of this process, not created yet. A test whose hooks or handlers refer to its own variables destroys the
 // server before it ends.
@@ -198,47 +228,104 @@ protected:
         ASSERT_EQ(server_.CreateServer(kServerId), kOk);
         ASSERT_TRUE(AcceptCallsBecome(before + 1));
     }
+    // Connects without waiting for the server.
+    static Fd Dial() { return RawConnect(static_cast<int>(kServerId)); }
     void Handle(uint32_t type) { server_.RegPPCSerMsgProcFunc(type, &Inbox::Handler); }
 
     // A worker whose session is listed.
-    gaktest::Fd Connect()
+    Fd Connect()
     {
         const uint64_t before = accepts_.Count();
-        gaktest::Fd worker = gaktest::RawConnect(static_cast<int>(kServerId));
+        Fd worker = RawConnect(static_cast<int>(kServerId));
         EXPECT_TRUE(worker.valid());
         EXPECT_TRUE(AcceptCallsBecome(before + 1));
         return worker;
     }
     // A worker that the server has heard of.
-    gaktest::Fd ConnectAs(uint32_t device, uint32_t pid)
+    Fd ConnectAs(uint32_t device, uint32_t pid)
     {
-        gaktest::Fd worker = Connect();
+        Fd worker = Connect();
         Say(worker, Report(device, pid));
         return worker;
     }
     // Sends, and waits until the server has done with the message.
-    void Say(const gaktest::Fd& worker, const gaktest::RawMessage& raw)
+    void Say(const Fd& worker, const RawMessage& raw)
     {
         const size_t before = log_.Count("##### [threadName:");
-        EXPECT_TRUE(WriteAll(worker, gaktest::PpcFrame(raw)));
+        EXPECT_TRUE(WriteAll(worker, PpcFrame(raw)));
         EXPECT_TRUE(log_.WaitFor("##### [threadName:", 10s, before + 1));
     }
     // Waits until so many receive threads have said that they end, and have ended.
     bool WaitForExits(size_t count)
     {
-        return log_.WaitFor("]thread exit", 10s, count) && gaktest::WaitUntil([this] { return ExitsAreDone(); }, 10s);
+        return log_.WaitFor("]thread exit", 10s, count) && WaitUntil([this] { return ExitsAreDone(); }, 10s);
+    }
+    // The worker goes; returns when its receive thread has ended.
+    void Finish(Fd& worker)
+    {
+        const size_t before = log_.Count("]thread exit");
+        worker.Reset();
+        EXPECT_TRUE(WaitForExits(before + 1));
+    }
+    // The lines that the function `name` wrote.
+    std::vector<std::string> LinesOfFunction(const std::string& name)
+    {
+        std::vector<std::string> lines = ServerLines(log_);
+        const auto isOther = [&](const std::string& line) { return line.find(" " + name + ": ") == std::string::npos; };
+        lines.erase(std::remove_if(lines.begin(), lines.end(), isOther), lines.end());
+        return lines;
+    }
+    // The thread id that a receive thread gave when it ended.
+    std::string ExitedThreadId(const std::string& thread)
+    {
+        for (const std::string& line : ServerLines(log_, thread)) {
+            const size_t begin = line.find("[tid=");
+            const size_t end = line.find("]thread exit");
+            if (begin != std::string::npos && end != std::string::npos) {
+                return line.substr(begin + 5, end - begin - 5);
+            }
+        }
+        ADD_FAILURE() << thread << " has not ended";
+        return "";
+    }
+    // Lines of the reaper, without the function and the status text that they all have.
+    std::vector<std::string> Reap()
+    {
+        log_.Clear();
+        server_.JoinAllPPCRcvThreads();
+        const std::string head = "info JoinAllPPCRcvThreads: [GAKPPCSER] JoinAllPPCRcvThreads() ";
+        const std::string tail = " | running ok";
+        std::vector<std::string> lines = ServerLines(log_);
+        for (std::string& line : lines) {
+            EXPECT_EQ(line.substr(0, head.size()), head);
+            EXPECT_EQ(line.substr(line.size() - tail.size()), tail);
+            line = line.substr(head.size(), line.size() - head.size() - tail.size());
+        }
+        return lines;
+    }
+    // The thread ids that a reaper's lines name, in order.
+    static std::vector<std::string> IdsAfter(const std::string& key, const std::vector<std::string>& lines)
+    {
+        std::vector<std::string> ids;
+        for (const std::string& line : lines) {
+            const size_t begin = line.find(key);
+            if (begin != std::string::npos) {
+                ids.push_back(line.substr(begin + key.size(), line.find(']', begin) - begin - key.size()));
+            }
+        }
+        return ids;
     }
 
-    gaktest::LogCapture log_;
-    gaktest::CountingHook<DriverSessionAccept> accepts_;
-    gaktest::CountingHook<DriverSessionClose> closes_;
+    LogCapture log_;
+    CountingHook<DriverSessionAccept> accepts_;
+    CountingHook<DriverSessionClose> closes_;
     qel::PpcServer& server_ = qel::PpcServer::GetInstance();
 
 private:
     bool ExitsAreDone() const
     {
-        const std::vector<gaktest::LogLine> lines = log_.Lines();
-        return std::none_of(lines.begin(), lines.end(), [](const gaktest::LogLine& line) {
+        const std::vector<LogLine> lines = log_.Lines();
+        return std::none_of(lines.begin(), lines.end(), [](const LogLine& line) {
             return line.text.find("]thread exit") != std::string::npos &&
                    access(("/proc/self/task/" + std::to_string(line.threadId)).c_str(), F_OK) == 0;
         });
@@ -246,7 +333,7 @@ private:
     // The session of one accept call is listed before the next call is made.
     bool AcceptCallsBecome(uint64_t count)
     {
-        return gaktest::WaitUntil([&] { return accepts_.Count() >= count; }, 10s);
+        return WaitUntil([&] { return accepts_.Count() >= count; }, 10s);
     }
 };
 

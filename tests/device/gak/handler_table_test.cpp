@@ -1,0 +1,172 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <atomic>
+#include <future>
+#include <new>
+#include <optional>
+#include <stdexcept>
+
+#include "server_fixture.h"
+#include "server_lines.h"
+
+namespace {
+
+using namespace gaktest;
+using qel::PPCMessage;
+using testing::ElementsAre;
+using testing::IsEmpty;
+
+using HandlerTableTest = ServerTest;
+
+std::atomic<int> otherHandlerCalls{0};
+
+void OtherHandler(const PPCMessage&)
+{
+    ++otherHandlerCalls;
+}
+
+TEST_F(HandlerTableTest, RegistrationIsLogged)
+{
+    Handle(3);
+    EXPECT_THAT(ServerLines(log_), ElementsAre(Plain("RegPPCSerMsgProcFunc",
+                                                     "[GAKPPCSER] RegPPCSerMsgProcFunc type:3" + kTypes + " success")));
+}
+
+TEST_F(HandlerTableTest, FirstHandlerOfATypeStays)
+{
+    Handle(2);
+    log_.Clear();
+    server_.RegPPCSerMsgProcFunc(2, &OtherHandler);
+    EXPECT_THAT(ServerLines(log_),
+                ElementsAre(Plain("RegPPCSerMsgProcFunc", "[GAKPPCSER] RegPPCSerMsgProcFunc type:2" + kTypes +
+                                                              " has exist,no need to register")));
+    server_.PPCSerMsgProc(Message(Report(1, 7, 2)));
+    EXPECT_EQ(Inbox::Messages().size(), 1u);
+    EXPECT_EQ(otherHandlerCalls, 0);
+}
+
+TEST_F(HandlerTableTest, NullHandlerDropsTheMessagesAndBlocksOthers)
+{
+    server_.RegPPCSerMsgProcFunc(4, nullptr);
+    Handle(4);
+    EXPECT_EQ(log_.Count("type:4" + kTypes + " success"), 1u);
+    EXPECT_EQ(log_.Count("type:4" + kTypes + " has exist,no need to register"), 1u);
+    log_.Clear();
+    server_.PPCSerMsgProc(Message(Report(1, 7, 4)));
+    EXPECT_THAT(ServerLines(log_), ElementsAre(DispatchLine(4)));
+    EXPECT_THAT(Inbox::Messages(), IsEmpty());
+}
+
+TEST_F(HandlerTableTest, TypeOfAHandlerIsNotRangeTested)
+{
+    Handle(0xFFFFFFF0);
+    EXPECT_EQ(log_.Count("RegPPCSerMsgProcFunc type:4294967280(0:START RSP"), 1u);
+    server_.PPCSerMsgProc(Message(Report(1, 7, 0xFFFFFFF0)));
+    EXPECT_EQ(Inbox::Messages().size(), 1u);
+}
+
+TEST_F(HandlerTableTest, HandlerThatCannotBeStoredForLackOfMemoryCanBeRegisteredLater)
+{
+    {
+        CountingHook<calls::OperatorNew> memory;
+        memory.OnCall([](uint64_t, size_t) -> std::optional<void*> { throw std::bad_alloc(); });
+        Handle(2);
+    }
+    EXPECT_EQ(log_.Count(LogSink::kError, "memory exhausted error"), 1u);
+    EXPECT_EQ(log_.Count(" success"), 0u);
+    Handle(2);
+    server_.PPCSerMsgProc(Message(Report(1, 7, 2)));
+    EXPECT_EQ(Inbox::Messages().size(), 1u);
+}
+
+TEST_F(HandlerTableTest, MessageWithoutAHandlerIsLoggedAndDropped)
+{
+    Handle(1);
+    Create();
+    const Fd worker = Connect();
+    Say(worker, Report(1, 7, 4));
+    EXPECT_THAT(ServerLines(log_, kFirstReceiver),
+                ElementsAre(StoreLine(1, 7), DispatchLine(4), NoHandlerLine(4), SavedLine(kFirstReceiver, 1, 0)));
+    EXPECT_THAT(Inbox::Messages(), IsEmpty());
+    Say(worker, Report(1, 7, 1));
+    EXPECT_EQ(Inbox::Messages().size(), 1u);
+}
+
+TEST_F(HandlerTableTest, HandlerRegisteredAfterCreationIsUsed)
+{
+    Create();
+    const Fd worker = Connect();
+    Handle(2);
+    Say(worker, Report(1, 7, 2));
+    EXPECT_EQ(Inbox::Messages().size(), 1u);
+}
+
+TEST_F(HandlerTableTest, OneHandlerRunsAtATimeInTheWholeServer)
+{
+    Handle(2);
+    Handle(4);
+    Create();
+    std::promise<void> leave;
+    std::shared_future<void> left = leave.get_future().share();
+    std::atomic<int> inside{0};
+    std::atomic<int> most{0};
+    Inbox::OnMessage([&](const PPCMessage&) {
+        most = std::max(most.load(), ++inside);
+        left.wait();
+        --inside;
+    });
+    const Fd first = Connect();
+    const Fd second = Connect();
+    EXPECT_TRUE(WriteAll(first, PpcFrame(Report(1, 1, 2))));
+    ASSERT_TRUE(Inbox::WaitFor(1));
+    // The second message comes as far as the handlers' mutex, which is the next one after the line of its dispatch.
+    std::atomic<bool> secondHasCome{false};
+    CountingHook<MutexLock> locks;
+    locks.OnCall([&](uint64_t, pthread_mutex_t*) -> std::optional<int> {
+        secondHasCome = secondHasCome || (OwnThreadName() == "ppc_srv_recv_1" && log_.Count("msg type: 4") == 1);
+        return std::nullopt;
+    });
+    EXPECT_TRUE(WriteAll(second, PpcFrame(Report(1, 2, 4))));
+    ASSERT_TRUE(WaitUntil([&] { return secondHasCome.load(); }, 10s));
+    EXPECT_EQ(Inbox::Messages().size(), 1u);
+    leave.set_value();
+    ASSERT_TRUE(Inbox::WaitFor(2));
+    EXPECT_EQ(server_.Destroy(), kOk);
+    EXPECT_EQ(most, 1);
+}
+
+TEST_F(HandlerTableTest, HandlerMayAnswer)
+{
+    Handle(1);
+    Create();
+    Inbox::OnMessage(
+        [this](const PPCMessage& msg) { EXPECT_EQ(server_.SendData(Order(msg.src_id(), msg.sub_proc_pid())), kOk); });
+    const Fd worker = Connect();
+    Say(worker, Report(2, 7, 1));
+    EXPECT_EQ(ReadPpcFrame(worker, 10s), (RawMessage{5, 0, 2, 0, 7, 0, {}}));
+    Inbox::OnMessage(nullptr);
+}
+
+TEST_F(HandlerTableTest, ThrowingHandlerIsLoggedAndItsThreadGoesOn)
+{
+    Handle(2);
+    Create();
+    Inbox::OnMessage([](const PPCMessage& msg) {
+        if (msg.sub_proc_pid() == 1) {
+            throw std::runtime_error("no such worker");
+        }
+        throw 5;
+    });
+    const Fd worker = Connect();
+    Say(worker, Report(1, 1, 2));
+    EXPECT_EQ(log_.Count("no such worker"), 1u);
+    Say(worker, Report(1, 2, 2));
+    EXPECT_EQ(log_.Count(LogSink::kWarn, "PPCSerMsgProc"), 2u);
+    Inbox::OnMessage(nullptr);
+    Say(worker, Report(1, 3, 2));
+    EXPECT_EQ(Inbox::Messages().size(), 3u);
+}
+
+}  // namespace
