@@ -31,7 +31,10 @@ extern "C" {
 
 int vlog_init()
 {
-    WriteLine(HERE);
+    if (gaktest::self != nullptr) {
+        gaktest::Do({gaktest::Op::kLogLine, gaktest::PlaceOf(HERE)});
+    }
+    ++gaktest::logSink.opened;
     return 0;
 }
 

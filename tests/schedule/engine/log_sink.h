@@ -8,6 +8,7 @@ namespace gaktest {
 struct LogSink {
     int level = 2;               // warnings and above
     void (*onLine)() = nullptr;  // called for every line, on its thread
+    int opened = 0;              // how often vlog_init was called
 };
 
 extern LogSink logSink;

@@ -44,8 +44,12 @@ bool IsTelling(const std::string& file)
            file.find("mutex.h") == std::string::npos && file.find("scenario.h") == std::string::npos;
 }
 
-std::string Shortened(const std::string& function, const std::string& file)
+std::string Shortened(std::string function, const std::string& file)
 {
+    const std::string unnamed = "(anonymous namespace)::";
+    for (size_t at = function.find(unnamed); at != std::string::npos; at = function.find(unnamed)) {
+        function.erase(at, unnamed.size());
+    }
     const size_t slash = file.rfind('/');
     const size_t bracket = function.find('(');
     return function.substr(0, bracket) + " (" + file.substr(slash == std::string::npos ? 0 : slash + 1) + ")";

@@ -6,6 +6,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <cstdio>
 #include <cstdlib>
 
 #include "scheduler.h"
@@ -16,8 +17,16 @@ Scenario* scenarios = nullptr;
 
 void Require(bool condition, const char* otherwise)
 {
+    const uintptr_t place = PlaceOf(__builtin_return_address(0));
+    if (self == nullptr) {
+        if (!condition) {
+            fprintf(stderr, "outside a run: %s\n", otherwise);
+            abort();
+        }
+        return;
+    }
+    self->step = {Op::kEnd, place};
     if (!condition) {
-        self->step.place = PlaceOf(__builtin_return_address(0));
         Found("%s", otherwise);
     }
 }

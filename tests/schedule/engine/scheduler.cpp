@@ -373,9 +373,10 @@ int StartThread(pthread_t* handle, const pthread_attr_t* attributes, void* (*rou
     return 0;
 }
 
+// The youngest: the system gives the handles of ended threads again.
 Thread* FindThread(pthread_t handle)
 {
-    for (int id = 0; id < run.threadCount; ++id) {
+    for (int id = run.threadCount - 1; id >= 0; --id) {
         Thread& thread = run.threads[id];
         if (!thread.joined && pthread_equal(thread.handle, handle) != 0) {
             return &thread;

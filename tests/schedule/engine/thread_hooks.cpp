@@ -94,6 +94,16 @@ void EndInitialisation(const void* flag)
     }
 }
 
+// The first of a child's handlers to run, because it is the first to be registered: those of the library are scheduled.
+__attribute__((constructor(101))) void ForgetOtherThreadsInChild()
+{
+    pthread_atfork(nullptr, nullptr, [] {
+        if (self != nullptr) {
+            gaktest::ForgetOtherThreads();
+        }
+    });
+}
+
 }  // namespace
 
 extern "C" {
@@ -228,11 +238,7 @@ pid_t fork()
         return REAL(fork)();
     }
     gaktest::Do({Op::kFork, HERE});
-    const pid_t child = REAL(fork)();
-    if (child == 0) {
-        gaktest::ForgetOtherThreads();
-    }
-    return child;
+    return REAL(fork)();
 }
 
 int prctl(int option, ...)
