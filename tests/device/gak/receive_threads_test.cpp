@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 
 #include <future>
+#include <mutex>
 #include <new>
 #include <set>
 #include <stdexcept>
@@ -14,6 +15,7 @@
 namespace {
 
 using namespace gaktest;
+using qel::PPCMessage;
 using testing::Contains;
 using testing::ElementsAre;
 
@@ -158,17 +160,13 @@ TEST_F(ReceiveThreadsTest, EntryOfAForeignThreadMatchesNoReceiveThread)
     void* const session = accepted;
     std::thread([&] { server_.RecvData(session, 9); }).join();
     EXPECT_EQ(drvPpcServerDestroy(endpoint), PPC_OK);
-    auto reaped = std::async(std::launch::async, [this] { return Reap(); });
-    const bool inTime = reaped.wait_for(10s) == std::future_status::ready;
-    EXPECT_TRUE(inTime);
-    if (inTime) {
-        EXPECT_EQ(reaped.get().back(), "exit [threadSize=1] [freeThreadSize=1]");
-    }
+    ExpectToReturn([this] { EXPECT_EQ(Reap().back(), "exit [threadSize=1] [freeThreadSize=1]"); });
+    EXPECT_EQ(server_.Destroy(), kOk);
+    EXPECT_EQ(Reap().back(), "exit [threadSize=0] [freeThreadSize=0]");
 }
 
-// The first life leaves its entries in the finished-thread list; the system gives the ids that stand there to threads
-// of the second life.
-TEST_F(ReceiveThreadsTest, FinishedThreadsOfAFormerLifeAreNotTakenForLiveOnes)
+// The system gives the ids of the first life's threads to those of the second.
+TEST_F(ReceiveThreadsTest, EntriesOfFinishedThreadsEndWithTheLifeOfTheServer)
 {
     const auto connectThree = [this] {
         std::vector<Fd> workers;
@@ -183,13 +181,78 @@ TEST_F(ReceiveThreadsTest, FinishedThreadsOfAFormerLifeAreNotTakenForLiveOnes)
     EXPECT_EQ(server_.Destroy(), kOk);
     Create();
     std::vector<Fd> workers = connectThree();
-    auto joined = std::async(std::launch::async, [this] { server_.JoinAllPPCRcvThreads(); });
-    const bool atOnce = joined.wait_for(5s) == std::future_status::ready;
-    EXPECT_TRUE(atOnce);
-    EXPECT_EQ(log_.Count("JoinAllPPCRcvThreads() exit [threadSize=3] [freeThreadSize=3]"), 1u);
-    if (!atOnce) {
-        _exit(1);  // the join waits for a thread that needs what it holds
+    ExpectToReturn(
+        [this] { EXPECT_THAT(Reap(), ElementsAre("enter [threadSize=3]", "exit [threadSize=3] [freeThreadSize=0]")); });
+}
+
+TEST_F(ReceiveThreadsTest, ReapingCostsNoLineForEachThreadWhenNobodySeesThem)
+{
+    Create();
+    std::vector<Fd> ended;
+    std::vector<Fd> living;
+    for (int i = 0; i < 12; ++i) {
+        living.push_back(Connect());
+        ended.push_back(Connect());
     }
+    ended.clear();
+    ASSERT_TRUE(WaitForExits(12));
+    log_.SetMinimumLevel(3);
+    const size_t before = log_.CheckLogLevelCalls();
+    server_.JoinAllPPCRcvThreads();
+    EXPECT_LE(log_.CheckLogLevelCalls() - before, 4u);
+    log_.SetMinimumLevel(0);
+    EXPECT_EQ(Reap().front(), "enter [threadSize=12]");
+}
+
+// Without memory for the ids only their lines are missing.
+TEST_F(ReceiveThreadsTest, ReapingNeedsNoMemory)
+{
+    Create();
+    const Fd first = Connect();
+    Fd second = Connect();
+    Finish(second);
+    const NoMemory noMemory;
+    EXPECT_THAT(Reap(), ElementsAre("enter [threadSize=2]", "exit [threadSize=1] [freeThreadSize=0]"));
+}
+
+// ---- Reaping during Destroy ----
+
+TEST_F(ReceiveThreadsTest, HandlersReapWhileDestroyJoinsTheirThreads)
+{
+    Handle(6);
+    Create();
+    std::vector<Fd> workers;
+    for (uint32_t pid = 0; pid < 10; ++pid) {
+        workers.push_back(ConnectAs(1, pid));
+    }
+    CountingHook<ThreadJoin> joins;
+    Inbox::OnMessage([&](const PPCMessage&) {
+        EXPECT_TRUE(WaitUntil([&] { return joins.Count() >= 2; }, 10s));  // the accept thread's was the first
+        server_.JoinAllPPCRcvThreads();
+    });
+    ExpectToReturn([this] { EXPECT_EQ(server_.Destroy(), kOk); });
+    EXPECT_FALSE(Inbox::Messages().empty());
+}
+
+TEST_F(ReceiveThreadsTest, ReaperSharesALockWithHandlersWhileDestroyJoins)
+{
+    std::mutex shared;
+    Handle(6);
+    Inbox::OnMessage([&](const PPCMessage&) { std::lock_guard<std::mutex> lock(shared); });
+    Create();
+    const Fd first = ConnectAs(1, 1);
+    const Fd second = ConnectAs(1, 2);
+    CountingHook<ThreadJoin> joins;
+    std::promise<void> locked;
+    auto reaper = std::async(std::launch::async, [&] {
+        std::lock_guard<std::mutex> lock(shared);
+        locked.set_value();
+        EXPECT_TRUE(WaitUntil([&] { return joins.Count() >= 2; }, 10s));
+        server_.JoinAllPPCRcvThreads();
+    });
+    locked.get_future().wait();
+    ExpectToReturn([this] { EXPECT_EQ(server_.Destroy(), kOk); });
+    reaper.get();
 }
 
 }  // namespace

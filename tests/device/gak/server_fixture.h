@@ -8,7 +8,9 @@
 #include <algorithm>
 #include <chrono>
 #include <condition_variable>
+#include <cstdio>
 #include <functional>
+#include <future>
 #include <mutex>
 #include <string>
 #include <utility>
@@ -125,6 +127,25 @@ struct MutexLock : calls::OfGakppc {
     static constexpr const char* kSymbol = "pthread_mutex_lock";
     using Signature = int(pthread_mutex_t*);
 };
+
+// std::thread's calls; counts those of the test as well.
+struct ThreadJoin {
+    static constexpr const char* kSymbol = "pthread_join";
+    static constexpr const char* kLibrary = "libstdc++.so.6";
+    using Signature = int(pthread_t, void**);
+};
+
+// For calls that a defect would hold up for ever, with threads and locks that no test could end: they end the process.
+inline void ExpectToReturn(const std::function<void()>& call)
+{
+    auto returned = std::async(std::launch::async, call);
+    if (returned.wait_until(Deadline(20s).When()) != std::future_status::ready) {
+        ADD_FAILURE() << "a call does not return";
+        std::fflush(nullptr);
+        _exit(1);
+    }
+    returned.get();
+}
 
 inline std::string OwnThreadName()
 {

@@ -3,17 +3,16 @@
 #include <sys/prctl.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cinttypes>
 #include <cstdio>
 #include <exception>
-#include <iterator>
-#include <list>
-#include <map>
+#include <new>
 #include <sstream>
 #include <string>
-#include <system_error>
 #include <thread>
 #include <utility>
+#include <vector>
 
 #include "at_exit.h"
 #include "gak_limits.h"
@@ -24,6 +23,7 @@
 #include "no_destructor.h"
 #include "ppc.h"
 #include "ppc_record.h"
+#include "receive_threads.h"
 #include "session_list.h"
 #include "session_table.h"
 #include "status_table.h"
@@ -32,6 +32,7 @@ namespace qel {
 namespace {
 
 constexpr char kSourcePath[] = "qel/device/src/gak/ppc_server.cpp";
+constexpr char kReaper[] = "JoinAllPPCRcvThreads";
 
 // What a receive thread reports of a session that closed before its first message.
 constexpr uint32_t kNoDevice = MAX_DEVNUM_PER_OS;
@@ -39,32 +40,6 @@ constexpr uint32_t kNoProcessType = PPCMessage::MAXPROCTYPE;
 
 #define GAKPPC_MSG_TYPES \
     "(0:START RSP,1:SHUTDOWN RSP,2:HEARTBEAT,3:NOTIFY_VEXOINFO,4:ABNORMAL,5:SHUTDOWN,6:SOCKET_CLOSE)"
-
-// A receive thread that has ended. The system gives thread ids again, so a serial number goes with each: an entry that
-// nobody claimed must never be taken for a younger thread, which the reaper would then wait for.
-struct FinishedThread {
-    std::thread::id id;
-    uint64_t serial;
-    bool joined;
-};
-
-// A receive thread from its start until it is reaped. Between its end and that it may have been joined.
-struct ReceiveThread {
-    std::thread thread;
-    std::thread::id id;
-
-    void JoinOnce()
-    {
-        if (thread.joinable()) {
-            thread.join();
-        }
-    }
-};
-
-using ReceiveThreads = std::map<uint64_t, ReceiveThread>;  // by serial number
-
-// The entry with which this thread will report its end; made before the thread starts, so that reporting cannot fail.
-thread_local std::list<FinishedThread>* ownFinishedEntry = nullptr;
 
 void NameThisThread(const char* name)
 {
@@ -80,6 +55,28 @@ std::string ThreadIdText(std::thread::id id)
         return text.str();
     } catch (const std::exception&) {
         return {};
+    }
+}
+
+// The search for each thread among those that had ended, until none of those is left.
+void LogReapedThreads(const std::vector<ReceiveThreads::Record>& threads, std::vector<ReceiveThreads::Record> ended)
+{
+    size_t threadSize = threads.size();
+    for (auto thread = threads.begin(); thread != threads.end() && !ended.empty(); ++thread) {
+        GAK_INFO_AS(kReaper, "[GAKPPCSER] JoinAllPPCRcvThreads() [ppc tid=%s] [threadSize=%zu] [freeThreadSize=%zu]",
+                    ThreadIdText(thread->id).c_str(), threadSize, ended.size());
+        const auto found = std::find_if(ended.begin(), ended.end(), [thread](const ReceiveThreads::Record& candidate) {
+            GAK_INFO_AS(kReaper, "[GAKPPCSER] JoinAllPPCRcvThreads() [free tid=%s]",
+                        ThreadIdText(candidate.id).c_str());
+            return candidate.serial == thread->serial;
+        });
+        if (found == ended.end()) {
+            GAK_INFO_AS(kReaper, "[GAKPPCSER] JoinAllPPCRcvThreads() Not find free tid");
+            continue;
+        }
+        GAK_INFO_AS(kReaper, "[GAKPPCSER] JoinAllPPCRcvThreads() Find free tid and joinable");
+        ended.erase(found);
+        --threadSize;
     }
 }
 
@@ -141,13 +138,7 @@ struct PpcServer::State {
     SessionList sessions;
     SessionTable sessionTable;
     HandlerTable handlers;
-
-    Mutex threadListMutex;
-    ReceiveThreads receiveThreads GAKPPC_GUARDED_BY(threadListMutex);
-    uint64_t lastSerial GAKPPC_GUARDED_BY(threadListMutex) = 0;
-
-    Mutex freeThreadMutex;
-    std::list<FinishedThread> finishedThreads GAKPPC_GUARDED_BY(freeThreadMutex);
+    ReceiveThreads receiveThreads;
 
     bool BelongsToParent() const { return server != nullptr && owner != getpid(); }
 
@@ -156,12 +147,6 @@ struct PpcServer::State {
 
     bool AddPending(void* session);
     void CloseListedSessions();
-
-    void JoinReceiveThreads();
-    size_t CountFinishedThreads();
-    void JoinFinishedThreads() GAKPPC_REQUIRES(threadListMutex);
-    ReceiveThreads::iterator ReapIfFinished(ReceiveThreads::iterator candidate) GAKPPC_REQUIRES(threadListMutex);
-    void ReportFinished();
 
     ppc::PpcSessionRef GetPpcSession(uint32_t deviceId, uint32_t subProcPid);
 };
@@ -259,7 +244,7 @@ uint32_t PpcServer::Destroy()
         state_.acceptThread.join();
     }
     state_.CloseListedSessions();
-    state_.JoinReceiveThreads();
+    state_.receiveThreads.JoinAll();
     if (drvPpcServerDestroy(static_cast<PpcServerHead*>(server)) != PPC_OK) {
         GAK_STATUS(kStatusPpcDestroyFail, "[GAKPPCSER] Destory ppc sever failed");
     }
@@ -340,25 +325,14 @@ bool PpcServer::State::AddPending(void* session)
 
 bool PpcServer::StartReceiveThread(void* session)
 {
-    MutexLock lock(state_.threadListMutex);
-    state_.JoinFinishedThreads();
-    const uint64_t number = state_.receiveThreads.size();
-    const uint64_t serial = ++state_.lastSerial;
     try {
-        ReceiveThread& receiver = state_.receiveThreads[serial];
         // The thread holds the session's record for its whole life: others may end the session between two receives.
-        auto body = [this, number, held = ppc::PpcSessionRef(session),
-                     finished = std::list<FinishedThread>{{std::thread::id(), serial, false}}]() mutable {
-            ownFinishedEntry = &finished;
+        state_.receiveThreads.Start([this, held = ppc::PpcSessionRef(session)](uint64_t number) {
             void* const handle = held.Get();
             RecvData(handle, number);
-            ownFinishedEntry = nullptr;
-        };
-        receiver.thread = StartLibraryThread(std::move(body));
-        receiver.id = receiver.thread.get_id();
+        });
         return true;
     } catch (const std::exception& error) {
-        state_.receiveThreads.erase(serial);
         GAK_STATUS_AS("AcceptConnection", kStatusMemoryExhausted,
                       "[GAKPPCSER] receive thread can not be started, session closed: %s", error.what());
         return false;
@@ -485,7 +459,7 @@ void PpcServer::RecvData(void* const& session, uint64_t threadNumber)
     CloseSomeSession(session);
     GAK_EVENT("[GAKPPCSER] [threadName:%s] RecvData [ret=%u] [tid=%s]thread exit", threadName, status,
               ThreadIdText(std::this_thread::get_id()).c_str());
-    state_.ReportFinished();
+    state_.receiveThreads.ReportEnd();
 }
 
 // Tells the daemon that the peer has gone, by a message that no worker can send. Other failures are only logged.
@@ -542,82 +516,13 @@ void PpcServer::RegPPCSerMsgProcFunc(uint32_t msgType, void (*handler)(const PPC
 
 // ---- Reaping receive threads ----
 
-void PpcServer::State::ReportFinished()
-{
-    std::list<FinishedThread> entry;
-    if (ownFinishedEntry != nullptr) {
-        entry.splice(entry.end(), *ownFinishedEntry);
-    } else {
-        entry.push_back({std::thread::id(), 0, false});  // a thread that the server did not start: nobody will join it
-    }
-    entry.front().id = std::this_thread::get_id();
-    MutexLock lock(freeThreadMutex);
-    finishedThreads.splice(finishedThreads.end(), entry);
-}
-
-void PpcServer::State::JoinReceiveThreads()
-{
-    MutexLock lock(threadListMutex);
-    for (auto& receiver : receiveThreads) {
-        receiver.second.JoinOnce();
-    }
-    receiveThreads.clear();
-}
-
-// Called before a thread is started, which then takes over the stack of one that has ended instead of having one
-// mapped. The entries stay for the daemon to reap. The joins are short: a thread in the finished list has nothing left
-// to do.
-void PpcServer::State::JoinFinishedThreads()
-{
-    MutexLock lock(freeThreadMutex);
-    // The threads that have ended since the last call are at the end of the list.
-    for (auto finished = finishedThreads.rbegin(); finished != finishedThreads.rend() && !finished->joined;
-         ++finished) {
-        const auto receiver = receiveThreads.find(finished->serial);
-        if (receiver != receiveThreads.end()) {
-            receiver->second.JoinOnce();
-        }
-        finished->joined = true;
-    }
-}
-
-size_t PpcServer::State::CountFinishedThreads()
-{
-    MutexLock lock(freeThreadMutex);
-    return finishedThreads.size();
-}
-
 void PpcServer::JoinAllPPCRcvThreads()
 {
-    MutexLock lock(state_.threadListMutex);
-    GAK_INFO("[GAKPPCSER] JoinAllPPCRcvThreads() enter [threadSize=%zu]", state_.receiveThreads.size());
-    auto candidate = state_.receiveThreads.begin();
-    while (candidate != state_.receiveThreads.end() && state_.CountFinishedThreads() != 0) {
-        GAK_INFO("[GAKPPCSER] JoinAllPPCRcvThreads() [ppc tid=%s] [threadSize=%zu] [freeThreadSize=%zu]",
-                 ThreadIdText(candidate->second.id).c_str(), state_.receiveThreads.size(),
-                 state_.CountFinishedThreads());
-        candidate = state_.ReapIfFinished(candidate);
-    }
-    GAK_INFO("[GAKPPCSER] JoinAllPPCRcvThreads() exit [threadSize=%zu] [freeThreadSize=%zu]",
-             state_.receiveThreads.size(), state_.CountFinishedThreads());
-}
-
-// Returns the thread that follows.
-ReceiveThreads::iterator PpcServer::State::ReapIfFinished(ReceiveThreads::iterator candidate)
-{
-    MutexLock lock(freeThreadMutex);
-    for (auto finished = finishedThreads.begin(); finished != finishedThreads.end(); ++finished) {
-        GAK_INFO_AS("JoinAllPPCRcvThreads", "[GAKPPCSER] JoinAllPPCRcvThreads() [free tid=%s]",
-                    ThreadIdText(finished->id).c_str());
-        if (finished->serial == candidate->first) {
-            GAK_INFO_AS("JoinAllPPCRcvThreads", "[GAKPPCSER] JoinAllPPCRcvThreads() Find free tid and joinable");
-            candidate->second.JoinOnce();
-            finishedThreads.erase(finished);
-            return receiveThreads.erase(candidate);
-        }
-    }
-    GAK_INFO_AS("JoinAllPPCRcvThreads", "[GAKPPCSER] JoinAllPPCRcvThreads() Not find free tid");
-    return std::next(candidate);
+    const ReceiveThreads::Reaping reaping = state_.receiveThreads.Reap(IsLogEnabled(kLogInfo));
+    GAK_INFO("[GAKPPCSER] JoinAllPPCRcvThreads() enter [threadSize=%zu]", reaping.threadsBefore);
+    LogReapedThreads(reaping.threads, reaping.ended);
+    GAK_INFO("[GAKPPCSER] JoinAllPPCRcvThreads() exit [threadSize=%zu] [freeThreadSize=%zu]", reaping.threadsAfter,
+             reaping.endedAfter);
 }
 
 }  // namespace qel
