@@ -30,6 +30,7 @@ add_library(gakppc SHARED
             "${GAKPPC_PPC_DIR}/ppc_record.cpp"
             "${GAKPPC_PPC_DIR}/ppc_session.cpp"
             "${GAKPPC_PPC_DIR}/sigpipe_guard.cpp"
+            "${GAKPPC_GAK_DIR}/client_sessions.cpp"
             "${GAKPPC_GAK_DIR}/gak.cpp"
             "${GAKPPC_GAK_DIR}/handler_table.cpp"
             "${GAKPPC_GAK_DIR}/library_thread.cpp"

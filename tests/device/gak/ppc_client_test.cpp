@@ -11,6 +11,7 @@
 #include <set>
 
 #include "client_fixture.h"
+#include "held_mutexes.h"
 
 namespace gaktest {
 namespace {
@@ -26,6 +27,10 @@ const std::string kConnected =
     Line("GetPpcSession", "[GAKPPCCLI] [serverId=19280] GetPpcSession() receive thread has been started");
 const std::string kConnectFailed =
     Line(kConnectFail, "GetPpcSession", "[GAKPPCCLI] GetPpcSession() drvPpcSessionConnect fail");
+const std::string kNoMemoryForSession =
+    Line(kMemoryExhausted, "GetPpcSession", "[GAKPPCCLI] GetPpcSession() no memory for the session");
+const std::string kNoMemoryForDevice =
+    Line(kMemoryExhausted, "SendPpcMsg", "[GAKPPCCLI] SendPpcMsg() no memory for the device");
 const std::string kDestroyEnter = Line("Destroy", "[GAKPPCCLI]  Destroy() enter");
 const std::string kDestroyExit = Line("Destroy", "[GAKPPCCLI]  Destroy() exit");
 const std::string kNotRunning = Line(kDriverError, "Destroy", "[GAKPPCCLI]  Destroy() ppcclient not run");
@@ -59,6 +64,16 @@ PPCMessage LongMessage()
     msg.mutable_lib_names()->add_lib_name(std::string(8U << 20, 'x'));
     return msg;
 }
+
+// Called by each line that is composed.
+struct GetTid : calls::OfGakppc {
+    static constexpr const char* kSymbol = "osalGetTid";
+    using Signature = int();
+};
+struct CheckLevel : calls::OfGakppc {
+    static constexpr const char* kSymbol = "CheckLogLevel";
+    using Signature = int(int, int);
+};
 
 class PpcClientTest : public ClientFixture {
 protected:
@@ -251,19 +266,15 @@ TEST_F(PpcClientTest, ConcurrentFirstUseConnectsOnce)
     EXPECT_THAT(seen, testing::Each(seen[0]));
 }
 
-TEST_F(PpcClientTest, SessionThatCannotBeStoredIsEnded)
+TEST_F(PpcClientTest, SessionThatCouldNotBeStoredIsNotConnected)
 {
     CountingHook<calls::OperatorNew> news;
     CountingHook<DrvConnect> connects;
-    connects.OnCall([&news](uint64_t, int serverId, PpcSession** session) {
-        const int result = CountingHook<DrvConnect>::Real(serverId, session);
-        news.OnCall([](uint64_t, size_t) -> std::optional<void*> { throw std::bad_alloc(); });
-        return std::optional<int>(result);
-    });
+    news.OnCall([](uint64_t, size_t) -> std::optional<void*> { throw std::bad_alloc(); });
     EXPECT_EQ(client_.GetPpcSession(0, PPCMessage::ZOLT), nullptr);
+    EXPECT_EQ(connects.Count(), 0u);
+    EXPECT_TRUE(NobodyConnects());
     news.Reset();
-    EXPECT_TRUE(ExpectEof(Accept(), kWait));
-    connects.Reset();
     EXPECT_NE(client_.GetPpcSession(0, PPCMessage::ZOLT), nullptr);
     EXPECT_EQ(connects.Count(), 1u);
 }
@@ -283,8 +294,7 @@ TEST_F(PpcClientTest, MessageWhoseDeviceCannotBeRecordedIsSentAndTheNextOneRecor
         EXPECT_EQ(client_.SendHeartbeat(0, 1), kOk.number);
     }
     EXPECT_EQ(ReadPpcFrame(peer, kWait), FromWorker(2, 0, 1));
-    EXPECT_THAT(Lines(), testing::Contains(Line(kMemoryExhausted, "SendPpcMsg",
-                                                "[GAKPPCCLI] SendPpcMsg() no memory for the device")));
+    EXPECT_THAT(Lines(), testing::Contains(kNoMemoryForDevice));
     std::vector<std::string> noNames;
     EXPECT_EQ(client_.CreateOrFindCustPid(noNames, 1), kCreateFail.number) << "no device to name";
 
@@ -522,6 +532,149 @@ TEST_F(PpcClientTest, MessageReceivedWhileTheClientIsDestroyedIsNotHandled)
     EXPECT_EQ(client_.RecvData(2, 0), kOk.number);
     EXPECT_EQ(Lines().back(), Line("RecvData", "[GAKPPCCLI] recvdata device 2 client recvflag has been set true"));
     EXPECT_TRUE(ExpectEof(peer, kWait));  // no answer
+}
+
+const std::string kReceiveWithoutRunning =
+    Line(kRecvFail, "RecvData", "[GAKPPCCLI] recvdata device 1 clientRecvFlag_ is false receive msg failed");
+
+// Destroy waits for the connect, and ends what it brings.
+TEST_F(PpcClientTest, DestroyDuringAConnectLeavesTheClientDestroyed)
+{
+    const Fd first = Open(0, PPCMessage::ZOLT);
+    std::promise<void> destroyLocks;
+    CountingHook<calls::MutexLock> locks;
+    CountingHook<DrvConnect> connects;
+    std::unique_ptr<BackgroundCall> destroying;
+    connects.OnCall([&](uint64_t, int, PpcSession**) {
+        locks.OnCall([&, connecting = std::this_thread::get_id()](uint64_t, pthread_mutex_t*) {
+            if (std::this_thread::get_id() != connecting) {
+                locks.OnCall(nullptr);
+                destroyLocks.set_value();
+            }
+            return std::optional<int>();
+        });
+        destroying = std::make_unique<BackgroundCall>([this] {
+            client_.Destroy();
+            return 0U;
+        });
+        EXPECT_EQ(destroyLocks.get_future().wait_for(kWait), std::future_status::ready);
+        return std::optional<int>();
+    });
+    EXPECT_NE(client_.GetPpcSession(1, PPCMessage::ZOLT), nullptr);
+    destroying->Result();
+    EXPECT_TRUE(ExpectEof(first, kWait));
+    EXPECT_TRUE(ExpectEof(Accept(), kWait));
+
+    connects.Reset();
+    StopListening();
+    log_.Clear();
+    EXPECT_EQ(client_.RecvData(1, 0), kRecvFail.number);
+    EXPECT_THAT(Lines(), ElementsAre(kReceiveWithoutRunning));
+}
+
+// What a call of RecvData does on its way to a session; Destroy comes in between.
+class PpcClientOvertakenTest : public PpcClientTest {
+protected:
+    void SetUp() override
+    {
+        PpcClientTest::SetUp();
+        Open(0, PPCMessage::ZOLT).Reset();  // the client runs
+    }
+
+    void ExpectNoSessionIsOpened()
+    {
+        CountingHook<DrvConnect> connects;
+        const auto receiving = Receive(1, 0);
+        EXPECT_TRUE(WaitUntil([&] { return receiving->Returned() || connects.Count() > 0; }, kWait));
+        EXPECT_EQ(connects.Count(), 0u);
+        listener_.Reset();  // ends a session that should not be there
+        EXPECT_EQ(receiving->Result(), kRecvFail.number);
+        EXPECT_EQ(Lines().back(), kReceiveWithoutRunning);
+    }
+};
+
+TEST_F(PpcClientOvertakenTest, ByDestroyBeforeTheClientIsCreatedOpensNoSession)
+{
+    CountingHook<DrvInit> inits;
+    inits.OnCall([this](uint64_t) {
+        client_.Destroy();
+        return std::optional<int>();
+    });
+    ExpectNoSessionIsOpened();
+}
+
+TEST_F(PpcClientOvertakenTest, ByDestroyWhileItLogsTheConnectOpensNoSession)
+{
+    CountingHook<GetTid> lines;
+    lines.OnCall([this](uint64_t number) {
+        if (number == 1) {
+            client_.Destroy();
+        }
+        return std::optional<int>();
+    });
+    ExpectNoSessionIsOpened();
+}
+
+// A sink may block or call back, and so may a driver that ends a session.
+class PpcClientLockTest : public PpcClientTest {
+protected:
+    PpcClientLockTest()
+    {
+        levels_.OnCall([](uint64_t, int, int) { return ExpectNoMutex(); });
+        tids_.OnCall([](uint64_t) { return ExpectNoMutex(); });
+        destroys_.OnCall([](uint64_t, PpcSession*) { return ExpectNoMutex(); });
+        connects_.OnCall([this](uint64_t, int serverId, PpcSession** session) {
+            inDriver_ = true;  // the driver's own lines are written where they are
+            const int result = connectFails_ ? PPC_ERR_SOCKET_CONNECT : connects_.Real(serverId, session);
+            inDriver_ = false;
+            return std::optional<int>(result);
+        });
+    }
+
+    static std::optional<int> ExpectNoMutex()
+    {
+        EXPECT_TRUE(inDriver_ || HeldMutexes::OfThisThread() == 0);
+        return std::nullopt;
+    }
+
+    static inline thread_local bool inDriver_ = false;
+    bool connectFails_ = false;
+    HeldMutexes held_;
+    CountingHook<CheckLevel> levels_;
+    CountingHook<GetTid> tids_;
+    CountingHook<DrvSessionDestroy> destroys_;
+    CountingHook<DrvConnect> connects_;
+};
+
+TEST_F(PpcClientLockTest, NoMutexIsHeldOverALineOrTheEndOfASession)
+{
+    const Fd peer = Open(0, PPCMessage::ZOLT);
+    EXPECT_EQ(client_.SendHeartbeat(0, 0), kOk.number);
+    void* session = client_.GetPpcSession(0, PPCMessage::ZOLT);
+    client_.RecvMsgProc(0, session, PPCMessage::ZOLT, Message(PPCMessage::START_RSP, 0, PPCMessage::CUSTOM_COMPUTE));
+    connectFails_ = true;
+    EXPECT_EQ(client_.GetPpcSession(1, PPCMessage::ZOLT), nullptr);
+    client_.Destroy();
+    EXPECT_EQ(destroys_.Count(), 1u);
+    EXPECT_THAT(Lines(), testing::IsSupersetOf({kConnecting, kConnected, kConnectFailed, kDestroyExit}));
+}
+
+TEST_F(PpcClientLockTest, NoMutexIsHeldOverALineAboutMissingMemory)
+{
+    const Fd peer = Open(0, PPCMessage::ZOLT);
+    CountingHook<calls::OperatorNew> news;
+    const auto failFirst = [](uint64_t number, size_t) -> std::optional<void*> {
+        if (number == 1) {
+            throw std::bad_alloc();
+        }
+        return std::nullopt;
+    };
+    news.OnCall(failFirst);
+    EXPECT_EQ(client_.SendHeartbeat(0, 0), kOk.number);
+    news.Reset();
+    news.OnCall(failFirst);
+    EXPECT_EQ(client_.GetPpcSession(1, PPCMessage::ZOLT), nullptr);
+    EXPECT_THAT(Lines(), testing::IsSupersetOf({kNoMemoryForDevice, kNoMemoryForSession}));
 }
 
 // ---- Destroy ----

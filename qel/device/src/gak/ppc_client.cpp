@@ -1,18 +1,18 @@
 #include "ppc_client.h"
 
-#include <unistd.h>
-
-#include <map>
+#include <atomic>
 #include <new>
 
 #include "at_exit.h"
+#include "client_sessions.h"
+#include "custom_start.h"
 #include "gak_limits.h"
 #include "gak_log.h"
-#include "mutex.h"
 #include "no_destructor.h"
 #include "own_pid.h"
 #include "ppc.h"
 #include "ppc_record.h"
+#include "process_devices.h"
 #include "status_table.h"
 
 namespace qel {
@@ -73,6 +73,7 @@ bool AddLibNames(const std::vector<std::string>& libNames, PPCMessage& msg)
 
 }  // namespace
 
+// Its members synchronise themselves.
 struct PpcClient::State {
     static State& Instance()
     {
@@ -80,41 +81,17 @@ struct PpcClient::State {
         return *state;
     }
 
-    std::atomic<void*> ppcClient_{nullptr};
-
-    Mutex sessionMutex_;
-    std::map<uint32_t, ppc::PpcSessionRef> sessionMap_ GAKPPC_GUARDED_BY(sessionMutex_);
-
-    // The last pair entered in the map below, process id above device: nearly every message brings the same.
-    std::atomic<uint64_t> lastRecorded_{0};
-    Mutex subProcDevMutex_;
-    std::map<uint32_t, uint32_t> subProcDevMap_ GAKPPC_GUARDED_BY(subProcDevMutex_);
-
-    CondVar custStartCond_;
-    Mutex custStartMutex_;
-    bool custStartFlag_ GAKPPC_GUARDED_BY(custStartMutex_) = false;
-
-    // Raised by Destroy until the next session is opened. The receive loop then opens none: it may be a thread that
-    // found out late, while the process exits.
-    std::atomic<bool> destroyed_{false};
-
-    // The process that opened the sessions, 0 before. Their tear-down is that process's alone.
-    std::atomic<pid_t> owner_{0};
-
-    bool BelongsToParent() const
-    {
-        const pid_t owner = owner_;
-        return owner != 0 && owner != getpid();
-    }
+    std::atomic<void*> client{nullptr};
+    ClientSessions sessions;
+    ProcessDevices devices;
+    CustomStart customStart;
 
     bool CreateClient();
-    ppc::PpcSessionRef GetPpcSession(uint32_t deviceId, PPCMessage::ProcessType procType);
-    void DestroySessions();
-    void DestroyClient();
+    ppc::PpcSessionRef GetSession(uint32_t deviceId, PPCMessage::ProcessType procType,
+                                  ClientSessions::AfterDestroy afterDestroy = ClientSessions::AfterDestroy::kStartOver);
+    ppc::PpcSessionRef GetSessionToReceive(uint32_t deviceId, PPCMessage::ProcessType procType);
     void RecordDevice(uint32_t pid, uint32_t deviceId);
-    bool FindDevice(uint32_t pid, uint32_t* deviceId);
-    void ReportCustomStart();
-    void WaitForCustomStart();
+    void DestroyClient();
 };
 
 // What SendHeartbeat and SendAbnormalMsg differ in.
@@ -123,8 +100,6 @@ struct PpcClient::Report {
     const char* word;
     PPCMessage::MsgType type;
 };
-
-std::atomic<bool> PpcClient::clientRecvFlag_{false};
 
 PpcClient* PpcClient::GetInstance()
 {
@@ -142,7 +117,7 @@ PpcClient::~PpcClient()
 
 void PpcClient::OnProcessExit()
 {
-    if (state_.BelongsToParent()) {
+    if (state_.sessions.BelongToParent()) {
         return;
     }
     GAK_INFO_AS("~PpcClient", "PpcClient::~PpcClient() destructor function called");
@@ -152,7 +127,7 @@ void PpcClient::OnProcessExit()
 // Two threads may come here at once; the handle of the one that came too late is given back.
 bool PpcClient::State::CreateClient()
 {
-    if (ppcClient_ != nullptr) {
+    if (client != nullptr) {
         return true;
     }
     if (drvPpcInit() != PPC_OK) {
@@ -165,47 +140,28 @@ bool PpcClient::State::CreateClient()
         return false;
     }
     void* none = nullptr;
-    if (created != nullptr && !ppcClient_.compare_exchange_strong(none, created)) {
+    if (created != nullptr && !client.compare_exchange_strong(none, created)) {
         drvPpcClientDestroy(created);
     }
     return true;
 }
 
-ppc::PpcSessionRef PpcClient::State::GetPpcSession(uint32_t deviceId, PPCMessage::ProcessType procType)
+ppc::PpcSessionRef PpcClient::State::GetSession(uint32_t deviceId, PPCMessage::ProcessType procType,
+                                                ClientSessions::AfterDestroy afterDestroy)
 {
-    if (!CreateClient()) {
-        return {};
-    }
-    MutexLock lock(sessionMutex_);
-    const uint32_t key = SessionKey(deviceId, procType);
-    const auto found = sessionMap_.find(key);
-    if (found != sessionMap_.end()) {
-        return found->second;
-    }
-    GAK_INFO("[GAKPPCCLI] GetPpcSession() will Create session use serverId: %u", kPpcServerId);
-    PpcSession* session = nullptr;
-    if (drvPpcSessionConnect(static_cast<int>(kPpcServerId), &session) != PPC_OK || session == nullptr) {
-        GAK_STATUS(kStatusPpcConnectFail, "[GAKPPCCLI] GetPpcSession() drvPpcSessionConnect fail");
-        return {};
-    }
-    ppc::PpcSessionRef ref(session);
-    try {
-        sessionMap_.emplace(key, ref);
-    } catch (const std::bad_alloc&) {
-        drvPpcSessionDestroy(session);
-        GAK_STATUS(kStatusMemoryExhausted, "[GAKPPCCLI] GetPpcSession() no memory for the session");
-        return {};
-    }
-    owner_ = static_cast<pid_t>(OwnPid());
-    destroyed_ = false;
-    clientRecvFlag_ = true;
-    GAK_INFO("[GAKPPCCLI] [serverId=%u] GetPpcSession() receive thread has been started", kPpcServerId);
-    return ref;
+    return CreateClient() ? sessions.Get(SessionKey(deviceId, procType), afterDestroy) : ppc::PpcSessionRef();
+}
+
+// After Destroy the receive loop opens no session: it may be a thread that found out late, while the process exits.
+ppc::PpcSessionRef PpcClient::State::GetSessionToReceive(uint32_t deviceId, PPCMessage::ProcessType procType)
+{
+    return sessions.IsDestroyed() ? ppc::PpcSessionRef()
+                                  : GetSession(deviceId, procType, ClientSessions::AfterDestroy::kOpenNothing);
 }
 
 void* PpcClient::GetPpcSession(uint32_t deviceId, PPCMessage::ProcessType procType)
 {
-    return state_.GetPpcSession(deviceId, procType).Get();
+    return state_.GetSession(deviceId, procType).Get();
 }
 
 uint32_t PpcClient::SendData(void*& session, const PPCMessage& msg)
@@ -216,17 +172,17 @@ uint32_t PpcClient::SendData(void*& session, const PPCMessage& msg)
 uint32_t PpcClient::RecvData(uint32_t deviceId, GakWaitType waitType)
 {
     const PPCMessage::ProcessType procType = GetPPCProcessType(waitType);
-    const ppc::PpcSessionRef held = state_.destroyed_ ? ppc::PpcSessionRef() : state_.GetPpcSession(deviceId, procType);
+    const ppc::PpcSessionRef held = state_.GetSessionToReceive(deviceId, procType);
     void* session = held.Get();
     for (;;) {
-        if (!clientRecvFlag_) {
+        if (!state_.sessions.IsRunning()) {
             GAK_STATUS(kStatusPpcRecvFail, "[GAKPPCCLI] recvdata device %d clientRecvFlag_ is false receive msg failed",
                        static_cast<int>(deviceId));
             return kStatusPpcRecvFail;
         }
         PPCMessage msg;
         const uint32_t status = RecvMsg(session, msg);
-        if (!clientRecvFlag_) {
+        if (!state_.sessions.IsRunning()) {
             // The text says the opposite of what happened; log readers know it so.
             GAK_INFO("[GAKPPCCLI] recvdata device %d client recvflag has been set true", static_cast<int>(deviceId));
             return status;
@@ -251,7 +207,7 @@ uint32_t PpcClient::RecvMsgProc(uint32_t deviceId, void*& session, const PPCMess
     GAK_INFO("PpcClient:: msg.type[%u], msg.proc_type[%u]", static_cast<uint32_t>(msg.type()),
              static_cast<uint32_t>(msg.proc_type()));
     if (msg.type() == PPCMessage::START_RSP && msg.proc_type() == PPCMessage::CUSTOM_COMPUTE) {
-        state_.ReportCustomStart();
+        state_.customStart.Report();
     }
     GAK_INFO("PpcClient::RecvMsgProc, size=%u, subpid=%u", static_cast<uint32_t>(msg.ByteSizeLong()),
              msg.sub_proc_pid());
@@ -272,56 +228,25 @@ uint32_t PpcClient::RecvMsgProc(uint32_t deviceId, void*& session, const PPCMess
     return status;
 }
 
-void PpcClient::State::ReportCustomStart()
-{
-    MutexLock lock(custStartMutex_);
-    custStartCond_.NotifyAll();
-    custStartFlag_ = true;
-}
-
-void PpcClient::State::WaitForCustomStart()
-{
-    MutexLock lock(custStartMutex_);
-    while (!custStartFlag_) {
-        custStartCond_.Wait(custStartMutex_);
-    }
-}
-
 void PpcClient::Destroy()
 {
-    if (state_.BelongsToParent()) {
+    if (state_.sessions.BelongToParent()) {
         return;
     }
     GAK_INFO("[GAKPPCCLI]  Destroy() enter");
-    if (!clientRecvFlag_) {
+    if (!state_.sessions.DestroyAll()) {
         GAK_STATUS(kStatusDriverError, "[GAKPPCCLI]  Destroy() ppcclient not run");
         return;
     }
-    state_.destroyed_ = true;
-    clientRecvFlag_ = false;
-    state_.DestroySessions();
     state_.DestroyClient();
     drvPpcUninit();
     GAK_INFO("[GAKPPCCLI]  Destroy() exit");
 }
 
-void PpcClient::State::DestroySessions()
-{
-    MutexLock lock(sessionMutex_);
-    for (const auto& entry : sessionMap_) {
-        const int result = drvPpcSessionDestroy(static_cast<PpcSession*>(entry.second.Get()));
-        GAK_INFO_AS("Destroy", "[GAKPPCCLI] Destroy() call drvPpcSessionDestroy func return [drvRet:%d]", result);
-        if (result != PPC_OK) {
-            GAK_STATUS_AS("Destroy", kStatusDriverError, "[GAKPPCCLI]  Destroy() drvPpcSessionDestroy fail");
-        }
-    }
-    sessionMap_.clear();
-}
-
 void PpcClient::State::DestroyClient()
 {
-    void* client = ppcClient_.exchange(nullptr);
-    if (client != nullptr && drvPpcClientDestroy(client) != PPC_OK) {
+    void* destroyed = client.exchange(nullptr);
+    if (destroyed != nullptr && drvPpcClientDestroy(destroyed) != PPC_OK) {
         GAK_STATUS_AS("Destroy", kStatusDriverError, "[GAKPPCCLI] Destroy() drvPpcClientDestroy fail");
     }
 }
@@ -332,31 +257,14 @@ PPCMessage::ProcessType PpcClient::GetPPCProcessType(GakWaitType waitType)
                                               : PPCMessage::MAXPROCTYPE;
 }
 
+// Without memory the message still goes out, and the next one records the device.
 void PpcClient::State::RecordDevice(uint32_t pid, uint32_t deviceId)
 {
-    const uint64_t pair = (uint64_t{pid} << 32) | deviceId;
-    if (lastRecorded_ == pair) {
-        return;
-    }
-    MutexLock lock(subProcDevMutex_);
     try {
-        subProcDevMap_[pid] = deviceId;
-        lastRecorded_ = pair;
+        devices.Record(pid, deviceId);
     } catch (const std::bad_alloc&) {
-        // The message still goes out, and the next one records it.
         GAK_STATUS_AS("SendPpcMsg", kStatusMemoryExhausted, "[GAKPPCCLI] SendPpcMsg() no memory for the device");
     }
-}
-
-bool PpcClient::State::FindDevice(uint32_t pid, uint32_t* deviceId)
-{
-    MutexLock lock(subProcDevMutex_);
-    const auto found = subProcDevMap_.find(pid);
-    if (found == subProcDevMap_.end()) {
-        return false;
-    }
-    *deviceId = found->second;
-    return true;
 }
 
 uint32_t PpcClient::SendPpcMsg(uint32_t deviceId, GakWaitType waitType, PPCMessage::MsgType msgType)
@@ -375,7 +283,7 @@ uint32_t PpcClient::SendPpcMsg(uint32_t deviceId, GakWaitType waitType, PPCMessa
     const PPCMessage::ProcessType procType = ProcessTypeToSend(waitType);
     const PPCMessage msg = MessageToDaemon(msgType, deviceId, procType);
     state_.RecordDevice(msg.sub_proc_pid(), deviceId);
-    const ppc::PpcSessionRef held = state_.GetPpcSession(deviceId, procType);
+    const ppc::PpcSessionRef held = state_.GetSession(deviceId, procType);
     void* session = held.Get();
     return SendData(session, msg);
 }
@@ -424,7 +332,7 @@ uint32_t PpcClient::SendReport(const Report& report, uint32_t deviceId, GakWaitT
 uint32_t PpcClient::CreateOrFindCustPid(std::vector<std::string>& libNames, uint32_t hostPid)
 {
     uint32_t deviceId = 0;
-    if (!state_.FindDevice(OwnPid(), &deviceId)) {
+    if (!state_.devices.Find(OwnPid(), &deviceId)) {
         return kStatusPpcCreateFail;
     }
     PPCMessage msg = MessageToDaemon(PPCMessage::NOTIFY_VEXOINFO, deviceId, PPCMessage::CUSTOM_COMPUTE);
@@ -433,10 +341,10 @@ uint32_t PpcClient::CreateOrFindCustPid(std::vector<std::string>& libNames, uint
         return kStatusPpcCreateFail;
     }
     // Over the compute process's session: the custom process has none yet.
-    const ppc::PpcSessionRef held = state_.GetPpcSession(deviceId, PPCMessage::COMPUTE);
+    const ppc::PpcSessionRef held = state_.GetSession(deviceId, PPCMessage::COMPUTE);
     void* session = held.Get();
     const uint32_t status = SendData(session, msg);
-    state_.WaitForCustomStart();
+    state_.customStart.Wait();
     return status;
 }
 

@@ -4,7 +4,6 @@
 /// @file
 /// The worker's end of PPC.
 
-#include <atomic>
 #include <cstdint>
 #include <string>
 #include <vector>
@@ -126,9 +125,6 @@ private:
     GAKPPC_LOCAL PpcClient();
     GAKPPC_LOCAL void OnProcessExit();
     GAKPPC_LOCAL uint32_t SendReport(const Report& report, uint32_t deviceId, GakWaitType waitType);
-
-    // Whether the client runs: raised with every new session, lowered by Destroy.
-    GAKPPC_LOCAL static std::atomic<bool> clientRecvFlag_;
 
     State& state_;  // never destroyed: threads may be inside the client while the process exits
 };
