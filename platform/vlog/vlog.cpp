@@ -114,7 +114,7 @@ SecondText TextOfSecond(time_t time)
     return result;
 }
 
-// One line, built on the stack. What does not fit is cut; room for the closing newline is always kept.
+// One line, built on the stack. What does not fit is cut; space for the closing newline is always kept.
 class Line {
 public:
     void Append(const char* fmt, ...) __attribute__((format(printf, 2, 3)))
@@ -127,10 +127,10 @@ public:
 
     void AppendArgs(const char* fmt, va_list args) __attribute__((format(printf, 2, 0)))
     {
-        const size_t room = sizeof(text_) - length_;
-        const int wanted = platform::Format(text_ + length_, room, fmt, args);
+        const size_t available = sizeof(text_) - length_;
+        const int wanted = platform::Format(text_ + length_, available, fmt, args);
         if (wanted > 0) {
-            length_ += static_cast<size_t>(wanted) < room ? static_cast<size_t>(wanted) : room - 1;
+            length_ += static_cast<size_t>(wanted) < available ? static_cast<size_t>(wanted) : available - 1;
         }
     }
 

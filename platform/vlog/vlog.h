@@ -5,7 +5,7 @@
  * The device logging library. On an accelerator host libvlog.so belongs to the platform; this header declares what is
  * used of it, and vlog.cpp is a stand-in for machines without it.
  *
- * Levels: 0 debug, 1 info, 2 warning, 3 error; beside that scale 5 event, 6 operation log, 7 trace. A module id names
+ * Levels: 0 debug, 1 info, 2 warning, 3 error; outside that scale 5 event, 6 operation log, 7 trace. A module id names
  * the component that logs and is printed with the line.
  *
  * The stand-in writes each line to standard error: time (UTC), level name, module id, text. Newlines at the end of the

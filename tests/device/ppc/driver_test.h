@@ -83,7 +83,7 @@ inline std::string PidText()
 struct SessionView {
     uint32_t magic;
     int32_t fd;
-    uint32_t room[6];
+    uint32_t reserved[6];
 };
 
 struct ServerView {

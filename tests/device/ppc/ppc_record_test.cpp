@@ -202,7 +202,7 @@ TEST_F(InFlightTest, SenderBlockedOnAFullSocketReturnsWhenTheSessionIsEnded)
     EXPECT_EQ(sender.get(), PPC_ERR_SEND);
 }
 
-TEST_F(InFlightTest, SendersThatWaitForTheirTurnReturnWhenTheSessionIsEnded)
+TEST_F(InFlightTest, SendersThatWaitForTheSendMutexReturnWhenTheSessionIsEnded)
 {
     Connection connection;
     std::vector<std::future<int>> senders;
@@ -374,14 +374,14 @@ TEST_F(EndedHandleTest, NoMoreThan4096EndedSessionsAreKept)
     EXPECT_EQ(mallocCalls.Count() - frees.Count(), kSessionsRecognised);
 }
 
-TEST_F(EndedHandleTest, EndedSessionThatIsHeldAgainIsKept)
+TEST_F(EndedHandleTest, EndedSessionThatIsReferencedAgainIsKept)
 {
     log_.SetMinimumLevel(99);
     const Fd listener = RawListen(kServerId);
     Connection ended(listener);
     ended.End();
     void* const handle = ended.session;
-    qel::PpcServer::GetInstance().SetPpcSession(0, 1, handle);  // a table entry holds it
+    qel::PpcServer::GetInstance().SetPpcSession(0, 1, handle);  // a table entry refers to it
     ASSERT_NO_FATAL_FAILURE(ConnectAndEnd(kSessionsRecognised + 100, listener, ended.session));
     EXPECT_EQ(ViewOf(ended.session).magic, PPC_SESSION_MAGIC);
 }
@@ -414,8 +414,8 @@ private:
     gaktest::ImportHook freeHook_{"free", reinterpret_cast<void*>(&Free)};
 };
 
-// Ended sessions stand in a row. One that leaves it from the middle must not take its neighbours along.
-TEST_F(EndedHandleTest, NeighboursOfAnEndedSessionThatIsHeldAgainAreForgottenInTheirTurn)
+// One that leaves the quarantine from the middle must not take its neighbours along.
+TEST_F(EndedHandleTest, NeighboursOfASessionThatLeavesQuarantineAreFreedInOrder)
 {
     log_.SetMinimumLevel(99);
     const Fd listener = RawListen(kServerId);
@@ -428,7 +428,7 @@ TEST_F(EndedHandleTest, NeighboursOfAnEndedSessionThatIsHeldAgainAreForgottenInT
     held.End();
     newer.End();
     void* const handle = held.session;
-    qel::PpcServer::GetInstance().SetPpcSession(0, 1, handle);  // a table entry holds it
+    qel::PpcServer::GetInstance().SetPpcSession(0, 1, handle);  // a table entry refers to it
     ASSERT_NO_FATAL_FAILURE(ConnectAndEnd(kSessionsRecognised - 2, listener, nullptr));
     EXPECT_THAT(Blocks::freed, IsEmpty());
     ASSERT_NO_FATAL_FAILURE(ConnectAndEnd(3, listener, held.session));
@@ -441,8 +441,8 @@ struct MutexLock : calls::OfGakppc {
     using Signature = int(pthread_mutex_t*);
 };
 
-// The last holder is on its way out when somebody else takes hold of the session.
-TEST_F(EndedHandleTest, SessionThatIsHeldAgainWhileItsLastHolderLeavesIsKept)
+// The last reference is on its way out when somebody else takes a new one.
+TEST_F(EndedHandleTest, SessionReferencedWhileItsLastReferenceGoesIsKept)
 {
     log_.SetMinimumLevel(99);
     const Fd listener = RawListen(kServerId);
@@ -450,7 +450,7 @@ TEST_F(EndedHandleTest, SessionThatIsHeldAgainWhileItsLastHolderLeavesIsKept)
     {
         CountingHook<MutexLock> locks;
         locks.OnCall([&](uint64_t number, pthread_mutex_t*) -> std::optional<int> {
-            if (number == 2) {  // the first one ended the record, this one is to retire it
+            if (number == 2) {  // the first one ended the record, this one is to quarantine it
                 void* const handle = ended.session;
                 qel::PpcServer::GetInstance().SetPpcSession(0, 1, handle);
             }
@@ -680,7 +680,7 @@ TEST_F(SigpipeTest, SignalThatWasPendingStaysPending)
     EXPECT_EQ(handledSignals, 1);
 }
 
-// A signal to the process and one to the thread do not merge: what the send raised must go, not wait beside the other.
+// A signal to the process and one to the thread do not merge: what the send raised must go, not wait next to the other.
 TEST_F(SigpipeTest, SignalThatWasPendingForTheProcessIsDeliveredOnce)
 {
     signal(SIGPIPE, &CountSignal);

@@ -294,7 +294,7 @@ TEST_F(ServerDestroyTest, NullServerGives3)
     EXPECT_THAT(log_.Lines(), ElementsAre(ErrorLine("drvPpcServerDestroy", "null server")));
 }
 
-TEST_F(ServerDestroyTest, UnknownServerGives3AndIsNotLookedBehind)
+TEST_F(ServerDestroyTest, UnknownServerGives3AndIsNotDereferenced)
 {
     EXPECT_EQ(drvPpcServerDestroy(kNoServer), PPC_ERR_INVALID_VALUE);
     EXPECT_THAT(log_.Lines(),
@@ -336,7 +336,7 @@ TEST_F(SessionAcceptTest, MakesASessionOfTheConnection)
     const SessionView view = ViewOf(session_);
     EXPECT_EQ(view.magic, 0x484443FFu);
     EXPECT_TRUE(IsOpen(view.fd));
-    EXPECT_THAT(view.room, Each(0u));
+    EXPECT_THAT(view.reserved, Each(0u));
     EXPECT_THAT(log_.Lines(), ElementsAre(InfoLine("drvPpcSessionAccept",
                                                    "Ppc Accept Session " + std::to_string(view.fd) + ", Server fd " +
                                                        std::to_string(listenFd_) + ", pid " + PidText())));
@@ -433,7 +433,7 @@ TEST_F(SessionAcceptPauseTest, ConnectionThatHasGoneIsReportedWithoutAPause)
     EXPECT_THAT(PausesAfter(ECONNABORTED), IsEmpty());
 }
 
-TEST_F(SessionAcceptTest, UnknownServerGives3WithAWarningAndIsNotLookedBehind)
+TEST_F(SessionAcceptTest, UnknownServerGives3WithAWarningAndIsNotDereferenced)
 {
     EXPECT_EQ(drvPpcSessionAccept(kNoServer, &session_), PPC_ERR_INVALID_VALUE);
     EXPECT_THAT(log_.Lines(),
@@ -539,7 +539,7 @@ TEST_P(SessionEndTest, NullSessionGives3)
     EXPECT_EQ(GetParam().end(session_), PPC_OK);
 }
 
-TEST_P(SessionEndTest, UnknownSessionGives3AndIsNotLookedBehind)
+TEST_P(SessionEndTest, UnknownSessionGives3AndIsNotDereferenced)
 {
     EXPECT_EQ(GetParam().end(kNoSession), PPC_ERR_INVALID_VALUE);
     EXPECT_THAT(log_.Lines(),
@@ -646,7 +646,7 @@ TEST_F(SessionConnectTest, MakesASessionOfTheConnection)
     const SessionView view = ViewOf(session_);
     EXPECT_EQ(view.magic, 0x484443FFu);
     EXPECT_TRUE(IsOpen(view.fd));
-    EXPECT_THAT(view.room, Each(0u));
+    EXPECT_THAT(view.reserved, Each(0u));
     EXPECT_THAT(log_.Lines(),
                 ElementsAre(InfoLine("drvPpcSessionConnect",
                                      "Ppc connect session " + std::to_string(view.fd) + ", pid " + PidText())));

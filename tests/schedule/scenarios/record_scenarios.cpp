@@ -189,15 +189,12 @@ SCENARIO(EndpointDestroyAgainstAccept)
 SCENARIO_WITH(EndpointLeavesQuarantine, nullptr, FillQuarantine)
 {
     PpcServerHead* endpoint = CreateEndpoint(gaktest::kServerId);
-    const auto acceptAndLetGo = [endpoint] {
-        const ppc::PpcHolding holding(PpcRecord::Of(endpoint));
+    const auto acceptAndRelease = [endpoint](const ppc::PpcRecordRef&) {
         PpcSession* session = nullptr;
         drvPpcSessionAccept(endpoint, &session);
     };
-    PpcRecord::Hold(PpcRecord::Kind::kServer, endpoint);
-    std::thread first(acceptAndLetGo);
-    PpcRecord::Hold(PpcRecord::Kind::kServer, endpoint);
-    std::thread second(acceptAndLetGo);
+    std::thread first(acceptAndRelease, PpcRecord::Acquire(PpcRecord::Kind::kServer, endpoint));
+    std::thread second(acceptAndRelease, PpcRecord::Acquire(PpcRecord::Kind::kServer, endpoint));
     drvPpcServerDestroy(endpoint);
     for (int other = 0; other < kEndpointsInQuarantine + 1; ++other) {
         drvPpcServerDestroy(CreateEndpoint(kOtherServerId));

@@ -163,7 +163,7 @@ GAKPPC_API int drvPpcClientCreate(void** ppClient, int reserved1, int reserved2)
 /**
  * Ends a client, which has no state.
  *
- * @param client  Must not be null; never looked behind.
+ * @param client  Must not be null; never dereferenced.
  * @return 0; 3 for a null pointer.
  */
 GAKPPC_API int drvPpcClientDestroy(void* client);
@@ -273,7 +273,7 @@ GAKPPC_API int drvPpcSocketRecvPeek(int fd, uint32_t* len);
  * written to `buf`.
  *
  * @param[in]  fd        A connected stream socket.
- * @param[out] buf       Takes the payload: room for `expected` bytes.
+ * @param[out] buf       Takes the payload: `expected` bytes.
  * @param[in]  expected  The payload length that the frame must announce.
  * @param[out] got       The number of payload bytes, which is `expected`.
  * @return 0; 3 when the frame announces another length (its length field is consumed then); 25 when the peer closed;

@@ -78,7 +78,7 @@ int AddReceiveBuffer(PpcMsg* msg, uint32_t length, int fd, ppc::CallSite site)
         return code;
     }
     buffer.release();  // NOLINT(bugprone-unused-return-value): the descriptor's now
-    ppc::BlockOf(msg)->hidden.ownsBuffer = 1;
+    ppc::BlockOf(msg)->head.ownsBuffer = 1;
     return PPC_OK;
 }
 
@@ -189,7 +189,7 @@ int drvPpcSend(PpcSession* session, PpcMsg* msg, uint32_t flag)
     }
     PpcRecord* record = PpcRecord::Of(session);
     const PpcCall call(record);
-    qel::MutexLock turn(record->SendTurn());
+    qel::MutexLock lock(record->SendMutex());
     if (drvPpcSocketSend(call.Fd(), msg->bd.buffer, msg->bd.length) != PPC_OK) {
         PPC_ERROR(PPC_TEXT("ppc send message error"));
         return PPC_ERR_SEND;

@@ -36,7 +36,7 @@ bool HasValidCount(const PpcMsg* msg, ppc::CallSite site)
 
 void FreeOwnedBuffer(PpcMsg* msg)
 {
-    if (BlockOf(msg)->hidden.ownsBuffer != 0) {
+    if (BlockOf(msg)->head.ownsBuffer != 0) {
         free(msg->bd.buffer);
         msg->bd.buffer = nullptr;
     }
@@ -73,8 +73,8 @@ int drvPpcAllocMsg(PpcSession* session, PpcMsg** ppMsg, int count)
         return PPC_ERR_INVALID_VALUE;
     }
     MsgBlock* block = new (memory) MsgBlock;
-    block->visible.count = kBufferCount;
-    *ppMsg = &block->visible;
+    block->msg.count = kBufferCount;
+    *ppMsg = &block->msg;
     return PPC_OK;
 }
 
@@ -94,7 +94,7 @@ int drvPpcReuseMsg(PpcMsg* msg)
         return PPC_ERR_INVALID_VALUE;
     }
     FreeOwnedBuffer(msg);
-    BlockOf(msg)->hidden.ownsBuffer = 0;
+    BlockOf(msg)->head.ownsBuffer = 0;
     msg->bd = PpcMsgBd{};
     return PPC_OK;
 }

@@ -10,11 +10,11 @@
 
 namespace ppc {
 
-// The records of one kind that can be recognised: all live ones and the last few retired ones.
+// The records of one kind that can be recognised: all live ones and those in quarantine.
 class RecordDirectory {
 public:
     // not covered: runs in the compiler only
-    constexpr explicit RecordDirectory(size_t retiredKept) noexcept : retiredKept_(retiredKept) {}
+    constexpr explicit RecordDirectory(size_t quarantineSize) noexcept : quarantineSize_(quarantineSize) {}
 
     void Add(PpcRecord* record)
     {
@@ -24,25 +24,25 @@ public:
         bucket = record;
     }
 
-    bool Hold(PpcRecord* record)
+    bool AddRef(PpcRecord* record)
     {
         qel::MutexLock lock(mutex_);
         if (!Contains(record)) {
             return false;
         }
-        if (record->holders_.fetch_add(1, std::memory_order_relaxed) == 0) {
-            LeaveRetired(record);
+        if (record->refs_.fetch_add(1, std::memory_order_relaxed) == 0) {
+            LeaveQuarantine(record);
         }
         return true;
     }
 
-    bool TakeFromOwner(PpcRecord* record)
+    bool MarkEnded(PpcRecord* record)
     {
         qel::MutexLock lock(mutex_);
         return Contains(record) && !std::exchange(record->ended_, true);
     }
 
-    // For what may be the last holder.
+    // For what may be the last reference.
     void Release(PpcRecord* record) { free(ReleaseLocked(record)); }
 
 private:
@@ -50,35 +50,35 @@ private:
     PpcRecord* ReleaseLocked(PpcRecord* record)
     {
         qel::MutexLock lock(mutex_);
-        if (record->holders_.fetch_sub(1, std::memory_order_acq_rel) != 1) {
+        if (record->refs_.fetch_sub(1, std::memory_order_acq_rel) != 1) {
             return nullptr;
         }
-        EnterRetired(record);
-        if (retiredCount_ <= retiredKept_) {
+        EnterQuarantine(record);
+        if (quarantined_ <= quarantineSize_) {
             return nullptr;
         }
-        PpcRecord* forgotten = oldestRetired_;
-        LeaveRetired(forgotten);
-        Remove(forgotten);
-        return forgotten;
+        PpcRecord* released = oldest_;
+        LeaveQuarantine(released);
+        Remove(released);
+        return released;
     }
 
-    void EnterRetired(PpcRecord* record) GAKPPC_REQUIRES(mutex_)
+    void EnterQuarantine(PpcRecord* record) GAKPPC_REQUIRES(mutex_)
     {
-        record->olderRetired_ = newestRetired_;
-        record->newerRetired_ = nullptr;
-        (newestRetired_ != nullptr ? newestRetired_->newerRetired_ : oldestRetired_) = record;
-        newestRetired_ = record;
-        ++retiredCount_;
+        record->quarantinedBefore_ = newest_;
+        record->quarantinedAfter_ = nullptr;
+        (newest_ != nullptr ? newest_->quarantinedAfter_ : oldest_) = record;
+        newest_ = record;
+        ++quarantined_;
     }
 
-    void LeaveRetired(PpcRecord* record) GAKPPC_REQUIRES(mutex_)
+    void LeaveQuarantine(PpcRecord* record) GAKPPC_REQUIRES(mutex_)
     {
-        (record->olderRetired_ != nullptr ? record->olderRetired_->newerRetired_ : oldestRetired_) =
-            record->newerRetired_;
-        (record->newerRetired_ != nullptr ? record->newerRetired_->olderRetired_ : newestRetired_) =
-            record->olderRetired_;
-        --retiredCount_;
+        PpcRecord* before = record->quarantinedBefore_;
+        PpcRecord* after = record->quarantinedAfter_;
+        (before != nullptr ? before->quarantinedAfter_ : oldest_) = after;
+        (after != nullptr ? after->quarantinedBefore_ : newest_) = before;
+        --quarantined_;
     }
 
     PpcRecord*& Bucket(const PpcRecord* record) GAKPPC_REQUIRES(mutex_)
@@ -106,12 +106,14 @@ private:
 
     static constexpr size_t kBuckets = 1024;
 
-    const size_t retiredKept_;
+    const size_t quarantineSize_;
     qel::Mutex mutex_;
     PpcRecord* buckets_[kBuckets] GAKPPC_GUARDED_BY(mutex_) = {};
-    PpcRecord* oldestRetired_ GAKPPC_GUARDED_BY(mutex_) = nullptr;
-    PpcRecord* newestRetired_ GAKPPC_GUARDED_BY(mutex_) = nullptr;
-    size_t retiredCount_ GAKPPC_GUARDED_BY(mutex_) = 0;
+
+    // The quarantine, in the order of entrance.
+    PpcRecord* oldest_ GAKPPC_GUARDED_BY(mutex_) = nullptr;
+    PpcRecord* newest_ GAKPPC_GUARDED_BY(mutex_) = nullptr;
+    size_t quarantined_ GAKPPC_GUARDED_BY(mutex_) = 0;
 };
 
 namespace {
@@ -127,8 +129,8 @@ RecordDirectory& DirectoryOf(PpcRecord::Kind kind)
 
 }  // namespace
 
-PpcRecord::PpcRecord(Kind kind, int fd, std::atomic<int32_t>* shownFd)
-    : fd_(fd), creator_(static_cast<pid_t>(qel::OwnPid())), shownFd_(shownFd), kind_(kind)
+PpcRecord::PpcRecord(Kind kind, int fd, std::atomic<int32_t>* publicFd)
+    : originalFd_(fd), creator_(static_cast<pid_t>(qel::OwnPid())), publicFd_(publicFd), kind_(kind)
 {
 }
 
@@ -137,22 +139,23 @@ void PpcRecord::Publish()
     DirectoryOf(kind_).Add(this);
 }
 
-bool PpcRecord::Hold(Kind kind, void* handle)
+PpcRecordRef PpcRecord::Acquire(Kind kind, void* handle)
 {
-    return DirectoryOf(kind).Hold(Of(handle));
+    PpcRecord* record = Of(handle);
+    return PpcRecordRef(DirectoryOf(kind).AddRef(record) ? record : nullptr);
 }
 
-bool PpcRecord::TakeFromOwner(Kind kind, void* handle)
+PpcRecordRef PpcRecord::MarkEnded(Kind kind, void* handle)
 {
-    return DirectoryOf(kind).TakeFromOwner(Of(handle));
+    PpcRecord* record = Of(handle);
+    return PpcRecordRef(DirectoryOf(kind).MarkEnded(record) ? record : nullptr);
 }
 
 void PpcRecord::Release()
 {
-    uint32_t holders = holders_.load(std::memory_order_relaxed);
-    while (holders > 1) {
-        if (holders_.compare_exchange_weak(holders, holders - 1, std::memory_order_release,
-                                           std::memory_order_relaxed)) {
+    uint32_t refs = refs_.load(std::memory_order_relaxed);
+    while (refs > 1) {
+        if (refs_.compare_exchange_weak(refs, refs - 1, std::memory_order_release, std::memory_order_relaxed)) {
             return;
         }
     }
@@ -167,9 +170,9 @@ void PpcRecord::Revoke()
     }
     const bool first = (calls_.fetch_or(kRevoked, std::memory_order_acq_rel) & kRevoked) == 0;
     if (first) {
-        *shownFd_ = -1;
+        *publicFd_ = -1;
         if (getpid() == creator_) {
-            shutdown(fd_, SHUT_RDWR);
+            shutdown(originalFd_, SHUT_RDWR);
         }
     }
     LeaveCall();
@@ -177,51 +180,16 @@ void PpcRecord::Revoke()
 
 void PpcRecord::CloseDescriptor()
 {
-    close(fd_);
+    close(originalFd_);
     Release();
-}
-
-PpcSessionRef::PpcSessionRef(void* handle) : handle_(handle)
-{
-    if (PpcRecord::Hold(PpcRecord::Kind::kSession, handle)) {
-        record_ = PpcRecord::Of(handle);
-    }
-}
-
-PpcSessionRef::PpcSessionRef(const PpcSessionRef& other) : handle_(other.handle_), record_(other.record_)
-{
-    if (record_ != nullptr) {
-        record_->HoldAgain();
-    }
-}
-
-PpcSessionRef::PpcSessionRef(PpcSessionRef&& other) noexcept
-    : handle_(std::exchange(other.handle_, nullptr)), record_(std::exchange(other.record_, nullptr))
-{
-}
-
-PpcSessionRef& PpcSessionRef::operator=(PpcSessionRef other) noexcept
-{
-    std::swap(handle_, other.handle_);
-    std::swap(record_, other.record_);
-    return *this;
-}
-
-PpcSessionRef::~PpcSessionRef()
-{
-    if (record_ != nullptr) {
-        record_->Release();
-    }
 }
 
 void PpcStopAccept(void* server)
 {
-    if (!PpcRecord::Hold(PpcRecord::Kind::kServer, server)) {
-        return;
+    const PpcRecordRef record = PpcRecord::Acquire(PpcRecord::Kind::kServer, server);
+    if (record) {
+        record->Revoke();
     }
-    PpcRecord* record = PpcRecord::Of(server);
-    const PpcHolding holding(record);
-    record->Revoke();
 }
 
 }  // namespace ppc

@@ -18,48 +18,51 @@
 
 // Lifetime of the driver's records, that is of sessions and server endpoints.
 //
-// A handle points at the visible part of a record. A hidden PpcRecord stands in front of it and counts
+// A handle points at the public part of a record. A PpcRecord stands in front of it and counts
 //   - calls in flight on the descriptor: the descriptor is closed when the record has been revoked and the last call
 //     has left, so its number is never used again under a call;
-//   - holders of the record: the handle's owner until it ends the record, the open descriptor, and everybody who may
-//     still use the handle (a session table entry, a receive thread, a sender). The last one to leave retires the
-//     record. While anybody holds it, its address cannot come back as another session.
-// A retired record stays readable until a fixed number of later ones of its kind have been retired, so that a handle
-// used a little too late is recognised as ended. Nobody ever waits for a call or a holder to leave.
+//   - references to the record: of the handle's owner until it ends the record, of the open descriptor, and of
+//   everybody
+//     who may still use the handle (a session table entry, a receive thread, a sender). Without references, the record
+//     goes into quarantine. While there is one, its address cannot come back as another session.
+// A record in quarantine stays readable until a fixed number of later ones of its kind have been put there, so that a
+// handle used a little too late is recognised as ended. Nobody ever waits for a call to leave or a reference to go.
 //
 // Entering and leaving a call takes no lock: one atomic step each. The directory of records has one leaf mutex for
-// each kind, taken only to publish, look up, end and retire a record.
+// each kind, taken only to publish, look up, end and quarantine a record.
 
 namespace ppc {
+
+class PpcRecordRef;
 
 class PpcRecord {
 public:
     enum class Kind : uint8_t { kSession, kServer };
 
-    // Takes over `fd`. `shownFd` is the descriptor field of the visible part; it reads -1 once the record is revoked.
-    PpcRecord(Kind kind, int fd, std::atomic<int32_t>* shownFd);
+    // Takes over `fd`. `publicFd` is the descriptor field of the public part; it reads -1 once the record is revoked.
+    PpcRecord(Kind kind, int fd, std::atomic<int32_t>* publicFd);
     PpcRecord(const PpcRecord&) = delete;
     PpcRecord& operator=(const PpcRecord&) = delete;
 
-    // Pure arithmetic: the result may be looked behind only if the directory knows the handle.
+    // Pure arithmetic: the result may be dereferenced only if the directory knows the handle.
     static PpcRecord* Of(void* handle)
     {
-        // NOLINTNEXTLINE(performance-no-int-to-ptr): a foreign pointer need not point into an object
+        // NOLINTNEXTLINE(performance-no-int-to-ptr): an unknown handle need not point into an object
         return reinterpret_cast<PpcRecord*>(reinterpret_cast<uintptr_t>(handle) - sizeof(PpcRecord));
     }
 
     // Enters the record in the directory: from now on its handle is known.
     void Publish();
 
-    // Makes the caller a holder, also of an ended record. False for a handle that is not known, which is never looked
-    // behind.
-    static bool Hold(Kind kind, void* handle);
-    void HoldAgain() { holders_.fetch_add(1, std::memory_order_relaxed); }  // by a holder only
-    void Release();
+    // A new reference, also to an ended record. Empty for a handle that is not known, which is never dereferenced.
+    static PpcRecordRef Acquire(Kind kind, void* handle);
 
-    // Ends the record for its owner, whose holding passes to the caller. False when the handle is not known or another
-    // caller was first.
-    static bool TakeFromOwner(Kind kind, void* handle);
+    // Ends the record for its owner, whose reference passes to the caller. Empty when the handle is not known or
+    // another caller was first.
+    static PpcRecordRef MarkEnded(Kind kind, void* handle);
+
+    void AddRef() { refs_.fetch_add(1, std::memory_order_relaxed); }  // by those who have a reference
+    void Release();
 
     // A call in flight. False, without entering, when the record has been revoked.
     bool EnterCall()
@@ -84,11 +87,11 @@ public:
     void Revoke();
 
     // Constant after construction: the descriptor as it was created, for log lines after it has been revoked.
-    int CreatedFd() const { return fd_; }
-    int ShownFd() const { return *shownFd_; }
+    int OriginalFd() const { return originalFd_; }
+    int PublicFd() const { return *publicFd_; }
 
-    // Held by a sender for one frame: the kernel may split a long frame, and two of them must not mix.
-    qel::Mutex& SendTurn() GAKPPC_ANNOTATE(lock_returned(sendTurn_)) { return sendTurn_; }
+    // Held for one frame: the kernel may split a long frame, and those of several senders must not mix.
+    qel::Mutex& SendMutex() GAKPPC_ANNOTATE(lock_returned(sendMutex_)) { return sendMutex_; }
 
 private:
     friend class RecordDirectory;
@@ -98,41 +101,60 @@ private:
     void CloseDescriptor();
 
     // Constant after construction.
-    const int fd_;
+    const int originalFd_;
     const pid_t creator_;
-    std::atomic<int32_t>* const shownFd_;
+    std::atomic<int32_t>* const publicFd_;
     const Kind kind_;
 
     // Self-synchronised.
-    std::atomic<uint32_t> calls_{0};    // kRevoked, and the number of calls in flight
-    std::atomic<uint32_t> holders_{2};  // at first the owner and the open descriptor; 0 is entered and left only under
-                                        // the directory's mutex
-    qel::Mutex sendTurn_;
+    std::atomic<uint32_t> calls_{0};  // kRevoked, and the number of calls in flight
+    std::atomic<uint32_t> refs_{2};   // at first of the owner and of the open descriptor; 0 is entered and left only
+                                      // under the directory's mutex
+    qel::Mutex sendMutex_;
 
     // Guarded by the directory's mutex.
     bool ended_ = false;
     PpcRecord* nextInBucket_ = nullptr;
-    PpcRecord* olderRetired_ = nullptr;
-    PpcRecord* newerRetired_ = nullptr;
+    PpcRecord* quarantinedBefore_ = nullptr;
+    PpcRecord* quarantinedAfter_ = nullptr;
 };
 
-// Lets go of a holding at the end of a scope.
-class PpcHolding {
+// Owns one reference to a record, or none.
+class PpcRecordRef {
 public:
-    explicit PpcHolding(PpcRecord* record) : record_(record) {}
-    ~PpcHolding() { record_->Release(); }
-    PpcHolding(const PpcHolding&) = delete;
-    PpcHolding& operator=(const PpcHolding&) = delete;
+    explicit PpcRecordRef(PpcRecord* adopted = nullptr) : record_(adopted) {}
+    PpcRecordRef(const PpcRecordRef& other) : record_(other.record_)
+    {
+        if (record_ != nullptr) {
+            record_->AddRef();
+        }
+    }
+    PpcRecordRef(PpcRecordRef&& other) noexcept : record_(std::exchange(other.record_, nullptr)) {}
+    PpcRecordRef& operator=(PpcRecordRef other) noexcept
+    {
+        std::swap(record_, other.record_);
+        return *this;
+    }
+    ~PpcRecordRef()
+    {
+        if (record_ != nullptr) {
+            record_->Release();
+        }
+    }
+
+    explicit operator bool() const { return record_ != nullptr; }
+    PpcRecord* Get() const { return record_; }
+    PpcRecord* operator->() const { return record_; }
 
 private:
-    PpcRecord* const record_;
+    PpcRecord* record_;
 };
 
 // One call in flight on a session or server endpoint, for the length of a scope.
 class PpcCall {
 public:
     explicit PpcCall(PpcRecord* record)
-        : record_(record), entered_(record->EnterCall()), fd_(entered_ ? record->ShownFd() : -1)
+        : record_(record), entered_(record->EnterCall()), fd_(entered_ ? record->PublicFd() : -1)
     {
     }
     ~PpcCall()
@@ -177,20 +199,20 @@ private:
     int fd_;
 };
 
-// A driver record: what callers see, and in front of it what they don't.
-template <typename Visible>
+// What a handle points at, and the record in front of it.
+template <typename Public>
 struct RecordBlock {
-    PpcRecord hidden;
-    Visible visible;
+    PpcRecord record;
+    Public publicPart;
 };
 
 // Makes the record that owns `fd` from then on. PPC_ERR_NO_MEMORY or PPC_ERR_INVALID_VALUE (memset_s failed) leave
 // both arguments as they are.
-template <typename Visible>
-int CreateRecord(PpcRecord::Kind kind, OwnFd& fd, Visible** created)
+template <typename Public>
+int CreateRecord(PpcRecord::Kind kind, OwnFd& fd, Public** created)
 {
-    using Block = RecordBlock<Visible>;
-    static_assert(offsetof(Block, visible) == sizeof(PpcRecord), "the handle must follow the hidden part at once");
+    using Block = RecordBlock<Public>;
+    static_assert(offsetof(Block, publicPart) == sizeof(PpcRecord), "the handle must follow the record at once");
     void* memory = malloc(sizeof(Block));
     if (memory == nullptr) {
         return PPC_ERR_NO_MEMORY;
@@ -200,32 +222,31 @@ int CreateRecord(PpcRecord::Kind kind, OwnFd& fd, Visible** created)
         return PPC_ERR_INVALID_VALUE;
     }
     Block* block = static_cast<Block*>(memory);
-    Visible* visible = new (&block->visible) Visible{};
-    FillIn(*visible, fd.Get());
-    PpcRecord* record = new (&block->hidden) PpcRecord(kind, fd.Release(), &DescriptorOf(*visible));
+    Public* publicPart = new (&block->publicPart) Public{};
+    Initialize(*publicPart, fd.Get());
+    PpcRecord* record = new (&block->record) PpcRecord(kind, fd.Release(), &DescriptorOf(*publicPart));
     record->Publish();
-    *created = visible;
+    *created = publicPart;
     return PPC_OK;
 }
 
-// Keeps a session's record alive for the layers above, which store handles for longer than a call. A pointer that the
-// driver did not hand out (embedding processes may put their own transport underneath) is carried along without ever
-// being looked behind.
+// A handle and, if the driver made the session, a reference to its record, for the layers above, which store handles
+// for longer than a call. Any other pointer (embedding processes may put their own transport underneath) is carried
+// along and never dereferenced.
 class PpcSessionRef {
 public:
     PpcSessionRef() = default;
-    explicit PpcSessionRef(void* handle);
-    PpcSessionRef(const PpcSessionRef& other);
-    PpcSessionRef(PpcSessionRef&& other) noexcept;
-    PpcSessionRef& operator=(PpcSessionRef other) noexcept;
-    ~PpcSessionRef();
+    explicit PpcSessionRef(void* handle)
+        : handle_(handle), record_(PpcRecord::Acquire(PpcRecord::Kind::kSession, handle))
+    {
+    }
 
     void* Get() const { return handle_; }
-    bool IsHeld() const { return record_ != nullptr; }
+    bool IsHeld() const { return static_cast<bool>(record_); }
 
 private:
     void* handle_ = nullptr;
-    PpcRecord* record_ = nullptr;  // null for a foreign pointer
+    PpcRecordRef record_;
 };
 
 // Wakes every thread that waits in drvPpcSessionAccept on `server` and makes it return PPC_ERR_SOCKET_CLOSED, without

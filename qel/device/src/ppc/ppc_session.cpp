@@ -20,6 +20,7 @@ using ppc::CreateRecord;
 using ppc::OwnFd;
 using ppc::PpcCall;
 using ppc::PpcRecord;
+using ppc::PpcRecordRef;
 
 constexpr int kBacklog = 10;
 constexpr socklen_t kPeerAddressLength = 110;
@@ -91,18 +92,18 @@ void LogRecordFailure(int code, const char* mallocText, ppc::CallSite site)
     }
 }
 
-// Ends a session for its owner, whose reference passes to the caller. Null when it is not open.
-PpcRecord* EndSession(PpcSession* session, ppc::CallSite site)
+// Ends a session for its owner, whose reference passes to the caller. Empty when it is not open.
+PpcRecordRef EndSession(PpcSession* session, ppc::CallSite site)
 {
     if (session == nullptr) {
         PPC_ERROR(PPC_TEXT_AT(site, "null session"));
-        return nullptr;
+        return PpcRecordRef();
     }
-    if (!PpcRecord::TakeFromOwner(PpcRecord::Kind::kSession, session)) {
+    PpcRecordRef record = PpcRecord::MarkEnded(PpcRecord::Kind::kSession, session);
+    if (!record) {
         PPC_ERROR(PPC_TEXT_AT(site, "session %p is not open"), static_cast<void*>(session));
-        return nullptr;
     }
-    return PpcRecord::Of(session);
+    return record;
 }
 
 }  // namespace
@@ -145,13 +146,12 @@ int drvPpcServerDestroy(PpcServerHead* server)
         PPC_ERROR(PPC_TEXT("null server"));
         return PPC_ERR_INVALID_VALUE;
     }
-    if (!PpcRecord::TakeFromOwner(PpcRecord::Kind::kServer, server)) {
+    const PpcRecordRef record = PpcRecord::MarkEnded(PpcRecord::Kind::kServer, server);
+    if (!record) {
         PPC_ERROR(PPC_TEXT("server %p is not open"), static_cast<void*>(server));
         return PPC_ERR_INVALID_VALUE;
     }
-    PpcRecord* record = PpcRecord::Of(server);
-    const ppc::PpcHolding holding(record);
-    PPC_INFO(PPC_TEXT("Ppc Destory Server listenFd %d pHead %p, pid %d"), record->CreatedFd(),
+    PPC_INFO(PPC_TEXT("Ppc Destory Server listenFd %d pHead %p, pid %d"), record->OriginalFd(),
              static_cast<void*>(server), getpid());
     record->Revoke();
     return PPC_OK;
@@ -159,16 +159,15 @@ int drvPpcServerDestroy(PpcServerHead* server)
 
 int drvPpcSessionAccept(PpcServerHead* server, PpcSession** ppSession)
 {
-    if (server == nullptr || ppSession == nullptr || !PpcRecord::Hold(PpcRecord::Kind::kServer, server)) {
+    const PpcRecordRef record = PpcRecord::Acquire(PpcRecord::Kind::kServer, server);
+    if (!record || ppSession == nullptr) {
         PPC_WARN(PPC_TEXT("Server socket closed or invalid argument!"));
         return PPC_ERR_INVALID_VALUE;
     }
-    PpcRecord* record = PpcRecord::Of(server);
-    const ppc::PpcHolding holding(record);
-    const PpcCall call(record);
+    const PpcCall call(record.Get());
     OwnFd fd = AcceptPeer(call.Fd());
     if (fd.Get() < 0) {
-        if (call.Fd() == -1 || record->ShownFd() == -1) {
+        if (call.Fd() == -1 || record->PublicFd() == -1) {
             PPC_WARN(PPC_TEXT("Server socket closed pHead %p"), static_cast<void*>(server));
             return PPC_ERR_SOCKET_CLOSED;
         }
@@ -188,12 +187,11 @@ int drvPpcSessionAccept(PpcServerHead* server, PpcSession** ppSession)
 
 int drvPpcSessionClose(PpcSession* session)
 {
-    PpcRecord* record = EndSession(session, PPC_CALL_SITE);
-    if (record == nullptr) {
+    const PpcRecordRef record = EndSession(session, PPC_CALL_SITE);
+    if (!record) {
         return PPC_ERR_INVALID_VALUE;
     }
-    const ppc::PpcHolding holding(record);
-    const int fd = record->ShownFd();
+    const int fd = record->PublicFd();
     record->Revoke();
     PPC_INFO(PPC_TEXT("Ppc Close session fd %d, pid %d session %p"), fd, getpid(), static_cast<void*>(session));
     return PPC_OK;
@@ -246,12 +244,11 @@ int drvPpcSessionConnect(int serverId, PpcSession** ppSession)
 
 int drvPpcSessionDestroy(PpcSession* session)
 {
-    PpcRecord* record = EndSession(session, PPC_CALL_SITE);
-    if (record == nullptr) {
+    const PpcRecordRef record = EndSession(session, PPC_CALL_SITE);
+    if (!record) {
         return PPC_ERR_INVALID_VALUE;
     }
-    const ppc::PpcHolding holding(record);
-    PPC_INFO(PPC_TEXT("Ppc Destroy session %d, pid %d"), record->ShownFd(), getpid());
+    PPC_INFO(PPC_TEXT("Ppc Destroy session %d, pid %d"), record->PublicFd(), getpid());
     record->Revoke();
     return PPC_OK;
 }

@@ -7,12 +7,12 @@
 
 #include "ppc.h"
 
-// Visible parts of the records; a hidden part stands in front of each.
+// Public parts of the records: what handles point at. A private part stands in front of each.
 
 struct PpcSession {
     uint32_t magic;
     std::atomic<int32_t> fd;
-    uint32_t room[6];
+    uint32_t reserved[6];
 };
 
 struct PpcServerHead {
@@ -28,7 +28,7 @@ struct PpcMsgBd {
 struct PpcMsg {
     uint32_t count;
     PpcMsgBd bd;
-    uint32_t room[6];
+    uint32_t reserved[6];
 };
 
 namespace ppc {
@@ -45,30 +45,30 @@ inline std::atomic<int32_t>& DescriptorOf(PpcServerHead& server)
     return server.listenFd;
 }
 
-inline void FillIn(PpcSession& session, int fd)
+inline void Initialize(PpcSession& session, int fd)
 {
     session.magic = PPC_SESSION_MAGIC;
     session.fd = fd;
 }
 
-inline void FillIn(PpcServerHead& server, int fd)
+inline void Initialize(PpcServerHead& server, int fd)
 {
     server.listenFd = fd;
 }
 
-// Hidden part in front of a message descriptor.
+// Private part in front of a message descriptor.
 struct PpcMsgHead {
     uint8_t ownsBuffer;
 };
 
 struct MsgBlock {
-    alignas(PpcMsg) PpcMsgHead hidden;
-    PpcMsg visible;
+    alignas(PpcMsg) PpcMsgHead head;
+    PpcMsg msg;
 };
 
 inline MsgBlock* BlockOf(PpcMsg* msg)
 {
-    return reinterpret_cast<MsgBlock*>(reinterpret_cast<char*>(msg) - offsetof(MsgBlock, visible));
+    return reinterpret_cast<MsgBlock*>(reinterpret_cast<char*>(msg) - offsetof(MsgBlock, msg));
 }
 
 }  // namespace ppc
