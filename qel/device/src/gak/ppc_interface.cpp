@@ -22,8 +22,6 @@ constexpr uint32_t kInnerLengthSize = 4;
 constexpr uint32_t kLargestEncodedSize = 0xFFFFFFFA;  // more, and the payload length would overflow
 constexpr uint32_t kLargestPayload = 0x20000000;      // 512 MiB
 constexpr uint32_t kClearedAhead = 4096;              // all of a usual payload
-constexpr uint32_t kLongPayload = 16384;
-constexpr uint32_t kLongPayloadShift = 256;
 constexpr uint32_t kReceiveReserved = 0x100000;
 
 // A message descriptor of the driver, freed on every path.
@@ -55,32 +53,73 @@ uint32_t EncodedSize(const PPCMessage& msg)
     return static_cast<uint32_t>(std::min<size_t>(msg.ByteSizeLong(), UINT32_MAX));
 }
 
-// The bytes of an outgoing message.
-//
-// A long payload begins some way into its memory. Long memory begins at the same place in a page each time; so does the
-// long text in the message, which is copied a few bytes behind the payload's beginning. A processor takes source and
-// destination of such a copy, which are nearly at the same place in a page, for overlapping ones, and is slow.
-class Payload {
-public:
-    explicit Payload(uint32_t size) : size_(size), shift_(size < kLongPayload ? 0 : kLongPayloadShift) {}
-
-    // False when the payload is too long or memory runs out. The tail of a long payload is not cleared: every byte is
-    // written next, and clearing it would double the work.
-    bool Alloc()
-    {
-        if (size_ > kLargestPayload) {
-            return false;
-        }
-        memory_.reset(new (std::nothrow) uint8_t[size_ + shift_]);
-        return memory_ != nullptr && memset_s(Bytes(), size_, 0, std::min(size_, kClearedAhead)) == 0;
+// Null when the payload is too long or memory runs out. The tail of a long payload is not cleared: every byte is
+// written next, and clearing it would double the work.
+std::unique_ptr<uint8_t[]> AllocPayload(uint32_t size)
+{
+    if (size > kLargestPayload) {
+        return nullptr;
     }
-    uint8_t* Bytes() const { return memory_.get() + shift_; }
+    std::unique_ptr<uint8_t[]> payload(new (std::nothrow) uint8_t[size]);
+    if (payload != nullptr && memset_s(payload.get(), size, 0, std::min(size, kClearedAhead)) != 0) {
+        return nullptr;
+    }
+    return payload;
+}
 
-private:
-    const uint32_t size_;
-    const uint32_t shift_;
-    std::unique_ptr<uint8_t[]> memory_;
+// The payload stays the caller's.
+uint32_t SendPayload(PpcSession* session, uint8_t* payload, uint32_t size)
+{
+    Descriptor descriptor;
+    descriptor.Alloc(session);
+    if (descriptor.Get() == nullptr) {
+        GAK_STATUS_AS("SendMsg", kStatusPpcMsgAllocFail, "[GAKPPCIF] SendMsg() Alloc memory for PPCMessage fail");
+        return kStatusPpcMsgAllocFail;
+    }
+    if (drvPpcAddMsgBuffer(descriptor.Get(), payload, static_cast<int>(size)) != PPC_OK) {
+        GAK_STATUS_AS("SendMsg", kStatusPpcMsgBufferFail, "[GAKPPCIF] SendMsg() add msg buffer fail");
+        return kStatusPpcMsgBufferFail;
+    }
+    if (drvPpcSend(session, descriptor.Get(), 0) != PPC_OK) {
+        GAK_STATUS_AS("SendMsg", kStatusPpcSendRecvFail, "[GAKPPCIF] SendMsg() Send message buffer fail");
+        return kStatusPpcSendRecvFail;
+    }
+    if (descriptor.Free() != PPC_OK) {
+        GAK_STATUS_AS("SendMsg", kStatusPpcMsgFreeFail, "[GAKPPCIF] SendMsg() drvPpcFreeMsg fail");
+        return kStatusPpcMsgFreeFail;
+    }
+    return kStatusOk;
+}
+
+// What a receive leaves in its descriptor, which keeps it.
+struct Received {
+    void* payload = nullptr;
+    uint32_t size = 0;
 };
+
+uint32_t ReceivePayload(PpcSession* session, Descriptor& descriptor, Received* received)
+{
+    if (descriptor.Alloc(session) != PPC_OK || descriptor.Get() == nullptr) {
+        descriptor.Forget();
+        GAK_STATUS_AS("RecvMsg", kStatusPpcMsgAllocFail, "[GAKPPCIF] drvPpcAllocMsg fail");
+        return kStatusPpcMsgAllocFail;
+    }
+    uint32_t count = 0;
+    const int result = drvPpcRecv(session, descriptor.Get(), kReceiveReserved, 0, &count);
+    if (result != PPC_OK) {
+        GAK_STATUS_AS("RecvMsg", kStatusWarning, "[GAKPPCIF] drvPpcRecv fail %d", result);
+        return result == PPC_ERR_SOCKET_CLOSED ? kStatusPpcSocketClosed : kStatusPpcSendRecvFail;
+    }
+    if (drvPpcGetMsgBuffer(descriptor.Get(), 0, &received->payload, &received->size) != PPC_OK) {
+        GAK_STATUS_AS("RecvMsg", kStatusPpcMsgBufferFail, "[GAKPPCIF] drvPpcGetMsgBuffer fail");
+        return kStatusPpcMsgBufferFail;
+    }
+    if (received->payload == nullptr) {
+        GAK_STATUS_AS("RecvMsg", kStatusPpcBufferNull, "[GAKPPCIF] RecvMsg() Message buffer is null");
+        return kStatusPpcBufferNull;
+    }
+    return kStatusOk;
+}
 
 // The encoded length that a payload announces; 0 when the payload is too short to hold it.
 uint32_t InnerLength(const void* payload, uint32_t size)
@@ -93,7 +132,7 @@ uint32_t InnerLength(const void* payload, uint32_t size)
 }
 
 // False when memory runs out. A message that cannot be decoded leaves what could be, which is the receiver's to judge.
-bool Decode(const void* payload, uint32_t encodedSize, PPCMessage& msg)
+bool Parse(const void* payload, uint32_t encodedSize, PPCMessage& msg)
 {
     try {
         msg.ParseFromArray(static_cast<const uint8_t*>(payload) + kInnerLengthSize, static_cast<int>(encodedSize));
@@ -101,6 +140,26 @@ bool Decode(const void* payload, uint32_t encodedSize, PPCMessage& msg)
     } catch (const std::bad_alloc&) {
         return false;
     }
+}
+
+uint32_t Decode(const Received& received, PPCMessage& msg)
+{
+    const uint32_t encodedSize = InnerLength(received.payload, received.size);
+    if (encodedSize > kLargestEncodedSize) {
+        GAK_STATUS_AS("RecvMsg", kStatusIntegerReversed, "Integer reversed addA: %u + addB: %u", encodedSize,
+                      kInnerLengthSize);
+        return kStatusIntegerReversed;
+    }
+    if (received.size != encodedSize + kInnerLengthSize) {  // also a payload that is too short for the length field
+        GAK_STATUS_AS("RecvMsg", kStatusPpcLengthMismatch, "[GAKPPCIF] receive buffer len:%d, message_len:%d",
+                      static_cast<int>(received.size), static_cast<int>(encodedSize + kInnerLengthSize));
+        return kStatusPpcLengthMismatch;
+    }
+    if (!Parse(received.payload, encodedSize, msg)) {
+        GAK_STATUS_AS("RecvMsg", kStatusMemoryExhausted, "[GAKPPCIF] RecvMsg() no memory for the message");
+        return kStatusMemoryExhausted;
+    }
+    return kStatusOk;
 }
 
 }  // namespace
@@ -122,73 +181,26 @@ uint32_t PpcInterface::SendMsg(void* session, const PPCMessage& msg)
         return kStatusIntegerReversed;
     }
     const uint32_t size = encodedSize + kInnerLengthSize;
-    Payload payload(size);
-    if (!payload.Alloc()) {
+    const std::unique_ptr<uint8_t[]> payload = AllocPayload(size);
+    if (payload == nullptr) {
         GAK_STATUS(kStatusMemoryExhausted, "[GAKPPCIF] SendMsg() msgBuffer is nullptr error");
         return kStatusMemoryExhausted;
     }
-    memcpy(payload.Bytes(), &encodedSize, kInnerLengthSize);
-    msg.SerializePartialToArray(payload.Bytes() + kInnerLengthSize, static_cast<int>(encodedSize));
-
-    // Declared after the payload: the descriptor goes first, the payload stays ours and goes last.
-    Descriptor descriptor;
-    descriptor.Alloc(session);
-    if (descriptor.Get() == nullptr) {
-        GAK_STATUS(kStatusPpcMsgAllocFail, "[GAKPPCIF] SendMsg() Alloc memory for PPCMessage fail");
-        return kStatusPpcMsgAllocFail;
-    }
-    if (drvPpcAddMsgBuffer(descriptor.Get(), payload.Bytes(), static_cast<int>(size)) != PPC_OK) {
-        GAK_STATUS(kStatusPpcMsgBufferFail, "[GAKPPCIF] SendMsg() add msg buffer fail");
-        return kStatusPpcMsgBufferFail;
-    }
-    if (drvPpcSend(static_cast<PpcSession*>(session), descriptor.Get(), 0) != PPC_OK) {
-        GAK_STATUS(kStatusPpcSendRecvFail, "[GAKPPCIF] SendMsg() Send message buffer fail");
-        return kStatusPpcSendRecvFail;
-    }
-    if (descriptor.Free() != PPC_OK) {
-        GAK_STATUS(kStatusPpcMsgFreeFail, "[GAKPPCIF] SendMsg() drvPpcFreeMsg fail");
-        return kStatusPpcMsgFreeFail;
-    }
-    return kStatusOk;
+    memcpy(payload.get(), &encodedSize, kInnerLengthSize);
+    msg.SerializePartialToArray(payload.get() + kInnerLengthSize, static_cast<int>(encodedSize));
+    return SendPayload(static_cast<PpcSession*>(session), payload.get(), size);
 }
 
 uint32_t PpcInterface::RecvMsg(void* session, PPCMessage& msg)
 {
     Descriptor descriptor;
-    if (descriptor.Alloc(session) != PPC_OK || descriptor.Get() == nullptr) {
-        descriptor.Forget();
-        GAK_STATUS(kStatusPpcMsgAllocFail, "[GAKPPCIF] drvPpcAllocMsg fail");
-        return kStatusPpcMsgAllocFail;
+    Received received;
+    uint32_t status = ReceivePayload(static_cast<PpcSession*>(session), descriptor, &received);
+    if (status == kStatusOk) {
+        status = Decode(received, msg);
     }
-    uint32_t count = 0;
-    const int received = drvPpcRecv(static_cast<PpcSession*>(session), descriptor.Get(), kReceiveReserved, 0, &count);
-    if (received != PPC_OK) {
-        GAK_STATUS(kStatusWarning, "[GAKPPCIF] drvPpcRecv fail %d", received);
-        return received == PPC_ERR_SOCKET_CLOSED ? kStatusPpcSocketClosed : kStatusPpcSendRecvFail;
-    }
-    void* payload = nullptr;
-    uint32_t size = 0;
-    if (drvPpcGetMsgBuffer(descriptor.Get(), 0, &payload, &size) != PPC_OK) {
-        GAK_STATUS(kStatusPpcMsgBufferFail, "[GAKPPCIF] drvPpcGetMsgBuffer fail");
-        return kStatusPpcMsgBufferFail;
-    }
-    if (payload == nullptr) {
-        GAK_STATUS(kStatusPpcBufferNull, "[GAKPPCIF] RecvMsg() Message buffer is null");
-        return kStatusPpcBufferNull;
-    }
-    const uint32_t encodedSize = InnerLength(payload, size);
-    if (encodedSize > kLargestEncodedSize) {
-        GAK_STATUS(kStatusIntegerReversed, "Integer reversed addA: %u + addB: %u", encodedSize, kInnerLengthSize);
-        return kStatusIntegerReversed;
-    }
-    if (size != encodedSize + kInnerLengthSize) {  // also a payload that is too short for the length field
-        GAK_STATUS(kStatusPpcLengthMismatch, "[GAKPPCIF] receive buffer len:%d, message_len:%d", static_cast<int>(size),
-                   static_cast<int>(encodedSize + kInnerLengthSize));
-        return kStatusPpcLengthMismatch;
-    }
-    if (!Decode(payload, encodedSize, msg)) {
-        GAK_STATUS(kStatusMemoryExhausted, "[GAKPPCIF] RecvMsg() no memory for the message");
-        return kStatusMemoryExhausted;
+    if (status != kStatusOk) {
+        return status;
     }
     GAK_INFO("PpcInterface::RecvMsg, size=%u, subpid=%u", EncodedSize(msg), msg.sub_proc_pid());
     if (descriptor.Free() != PPC_OK) {
