@@ -28,7 +28,10 @@ namespace {
 using namespace std::chrono_literals;
 using gaktest::Deadline;
 using gaktest::Fd;
+using gaktest::ReadPpcFrame;
+using gaktest::WaitReadable;
 using gaktest::WaitUntil;
+using gaktest::WriteAll;
 using qel::PPCMessage;
 using Clock = std::chrono::steady_clock;
 

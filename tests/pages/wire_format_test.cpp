@@ -42,7 +42,7 @@ TEST_F(WireFormatPageTest, HeartbeatIsReceivedAsThePageSays)
     const gaktest::Fd worker = Connect();
     const Bytes heartbeat = BytesOf("## One heartbeat, byte by byte");
     ASSERT_EQ(heartbeat.size(), 21u);
-    ASSERT_TRUE(WriteAll(worker, heartbeat));
+    ASSERT_TRUE(gaktest::WriteAll(worker, heartbeat));
     ASSERT_TRUE(Inbox::WaitFor(1));
     EXPECT_EQ(Inbox::Messages().front(), (RawMessage{2, kDevice, kServerId, kCompute, kPid, 0, {}}));
     EXPECT_NE(server_.GetPpcSession(kDevice, kPid), nullptr);
@@ -53,11 +53,11 @@ TEST_F(WireFormatPageTest, OrderIsSentAsThePageSays)
     Handle(qel::PPCMessage::HEARTBEAT);
     Create();
     const gaktest::Fd worker = Connect();
-    ASSERT_TRUE(WriteAll(worker, BytesOf("## One heartbeat, byte by byte")));
+    ASSERT_TRUE(gaktest::WriteAll(worker, BytesOf("## One heartbeat, byte by byte")));
     ASSERT_TRUE(Inbox::WaitFor(1));
     ASSERT_EQ(server_.SendData(gaktest::Message({5, kServerId, kDevice, kCompute, kPid, 0, {}})), kOk);
     const Bytes expected = BytesOf("## The order to that worker");
-    EXPECT_EQ(Hex(ReadExactly(worker, expected.size(), std::chrono::seconds(10))), Hex(expected));
+    EXPECT_EQ(Hex(gaktest::ReadExactly(worker, expected.size(), std::chrono::seconds(10))), Hex(expected));
 }
 
 }  // namespace

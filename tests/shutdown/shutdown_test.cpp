@@ -24,8 +24,10 @@
 namespace {
 
 using namespace std::chrono_literals;
+using gaktest::ExpectEof;
 using gaktest::Fd;
 using gaktest::WaitUntil;
+using gaktest::WriteAll;
 using qel::PPCMessage;
 using Clock = std::chrono::steady_clock;
 

@@ -26,6 +26,8 @@ namespace {
 using namespace std::chrono_literals;
 using gaktest::ChildProcess;
 using gaktest::Fd;
+using gaktest::ReadPpcFrame;
+using gaktest::WriteAll;
 
 constexpr int kServerId = 19280;
 constexpr uint32_t kOk = 0x1011000;
