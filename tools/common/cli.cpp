@@ -8,26 +8,30 @@
 
 #include "deadline.h"
 #include "output.h"
+#include "standard_fds.h"
 
 namespace tools {
 namespace {
 
 // CLI11 has many codes of its own for a wrong command line.
-int ExitOfParse(const CLI::App& app, const CLI::ParseError& error)
+int ExitOfParse(const CLI::App& app, const CLI::ParseError& error, bool hasOutput)
 {
     std::ostringstream out;
     std::ostringstream err;
     const int code = app.exit(error, out, err);
     std::cerr << err.str();
-    if (!out.str().empty() && !WriteOut(out.str())) {
+    if (!out.str().empty() && !(hasOutput && WriteOut(out.str()))) {
         return kExitFailed;
     }
     return code == 0 ? kExitOk : kExitUsage;
 }
 
-int RunSubcommand(const Subcommand& subcommand)
+int RunSubcommand(const Subcommand& subcommand, bool hasOutput)
 {
     try {
+        if (subcommand.needsOutput && !hasOutput) {
+            throw ExitError(kExitFailed, "standard output is closed");
+        }
         return subcommand.run();
     } catch (const ExitError& error) {
         PrintError(error.what());
@@ -51,16 +55,17 @@ void AddStandardOptions(CLI::App& app, const std::string& examples)
 
 int RunProgram(CLI::App& app, const std::vector<Subcommand>& subcommands, int argc, char** argv)
 {
+    const bool hasOutput = OpenMissingStandardFds();
     SetProgramName(app.get_name());
     signal(SIGPIPE, SIG_IGN);  // a reader that left shows as a failed write
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& error) {
-        return ExitOfParse(app, error);
+        return ExitOfParse(app, error, hasOutput);
     }
     for (const Subcommand& subcommand : subcommands) {
         if (subcommand.app == &app || subcommand.app->parsed()) {
-            return RunSubcommand(subcommand);
+            return RunSubcommand(subcommand, hasOutput);
         }
     }
     return kExitUsage;

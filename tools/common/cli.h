@@ -14,6 +14,7 @@ namespace tools {
 struct Subcommand {
     CLI::App* app;
     std::function<int()> run;
+    bool needsOutput = true;  // what it prints is its purpose: without standard output it fails
 };
 
 // Gives `app` what every program and subcommand has: --version, and examples at the end of --help.

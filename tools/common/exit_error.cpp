@@ -17,7 +17,8 @@ std::string& ProgramName()
 
 void PrintError(const std::string& text)
 {
-    fmt::print(stderr, "{}: {}\n", ProgramName(), text);
+    // fmt::print would throw where standard error cannot be written.
+    static_cast<void>(fputs(fmt::format("{}: {}\n", ProgramName(), text).c_str(), stderr));
 }
 
 void SetProgramName(const std::string& name)

@@ -86,5 +86,5 @@ int main(int argc, char** argv)
                                         "  $ echo 'shutdown all' | gakppcd --json --for 10\n\n"
                                         "Commands on standard input:\n") +
                                 kCommandHelp);
-    return RunProgram(app, {{&app, [&options] { return Run(options); }}}, argc, argv);
+    return RunProgram(app, {{&app, [&options] { return Run(options); }, false}}, argc, argv);
 }

@@ -37,11 +37,10 @@ struct Options {
     bool json = false;
 };
 
-void PrintEvent(const Options& options, const std::string& event)
+std::string FormatEvent(const Options& options, const std::string& event)
 {
     if (!options.json) {
-        Print(fmt::format("device {} {} pid {} {}\n", options.device, options.type, getpid(), event));
-        return;
+        return fmt::format("device {} {} pid {} {}\n", options.device, options.type, getpid(), event);
     }
     Json line;
     line["time"] = UtcTime(std::chrono::system_clock::now());
@@ -49,7 +48,12 @@ void PrintEvent(const Options& options, const std::string& event)
     line["device"] = options.device;
     line["process_type"] = options.type;
     line["pid"] = getpid();
-    Print(JsonLine(line));
+    return JsonLine(line);
+}
+
+void PrintEvent(const Options& options, const std::string& event)
+{
+    Print(FormatEvent(options, event));
 }
 
 std::optional<Deadline> After(double seconds)
@@ -113,7 +117,8 @@ void Worker::AskForCustomProcess()
         }
         const auto count = static_cast<uint32_t>(names.size());
         const uint32_t result = CreateOrFindCustPid(count, names.data(), options.hostPid);
-        PrintEvent(options, result == 0 ? "CUSTOM_READY" : "CUSTOM_FAILED");
+        // An exception must not leave this thread; the main thread meets the closed output as well.
+        WriteOut(FormatEvent(options, result == 0 ? "CUSTOM_READY" : "CUSTOM_FAILED"));
     }).detach();
 }
 
@@ -244,7 +249,7 @@ Subcommand AddWorker(CLI::App& program)
                        "  $ gakppctl worker --device 0 --type ZOLT --heartbeat 0.5\n"
                        "  $ gakppctl worker --device 1 --libs libfirst.so,libsecond.so --host-pid 4711\n"
                        "  $ gakppctl worker --device 2 --count 8 --crash-after 5");
-    return {app, [options] { return Run(*options); }};
+    return {app, [options] { return Run(*options); }, false};
 }
 
 }  // namespace tools
