@@ -70,7 +70,7 @@ typedef struct PpcMsg PpcMsg;               /**< A message descriptor: carries o
  * must exist. Every process calls it once, before it creates a server endpoint or connects a session; calling it again
  * is harmless.
  *
- * @return 0, or -1 when the directory cannot be created.
+ * @return PPC_OK (0), or -1 when the directory cannot be created.
  */
 GAKPPC_API int ppcInit(void);
 
@@ -88,21 +88,22 @@ GAKPPC_API int drvPpcCreateDir(void);
  * @param[in]     isServer  Other than 0: the server's socket, which clients connect to as well.
  * @param[in]     serverId  The server's id; stands in the path in decimal.
  * @param[out]    addrLen   The address length; 0 after ::PPC_ERR_SOCKET_PATH.
- * @return 0; 3 for a null argument; 24 when the directory has not been prepared or the path does not fit.
+ * @return PPC_OK (0); PPC_ERR_INVALID_VALUE (3) for a null argument; PPC_ERR_SOCKET_PATH (24) when the directory has
+ *         not been prepared or the path does not fit.
  */
 GAKPPC_API int drvPpcSetSockPath(struct sockaddr_un* addr, int isServer, int serverId, uint32_t* addrLen);
 
 /**
  * Does nothing; callers test its result all the same.
  *
- * @return 0.
+ * @return PPC_OK (0).
  */
 GAKPPC_API int drvPpcInit(void);
 
 /**
  * Does nothing; callers test its result all the same.
  *
- * @return 0.
+ * @return PPC_OK (0).
  */
 GAKPPC_API int drvPpcUninit(void);
 
@@ -116,7 +117,8 @@ GAKPPC_API int drvPpcUninit(void);
  *
  * @param[in]  serverId  The server's id; every client of this system connects to 0x4B50.
  * @param[out] ppServer  The endpoint, which the caller ends with drvPpcServerDestroy().
- * @return 0; 3, 18, 20, 21, 24 or 40.
+ * @return PPC_OK (0); PPC_ERR_INVALID_VALUE (3), PPC_ERR_SOCKET_CREATE (18), PPC_ERR_SOCKET_BIND (20),
+ *         PPC_ERR_SOCKET_LISTEN (21), PPC_ERR_SOCKET_PATH (24) or PPC_ERR_NO_MEMORY (40).
  */
 GAKPPC_API int drvPpcServerCreate(int serverId, PpcServerHead** ppServer);
 
@@ -127,7 +129,7 @@ GAKPPC_API int drvPpcServerCreate(int serverId, PpcServerHead** ppServer);
  * stay.
  *
  * @param server  The endpoint. It must not be used any more.
- * @return 0; 3 when it is null, unknown or has been ended already.
+ * @return PPC_OK (0); PPC_ERR_INVALID_VALUE (3) when it is null, unknown or has been ended already.
  */
 GAKPPC_API int drvPpcServerDestroy(PpcServerHead* server);
 
@@ -136,7 +138,8 @@ GAKPPC_API int drvPpcServerDestroy(PpcServerHead* server);
  *
  * @param[in]  server     The endpoint.
  * @param[out] ppSession  The session, which the caller ends with drvPpcSessionClose().
- * @return 0; 25 once the endpoint has been destroyed, during and after the destroy; 3, 22 or 40 otherwise.
+ * @return PPC_OK (0); PPC_ERR_SOCKET_CLOSED (25) once the endpoint has been destroyed, during and after the destroy;
+ *         PPC_ERR_INVALID_VALUE (3), PPC_ERR_SOCKET_ACCEPT (22) or PPC_ERR_NO_MEMORY (40) otherwise.
  */
 GAKPPC_API int drvPpcSessionAccept(PpcServerHead* server, PpcSession** ppSession);
 
@@ -146,7 +149,7 @@ GAKPPC_API int drvPpcSessionAccept(PpcServerHead* server, PpcSession** ppSession
  * Calls in flight on it return with an error; they are not waited for.
  *
  * @param session  The session. It must not be used any more.
- * @return 0; 3 when it is null, unknown or has been ended already.
+ * @return PPC_OK (0); PPC_ERR_INVALID_VALUE (3) when it is null, unknown or has been ended already.
  */
 GAKPPC_API int drvPpcSessionClose(PpcSession* session);
 
@@ -156,7 +159,7 @@ GAKPPC_API int drvPpcSessionClose(PpcSession* session);
  * @param ppClient   Must not be null; never written.
  * @param reserved1  Ignored.
  * @param reserved2  Ignored.
- * @return 0; 3 for a null pointer.
+ * @return PPC_OK (0); PPC_ERR_INVALID_VALUE (3) for a null pointer.
  */
 GAKPPC_API int drvPpcClientCreate(void** ppClient, int reserved1, int reserved2);
 
@@ -164,7 +167,7 @@ GAKPPC_API int drvPpcClientCreate(void** ppClient, int reserved1, int reserved2)
  * Ends a client, which has no state.
  *
  * @param client  Must not be null; never dereferenced.
- * @return 0; 3 for a null pointer.
+ * @return PPC_OK (0); PPC_ERR_INVALID_VALUE (3) for a null pointer.
  */
 GAKPPC_API int drvPpcClientDestroy(void* client);
 
@@ -175,7 +178,9 @@ GAKPPC_API int drvPpcClientDestroy(void* client);
  *
  * @param[in]  serverId   The server's id.
  * @param[out] ppSession  The session, which the caller ends with drvPpcSessionDestroy().
- * @return 0; 19 when nobody listens or connecting is not permitted; 3, 18, 24 or 40 otherwise.
+ * @return PPC_OK (0); PPC_ERR_SOCKET_CONNECT (19) when nobody listens or connecting is not permitted;
+ *         PPC_ERR_INVALID_VALUE (3), PPC_ERR_SOCKET_CREATE (18), PPC_ERR_SOCKET_PATH (24) or PPC_ERR_NO_MEMORY (40)
+ *         otherwise.
  */
 GAKPPC_API int drvPpcSessionConnect(int serverId, PpcSession** ppSession);
 
@@ -185,7 +190,7 @@ GAKPPC_API int drvPpcSessionConnect(int serverId, PpcSession** ppSession);
  * Calls in flight on it return with an error; they are not waited for.
  *
  * @param session  The session. It must not be used any more.
- * @return 0; 3 when it is null, unknown or has been ended already.
+ * @return PPC_OK (0); PPC_ERR_INVALID_VALUE (3) when it is null, unknown or has been ended already.
  */
 GAKPPC_API int drvPpcSessionDestroy(PpcSession* session);
 
@@ -197,7 +202,7 @@ GAKPPC_API int drvPpcSessionDestroy(PpcSession* session);
  * @param[in]  session  Only checked for its magic word.
  * @param[out] ppMsg    The descriptor, which the caller ends with drvPpcFreeMsg().
  * @param[in]  count    Must be 1.
- * @return 0; 3 or 40.
+ * @return PPC_OK (0); PPC_ERR_INVALID_VALUE (3) or PPC_ERR_NO_MEMORY (40).
  */
 GAKPPC_API int drvPpcAllocMsg(PpcSession* session, PpcMsg** ppMsg, int count);
 
@@ -207,7 +212,7 @@ GAKPPC_API int drvPpcAllocMsg(PpcSession* session, PpcMsg** ppMsg, int count);
  * Its buffer is freed only if drvPpcRecv() allocated it.
  *
  * @param msg  The descriptor.
- * @return 0; 3 for a null or damaged descriptor, of which nothing is freed.
+ * @return PPC_OK (0); PPC_ERR_INVALID_VALUE (3) for a null or damaged descriptor, of which nothing is freed.
  */
 GAKPPC_API int drvPpcFreeMsg(PpcMsg* msg);
 
@@ -217,7 +222,7 @@ GAKPPC_API int drvPpcFreeMsg(PpcMsg* msg);
  * Its buffer is freed only if drvPpcRecv() allocated it.
  *
  * @param msg  The descriptor.
- * @return 0; 3 for a null or damaged descriptor.
+ * @return PPC_OK (0); PPC_ERR_INVALID_VALUE (3) for a null or damaged descriptor.
  */
 GAKPPC_API int drvPpcReuseMsg(PpcMsg* msg);
 
@@ -227,7 +232,8 @@ GAKPPC_API int drvPpcReuseMsg(PpcMsg* msg);
  * @param msg  The descriptor.
  * @param buf  The bytes. They stay the caller's and must outlive their use by the descriptor.
  * @param len  How many, at least 1.
- * @return 0; 3; 6 when a buffer is attached already, which stays.
+ * @return PPC_OK (0); PPC_ERR_INVALID_VALUE (3); PPC_ERR_NO_RESOURCE (6) when a buffer is attached already, which
+ *         stays.
  */
 GAKPPC_API int drvPpcAddMsgBuffer(PpcMsg* msg, void* buf, int len);
 
@@ -238,7 +244,7 @@ GAKPPC_API int drvPpcAddMsgBuffer(PpcMsg* msg, void* buf, int len);
  * @param[in]  index  Must be 0.
  * @param[out] ppBuf  The bytes, which stay owned as they are; null for an empty descriptor.
  * @param[out] pLen   How many; 0 for an empty descriptor.
- * @return 0 or 3.
+ * @return PPC_OK (0) or PPC_ERR_INVALID_VALUE (3).
  */
 GAKPPC_API int drvPpcGetMsgBuffer(PpcMsg* msg, int index, void** ppBuf, uint32_t* pLen);
 
@@ -253,7 +259,7 @@ GAKPPC_API int drvPpcGetMsgBuffer(PpcMsg* msg, int index, void** ppBuf, uint32_t
  * @param fd   A connected stream socket.
  * @param buf  The payload.
  * @param len  Its length; 0 is permitted.
- * @return 0; 3 for a null buffer; 27 for every other outcome.
+ * @return PPC_OK (0); PPC_ERR_INVALID_VALUE (3) for a null buffer; PPC_ERR_SEND (27) for every other outcome.
  */
 GAKPPC_API int drvPpcSocketSend(int fd, const void* buf, int len);
 
@@ -262,22 +268,23 @@ GAKPPC_API int drvPpcSocketSend(int fd, const void* buf, int len);
  *
  * @param[in]  fd   A connected stream socket.
  * @param[out] len  The announced payload length.
- * @return 0; 25 at the end of the stream; 26 when recv fails; 3 when fewer than 4 bytes are waiting.
+ * @return PPC_OK (0); PPC_ERR_SOCKET_CLOSED (25) at the end of the stream; PPC_ERR_RECV (26) when recv fails;
+ *         PPC_ERR_INVALID_VALUE (3) when fewer than 4 bytes are waiting.
  */
 GAKPPC_API int drvPpcSocketRecvPeek(int fd, uint32_t* len);
 
 /**
  * Reads one frame of known length.
  *
- * Blocks until the length field and the payload have been read. After 25 and 26 part of the payload may have been
- * written to `buf`.
+ * Blocks until the length field and the payload have been read. After PPC_ERR_SOCKET_CLOSED (25) and PPC_ERR_RECV (26)
+ * part of the payload may have been written to `buf`.
  *
  * @param[in]  fd        A connected stream socket.
  * @param[out] buf       Takes the payload: `expected` bytes.
  * @param[in]  expected  The payload length that the frame must announce.
  * @param[out] got       The number of payload bytes, which is `expected`.
- * @return 0; 3 when the frame announces another length (its length field is consumed then); 25 when the peer closed;
- *         26 when recv fails.
+ * @return PPC_OK (0); PPC_ERR_INVALID_VALUE (3) when the frame announces another length (its length field is consumed
+ *         then); PPC_ERR_SOCKET_CLOSED (25) when the peer closed; PPC_ERR_RECV (26) when recv fails.
  */
 GAKPPC_API int drvPpcSocketRecv(int fd, void* buf, int expected, uint32_t* got);
 
@@ -289,7 +296,7 @@ GAKPPC_API int drvPpcSocketRecv(int fd, void* buf, int expected, uint32_t* got);
  * @param session  The session.
  * @param msg      The descriptor. It and its buffer stay the caller's.
  * @param flag     Must be 0.
- * @return 0; 3; 27 when the frame was not sent whole.
+ * @return PPC_OK (0); PPC_ERR_INVALID_VALUE (3); PPC_ERR_SEND (27) when the frame was not sent whole.
  */
 GAKPPC_API int drvPpcSend(PpcSession* session, PpcMsg* msg, uint32_t flag);
 
@@ -298,16 +305,17 @@ GAKPPC_API int drvPpcSend(PpcSession* session, PpcMsg* msg, uint32_t flag);
  *
  * Blocks until a frame arrives or the session is ended. The payload is read into a buffer that then belongs to the
  * descriptor. A frame of length 0 gives success without a buffer; it is not consumed, and *count is not written. After
- * 40, or when the descriptor held a buffer already (6), the session's socket is closed; the session must still be
- * ended.
+ * PPC_ERR_NO_MEMORY (40), or PPC_ERR_NO_RESOURCE (6) because the descriptor held a buffer already, the session's socket
+ * is closed; the session must still be ended.
  *
  * @param[in]  session    The session.
  * @param[in]  msg        An empty descriptor.
  * @param[in]  reserved1  Ignored.
  * @param[in]  reserved2  Ignored.
  * @param[out] count      1, the number of buffers.
- * @return 0; 25 when the peer closed before a frame; 26 when reading failed; 3 when only part of a length field was
- *         waiting; 6 for a frame above ::PPC_MAX_MSG_LEN, which is not consumed; 40 when there is no memory for it.
+ * @return PPC_OK (0); PPC_ERR_SOCKET_CLOSED (25) when the peer closed before a frame; PPC_ERR_RECV (26) when reading
+ *         failed; PPC_ERR_INVALID_VALUE (3) when only part of a length field was waiting; PPC_ERR_NO_RESOURCE (6) for a
+ *         frame above ::PPC_MAX_MSG_LEN, which is not consumed; PPC_ERR_NO_MEMORY (40) when there is no memory for it.
  */
 GAKPPC_API int drvPpcRecv(PpcSession* session, PpcMsg* msg, uint32_t reserved1, uint32_t reserved2, uint32_t* count);
 
