@@ -1,0 +1,41 @@
+# Takes away what `cmake --install` put in place last, and the folders that are empty then:
+#   cmake -DBUILD=<build folder> -P uninstall.cmake
+
+set(manifest "${BUILD}/install_manifest.txt")
+if(NOT EXISTS "${manifest}")
+    message(FATAL_ERROR "Nothing to uninstall: there is no ${manifest}, which `cmake --install` writes")
+endif()
+file(STRINGS "${manifest}" files)
+file(READ "${BUILD}/install_prefix.txt" prefix)
+
+# Below /usr and /usr/local even empty folders belong to the system, unless they bear the library's name.
+function(is_ours result folder)
+    string(FIND "${folder}/" "$ENV{DESTDIR}${prefix}/" position)
+    if(position EQUAL 0 AND (folder MATCHES "/gakppc$" OR NOT prefix MATCHES "^/+(usr(/+local)?)?/*$"))
+        set(${result} ON PARENT_SCOPE)
+    else()
+        set(${result} OFF PARENT_SCOPE)
+    endif()
+endfunction()
+
+function(remove_empty folder)
+    is_ours(ours "${folder}")
+    file(GLOB entries "${folder}/*")
+    if(ours AND IS_DIRECTORY "${folder}" AND NOT entries)
+        message(STATUS "Removing: ${folder}")
+        file(REMOVE_RECURSE "${folder}")
+        get_filename_component(parent "${folder}" DIRECTORY)
+        remove_empty("${parent}")
+    endif()
+endfunction()
+
+foreach(file IN LISTS files)
+    set(file "$ENV{DESTDIR}${file}")
+    if(EXISTS "${file}" OR IS_SYMLINK "${file}")
+        message(STATUS "Removing: ${file}")
+        file(REMOVE "${file}")
+    endif()
+    get_filename_component(folder "${file}" DIRECTORY)
+    remove_empty("${folder}")
+endforeach()
+file(REMOVE "${manifest}")
