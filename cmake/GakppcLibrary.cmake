@@ -37,6 +37,7 @@ add_library(gakppc SHARED
             "${GAKPPC_GAK_DIR}/ppc_client.cpp"
             "${GAKPPC_GAK_DIR}/ppc_interface.cpp"
             "${GAKPPC_GAK_DIR}/ppc_server.cpp"
+            "${GAKPPC_GAK_DIR}/ppc_server_recv.cpp"
             "${GAKPPC_GAK_DIR}/receive_threads.cpp"
             "${GAKPPC_GAK_DIR}/session_list.cpp"
             "${GAKPPC_GAK_DIR}/session_table.cpp"

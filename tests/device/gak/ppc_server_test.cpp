@@ -771,6 +771,42 @@ TEST_F(PpcServerTest, SeveralThreadsMayDestroyAtOnce)
     EXPECT_EQ(log_.Count("Destory ppc session serverId_"), 1u);
 }
 
+// The second call meets the first one where that clears the tables.
+TEST_F(PpcServerTest, SecondOfTwoDestroysReturnsWhenTheTablesAreClear)
+{
+    Create();
+    std::atomic<bool> clearing{false};
+    CountingHook<DriverServerDestroy> destroys;
+    destroys.OnCall([&](uint64_t, PpcServerHead* server) -> std::optional<int> {
+        const int result = CountingHook<DriverServerDestroy>::Real(server);
+        clearing = true;
+        return result;
+    });
+    std::atomic<bool> waits{false};
+    std::atomic<bool> returned{false};
+    std::atomic<bool> registered{false};
+    std::future<void> second;
+    CountingHook<MutexLock> locks;
+    locks.OnCall([&, first = std::this_thread::get_id()](uint64_t, pthread_mutex_t*) -> std::optional<int> {
+        if (std::this_thread::get_id() != first) {
+            waits = waits || !returned;
+        } else if (clearing.exchange(false)) {
+            second = std::async(std::launch::async, [&] {
+                EXPECT_EQ(server_.Destroy(), kOk);
+                returned = true;
+                Handle(2);
+                registered = true;
+            });
+            EXPECT_TRUE(WaitUntil([&] { return waits || registered; }, 10s));
+        }
+        return std::nullopt;
+    });
+    EXPECT_EQ(server_.Destroy(), kOk);
+    second.get();
+    server_.PPCSerMsgProc(Message(Report(1, 7, 2)));
+    EXPECT_EQ(Inbox::Messages().size(), 1u);
+}
+
 TEST_F(PpcServerTest, DestroyInsideAHandlerIsRefused)
 {
     std::promise<uint32_t> result;

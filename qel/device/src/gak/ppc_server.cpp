@@ -3,153 +3,20 @@
 #include <sys/prctl.h>
 #include <unistd.h>
 
-#include <algorithm>
-#include <cinttypes>
-#include <cstdio>
+#include <atomic>
 #include <exception>
 #include <new>
-#include <sstream>
-#include <string>
-#include <thread>
-#include <utility>
-#include <vector>
 
 #include "at_exit.h"
 #include "gak_limits.h"
 #include "gak_log.h"
-#include "handler_table.h"
 #include "library_thread.h"
-#include "mutex.h"
-#include "no_destructor.h"
 #include "ppc.h"
 #include "ppc_record.h"
-#include "receive_threads.h"
-#include "session_list.h"
-#include "session_table.h"
+#include "ppc_server_state.h"
 #include "status_table.h"
 
 namespace qel {
-namespace {
-
-constexpr char kSourcePath[] = "qel/device/src/gak/ppc_server.cpp";
-constexpr char kReaper[] = "JoinAllPPCRcvThreads";
-
-// What a receive thread reports of a session that closed before its first message.
-constexpr uint32_t kNoDevice = MAX_DEVNUM_PER_OS;
-constexpr uint32_t kNoProcessType = PPCMessage::MAXPROCTYPE;
-
-#define GAKPPC_MSG_TYPES \
-    "(0:START RSP,1:SHUTDOWN RSP,2:HEARTBEAT,3:NOTIFY_VEXOINFO,4:ABNORMAL,5:SHUTDOWN,6:SOCKET_CLOSE)"
-
-void NameThisThread(const char* name)
-{
-    prctl(PR_SET_NAME, name);
-}
-
-// As a stream prints it; empty when memory runs out, because threads log this on their way out.
-std::string ThreadIdText(std::thread::id id)
-{
-    try {
-        std::ostringstream text;
-        text << id;
-        return text.str();
-    } catch (const std::exception&) {
-        return {};
-    }
-}
-
-// The search for each thread among those that had ended, until none of those is left.
-void LogReapedThreads(const std::vector<ReceiveThreads::Record>& threads, std::vector<ReceiveThreads::Record> ended)
-{
-    size_t threadSize = threads.size();
-    for (auto thread = threads.begin(); thread != threads.end() && !ended.empty(); ++thread) {
-        GAK_INFO_AS(kReaper, "[GAKPPCSER] JoinAllPPCRcvThreads() [ppc tid=%s] [threadSize=%zu] [freeThreadSize=%zu]",
-                    ThreadIdText(thread->id).c_str(), threadSize, ended.size());
-        const auto found = std::find_if(ended.begin(), ended.end(), [thread](const ReceiveThreads::Record& candidate) {
-            GAK_INFO_AS(kReaper, "[GAKPPCSER] JoinAllPPCRcvThreads() [free tid=%s]",
-                        ThreadIdText(candidate.id).c_str());
-            return candidate.serial == thread->serial;
-        });
-        if (found == ended.end()) {
-            GAK_INFO_AS(kReaper, "[GAKPPCSER] JoinAllPPCRcvThreads() Not find free tid");
-            continue;
-        }
-        GAK_INFO_AS(kReaper, "[GAKPPCSER] JoinAllPPCRcvThreads() Find free tid and joinable");
-        ended.erase(found);
-        --threadSize;
-    }
-}
-
-// A worker's message that the server does not take ends its receive thread.
-bool IsAcceptable(const PPCMessage& msg)
-{
-    if (msg.src_id() >= MAX_DEVNUM_PER_OS) {
-        GAK_STATUS_AS("RecvData", kStatusPpcServerInvalidParam,
-                      "[GAKPPCSER] RecvData() srcDevId >= MAX_DEVNUM_PER_OS invalid param");
-        return false;
-    }
-    if (static_cast<int32_t>(msg.proc_type()) > PPCMessage::CUSTOM_COMPUTE) {
-        // CUSTOM_COMPUTE passes although the text names COMPUTE.
-        GAK_STATUS_AS("RecvData", kStatusPpcServerInvalidParam,
-                      "[GAKPPCSER] RecvData() proctype > COMPUTE invalid param");
-        return false;
-    }
-    if (static_cast<int32_t>(msg.type()) > PPCMessage::ABNORMAL) {
-        GAK_STATUS_AS("RecvData", kStatusPpcServerInvalidParam,
-                      "[GAKPPCSER] RecvData() msgType > ABNORMAL invalid param");
-        return false;
-    }
-    return true;
-}
-
-void LogHandlerFailure(uint32_t type, const std::exception_ptr& failure)
-{
-    try {
-        std::rethrow_exception(failure);
-    } catch (const std::exception& error) {
-        GAK_STATUS_AS("PPCSerMsgProc", kStatusWarning, "[GAKPPCSER] PPCSerMsgProc handler of msg type: %u failed: %s",
-                      type, error.what());
-    } catch (...) {
-        GAK_STATUS_AS("PPCSerMsgProc", kStatusWarning, "[GAKPPCSER] PPCSerMsgProc handler of msg type: %u failed",
-                      type);
-    }
-}
-
-}  // namespace
-
-struct PpcServer::State {
-    static State& Instance()
-    {
-        static NoDestructor<State> state;
-        return *state;
-    }
-
-    // Self-synchronised.
-    std::atomic<void*> server{nullptr};  // written under the life-cycle mutex; null means that no server exists
-    std::atomic<uint32_t> serverId_{0};
-    std::atomic<pid_t> owner{0};  // the process that created the server
-
-    Mutex lifeCycleMutex;
-    std::thread acceptThread GAKPPC_GUARDED_BY(lifeCycleMutex);
-
-    // Raising serverRecvFlag_ and lowering both flags: an accept must not raise it again behind Destroy.
-    Mutex flagMutex;
-
-    SessionList sessions;
-    SessionTable sessionTable;
-    HandlerTable handlers;
-    ReceiveThreads receiveThreads;
-
-    bool BelongsToParent() const { return server != nullptr && owner != getpid(); }
-
-    bool RaiseRecvFlag();
-    void LowerFlags();
-
-    bool AddPending(void* session);
-    void CloseListedSessions();
-
-    ppc::PpcSessionRef GetPpcSession(uint32_t deviceId, uint32_t subProcPid);
-};
 
 std::atomic<bool> PpcServer::serverRunningFlag_{false};
 std::atomic<bool> PpcServer::serverRecvFlag_{false};
@@ -188,11 +55,11 @@ uint32_t PpcServer::CreateServer(uint32_t serverId)
         GAK_STATUS(kStatusPpcServerInvalidParam, "[GAKPPCSER] CreateServer() called inside a handler, nothing done");
         return kStatusPpcServerInvalidParam;
     }
-    MutexLock lifeCycle(state_.lifeCycleMutex);
+    const LifeCycleChange change(state_.lifeCycle);
     if (serverRunningFlag_) {
         return kStatusOk;  // another thread was first
     }
-    state_.serverId_ = serverId;
+    state_.serverId = serverId;
     int result = drvPpcInit();
     if (result != PPC_OK) {
         GAK_STATUS(kStatusPpcInitFail, "[GAKPPCSER] drvPpcInit return %d", result);
@@ -206,17 +73,23 @@ uint32_t PpcServer::CreateServer(uint32_t serverId)
         GAK_STATUS(kStatusPpcCreateFail, "[GAKPPCSER] drvPpcServerCreate return %d", result);
         return kStatusPpcCreateFail;
     }
+    return state_.StartAccepting(*this);
+}
+
+uint32_t PpcServer::State::StartAccepting(PpcServer& ppcServer)
+{
     serverRunningFlag_ = true;
     try {
-        state_.acceptThread = StartLibraryThread([this] { AcceptConnection(); });
+        acceptThread = StartLibraryThread([&ppcServer] { ppcServer.AcceptConnection(); });
     } catch (const std::exception& error) {
         serverRunningFlag_ = false;
-        GAK_STATUS(kStatusPpcCreateFail, "[GAKPPCSER] accept thread can not be started: %s", error.what());
-        drvPpcServerDestroy(server);
-        state_.server = nullptr;
+        GAK_STATUS_AS("CreateServer", kStatusPpcCreateFail, "[GAKPPCSER] accept thread can not be started: %s",
+                      error.what());
+        drvPpcServerDestroy(static_cast<PpcServerHead*>(server.load()));
+        server = nullptr;
         return kStatusPpcCreateFail;
     }
-    GAK_INFO("[GAKPPCSER] [serverId=%u] ppcserver receive thread started succ", serverId);
+    GAK_INFO_AS("CreateServer", "[GAKPPCSER] [serverId=%u] ppcserver receive thread started succ", serverId.load());
     return kStatusOk;
 }
 
@@ -229,13 +102,13 @@ uint32_t PpcServer::Destroy()
         GAK_STATUS(kStatusPpcServerInvalidParam, "[GAKPPCSER] Destroy() called inside a handler, nothing done");
         return kStatusPpcServerInvalidParam;
     }
-    MutexLock lifeCycle(state_.lifeCycleMutex);
-    void* server = state_.server;
+    const LifeCycleChange change(state_.lifeCycle);
+    void* const server = state_.server;
     if (server == nullptr) {
         return kStatusOk;  // another thread was first
     }
-    state_.LowerFlags();
-    GAK_INFO("[GAKPPCSER] Destory ppc sever [serverId=%u] [pid=%u]", state_.serverId_.load(),
+    state_.ClearFlags();
+    GAK_INFO("[GAKPPCSER] Destory ppc sever [serverId=%u] [pid=%u]", state_.serverId.load(),
              static_cast<uint32_t>(getpid()));
     // Accepting ends before any session is closed: a session that came in between would not be listed yet, would never
     // be closed, and the join of its receive thread would never return.
@@ -248,9 +121,9 @@ uint32_t PpcServer::Destroy()
     if (drvPpcServerDestroy(static_cast<PpcServerHead*>(server)) != PPC_OK) {
         GAK_STATUS(kStatusPpcDestroyFail, "[GAKPPCSER] Destory ppc sever failed");
     }
-    state_.server = nullptr;
     state_.handlers.Clear();
     state_.sessionTable.Clear();
+    state_.server = nullptr;  // last: from now on other calls of Destroy return at once
     return kStatusOk;
 }
 
@@ -259,8 +132,7 @@ bool PpcServer::IsPPCServerRunning() const
     return serverRunningFlag_;
 }
 
-// False when the server is being destroyed.
-bool PpcServer::State::RaiseRecvFlag()
+bool PpcServer::State::SetRecvFlag()
 {
     MutexLock lock(flagMutex);
     if (serverRunningFlag_) {
@@ -269,7 +141,7 @@ bool PpcServer::State::RaiseRecvFlag()
     return serverRunningFlag_;
 }
 
-void PpcServer::State::LowerFlags()
+void PpcServer::State::ClearFlags()
 {
     MutexLock lock(flagMutex);
     serverRunningFlag_ = false;
@@ -280,11 +152,11 @@ void PpcServer::State::LowerFlags()
 
 uint32_t PpcServer::AcceptConnection()
 {
-    NameThisThread("ppc_srv_accept");
+    prctl(PR_SET_NAME, "ppc_srv_accept");
     while (serverRunningFlag_) {
         PpcSession* session = nullptr;
         const int result = drvPpcSessionAccept(static_cast<PpcServerHead*>(state_.server.load()), &session);
-        if (!serverRunningFlag_ || (result == PPC_OK && !state_.RaiseRecvFlag())) {
+        if (!serverRunningFlag_ || (result == PPC_OK && !state_.SetRecvFlag())) {
             GAK_INFO("[GAKPPCSER] accept connection runningflag has been set false, drvRet = %u",
                      static_cast<uint32_t>(result));
             if (result == PPC_OK) {
@@ -292,23 +164,27 @@ uint32_t PpcServer::AcceptConnection()
             }
             return kStatusOk;
         }
-        if (result != PPC_OK) {
-            GAK_INFO("[GAKPPCSER] drvPpcSessionAccept() [return:%u] continue", static_cast<uint32_t>(result));
-            if (result == PPC_ERR_SOCKET_CLOSED) {
-                GAK_STATUS(kStatusPpcSocketClosed,
-                           "[GAKPPCSER] drvPpcSessionAccept receive socket close msg,server exit");
-                return kStatusPpcSocketClosed;
-            }
+        if (result == PPC_OK) {
+            StartSession(session);
             continue;
         }
-        if (state_.AddPending(session) && StartReceiveThread(session)) {
-            state_.sessions.ListPending(session);
-        } else {
-            state_.sessions.Remove(session);
-            drvPpcSessionClose(session);
+        GAK_INFO("[GAKPPCSER] drvPpcSessionAccept() [return:%u] continue", static_cast<uint32_t>(result));
+        if (result == PPC_ERR_SOCKET_CLOSED) {
+            GAK_STATUS(kStatusPpcSocketClosed, "[GAKPPCSER] drvPpcSessionAccept receive socket close msg,server exit");
+            return kStatusPpcSocketClosed;
         }
     }
     return kStatusOk;
+}
+
+void PpcServer::StartSession(void* session)
+{
+    if (state_.AddPending(session) && StartReceiveThread(session)) {
+        state_.sessions.ListPending(session);
+        return;
+    }
+    state_.sessions.Remove(session);
+    drvPpcSessionClose(static_cast<PpcSession*>(session));
 }
 
 bool PpcServer::State::AddPending(void* session)
@@ -417,112 +293,11 @@ void PpcServer::State::CloseListedSessions()
 {
     for (const ppc::PpcSessionRef& session : sessions.TakeAll()) {
         const int result = drvPpcSessionClose(static_cast<PpcSession*>(session.Get()));
-        GAK_INFO_AS("Destroy", "[GAKPPCSER] Destory ppc session serverId_=%u", serverId_.load());
+        GAK_INFO_AS("Destroy", "[GAKPPCSER] Destory ppc session serverId_=%u", serverId.load());
         if (result != PPC_OK) {
             GAK_STATUS_AS("Destroy", kStatusPpcDestroyFail, "[GAKPPCSER] Destory ppc session failed");
         }
     }
-}
-
-// ---- Receiving ----
-
-void PpcServer::RecvData(void* const& session, uint64_t threadNumber)
-{
-    char threadName[40];
-    snprintf(threadName, sizeof(threadName), "ppc_srv_recv_%" PRIu64, threadNumber);
-    NameThisThread(threadName);
-    PPCMessage msg;
-    if (!serverRecvFlag_) {
-        return;
-    }
-    uint32_t lastDevice = kNoDevice;
-    uint32_t lastProcessType = kNoProcessType;
-    uint32_t status = GetInstance().RecvMsg(session, msg);
-    while (status == kStatusOk) {
-        lastDevice = msg.src_id();
-        lastProcessType = static_cast<uint32_t>(msg.proc_type());
-        if (!IsAcceptable(msg)) {
-            return;
-        }
-        SetPpcSession(msg.src_id(), msg.sub_proc_pid(), session);
-        PPCSerMsgProc(msg);
-        GAK_STATUS(kStatusOk,
-                   "[GAKPPCSER] ##### [threadName:%s] RecvData [ret=%u] Save [device index in os:%u] "
-                   "[notifyProcType:%u]####",
-                   threadName, status, lastDevice, lastProcessType);
-        if (!serverRecvFlag_) {
-            return;
-        }
-        status = GetInstance().RecvMsg(session, msg);
-    }
-    ReportSocketClosed(status, lastDevice, lastProcessType, msg);
-    CloseSomeSession(session);
-    GAK_EVENT("[GAKPPCSER] [threadName:%s] RecvData [ret=%u] [tid=%s]thread exit", threadName, status,
-              ThreadIdText(std::this_thread::get_id()).c_str());
-    state_.receiveThreads.ReportEnd();
-}
-
-// Tells the daemon that the peer has gone, by a message that no worker can send. Other failures are only logged.
-void PpcServer::ReportSocketClosed(uint32_t status, uint32_t lastDevice, uint32_t lastProcessType, PPCMessage& msg)
-{
-    GAK_EVENT_AS("RecvData",
-                 "[GAKPPCSER] 0 SOCKET_CLOSED notify device index in os[%u] procType[%u] ret=[%u]?[%u]GAK to clean",
-                 lastDevice, lastProcessType, status, kStatusPpcSocketClosed);
-    if (status != kStatusPpcSocketClosed) {
-        return;
-    }
-    GAK_EVENT_AS("RecvData",
-                 "[GAKPPCSER] 1 SOCKET_CLOSED notify device index in os[%u] procType[%u] ret[%u] GAK to clean",
-                 lastDevice, lastProcessType, status);
-    // All other fields keep what the last received message brought, so that the daemon can tell which worker it was.
-    msg.set_type(PPCMessage::SOCKET_CLOSE);
-    msg.set_src_id(lastDevice);
-    msg.set_dest_id(kPpcServerId);
-    msg.set_proc_type(static_cast<PPCMessage::ProcessType>(lastProcessType));
-    PPCSerMsgProc(msg);
-    GAK_EVENT_AS("RecvData",
-                 "[GAKPPCSER] 2 SOCKET_CLOSED notify device index in os[%u] procType[%u] ret[%u] GAK to clean",
-                 lastDevice, lastProcessType, kStatusPpcSocketClosed);
-}
-
-void PpcServer::PPCSerMsgProc(const PPCMessage& msg)
-{
-    const auto type = static_cast<uint32_t>(msg.type());
-    GAK_INFO("[GAKPPCSER] PPCSerMsgProc msg type: %u", type);
-    const HandlerTable::Outcome outcome = state_.handlers.Dispatch(msg);
-    if (!outcome.found) {
-        GAK_INFO("[GAKPPCSER] PPCSerMsgProc msg type:%u" GAKPPC_MSG_TYPES " processFunc not exist", type);
-    }
-    if (outcome.failure != nullptr) {
-        LogHandlerFailure(type, outcome.failure);
-    }
-}
-
-void PpcServer::RegPPCSerMsgProcFunc(uint32_t msgType, void (*handler)(const PPCMessage&))
-{
-    bool isNew = false;
-    try {
-        isNew = state_.handlers.Register(msgType, handler);
-    } catch (const std::bad_alloc&) {
-        GAK_STATUS(kStatusMemoryExhausted, "[GAKPPCSER] RegPPCSerMsgProcFunc no memory for type:%u", msgType);
-        return;
-    }
-    if (isNew) {
-        GAK_INFO("[GAKPPCSER] RegPPCSerMsgProcFunc type:%u" GAKPPC_MSG_TYPES " success", msgType);
-    } else {
-        GAK_INFO("[GAKPPCSER] RegPPCSerMsgProcFunc type:%u" GAKPPC_MSG_TYPES " has exist,no need to register", msgType);
-    }
-}
-
-// ---- Reaping receive threads ----
-
-void PpcServer::JoinAllPPCRcvThreads()
-{
-    const ReceiveThreads::Reaping reaping = state_.receiveThreads.Reap(IsLogEnabled(kLogInfo));
-    GAK_INFO("[GAKPPCSER] JoinAllPPCRcvThreads() enter [threadSize=%zu]", reaping.threadsBefore);
-    LogReapedThreads(reaping.threads, reaping.ended);
-    GAK_INFO("[GAKPPCSER] JoinAllPPCRcvThreads() exit [threadSize=%zu] [freeThreadSize=%zu]", reaping.threadsAfter,
-             reaping.endedAfter);
 }
 
 }  // namespace qel

@@ -128,12 +128,12 @@ private:
     template <typename T>
     friend class AtExit;
     struct GAKPPC_LOCAL State;
+    class GAKPPC_LOCAL Receiver;
 
     GAKPPC_LOCAL PpcServer();
     GAKPPC_LOCAL void OnProcessExit();
+    GAKPPC_LOCAL void StartSession(void* session);
     GAKPPC_LOCAL bool StartReceiveThread(void* session);
-    GAKPPC_LOCAL void ReportSocketClosed(uint32_t status, uint32_t lastDevice, uint32_t lastProcessType,
-                                         PPCMessage& msg);
 
     GAKPPC_LOCAL static std::atomic<bool> serverRunningFlag_;
     GAKPPC_LOCAL static std::atomic<bool> serverRecvFlag_;
