@@ -7,6 +7,8 @@
 #include <new>
 #include <optional>
 #include <stdexcept>
+#include <thread>
+#include <vector>
 
 #include "server_fixture.h"
 #include "server_lines.h"
@@ -18,7 +20,7 @@ using qel::PPCMessage;
 using testing::ElementsAre;
 using testing::IsEmpty;
 
-using HandlerTableTest = ServerTest;
+class HandlerTableTest : public ServerTest {};
 
 std::atomic<int> otherHandlerCalls{0};
 
@@ -168,5 +170,113 @@ TEST_F(HandlerTableTest, ThrowingHandlerIsLoggedAndItsThreadGoesOn)
     Say(worker, Report(1, 3, 2));
     EXPECT_EQ(Inbox::Messages().size(), 3u);
 }
+
+// ---- Handlers that end their thread ----
+
+TEST_F(HandlerTableTest, HandlerThatEndsItsThreadEndsItsSession)
+{
+    Handle(2);
+    Create();
+    Inbox::OnMessage([](const PPCMessage&) { pthread_exit(nullptr); });
+    const Fd worker = Connect();
+    EXPECT_TRUE(WriteAll(worker, PpcFrame(Report(1, 7, 2))));
+    ASSERT_TRUE(WaitForExits(1));
+    EXPECT_TRUE(ExpectEof(worker, 10s));
+    EXPECT_EQ(log_.Count("CloseSomeSession exit [sessionSize:0]"), 1u);
+    EXPECT_EQ(Reap().back(), "exit [threadSize=0] [freeThreadSize=0]");
+}
+
+TEST_F(HandlerTableTest, HandlerThatEndsItsThreadLetsOthersRun)
+{
+    Handle(2);
+    Create();
+    Inbox::OnMessage([](const PPCMessage&) { pthread_exit(nullptr); });
+    const Fd first = Connect();
+    EXPECT_TRUE(WriteAll(first, PpcFrame(Report(1, 7, 2))));
+    ASSERT_TRUE(WaitForExits(1));
+    Inbox::OnMessage(nullptr);
+    const Fd second = Connect();
+    Say(second, Report(1, 8, 2));
+    EXPECT_EQ(Inbox::Messages().size(), 2u);
+}
+
+TEST_F(HandlerTableTest, HandlerOfAClosedSessionMayEndItsThread)
+{
+    Handle(6);
+    Create();
+    Inbox::OnMessage([](const PPCMessage&) { pthread_exit(nullptr); });
+    Fd worker = ConnectAs(1, 7);
+    Finish(worker);
+    EXPECT_EQ(log_.Count("CloseSomeSession exit [sessionSize:0]"), 1u);
+    EXPECT_EQ(Reap().back(), "exit [threadSize=0] [freeThreadSize=0]");
+}
+
+TEST_F(HandlerTableTest, HandlerOnAThreadOfTheDaemonMayEndIt)
+{
+    Handle(2);
+    Inbox::OnMessage([](const PPCMessage&) { pthread_exit(nullptr); });
+    bool returned = false;
+    std::thread([&] {
+        server_.PPCSerMsgProc(Message(Report(1, 7, 2)));
+        returned = true;
+    }).join();
+    EXPECT_FALSE(returned);
+    Inbox::OnMessage(nullptr);
+    server_.PPCSerMsgProc(Message(Report(1, 7, 2)));
+    EXPECT_EQ(Inbox::Messages().size(), 2u);
+}
+
+// ---- What handlers may call ----
+
+struct HandlerCase {
+    const char* name;
+    void (*call)(qel::PpcServer& server, const PPCMessage& msg);
+};
+
+std::ostream& operator<<(std::ostream& out, const HandlerCase& param)
+{
+    return out << param.name;
+}
+
+class HandlerCallTest : public HandlerTableTest, public testing::WithParamInterface<HandlerCase> {};
+
+// In handlers of messages, of closed sessions, and of sessions that Destroy closes.
+TEST_P(HandlerCallTest, IsAllowedInEveryHandler)
+{
+    Handle(2);
+    Handle(6);
+    Inbox::OnMessage([this](const PPCMessage& msg) { GetParam().call(server_, msg); });
+    const Baseline before;
+    Create();
+    std::vector<Fd> workers;
+    for (uint32_t pid = 1; pid <= 4; ++pid) {
+        workers.push_back(Connect());
+        EXPECT_TRUE(WriteAll(workers.back(), PpcFrame(Report(1, pid, 2))));
+    }
+    ASSERT_TRUE(Inbox::WaitFor(4));
+    workers.resize(2);
+    ASSERT_TRUE(WaitForExits(2));
+    ExpectToReturn([this] { EXPECT_EQ(server_.Destroy(), kOk); });
+    workers.clear();
+    EXPECT_TRUE(before.Returned());
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Calls, HandlerCallTest,
+    testing::Values(HandlerCase{"Reap", [](auto& server, auto&) { server.JoinAllPPCRcvThreads(); }},
+                    HandlerCase{"Send", [](auto& server,
+                                           auto& msg) { server.SendData(Order(msg.src_id(), msg.sub_proc_pid())); }},
+                    HandlerCase{"CloseTheirSession",
+                                [](auto& server, auto& msg) {
+                                    server.CloseSomeSession(server.GetPpcSession(msg.src_id(), msg.sub_proc_pid()));
+                                }},
+                    HandlerCase{"StoreASession",
+                                [](auto& server, auto&) { server.SetPpcSession(3, 99, server.GetPpcSession(1, 1)); }},
+                    HandlerCase{"CreateAndDestroyInVain",
+                                [](auto& server, auto&) {
+                                    EXPECT_EQ(server.Destroy(), 0x109303Du);
+                                    server.CreateServer(kServerId);
+                                }}),
+    [](const testing::TestParamInfo<HandlerCase>& param) { return param.param.name; });
 
 }  // namespace

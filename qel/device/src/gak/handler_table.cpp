@@ -1,5 +1,7 @@
 #include "handler_table.h"
 
+#include <cxxabi.h>
+
 #include <utility>
 
 namespace qel {
@@ -25,6 +27,8 @@ std::exception_ptr Call(HandlerTable::Handler handler, const PPCMessage& msg)
     try {
         handler(msg);
         return nullptr;
+    } catch (const abi::__forced_unwind&) {
+        throw;  // the handler ends this thread
     } catch (...) {
         return std::current_exception();
     }
