@@ -4,6 +4,7 @@
 #include <future>
 #include <mutex>
 #include <new>
+#include <optional>
 #include <set>
 #include <stdexcept>
 #include <string>
@@ -209,10 +210,21 @@ TEST_F(ReceiveThreadsTest, ReapingNeedsNoMemory)
 {
     Create();
     const Fd first = Connect();
-    Fd second = Connect();
-    Finish(second);
-    const NoMemory noMemory;
-    EXPECT_THAT(Reap(), ElementsAre("enter [threadSize=2]", "exit [threadSize=1] [freeThreadSize=0]"));
+    for (uint64_t failing = 1; failing <= 4; ++failing) {
+        Fd second = Connect();
+        Finish(second);
+        CountingHook<calls::OperatorNew> news;
+        news.OnCall([failing](uint64_t number, size_t) -> std::optional<void*> {
+            if (number == failing) {
+                throw std::bad_alloc();
+            }
+            return std::nullopt;
+        });
+        const std::vector<std::string> lines = Reap();
+        EXPECT_EQ(lines.size(), failing <= 2 ? 2u : 8u);
+        EXPECT_EQ(lines.front(), "enter [threadSize=2]");
+        EXPECT_EQ(lines.back(), "exit [threadSize=1] [freeThreadSize=0]");
+    }
 }
 
 // ---- Reaping during Destroy ----

@@ -217,8 +217,10 @@ namespace {
 constexpr char kReaper[] = "JoinAllPPCRcvThreads";
 
 // The search for each thread among those that had ended, until none of those is left.
-void LogReapedThreads(const std::vector<ReceiveThreads::Record>& threads, std::vector<ReceiveThreads::Record> ended)
+void LogReapedThreads(ReceiveThreads::Reaping& reaping)
 {
+    const std::vector<ReceiveThreads::Record>& threads = reaping.threads;
+    std::vector<ReceiveThreads::Record>& ended = reaping.ended;
     size_t threadSize = threads.size();
     for (auto thread = threads.begin(); thread != threads.end() && !ended.empty(); ++thread) {
         GAK_INFO_AS(kReaper, "[GAKPPCSER] JoinAllPPCRcvThreads() [ppc tid=%s] [threadSize=%zu] [freeThreadSize=%zu]",
@@ -242,9 +244,9 @@ void LogReapedThreads(const std::vector<ReceiveThreads::Record>& threads, std::v
 
 void PpcServer::JoinAllPPCRcvThreads()
 {
-    const ReceiveThreads::Reaping reaping = state_.receiveThreads.Reap(IsLogEnabled(kLogInfo));
+    ReceiveThreads::Reaping reaping = state_.receiveThreads.Reap(IsLogEnabled(kLogInfo));
     GAK_INFO("[GAKPPCSER] JoinAllPPCRcvThreads() enter [threadSize=%zu]", reaping.threadsBefore);
-    LogReapedThreads(reaping.threads, reaping.ended);
+    LogReapedThreads(reaping);
     GAK_INFO("[GAKPPCSER] JoinAllPPCRcvThreads() exit [threadSize=%zu] [freeThreadSize=%zu]", reaping.threadsAfter,
              reaping.endedAfter);
 }
