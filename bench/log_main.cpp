@@ -22,7 +22,7 @@ constexpr char kPath[] = "qel/device/src/gak/ppc_client";
 #define BENCH_PLACE __func__, kPath, __LINE__
 #define BENCH_TEXT "[GAKPPCCLI] SendPpcMsg() deviceId: %u waitType:%u is running"
 
-// One buffer, two formattings, one call of the sink.
+// One buffer, formatted twice, one call of the sink.
 __attribute__((noinline, format(printf, 4, 5))) void LeastInfoLine(const char* function, const char* file, int line,
                                                                    const char* fmt, ...)
 {

@@ -1,5 +1,5 @@
-// What one message costs beside time. These numbers are the system's promise: a call, an allocation or a question to
-// the log that is added to the path of a message fails here. Where one of them must change, change it here and in
+// What one message costs apart from time. These numbers are a promise: a call, an allocation or a level check of the
+// log that is added to the path of a message fails here. Where one of them must change, change it here and in
 // docs/performance.md.
 
 #include <gtest/gtest.h>
@@ -40,7 +40,7 @@ std::atomic<int> sinkLevel{kWarn};
 
 }  // namespace
 
-// These stand in front of the C library's and of the logging library's, for all that the process has loaded.
+// These replace the C library's and the logging library's, for all that the process has loaded.
 
 extern "C" {
 void* __libc_malloc(size_t size);
@@ -287,14 +287,14 @@ constexpr uint64_t kDaemonLines = 4;
 // One line of each side has a status number, by which the library drops it without asking.
 constexpr uint64_t kDroppedByStatus = 1;
 
-TEST(MessageCost, AHeartbeatThatNobodyLogsAsksForEachLineOnceAndWritesNone)
+TEST(MessageCost, UnloggedHeartbeatChecksEachLevelOnceAndWritesNothing)
 {
     const Results results = CountAtLevel(kWarn);
     EXPECT_EQ(results.worker, (Counts{kAllocations, kWorkerLines - kDroppedByStatus, 0}));
     EXPECT_EQ(results.daemon, (Counts{kAllocations, kDaemonLines - kDroppedByStatus, 0}));
 }
 
-TEST(MessageCost, AHeartbeatThatIsLoggedAsksForEachLineOnceAndAllocatesNothingForIt)
+TEST(MessageCost, LoggedHeartbeatChecksEachLevelOnceAndAllocatesNothing)
 {
     const Results results = CountAtLevel(kInfo);
     EXPECT_EQ(results.worker, (Counts{kAllocations, kWorkerLines, kWorkerLines}));

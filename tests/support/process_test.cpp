@@ -63,11 +63,11 @@ TEST(ChildProcessTest, ExceptionAndFailedAssertionHaveCodesOfTheirOwn)
 {
     ChildProcess thrower([]() -> int { throw std::runtime_error("expected by the test"); });
     EXPECT_TRUE(thrower.WaitExit(10s).ExitedWith(ChildProcess::kExceptionCode));
-    ChildProcess failer([] {
+    ChildProcess failing([] {
         ADD_FAILURE() << "expected by the test";
         return 0;
     });
-    EXPECT_TRUE(failer.WaitExit(10s).ExitedWith(ChildProcess::kFailedAssertionCode));
+    EXPECT_TRUE(failing.WaitExit(10s).ExitedWith(ChildProcess::kFailedAssertionCode));
 }
 
 TEST(ChildProcessTest, LeavesNoDescriptorBehind)

@@ -288,7 +288,7 @@ TEST_F(AccessTest, InASharedStickyDirectoryTheFirstToListenStays)
     EXPECT_EQ(Listen(kOwner), PPC_ERR_SOCKET_BIND);  // the name is still there although nobody listens any more
 }
 
-TEST_F(AccessTest, FirstProcessToPrepareTheDirectoryOwnsItAndMayKeepTheDaemonOut)
+TEST_F(AccessTest, FirstToMakeTheDirectoryOwnsItAndMayKeepTheDaemonOut)
 {
     ASSERT_EQ(chmod(kParent, 01777), 0);
     EXPECT_EQ(RunAs(kMember, [] { return ppcInit(); }), 0);
