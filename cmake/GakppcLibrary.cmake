@@ -67,7 +67,7 @@ target_link_libraries(gakppc
                       PUBLIC protobuf::libprotobuf Threads::Threads
                       PRIVATE gakppc::vlog gakppc::osal gakppc::memguard)
 
-# Public headers stand beside their sources and include each other by plain file name. Programs write
+# Public headers are next to their sources and include each other by plain file name. Programs write
 # <gakppc/gak.h>: the build tree offers that as a folder of links, the installation as one flat folder.
 set(GAKPPC_STAGED_INCLUDE_DIR "${PROJECT_BINARY_DIR}/include")
 file(MAKE_DIRECTORY "${GAKPPC_STAGED_INCLUDE_DIR}/gakppc")

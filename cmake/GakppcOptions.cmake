@@ -39,7 +39,7 @@ function(gakppc_own_code target)
                            $<$<BOOL:${GAKPPC_WERROR}>:-Werror>)
 endfunction()
 
-# What code that ships gets besides: protection against the consequences of memory errors. Fortification needs an
+# What code that ships also gets: protection against the consequences of memory errors. Fortification needs an
 # optimising build and would hide calls from the sanitizers.
 function(gakppc_hardened target)
     target_compile_options(${target} PRIVATE -fstack-protector-strong)

@@ -1,4 +1,4 @@
-# Builds for 64-bit Arm with Debian's cross compiler against its arm64 packages, which lie beside the machine's own.
+# Builds for 64-bit Arm with Debian's cross compiler against its arm64 packages, which are installed next to the machine's own.
 # Tests run under qemu's user-mode emulation.
 
 set(CMAKE_SYSTEM_NAME Linux)

@@ -141,7 +141,7 @@ std::string ReadableName(const std::string& symbol)
     if (status != 0) {
         return symbol;
     }
-    // Demanglers differ in the blank between closing brackets.
+    // Demanglers differ in the space between closing brackets.
     std::string text = Replaced(name.get(), " >", ">");
     text = Replaced(text, "[abi:cxx11]", "");
     text =

@@ -1,6 +1,6 @@
 // What a worker may say to the daemon: messages of any content, through a real socket, into the server's receiving,
-// checking, address book and dispatch. The input is a stream of messages (worker_stream.h). What the handlers are given
-// is compared with what the rules for messages say.
+// checking, session table and dispatch. The input is a stream of messages (worker_stream.h). What the handlers are
+// given is compared with what the rules for messages say.
 
 #include <sys/socket.h>
 
@@ -27,7 +27,7 @@ using qel::PpcServer;
 constexpr uint32_t kServerId = 19280;
 // Sessions of the inputs come from an endpoint of their own, so that they are received on this thread.
 constexpr int kInputServerId = 1;
-// The address book grows with every process id. A daemon that is created again begins with an empty one.
+// The session table grows with every process id. A daemon that is created again begins with an empty one.
 constexpr unsigned kInputsPerLife = 1024;
 constexpr uint64_t kThreadNumber = 7;
 constexpr uint32_t kDevices = 4;
@@ -61,7 +61,7 @@ void Handle(const PPCMessage& msg)
     }
 }
 
-// The daemon, with one worker that has been heard: until then the server does not receive.
+// The daemon, with one worker whose first message has come: until then the server does not receive.
 class Daemon {
 public:
     Daemon()

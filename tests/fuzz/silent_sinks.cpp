@@ -1,4 +1,4 @@
-// Stands in front of the device log's functions: a program under fuzzing fails all day long, and its lines would be all
+// Replaces the device log's functions: a program under fuzzing fails all day long, and its lines would be all
 // that it does. What is written at warning and above is composed all the same.
 
 #include "vlog.h"

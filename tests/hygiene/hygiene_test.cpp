@@ -449,7 +449,7 @@ TEST(ChildHygieneTest, ExecutedChildrenInheritNoSocketAndWaitsEndWithTheDaemon)
     }
 }
 
-TEST(ChildHygieneTest, DaemonLearnsOfAKilledWorkerAlthoughItsChildrenLiveOn)
+TEST(ChildHygieneTest, DaemonNoticesAKilledWorkerAlthoughItsChildrenLiveOn)
 {
     static std::atomic<bool> heard{false};
     static std::atomic<bool> closed{false};
@@ -548,7 +548,7 @@ TEST(ChildHygieneTest, ForkedChildrenThatExitDisturbNoSession)
     exit(5);
 }
 
-// Reads what the worker says until it has been heard in every call; then tells it to exit and reads on to the end.
+// Reads messages of the worker until one of every call has come; then tells it to exit and reads on to the end.
 void ServeUntilItExits(const Fd& connection, Gate& go)
 {
     std::array<bool, 5> heard{};

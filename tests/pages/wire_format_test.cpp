@@ -19,7 +19,7 @@ constexpr uint32_t kDevice = 2;
 constexpr uint32_t kPid = 4711;
 constexpr uint32_t kCompute = 1;
 
-// Each line of the block begins with bytes; what follows two blanks explains them.
+// Each line of the block begins with bytes; what follows two spaces explains them.
 Bytes BytesOf(const std::string& heading)
 {
     std::istringstream lines(gaktest::CodeBlock(gaktest::ReadFile("docs/wire-format.md"), heading));

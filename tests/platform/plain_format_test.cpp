@@ -32,7 +32,7 @@ Outcome FormatWith(Formatter formatter, size_t size, const char* fmt, ...)
     va_start(args, fmt);
     const int result = formatter(memory.data(), size, fmt, args);
     va_end(args);
-    // What stands behind the terminating zero is nobody's.
+    // What follows the terminating zero is undefined.
     const size_t end = memory.find('\0');
     return {result, end < size ? memory.substr(0, end) + memory.back() : memory};
 }

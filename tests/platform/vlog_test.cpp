@@ -33,7 +33,7 @@ bool kernelIsOld = false;
 
 }  // namespace
 
-// Stands in front of the C library's.
+// Replaces the C library's.
 extern "C" ssize_t pwritev2(int fd, const iovec* entries, int count, off_t offset, int flags)
 {
     if (kernelIsOld) {
@@ -173,7 +173,7 @@ TEST(VlogTest, SinksLookAtNoLevel)
     EXPECT_EQ(WithoutTime(WriteOf([] { VlogDebugInner(38, "a"); })), "DEBUG [38] a\n");
 }
 
-TEST(VlogTest, PairsStandBeforeTheText)
+TEST(VlogTest, PairsComeBeforeTheText)
 {
     KeyValue pairs[] = {{"status", "running ok"}, {"k2", "v2"}};
     EXPECT_EQ(WithoutTime(WriteOf([&] { VlogWithKVInner(38, 5, pairs, 2, "a %d", 1); })),

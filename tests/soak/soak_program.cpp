@@ -1,8 +1,8 @@
 // A daemon under the ordinary wear of a device's life, for a given time: soak_program SECONDS
 //
 // In each round 64 worker processes connect, talk and end; every second one is killed. After a few rounds the daemon's
-// descriptors and threads must be back at the baseline, it is destroyed and created again (its address book keeps every
-// worker until then), and what is resident must not have grown.
+// descriptors and threads must be back at the baseline, it is destroyed and created again (its session table keeps
+// every worker until then), and what is resident must not have grown.
 
 #include <unistd.h>
 

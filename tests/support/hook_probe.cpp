@@ -34,7 +34,7 @@ void* PROBE(Allocate)(size_t bytes)
     return malloc(bytes);
 }
 
-// A pointer that the dynamic linker fills in, beside the slot of the direct call.
+// A pointer that the dynamic linker fills in, next to the slot of the direct call.
 static int (*const volatile ownPointer)(int) = &PROBE(Own);
 
 int PROBE(CallsThroughPointer)(int value)

@@ -83,7 +83,7 @@ TEST_F(LogCaptureTest, KeepsTheCallingThread)
     EXPECT_EQ(capture_.Lines()[0].threadId, threadId);
 }
 
-TEST_F(LogCaptureTest, AnswersLevelQuestionsAsTold)
+TEST_F(LogCaptureTest, AnswersLevelChecksAsConfigured)
 {
     EXPECT_EQ(ProbeCheckLogLevel(0), 1);
     capture_.SetMinimumLevel(2);

@@ -62,7 +62,7 @@ TEST_F(TrustTest, ClaimedDeviceAndProcessIdAreBelieved)
     EXPECT_TRUE(liar.Process().WaitExit(20s).ExitedWith(0));
 }
 
-// A peer that uses another worker's name gets that worker's orders, until the worker speaks again, and its own end is
+// A peer that uses another worker's name gets that worker's orders, until the worker sends again, and its own end is
 // reported as that worker's.
 TEST_F(TrustTest, PeerUnderAnotherWorkersNameReplacesIt)
 {
@@ -124,7 +124,7 @@ TEST_F(TrustTest, DestinationThatAPeerNamesMeansNothing)
     EXPECT_FALSE(gaktest::WaitReadable(bystander, 0s));
 }
 
-// Sends the bytes with a descriptor beside them.
+// Sends the bytes and a descriptor.
 bool SendWithDescriptor(const Fd& socket, Bytes bytes, int descriptor)
 {
     alignas(cmsghdr) std::array<char, CMSG_SPACE(sizeof(int))> control{};
@@ -257,7 +257,7 @@ TEST_F(TrustTest, PeerThatNeverPausesDoesNotShutOutTheOthers)
         const Fd peer = Connect();
         served = WriteAll(peer, PpcFrame(Report(2, pid))) && Inbox::WaitFor(pid);
     }
-    EXPECT_TRUE(served) << Inbox::Messages().size() << " of 50 were heard";
+    EXPECT_TRUE(served) << Inbox::Messages().size() << " of 50 were received";
     stop = true;
     shutdown(flood.get(), SHUT_RDWR);
     flooder.join();
