@@ -2,10 +2,12 @@
 
 #include <gtest/gtest.h>
 
+#include <cerrno>
 #include <cstdarg>
 #include <cstdlib>
 #include <functional>
 #include <map>
+#include <memory>
 #include <new>
 #include <optional>
 #include <string>
@@ -579,6 +581,97 @@ TEST(SaveLog, IgnoresTheCurrentLevel)
 }
 
 // ---- First use, threads, exit ------------------------------------------------------------------------------------
+
+// ---- errno -----------------------------------------------------------------------------------------------------
+
+// A logging library in which every function changes errno; the sinks write nothing.
+class ErrnoChangingSinks {
+public:
+    ErrnoChangingSinks()
+    {
+        for (const char* sink : {"VlogDebugInner", "VlogInfoInner", "VlogWarnInner", "VlogErrorInner", "VlogEventInner",
+                                 "VlogInner", "VlogWithKVInner"}) {
+            sinks_.push_back(std::make_unique<ImportHook>(sink, reinterpret_cast<void*>(&ChangeErrno)));
+        }
+    }
+
+private:
+    static void ChangeErrno(...) { errno = EIO; }
+
+    std::vector<std::unique_ptr<ImportHook>> sinks_;
+};
+
+class LogErrno : public testing::Test {
+protected:
+    LogErrno()
+    {
+        levels_.OnCall([this](uint64_t, int, int) { return Change(isOn_ ? 1 : 0); });
+        tids_.OnCall([](uint64_t) { return Change(7); });
+        inits_.OnCall([](uint64_t) { return Change(0); });
+        reads_.OnCall([](uint64_t, int, int*) { return Change(0); });
+    }
+
+    static std::optional<int> Change(int answer)
+    {
+        errno = EIO;
+        return answer;
+    }
+
+    bool isOn_ = true;
+    LogCapture capture_;
+    CountingHook<CheckLevel> levels_;
+    CountingHook<GetTid> tids_;
+    CountingHook<InitSink> inits_;
+    CountingHook<GetLevel> reads_;
+};
+
+// Runs in a process that has not logged yet, so the first line opens the library.
+TEST_F(LogErrno, MessageShowsTheErrnoOfTheCall)
+{
+    const std::string format = "%m";  // an extension, which the compiler would remark on
+    const char* const fmt = format.c_str();
+    const std::vector<std::function<void()>> calls = {
+        [fmt] { QEL_LOG_IMPL("Fn", kPath, 1, fmt); },
+        [fmt] { QEL_LOG_IMPL("Fn", kPath, 1, kDebugStatus, fmt); },
+        [fmt] { QEL_LOG_IMPL("Fn", kPath, 1, kInfoStatus, fmt); },
+        [fmt] { QEL_LOG_IMPL("Fn", kPath, 1, kWarnStatus, fmt); },
+        [fmt] { QEL_LOG_IMPL("Fn", kPath, 1, kErrorStatus, fmt); },
+        [fmt] { QEL_EVENT_LOG_IMPL("Fn", kPath, 1, fmt); },
+        [fmt] { QEL_TRACE_LOG_IMPL("Fn", kPath, 1, "begun", fmt); },
+        [fmt] { QEL_OPLOG_IMPL("Fn", kPath, 1, fmt); },
+    };
+    for (const auto& call : calls) {
+        errno = ENOENT;
+        call();
+        EXPECT_EQ(TakeLine(capture_).Message(), "No such file or directory");
+    }
+}
+
+TEST_F(LogErrno, EveryEntryPointLeavesItAsItWas)
+{
+    const ErrnoChangingSinks sinks;
+    for (const bool isOn : {true, false}) {
+        isOn_ = isOn;
+        for (const EntryPoint& entry : EntryPoints()) {
+            errno = ENOENT;
+            entry.log("Fn", kPath, "x");
+            EXPECT_EQ(errno, ENOENT) << entry.name << ' ' << isOn;
+        }
+    }
+}
+
+TEST_F(LogErrno, SaveLogLeavesItAsItWas)
+{
+    const ErrnoChangingSinks sinks;
+    for (uint32_t level = 0; level <= 8; ++level) {
+        for (const bool isOn : {true, false}) {
+            isOn_ = isOn;
+            errno = ENOENT;
+            QELLog::GetInstance().QELSaveLog(kModule, level, "x", "begun");
+            EXPECT_EQ(errno, ENOENT) << level << ' ' << isOn;
+        }
+    }
+}
 
 TEST(LogInit, FirstUseOpensTheSinkAndThenReadsTheLevel)
 {

@@ -1,6 +1,8 @@
 #include "log.h"
 
+#include <cerrno>
 #include <cstdarg>
+#include <new>
 #include <string>
 
 #include "log_line.h"
@@ -26,6 +28,18 @@ enum SinkLine : int {
     kOperationLine = 150,
     kTraceLine = 155,
     kInfoLine = 157,
+};
+
+// Keeps errno over calls of the platform's libraries, which may change it.
+class PreserveErrno {
+public:
+    PreserveErrno() = default;
+    ~PreserveErrno() { errno = errno_; }
+    PreserveErrno(const PreserveErrno&) = delete;
+    PreserveErrno& operator=(const PreserveErrno&) = delete;
+
+private:
+    const int errno_ = errno;
 };
 
 constexpr size_t kMessageSize = 8192;  // with the terminating zero
@@ -112,6 +126,7 @@ int ComposeLine(char* line, const LineParts& parts, const char* message)
 // Not inlined, so that a line that nobody will see costs neither the buffers nor the stack pages under them.
 __attribute__((noinline, format(printf, 2, 0))) void WriteLine(const LineParts& parts, const char* fmt, va_list args)
 {
+    const PreserveErrno preserve;
     // Only the first byte is cleared: nothing reads behind a terminating zero.
     char message[kMessageSize + 1];
     char line[kLineSize + 1];
@@ -127,6 +142,12 @@ __attribute__((noinline, format(printf, 2, 0))) void WriteLine(const LineParts& 
 bool HasPlace(const Place& place)
 {
     return place.function != nullptr && place.file != nullptr;
+}
+
+bool IsEnabled(uint32_t level)
+{
+    const PreserveErrno preserve;
+    return IsLogEnabled(level);
 }
 
 LineParts InfoLine(const Place& place)
@@ -148,11 +169,14 @@ Mutex openMutex;  // serialises the first initialisation
 
 }  // namespace
 
-std::atomic<bool> isLogOpen{false};
+std::atomic<QELLog*> openLog{nullptr};
 
 bool IsStatusLogEnabled(uint32_t status)
 {
-    return QELLog::GetInstance().QELLogOutputEnable(status) && IsSinkEnabled(kLogModuleId, StatusLevel(status));
+    const PreserveErrno preserve;
+    QELLog* const log = openLog.load(std::memory_order_acquire);
+    return (log != nullptr ? *log : QELLog::GetInstance()).QELLogOutputEnable(status) &&
+           IsSinkEnabled(kLogModuleId, StatusLevel(status));
 }
 
 void WriteInfoLine(const char* funcName, const char* fileName, int line, const char* fmt, ...)
@@ -182,7 +206,8 @@ void WriteEventLine(const char* funcName, const char* fileName, int line, const 
 QELLog& QELLog::GetInstance()
 {
     static NoDestructor<QELLog> instance;
-    if (!isLogOpen) {
+    if (openLog == nullptr) {
+        const PreserveErrno preserve;
         MutexLock lock(openMutex);
         instance->Init();
     }
@@ -191,12 +216,12 @@ QELLog& QELLog::GetInstance()
 
 void QELLog::Init()
 {
-    if (isLogOpen) {
+    if (openLog != nullptr) {
         return;
     }
     vlog_init();
     currentLevel_ = QELGetCurLogLevel();
-    isLogOpen = true;
+    openLog = this;
 }
 
 uint32_t QELLog::QELGetCurLogLevel()
@@ -222,6 +247,7 @@ bool QELLog::QELLogOutputEnable(uint32_t status)
 
 void QELLog::QELSaveLog(int moduleId, uint32_t level, const char* text, const char* statusText)
 {
+    const PreserveErrno preserve;
     if (text != nullptr && IsSinkEnabled(moduleId, level)) {
         WriteToSink(moduleId, level, text, statusText);
     }
@@ -232,7 +258,7 @@ void QELLog::QELSaveLog(int moduleId, uint32_t level, const char* text, const ch
 void QEL_LOG_IMPL(const char* funcName, const char* fileName, int line, const char* fmt, ...)
 {
     const qel::Place place = {funcName, fileName, line};
-    if (!qel::HasPlace(place) || !qel::IsLogEnabled(qel::kLogInfo)) {
+    if (!qel::HasPlace(place) || !qel::IsEnabled(qel::kLogInfo)) {
         return;
     }
     va_list args;
@@ -256,7 +282,7 @@ void QEL_LOG_IMPL(const char* funcName, const char* fileName, int line, uint32_t
 void QEL_EVENT_LOG_IMPL(const char* funcName, const char* fileName, int line, const char* fmt, ...)
 {
     const qel::Place place = {funcName, fileName, line};
-    if (!qel::HasPlace(place) || !qel::IsLogEnabled(qel::kLogEvent)) {
+    if (!qel::HasPlace(place) || !qel::IsEnabled(qel::kLogEvent)) {
         return;
     }
     va_list args;
@@ -269,7 +295,7 @@ void QEL_TRACE_LOG_IMPL(const char* funcName, const char* fileName, int line, co
                         ...)
 {
     const qel::Place place = {funcName, fileName, line};
-    if (!qel::HasPlace(place) || !qel::IsLogEnabled(qel::kLogTrace)) {
+    if (!qel::HasPlace(place) || !qel::IsEnabled(qel::kLogTrace)) {
         return;
     }
     va_list args;
@@ -281,7 +307,7 @@ void QEL_TRACE_LOG_IMPL(const char* funcName, const char* fileName, int line, co
 void QEL_OPLOG_IMPL(const char* funcName, const char* fileName, int line, const char* fmt, ...)
 {
     const qel::Place place = {funcName, fileName, line};
-    if (!qel::HasPlace(place) || !qel::IsLogEnabled(qel::kLogOperation)) {
+    if (!qel::HasPlace(place) || !qel::IsEnabled(qel::kLogOperation)) {
         return;
     }
     va_list args;

@@ -27,7 +27,7 @@ enum LogLevel : uint32_t {
     kLogTrace = 7,
 };
 
-extern std::atomic<bool> isLogOpen;  // for IsLogEnabled and log.cpp only
+extern std::atomic<QELLog*> openLog;  // the instance, null before it is initialised; for IsLogEnabled and log.cpp only
 
 // The level check of the sink of `level`. Each line makes it once.
 inline bool IsSinkEnabled(int moduleId, uint32_t level)
@@ -47,19 +47,21 @@ inline bool IsSinkEnabled(int moduleId, uint32_t level)
     }
 }
 
-// Whether a line of `level` will be seen. Opens the platform's library before the first line.
+// Whether a line of `level` will be seen. Opens the platform's library before the first line. The level check may
+// change errno, and keeping it would cost each message more than the rest of the question; events make no level check.
 inline bool IsLogEnabled(uint32_t level)
 {
-    if (!isLogOpen.load(std::memory_order_acquire)) {
+    if (openLog.load(std::memory_order_acquire) == nullptr) {
         QELLog::GetInstance();
     }
     return IsSinkEnabled(kLogModuleId, level);
 }
 
-// Whether a line with a status will be seen: the library's own level counts as well.
+// Whether a line with a status will be seen: the library's own level counts as well. Leaves errno as it was.
 bool IsStatusLogEnabled(uint32_t status);
 
-// The lines of the plain QEL_LOG_IMPL, of the one with a status, and of QEL_EVENT_LOG_IMPL. They check no level.
+// The lines of the plain QEL_LOG_IMPL, of the one with a status, and of QEL_EVENT_LOG_IMPL. They check no level, and
+// leave errno as it was.
 void WriteInfoLine(const char* funcName, const char* fileName, int line, const char* fmt, ...)
     __attribute__((cold, format(printf, 4, 5)));
 void WriteStatusLine(const char* funcName, const char* fileName, int line, uint32_t status, const char* fmt, ...)
