@@ -1,6 +1,8 @@
 #ifndef GAKPPC_MUTEX_H
 #define GAKPPC_MUTEX_H
 
+#include <pthread.h>
+
 #include <condition_variable>
 #include <mutex>
 
@@ -21,16 +23,17 @@
 
 namespace qel {
 
-// Raises std::system_error when it cannot be locked, as std::mutex does. Constant-initialised and trivially destroyed,
-// so a namespace-scope Mutex is usable before and after every other static object.
+// A plain mutex, neither recursive nor robust nor of a priority: it has no failure that correct use can meet, so
+// locking it raises nothing, unlike std::mutex::lock. Constant-initialised and trivially destroyed: a namespace-scope
+// Mutex is usable before and after every other static object.
 class GAKPPC_CAPABILITY("mutex") Mutex {
 public:
     constexpr Mutex() = default;
     Mutex(const Mutex&) = delete;
     Mutex& operator=(const Mutex&) = delete;
 
-    void Lock() GAKPPC_ACQUIRE() { mutex_.lock(); }
-    void Unlock() GAKPPC_RELEASE() { mutex_.unlock(); }
+    void Lock() noexcept GAKPPC_ACQUIRE() { pthread_mutex_lock(mutex_.native_handle()); }
+    void Unlock() noexcept GAKPPC_RELEASE() { mutex_.unlock(); }
 
 private:
     friend class CondVar;

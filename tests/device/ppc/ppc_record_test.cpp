@@ -15,6 +15,7 @@
 #include <thread>
 
 #include "driver_test.h"
+#include "held_mutexes.h"
 #include "ppc_server.h"
 
 namespace {
@@ -245,6 +246,27 @@ TEST_F(InFlightTest, EveryBlockedAcceptReturns25WhenTheEndpointIsDestroyed)
     EXPECT_EQ(OpenDescriptors(), before - 1);
 }
 
+// ---- Locks ----
+
+// Plain mutexes have no failure that correct use can meet, and no C function can raise one.
+TEST_F(DriverTest, LockThatClaimsToHaveFailedRaisesNothing)
+{
+    const Fd listener = RawListen(kServerId);
+    const size_t before = OpenDescriptors();
+    CountingHook<calls::Malloc> mallocCalls;
+    const FreeCounter frees;
+    CountingHook<calls::MutexLock> locks;
+    CountingHook<calls::MutexUnlock> unlocks;
+    locks.FailFrom(1, EINVAL, EINVAL);
+    unlocks.FailFrom(1, 0, 0);
+    PpcSession* session = nullptr;
+    ASSERT_NO_THROW(ASSERT_EQ(drvPpcSessionConnect(kServerId, &session), PPC_OK));
+    ASSERT_NO_THROW(EXPECT_EQ(drvPpcSessionDestroy(session), PPC_OK));
+    EXPECT_GT(locks.Count(), 2u);
+    EXPECT_EQ(OpenDescriptors(), before);
+    EXPECT_EQ(mallocCalls.Count() - frees.Count(), 1u) << "the record in quarantine";
+}
+
 // ---- Ended handles ----
 
 struct EndFunction {
@@ -436,11 +458,6 @@ TEST_F(EndedHandleTest, NeighboursOfASessionThatLeavesQuarantineAreFreedInOrder)
     EXPECT_EQ(ViewOf(held.session).magic, PPC_SESSION_MAGIC);
 }
 
-struct MutexLock : calls::OfGakppc {
-    static constexpr const char* kSymbol = "pthread_mutex_lock";
-    using Signature = int(pthread_mutex_t*);
-};
-
 // The last reference is on its way out when somebody else takes a new one.
 TEST_F(EndedHandleTest, SessionReferencedWhileItsLastReferenceGoesIsKept)
 {
@@ -448,7 +465,7 @@ TEST_F(EndedHandleTest, SessionReferencedWhileItsLastReferenceGoesIsKept)
     const Fd listener = RawListen(kServerId);
     Connection ended(listener);
     {
-        CountingHook<MutexLock> locks;
+        CountingHook<calls::MutexLock> locks;
         locks.OnCall([&](uint64_t number, pthread_mutex_t*) -> std::optional<int> {
             if (number == 2) {  // the first one ended the record, this one is to quarantine it
                 void* const handle = ended.session;

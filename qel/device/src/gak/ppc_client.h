@@ -18,8 +18,7 @@ namespace qel {
 ///
 /// Results are status numbers, 0x1011000 for success. Any thread may call any function, also while another one is in
 /// Destroy or the process exits. No thread is started: a worker's own thread receives (RecvData), one at a time on each
-/// session, and any number of others send. Nothing is raised but std::system_error when a mutex cannot be
-/// locked.
+/// session, and any number of others send. Nothing is raised.
 ///
 /// Locks: each mutex is held alone. The session mutex is held over a connect and over the tear-down of all sessions,
 /// never while sending or receiving. Blocked threads are woken as follows: a receive or a send by Destroy, which shuts

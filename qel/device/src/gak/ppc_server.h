@@ -19,8 +19,8 @@ namespace qel {
 /// CreateServer. After Destroy the server can be created again.
 ///
 /// Results are status numbers, 0x1011000 for success; every failure is logged. Any thread may call any function, with
-/// the exceptions named at Destroy and RegPPCSerMsgProcFunc. Nothing is raised but std::system_error when a mutex
-/// cannot be locked; what cannot be stored for lack of memory is logged and left out.
+/// the exceptions named at Destroy and RegPPCSerMsgProcFunc. Nothing is raised; what cannot be stored for lack of memory
+/// is logged and left out.
 ///
 /// Threads. "ppc_srv_accept" runs AcceptConnection from CreateServer until Destroy, or until the driver reports that
 /// the endpoint is gone. "ppc_srv_recv_<n>" runs RecvData for one session; it ends when its session closes, when its
