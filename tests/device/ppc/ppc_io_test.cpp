@@ -334,10 +334,47 @@ TEST_F(SocketIoTest, RecvRefusesBadArgumentsBeforeReading)
     const auto line = ErrorLine("drvPpcSocketRecv", "null pBuf");
     EXPECT_THAT(log_.Lines(), ElementsAre(line, line));
     EXPECT_EQ(drvPpcSocketRecv(socket_.get(), buffer, 10, nullptr), PPC_ERR_INVALID_VALUE);
-    EXPECT_EQ(drvPpcSocketRecv(socket_.get(), buffer, -1, &got_), PPC_ERR_INVALID_VALUE);
-    EXPECT_EQ(drvPpcSocketRecv(socket_.get(), buffer, INT_MIN, &got_), PPC_ERR_INVALID_VALUE);
     EXPECT_EQ(got_, kUntouched);
     EXPECT_EQ(WaitingBytes(socket_), 14);
+}
+
+// The length field is read and compared first, and no payload ever fits.
+TEST_F(SocketIoTest, NegativeExpectedLengthConsumesTheLengthOnly)
+{
+    const struct {
+        Bytes field;
+        int expected;
+        const char* text;
+    } cases[] = {{{0, 0, 0, 2}, -1, "2 != -1"},
+                 {{0, 0, 0, 0}, INT_MIN, "0 != -2147483648"},
+                 {{0xFF, 0xFF, 0xFF, 0xFF}, -1, "-1 != -1"},
+                 {{0x80, 0, 0, 0}, INT_MIN, "-2147483648 != -2147483648"}};
+    for (const auto& wanted : cases) {
+        std::tie(socket_, peer_) = gaktest::SocketPair();
+        log_.Clear();
+        ASSERT_TRUE(WriteAll(peer_, wanted.field));
+        ASSERT_TRUE(WriteAll(peer_, {7, 8}));
+        char buffer[2] = {1, 2};
+        EXPECT_EQ(drvPpcSocketRecv(socket_.get(), buffer, wanted.expected, &got_), PPC_ERR_INVALID_VALUE);
+        EXPECT_THAT(log_.Lines(),
+                    ElementsAre(ErrorLine("drvPpcSocketRecv", std::string("recv Msg length not equal: ") + wanted.text +
+                                                                  SockText(socket_.get()))));
+        EXPECT_EQ(WaitingBytes(socket_), 2);
+        EXPECT_THAT(buffer, ElementsAre(1, 2));
+    }
+    EXPECT_EQ(got_, kUntouched);
+}
+
+TEST_F(SocketIoTest, NegativeExpectedLengthComesAfterTheEndAndAFailure)
+{
+    char buffer[1];
+    errno = kEarlierErrno;
+    EXPECT_EQ(drvPpcSocketRecv(-1, buffer, -1, &got_), PPC_ERR_RECV);
+    peer_.Reset();
+    errno = kEarlierErrno;
+    EXPECT_EQ(drvPpcSocketRecv(socket_.get(), buffer, -1, &got_), PPC_ERR_SOCKET_CLOSED);
+    EXPECT_THAT(log_.Lines(), ElementsAre(ErrorLine("drvPpcSocketRecv", RecvErrorText(-1, EBADF)),
+                                          ErrorLine("drvPpcSocketRecv", ClosedText(socket_.get()))));
 }
 
 TEST_F(SocketIoTest, LengthMismatchGives3AndConsumesTheLength)

@@ -472,6 +472,37 @@ TEST_P(SessionAcceptFailureTest, ClosesTheConnectionAndLeavesTheOutParameter)
     EXPECT_EQ(session_, kNoSession);
 }
 
+// Unlike the others it closes first.
+TEST_F(SessionAcceptTest, FailingMemsetClosesTheConnectionBeforeTheLine)
+{
+    std::vector<size_t> linesBeforeClose;
+    CountingHook<calls::Close> closeCalls;
+    closeCalls.OnCall([&](uint64_t, int) -> std::optional<int> {
+        linesBeforeClose.push_back(log_.Lines().size());
+        errno = EIO;
+        return std::nullopt;
+    });
+    CountingHook<calls::MemsetS> memsetCalls;
+    memsetCalls.FailCall(1, 34, ERANGE);
+    EXPECT_EQ(drvPpcSessionAccept(endpoint_.server, &session_), PPC_ERR_INVALID_VALUE);
+    EXPECT_THAT(linesBeforeClose, ElementsAre(1u)) << "the line of the accepted connection";
+    EXPECT_THAT(log_.Lines().back(), ErrorLine("drvPpcSessionAccept", MemsetText(ERANGE)));
+}
+
+TEST_F(SessionAcceptTest, FailingMallocClosesTheConnectionAfterTheLine)
+{
+    std::vector<size_t> linesBeforeClose;
+    CountingHook<calls::Close> closeCalls;
+    closeCalls.OnCall([&](uint64_t, int) -> std::optional<int> {
+        linesBeforeClose.push_back(log_.Lines().size());
+        return std::nullopt;
+    });
+    CountingHook<calls::Malloc> mallocCalls;
+    mallocCalls.FailCall(1, nullptr, ENOMEM);
+    EXPECT_EQ(drvPpcSessionAccept(endpoint_.server, &session_), PPC_ERR_NO_MEMORY);
+    EXPECT_THAT(linesBeforeClose, ElementsAre(2u));
+}
+
 INSTANTIATE_TEST_SUITE_P(, SessionAcceptFailureTest,
                          testing::Values(MallocFails("ppc server session malloc failed"), kMemsetFails), NameOf);
 

@@ -281,7 +281,7 @@ GAKPPC_API int drvPpcSocketRecvPeek(int fd, uint32_t* len);
  *
  * @param[in]  fd        A connected stream socket.
  * @param[out] buf       Takes the payload: `expected` bytes.
- * @param[in]  expected  The payload length that the frame must announce.
+ * @param[in]  expected  The payload length that the frame must announce. None announces a negative one.
  * @param[out] got       The number of payload bytes, which is `expected`.
  * @return PPC_OK (0); PPC_ERR_INVALID_VALUE (3) when the frame announces another length (its length field is consumed
  *         then); PPC_ERR_SOCKET_CLOSED (25) when the peer closed; PPC_ERR_RECV (26) when recv fails.

@@ -60,14 +60,10 @@ int ReceivePayload(int fd, char* buf, size_t size, ppc::CallSite site)
     return PPC_OK;
 }
 
-struct Free {
-    void operator()(void* memory) const { free(memory); }
-};
-
 // Gives the descriptor a buffer of its own.
 int AddReceiveBuffer(PpcMsg* msg, uint32_t length, int fd, ppc::CallSite site)
 {
-    std::unique_ptr<void, Free> buffer(malloc(length));
+    std::unique_ptr<void, ppc::FreeMemory> buffer(malloc(length));
     if (buffer == nullptr) {
         PPC_ERROR(PPC_TEXT_AT(site, "malloc fail(sock: %d)"), fd);
         return PPC_ERR_NO_MEMORY;
@@ -147,7 +143,7 @@ int drvPpcSocketRecv(int fd, void* buf, int expected, uint32_t* got)
         PPC_ERROR(PPC_TEXT("null pBuf"));
         return PPC_ERR_INVALID_VALUE;
     }
-    if (expected < 0 || got == nullptr) {
+    if (got == nullptr) {
         PPC_ERROR(PPC_TEXT("illegal expected length %d or null ptr"), expected);
         return PPC_ERR_INVALID_VALUE;
     }
@@ -158,7 +154,7 @@ int drvPpcSocketRecv(int fd, void* buf, int expected, uint32_t* got)
         return code;
     }
     const uint32_t announced = ntohl(lengthField);
-    if (announced != static_cast<uint32_t>(expected)) {
+    if (expected < 0 || announced != static_cast<uint32_t>(expected)) {
         PPC_ERROR(PPC_TEXT("recv Msg length not equal: %d != %d(sock: %d)"), static_cast<int>(announced), expected, fd);
         return PPC_ERR_INVALID_VALUE;
     }

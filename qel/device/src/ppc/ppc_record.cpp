@@ -134,7 +134,7 @@ PpcRecord::PpcRecord(Kind kind, int fd, std::atomic<int32_t>* publicFd)
 {
 }
 
-void PpcRecord::Publish()
+void PpcRecord::Publish() noexcept
 {
     DirectoryOf(kind_).Add(this);
 }

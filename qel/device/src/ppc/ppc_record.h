@@ -5,9 +5,11 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <cerrno>
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>
+#include <memory>
 #include <new>
 #include <utility>
 
@@ -52,7 +54,7 @@ public:
     }
 
     // Enters the record in the directory: from now on its handle is known.
-    void Publish();
+    void Publish() noexcept;
 
     // A new reference, also to an ended record. Empty for a handle that is not known, which is never dereferenced.
     static PpcRecordRef Acquire(Kind kind, void* handle);
@@ -199,32 +201,30 @@ private:
     int fd_;
 };
 
-// What a handle points at, and the record in front of it.
-template <typename Public>
-struct RecordBlock {
-    PpcRecord record;
-    Public publicPart;
+struct FreeMemory {
+    void operator()(void* memory) const { free(memory); }
 };
 
-// Makes the record that owns `fd` from then on. PPC_ERR_NO_MEMORY or PPC_ERR_INVALID_VALUE (memset_s failed) leave
-// both arguments as they are.
+// Makes a record and behind it the public part, which a handle points at. The record owns `fd` from then on.
+// PPC_ERR_NO_MEMORY or PPC_ERR_INVALID_VALUE (memset_s failed, and errno is what it left) leave both arguments as they
+// are.
 template <typename Public>
 int CreateRecord(PpcRecord::Kind kind, OwnFd& fd, Public** created)
 {
-    using Block = RecordBlock<Public>;
-    static_assert(offsetof(Block, publicPart) == sizeof(PpcRecord), "the handle must follow the record at once");
-    void* memory = malloc(sizeof(Block));
+    static_assert(sizeof(PpcRecord) % alignof(Public) == 0, "the handle must follow the record at once");
+    constexpr size_t kSize = sizeof(PpcRecord) + sizeof(Public);
+    std::unique_ptr<void, FreeMemory> memory(malloc(kSize));
     if (memory == nullptr) {
         return PPC_ERR_NO_MEMORY;
     }
-    if (memset_s(memory, sizeof(Block), 0, sizeof(Block)) != 0) {
-        free(memory);
+    if (memset_s(memory.get(), kSize, 0, kSize) != 0) {
+        const int error = errno;
+        memory.reset();
+        errno = error;
         return PPC_ERR_INVALID_VALUE;
     }
-    Block* block = static_cast<Block*>(memory);
-    Public* publicPart = new (&block->publicPart) Public{};
-    Initialize(*publicPart, fd.Get());
-    PpcRecord* record = new (&block->record) PpcRecord(kind, fd.Release(), &DescriptorOf(*publicPart));
+    auto* publicPart = new (static_cast<char*>(memory.get()) + sizeof(PpcRecord)) Public(fd.Get());
+    auto* record = new (memory.release()) PpcRecord(kind, fd.Release(), &publicPart->fd);
     record->Publish();
     *created = publicPart;
     return PPC_OK;

@@ -83,12 +83,12 @@ int ConnectToServer(const ServerSocket& socket)
     return result;
 }
 
-void LogRecordFailure(int code, const char* mallocText, ppc::CallSite site)
+void LogRecordFailure(int code, int error, const char* mallocText, ppc::CallSite site)
 {
     if (code == PPC_ERR_NO_MEMORY) {
         PPC_ERROR(PPC_TEXT_AT(site, "%s"), mallocText);
     } else {
-        PPC_ERROR(PPC_LINE_AT(site, "memset_s error: %s.", "\n"), strerror(errno));
+        PPC_ERROR(PPC_LINE_AT(site, "memset_s error: %s.", "\n"), strerror(error));
     }
 }
 
@@ -132,7 +132,7 @@ int drvPpcServerCreate(int serverId, PpcServerHead** ppServer)
     PpcServerHead* server = nullptr;
     code = CreateRecord(PpcRecord::Kind::kServer, socket.fd, &server);
     if (code != PPC_OK) {
-        LogRecordFailure(code, "ppc server malloc failed", PPC_CALL_SITE);
+        LogRecordFailure(code, errno, "ppc server malloc failed", PPC_CALL_SITE);
         return code;
     }
     PPC_INFO(PPC_TEXT("Ppc Server Create %d, pid %d"), listenFd, serverId);
@@ -180,7 +180,11 @@ int drvPpcSessionAccept(PpcServerHead* server, PpcSession** ppSession)
     PPC_INFO(PPC_TEXT("Ppc Accept Session %d, Server fd %d, pid %d"), fd.Get(), call.Fd(), getpid());
     const int code = CreateRecord(PpcRecord::Kind::kSession, fd, ppSession);
     if (code != PPC_OK) {
-        LogRecordFailure(code, "ppc server session malloc failed", PPC_CALL_SITE);
+        const int error = errno;
+        if (code == PPC_ERR_INVALID_VALUE) {
+            fd = OwnFd();  // unlike the others, this failure is logged after the close
+        }
+        LogRecordFailure(code, error, "ppc server session malloc failed", PPC_CALL_SITE);
     }
     return code;
 }
@@ -234,7 +238,7 @@ int drvPpcSessionConnect(int serverId, PpcSession** ppSession)
     PpcSession* session = nullptr;
     code = CreateRecord(PpcRecord::Kind::kSession, socket.fd, &session);
     if (code != PPC_OK) {
-        LogRecordFailure(code, "ppc session malloc failed", PPC_CALL_SITE);
+        LogRecordFailure(code, errno, "ppc session malloc failed", PPC_CALL_SITE);
         return code;
     }
     PPC_INFO(PPC_TEXT("Ppc connect session %d, pid %d"), sessionFd, getpid());

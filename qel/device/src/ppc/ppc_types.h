@@ -10,14 +10,18 @@
 // Public parts of the records: what handles point at. A private part stands in front of each.
 
 struct PpcSession {
-    uint32_t magic;
+    explicit PpcSession(int descriptor) : fd(descriptor) {}
+
+    uint32_t magic = PPC_SESSION_MAGIC;
     std::atomic<int32_t> fd;
-    uint32_t reserved[6];
+    uint32_t reserved[6] = {};
 };
 
 struct PpcServerHead {
-    std::atomic<int32_t> listenFd;
-    void* link;
+    explicit PpcServerHead(int descriptor) : fd(descriptor) {}
+
+    std::atomic<int32_t> fd;  // listens
+    void* link = nullptr;
 };
 
 struct PpcMsgBd {
@@ -34,27 +38,6 @@ struct PpcMsg {
 namespace ppc {
 
 constexpr uint32_t kBufferCount = 1;
-
-inline std::atomic<int32_t>& DescriptorOf(PpcSession& session)
-{
-    return session.fd;
-}
-
-inline std::atomic<int32_t>& DescriptorOf(PpcServerHead& server)
-{
-    return server.listenFd;
-}
-
-inline void Initialize(PpcSession& session, int fd)
-{
-    session.magic = PPC_SESSION_MAGIC;
-    session.fd = fd;
-}
-
-inline void Initialize(PpcServerHead& server, int fd)
-{
-    server.listenFd = fd;
-}
 
 // Private part in front of a message descriptor.
 struct PpcMsgHead {
