@@ -341,7 +341,7 @@ TEST_P(PpcServerNoMemoryTest, SessionThatCannotBeStoredIsClosedAlone)
     EXPECT_EQ(log_.Count("Destory ppc session serverId_"), 1u);
 }
 
-INSTANTIATE_TEST_SUITE_P(Block, PpcServerNoMemoryTest, testing::Range<uint64_t>(1, 4));
+INSTANTIATE_TEST_SUITE_P(Block, PpcServerNoMemoryTest, testing::Range<uint64_t>(1, 7));
 
 // ---- SendData ----
 

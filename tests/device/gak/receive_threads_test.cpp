@@ -148,6 +148,23 @@ TEST_F(ReceiveThreadsTest, UnreapedThreadsLeaveTheirStacksToYoungerOnes)
     EXPECT_EQ(lines.back(), "exit [threadSize=0] [freeThreadSize=0]");
 }
 
+// So that a daemon that nobody reaps keeps one stack, not as many as it had workers.
+TEST_F(ReceiveThreadsTest, EndingThreadJoinsTheOneThatEndedBefore)
+{
+    Create();
+    std::vector<Fd> workers;
+    for (int i = 0; i < 3; ++i) {
+        workers.push_back(Connect());
+    }
+    CountingHook<ThreadJoin> joins;
+    for (Fd& worker : workers) {
+        Finish(worker);
+    }
+    EXPECT_EQ(joins.Count(), 2u);
+    server_.JoinAllPPCRcvThreads();
+    EXPECT_EQ(joins.Count(), 3u);
+}
+
 // A thread that was not started by the server leaves an entry that belongs to nobody.
 TEST_F(ReceiveThreadsTest, EntryOfAForeignThreadMatchesNoReceiveThread)
 {

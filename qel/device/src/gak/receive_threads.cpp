@@ -9,12 +9,13 @@
 namespace qel {
 namespace {
 
-// The serial number of a thread that was started here.
+// The serial number of a thread that was started here, until it reports its end.
 thread_local uint64_t ownSerial = 0;
 
-void Join(std::list<std::thread>& threads)
+// Short for a thread that has reported its end: it has nothing left to do.
+void JoinIfAny(std::thread thread)
 {
-    for (std::thread& thread : threads) {
+    if (thread.joinable()) {
         thread.join();
     }
 }
@@ -23,45 +24,50 @@ void Join(std::list<std::thread>& threads)
 
 void ReceiveThreads::Start(Body body)
 {
-    JoinEnded();
+    JoinIfAny(TakeLastEnded());
     Threads started;
     MutexLock lock(mutex_);
     const uint64_t number = threads_.size();
     const uint64_t serial = ++lastSerial_;
     Thread& thread = started[serial];
     // Under the mutex, which waits for nobody: a thread that ends at once then finds itself listed.
-    thread.handle.front() = StartLibraryThread([serial, number, body = std::move(body)] {
+    thread.handle = StartLibraryThread([serial, number, body = std::move(body)] {
         ownSerial = serial;
         body(number);
     });
-    thread.id = thread.handle.front().get_id();
+    thread.id = thread.handle.get_id();
     thread.report.front() = {serial, thread.id};
     threads_.merge(started);
 }
 
 void ReceiveThreads::ReportEnd()
 {
+    const uint64_t serial = std::exchange(ownSerial, 0);
     std::list<Record> foreign;
-    if (ownSerial == 0) {
+    if (serial == 0) {
         try {
             foreign.push_back({0, std::this_thread::get_id()});
         } catch (const std::bad_alloc&) {
             return;
         }
     }
-    MutexLock lock(mutex_);
-    ended_.splice(ended_.end(), foreign);
-    const auto self = threads_.find(ownSerial);
-    if (self != threads_.end()) {  // otherwise JoinAll waits for it
-        ended_.splice(ended_.end(), self->second.report);
-        toJoin_.splice(toJoin_.end(), self->second.handle);
+    std::thread before;
+    {
+        MutexLock lock(mutex_);
+        ended_.splice(ended_.end(), foreign);
+        const auto self = threads_.find(serial);
+        if (self != threads_.end()) {  // otherwise JoinAll waits for it
+            ended_.splice(ended_.end(), self->second.report);
+            before = std::exchange(lastEnded_, std::move(self->second.handle));
+        }
     }
+    JoinIfAny(std::move(before));
 }
 
 ReceiveThreads::Reaping ReceiveThreads::Reap(bool withRecords)
 {
     Reaping reaping = {};
-    std::list<std::thread> joined;
+    std::thread last;
     {
         MutexLock lock(mutex_);
         reaping.threadsBefore = threads_.size();
@@ -73,9 +79,9 @@ ReceiveThreads::Reaping ReceiveThreads::Reap(bool withRecords)
         }
         reaping.threadsAfter = threads_.size();
         reaping.endedAfter = ended_.size();
-        joined.swap(toJoin_);
+        last = std::exchange(lastEnded_, {});
     }
-    Join(joined);
+    JoinIfAny(std::move(last));
     return reaping;
 }
 
@@ -96,28 +102,21 @@ void ReceiveThreads::JoinAll()
 {
     Threads threads;
     std::list<Record> ended;
-    std::list<std::thread> joined;
     {
         MutexLock lock(mutex_);
         threads.swap(threads_);
         ended.swap(ended_);
-        joined.swap(toJoin_);
     }
     for (auto& entry : threads) {
-        Join(entry.second.handle);
+        JoinIfAny(std::move(entry.second.handle));
     }
-    Join(joined);
+    JoinIfAny(TakeLastEnded());
 }
 
-// The joins are short: an ended thread has nothing left to do.
-void ReceiveThreads::JoinEnded()
+std::thread ReceiveThreads::TakeLastEnded()
 {
-    std::list<std::thread> joined;
-    {
-        MutexLock lock(mutex_);
-        joined.swap(toJoin_);
-    }
-    Join(joined);
+    MutexLock lock(mutex_);
+    return std::exchange(lastEnded_, {});
 }
 
 }  // namespace qel

@@ -14,7 +14,8 @@
 namespace qel {
 
 // The threads that receive, in the order of their start, each from its start until it is reaped; and the list of those
-// that have reported their end. Any thread may call any function: threads are joined outside the mutex.
+// that have reported their end. Any thread may call any function: threads are joined outside the mutex. That joins are
+// short is up to the handlers: what their thread-local objects wait for, others wait for too.
 class ReceiveThreads {
 public:
     using Body = std::function<void(uint64_t number)>;
@@ -24,8 +25,9 @@ public:
     // and std::bad_alloc.
     void Start(Body body);
 
-    // The calling thread has nothing left to do. A thread from elsewhere only leaves an entry in the list of ended
-    // threads, or none when memory runs out.
+    // The calling thread has nothing left to do but to join the one that ended before it, so that at most one waits to
+    // be joined. A thread from elsewhere only leaves an entry in the list of ended threads, or none when memory runs
+    // out.
     void ReportEnd();
 
     // A thread as the lists know it. The system gives thread ids again, so a serial number goes with each; it is 0 for
@@ -49,22 +51,21 @@ public:
     void JoinAll();
 
 private:
-    // Lists of one, whose elements move to the lists below when the thread ends: reporting that cannot fail.
     struct Thread {
+        std::thread handle;  // empty when the thread has ended
         std::thread::id id;
-        std::list<std::thread> handle = std::list<std::thread>(1);
-        std::list<Record> report = std::list<Record>(1);
+        std::list<Record> report = std::list<Record>(1);  // moves to the ended ones: reporting the end cannot fail
     };
     using Threads = std::map<uint64_t, Thread>;  // by serial number
 
-    void JoinEnded();
+    std::thread TakeLastEnded();
     void CopyRecords(Reaping& reaping) GAKPPC_REQUIRES(mutex_);
 
     Mutex mutex_;
     uint64_t lastSerial_ GAKPPC_GUARDED_BY(mutex_) = 0;
     Threads threads_ GAKPPC_GUARDED_BY(mutex_);
     std::list<Record> ended_ GAKPPC_GUARDED_BY(mutex_);
-    std::list<std::thread> toJoin_ GAKPPC_GUARDED_BY(mutex_);  // the handles of ended threads
+    std::thread lastEnded_ GAKPPC_GUARDED_BY(mutex_);  // has joined all that ended before it
 };
 
 }  // namespace qel
