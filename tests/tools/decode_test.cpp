@@ -1,3 +1,4 @@
+#include <algorithm>
 #include <fstream>
 
 #include "tool.h"
@@ -167,14 +168,70 @@ TEST(DecodeTest, CaptureIsShownAsRecorded)
     EXPECT_EQ(outcome.out.find("1970-01-01T00:00:01.000000Z #7 -> pid 4711 uid 1000 HEARTBEAT {"), 0u) << outcome.out;
 }
 
-TEST(DecodeTest, CaptureThatWasCutShowsWhatIsWhole)
+TEST(DecodeTest, TruncatedCaptureShowsWholeRecordsAndFails)
 {
-    Bytes file = CaptureOfOneHeartbeat(1);
-    file.insert(file.end(), {1, 2, 3});
-    WriteFile("/home/cut.cap", file);
-    const Outcome outcome = Ctl({"decode", "/home/cut.cap"});
-    EXPECT_TRUE(outcome.status.ExitedWith(0)) << outcome.err;
-    EXPECT_EQ(CountOf(outcome.out, "\n"), 1u);
+    const Bytes whole = CaptureOfOneHeartbeat(1);
+    const size_t header = 12;
+    Bytes file = whole;
+    file.insert(file.end(), whole.begin() + header, whole.end());  // a second record
+    for (const size_t missing : {size_t{1}, size_t{8}, whole.size() - header - 1}) {
+        WriteFile("/home/cut.cap", Bytes(file.begin(), file.end() - static_cast<ptrdiff_t>(missing)));
+        const Outcome outcome = Ctl({"decode", "/home/cut.cap"});
+        EXPECT_TRUE(outcome.status.ExitedWith(1)) << missing << ": " << outcome.status;
+        EXPECT_EQ(outcome.err, "gakppctl: the capture ends inside a record: it is incomplete\n") << missing;
+        EXPECT_EQ(CountOf(outcome.out, "\n"), 1u) << missing;
+    }
+    WriteFile("/home/empty.cap", Bytes(whole.begin(), whole.begin() + header));
+    EXPECT_TRUE(Ctl({"decode", "/home/empty.cap"}).status.ExitedWith(0)) << "a capture without records is complete";
+}
+
+TEST(DecodeTest, DirectoryIsRefused)
+{
+    const Outcome outcome = Ctl({"decode", "/home"});
+    EXPECT_TRUE(outcome.status.ExitedWith(1));
+    EXPECT_EQ(outcome.err, "gakppctl: /home: Is a directory\n");
+    EXPECT_EQ(outcome.out, "");
+}
+
+// Nothing below space but the newline, no DEL, nothing above ASCII.
+bool IsPlainText(const std::string& text)
+{
+    return std::all_of(text.begin(), text.end(), [](char c) { return c == '\n' || (c >= ' ' && c <= '~'); });
+}
+
+TEST(DecodeTest, ControlBytesAreNeverPrinted)
+{
+    std::string bytes;
+    for (int byte = 1; byte < 256; ++byte) {
+        bytes += static_cast<char>(byte);
+    }
+    for (const std::string& input : {bytes, "\x1b[31m" + bytes, std::string("41\x1b"), "\x9b" + bytes}) {
+        const Outcome outcome = Ctl({"decode"}, input);
+        EXPECT_TRUE(outcome.status.ExitedWith(1));
+        EXPECT_TRUE(IsPlainText(outcome.err)) << Hex(ToBytes(outcome.err));
+        EXPECT_EQ(outcome.out, "");
+    }
+    const Outcome missing = Ctl({"decode", "/home/\x1b[31m\x07\xff"});
+    EXPECT_EQ(missing.err, "gakppctl: /home/\\x1b[31m\\x07\\xff: No such file or directory\n");
+}
+
+TEST(DecodeTest, ControlCharactersInAMessageAreEscaped)
+{
+    RawMessage message = FromWorker(3);
+    message.lib_names = {{"\x1b[31m\x7f\n", "\xc2\x9b"}};
+    for (const bool json : {false, true}) {
+        const Outcome outcome =
+            Ctl(json ? std::vector<std::string>{"decode", "--json"} : std::vector<std::string>{"decode"},
+                HexOf(PpcFrame(message)));
+        EXPECT_TRUE(outcome.status.ExitedWith(0));
+        EXPECT_NE(outcome.out.find(R"("lib_name":["\u001b[31m\u007f\n","\u009b"])"), std::string::npos) << outcome.out;
+        EXPECT_TRUE(IsPlainText(outcome.out));
+    }
+    message.lib_names = {{"\xff"}};  // no UTF-8
+    const Outcome outcome = Ctl({"decode"}, HexOf(PpcFrame(message)));
+    EXPECT_TRUE(outcome.status.ExitedWith(1));
+    EXPECT_NE(outcome.out.find("MALFORMED (the encoding is damaged"), std::string::npos) << outcome.out;
+    EXPECT_EQ(outcome.err, "");
 }
 
 TEST(DecodeTest, CaptureOfAnotherVersionIsRefused)
@@ -190,7 +247,9 @@ TEST(DecodeTest, DamagedCaptureIsRefused)
     Bytes file = CaptureOfOneHeartbeat(1);
     file[8 + 4 + 12] = 9;  // kind
     WriteFile("/home/damaged.cap", file);
-    EXPECT_TRUE(Ctl({"decode", "/home/damaged.cap"}).status.ExitedWith(1));
+    const Outcome outcome = Ctl({"decode", "/home/damaged.cap"});
+    EXPECT_TRUE(outcome.status.ExitedWith(1));
+    EXPECT_EQ(outcome.err, "gakppctl: record 1 of the capture is damaged\n");
 }
 
 }  // namespace

@@ -59,6 +59,20 @@ TEST(Gakppcd, JsonFitsItsSchema)
     EXPECT_TRUE(FitsSchema(daemon->out(), "daemon"));
 }
 
+TEST(Gakppcd, ControlCharactersOfAWorkerAreEscaped)
+{
+    const auto daemon = StartDaemon();
+    const Fd worker = RawConnect(kServer);
+    RawMessage message = FromWorker(3);
+    message.lib_names = {{"\x1b[31mlib.so\x07"}};
+    ASSERT_TRUE(WriteAll(worker, PpcFrame(message)));
+    EXPECT_TRUE(daemon->WaitForOut(R"(libraries: \x1b[31mlib.so\x07)"));
+    daemon->Write("\x1b[31m\n");
+    EXPECT_TRUE(daemon->WaitForErr(R"("\x1b[31m" is no command)"));
+    EXPECT_EQ(daemon->out().find('\x1b'), std::string::npos);
+    EXPECT_EQ(daemon->err().find('\x1b'), std::string::npos);
+}
+
 TEST(Gakppcd, OrderShutsOneWorkerDown)
 {
     const auto daemon = StartDaemon();

@@ -1,4 +1,5 @@
 #include <csignal>
+#include <filesystem>
 
 #include "tool.h"
 
@@ -62,6 +63,40 @@ TEST_F(ReplayTest, OneConnectionCanBeChosen)
     EXPECT_EQ(replay.out(), "1 connection(s), 1 message(s) sent, 0 received\n");
 }
 
+TEST_F(ReplayTest, ConnectionThatIsNotInTheCaptureFails)
+{
+    const Outcome outcome = Ctl({"replay", kCapture, "--connection", "7"});
+    EXPECT_TRUE(outcome.status.ExitedWith(1)) << outcome.status;
+    EXPECT_EQ(outcome.err, "gakppctl: the capture has no connection 7\n");
+    EXPECT_EQ(outcome.out, "");
+    EXPECT_FALSE(WaitReadable(listener_, std::chrono::milliseconds(0))) << "it has connected";
+}
+
+TEST_F(ReplayTest, TruncatedCaptureIsSentAsFarAsItGoesAndFails)
+{
+    const auto size = std::filesystem::file_size(kCapture);
+    std::filesystem::resize_file(kCapture, size - 1);  // in the record of the second connection's end
+    Tool replay(kGakppctl, {"replay", kCapture, "--speed", "0", "--wait", "0"});
+    const Fd first = RawAccept(listener_, kLimit);
+    EXPECT_EQ(ReadPpcFrame(first, kLimit), FromWorker(0, 0));
+    EXPECT_EQ(ReadPpcFrame(first, kLimit), FromWorker(2, 0));
+    const Fd second = RawAccept(listener_, kLimit);
+    EXPECT_EQ(ReadPpcFrame(second, kLimit), FromWorker(0, 1));
+    EXPECT_TRUE(replay.Finish().ExitedWith(1));
+    EXPECT_EQ(replay.out(), "2 connection(s), 3 message(s) sent, 0 received\n");
+    EXPECT_EQ(replay.err(), "gakppctl: the capture ends inside a record: it is incomplete\n");
+}
+
+TEST_F(ReplayTest, ConnectionThatTheDaemonClosesFails)
+{
+    Tool replay(kGakppctl, {"replay", kCapture});
+    Fd first = RawAccept(listener_, kLimit);
+    EXPECT_EQ(ReadPpcFrame(first, kLimit), FromWorker(0, 0));
+    first.Reset();
+    EXPECT_TRUE(replay.Finish().ExitedWith(1));
+    EXPECT_NE(replay.err().find("the daemon has closed connection 1"), std::string::npos) << replay.err();
+}
+
 TEST_F(ReplayTest, SpeedStretchesThePauses)
 {
     Tool replay(kGakppctl, {"replay", kCapture, "--connection", "1", "--speed", "0.25"});
@@ -83,6 +118,7 @@ TEST(ReplayStandaloneTest, WhatIsNoCaptureIsRefused)
     EXPECT_TRUE(outcome.status.ExitedWith(1));
     EXPECT_NE(outcome.err.find("not a capture"), std::string::npos) << outcome.err;
     EXPECT_TRUE(Ctl({"replay", "/nowhere"}).status.ExitedWith(1));
+    EXPECT_EQ(Ctl({"replay", "/home"}).err, "gakppctl: /home: Is a directory\n");
     EXPECT_TRUE(Ctl({"replay"}).status.ExitedWith(2));
     EXPECT_TRUE(Ctl({"replay", "/proc/version", "--speed", "-1"}).status.ExitedWith(2));
 }

@@ -4,6 +4,8 @@
 
 #include <cstdio>
 
+#include "output.h"
+
 namespace tools {
 namespace {
 
@@ -18,7 +20,7 @@ std::string& ProgramName()
 void PrintError(const std::string& text)
 {
     // fmt::print would throw where standard error cannot be written.
-    static_cast<void>(fputs(fmt::format("{}: {}\n", ProgramName(), text).c_str(), stderr));
+    static_cast<void>(fputs(fmt::format("{}: {}\n", ProgramName(), Printable(text)).c_str(), stderr));
 }
 
 void SetProgramName(const std::string& name)

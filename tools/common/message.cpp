@@ -2,6 +2,7 @@
 
 #include <fmt/format.h>
 #include <gakppc/ppc.h>
+#include <google/protobuf/stubs/logging.h>
 #include <google/protobuf/util/json_util.h>
 
 #include <nlohmann/json.hpp>
@@ -46,9 +47,14 @@ std::string DescribeFragment(const StreamItem& item)
 
 }  // namespace
 
+std::string JsonText(const Json& json)
+{
+    return json.dump(-1, ' ', true, Json::error_handler_t::replace);
+}
+
 std::string JsonLine(const Json& json)
 {
-    return json.dump(-1, ' ', false, Json::error_handler_t::replace) + "\n";
+    return JsonText(json) + "\n";
 }
 
 std::string TypeName(int type)
@@ -96,6 +102,7 @@ Json ToJson(const PPCMessage& message)
     google::protobuf::util::JsonPrintOptions options;
     options.always_print_primitive_fields = true;
     options.preserve_proto_field_names = true;
+    const google::protobuf::LogSilencer silencer;  // a damaged string is reported as such
     std::string text;
     if (!google::protobuf::util::MessageToJsonString(message, &text, options).ok()) {
         return Json::object();
@@ -146,8 +153,9 @@ Decoded DecodeItem(const StreamItem& item)
                 fmt::format("inner length {} where {} byte(s) follow it", length, payload - kInnerLengthSize)};
     }
     PPCMessage message;
+    const google::protobuf::LogSilencer silencer;
     const bool good = message.ParseFromArray(inner + kInnerLengthSize, static_cast<int>(length));
-    return {message, good ? "" : "the encoding is damaged; shown is what could be read"};
+    return {message, good ? "" : "the encoding is damaged; this is what could be decoded"};
 }
 
 }  // namespace tools

@@ -14,7 +14,8 @@ namespace tools {
 // Objects keep the order in which their members were set.
 using Json = nlohmann::ordered_json;
 
-// One line of text: JSON and a newline.
+// Compact JSON in ASCII, so it has no control characters; JsonLine ends it with a newline.
+std::string JsonText(const Json& json);
 std::string JsonLine(const Json& json);
 
 // Names and numbers of the two enumerations. Unknown numbers keep their digits, for the other way round they are

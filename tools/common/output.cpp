@@ -6,6 +6,7 @@
 #include <poll.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cctype>
 #include <cerrno>
 #include <cstdlib>
@@ -27,7 +28,7 @@ uint8_t HexDigit(char digit)
     if (lower >= 'a' && lower <= 'f') {
         return static_cast<uint8_t>(lower - 'a' + 10);
     }
-    throw std::invalid_argument(fmt::format("'{}' is not a hexadecimal digit", digit));
+    throw std::invalid_argument(fmt::format("{:?} is not a hexadecimal digit", digit));
 }
 
 bool HasPrefix(const std::string& text, const char* prefix)
@@ -59,6 +60,20 @@ void Print(const std::string& text)
     if (!WriteOut(text)) {
         throw ExitError(kExitFailed, fmt::format("standard output: {}", strerror(errno)));
     }
+}
+
+std::string Printable(const std::string& text)
+{
+    const auto isPlain = [](char c) { return (c >= ' ' && c <= '~') || c == '\n'; };
+    std::string result;
+    for (auto at = text.begin(); at != text.end();) {
+        const auto other = std::find_if_not(at, text.end(), isPlain);
+        result.append(at, other);
+        at = std::find_if(other, text.end(), isPlain);
+        const std::string quoted = fmt::format("{:?}", std::string(other, at));
+        result.append(quoted, 1, quoted.size() - 2);
+    }
+    return result;
 }
 
 bool OutputIsTerminal()

@@ -18,6 +18,10 @@ bool WriteOut(const std::string& text);
 // WriteOut that ends the program (ExitError) when the text cannot be written.
 void Print(const std::string& text);
 
+// `text` with control characters and bytes that are no UTF-8 escaped as \x1b. Newlines stay. For text from outside:
+// file names, arguments, strings in messages.
+std::string Printable(const std::string& text);
+
 // Whether standard output is a terminal that understands escape codes.
 bool OutputIsTerminal();
 

@@ -76,7 +76,7 @@ std::string Body(const Record& record, const Decoded& decoded, bool coloured)
     if (decoded.message.has_value()) {
         const auto style = coloured ? fmt::emphasis::bold : fmt::text_style();
         text = fmt::format("{}{} {}", fmt::format(style, "{}", TypeName(decoded.message->type())),
-                           ClaimedPid(record, *decoded.message), ToJson(*decoded.message).dump());
+                           ClaimedPid(record, *decoded.message), JsonText(ToJson(*decoded.message)));
     }
     if (!decoded.problem.empty()) {
         const auto style = coloured ? fg(fmt::terminal_color::red) : fmt::text_style();

@@ -93,7 +93,7 @@ void View::Event(const std::string& event, const Worker* worker, const std::stri
 void View::Note(const std::string& text)
 {
     if (mode_ == Mode::kTable) {
-        Remember(text);
+        Remember(Printable(text));
     } else {
         PrintError(text);
     }
@@ -117,7 +117,7 @@ std::string View::Line(const std::string& event, const Worker* worker, const std
         text += fmt::format(" device {} {} pid {} {} heartbeats {} age {}", worker->device, ProcessName(worker->type),
                             worker->pid, Name(worker->state), worker->heartbeats, Age(*worker));
     }
-    return text + " " + event + (detail.empty() ? "" : " (" + detail + ")");
+    return Printable(text + " " + event + (detail.empty() ? "" : " (" + detail + ")"));
 }
 
 std::string View::JsonEvent(const std::string& event, const Worker* worker, const std::string& detail) const

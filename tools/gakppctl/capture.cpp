@@ -4,6 +4,7 @@
 
 #include <cerrno>
 #include <cstring>
+#include <filesystem>
 
 #include "common/exit_error.h"
 
@@ -114,8 +115,10 @@ bool CaptureReader::Next(Record& record)
 {
     uint8_t header[kRecordHeaderSize] = {};
     if (!Read(in_, header, sizeof(header))) {
+        truncated_ = in_.gcount() > 0;
         return false;
     }
+    ++records_;
     record.time = SystemTime(std::chrono::microseconds(Get<int64_t>(header)));
     record.connection = Get<uint32_t>(header + 8);
     record.kind = static_cast<RecordKind>(header[12]);
@@ -124,15 +127,27 @@ bool CaptureReader::Next(Record& record)
     record.wireLength = Get<uint64_t>(header + 24);
     const auto stored = Get<uint32_t>(header + 32);
     if (!IsSound(header, record.wireLength, stored)) {
-        throw ExitError(kExitFailed, "the capture is damaged");
+        throw ExitError(kExitFailed, fmt::format("record {} of the capture is damaged", records_));
     }
     record.bytes.resize(stored);
-    return Read(in_, record.bytes.data(), stored);
+    truncated_ = !Read(in_, record.bytes.data(), stored);
+    return !truncated_;
 }
 
 bool IsCapture(const std::string& beginning)
 {
     return beginning.compare(0, kCaptureMagicSize, kCaptureMagic) == 0;
+}
+
+std::ifstream OpenInput(const std::string& path)
+{
+    std::error_code error;
+    std::ifstream in(path, std::ios::binary);
+    const int reason = errno;
+    if (!in || std::filesystem::is_directory(path, error)) {
+        throw ExitError(kExitFailed, fmt::format("{}: {}", path, strerror(in ? EISDIR : reason)));
+    }
+    return in;
 }
 
 }  // namespace tools

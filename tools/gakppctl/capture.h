@@ -1,7 +1,9 @@
 #ifndef GAKPPC_CAPTURE_H
 #define GAKPPC_CAPTURE_H
 
+#include <cstdint>
 #include <cstdio>
+#include <fstream>
 #include <istream>
 #include <memory>
 #include <string>
@@ -24,7 +26,7 @@
 //            32      4     stored length S; less than the length on the wire for a frame above 16 MiB
 //            36      S     the bytes as they were on the wire
 //
-// A record that the file's end cuts off is ignored: the tap may have been killed while it wrote.
+// The file of a killed tap may end inside a record.
 namespace tools {
 
 constexpr size_t kCaptureMagicSize = 8;
@@ -51,12 +53,22 @@ public:
     // False at the end.
     bool Next(Record& record);
 
+    // Whether that end was inside a record.
+    bool IsTruncated() const { return truncated_; }
+
 private:
     std::istream& in_;
+    uint64_t records_ = 0;
+    bool truncated_ = false;
 };
 
-// Whether the stream begins with the magic of a capture. Reads nothing off it that the stream cannot give back.
+// Whether a file with this beginning is a capture.
 bool IsCapture(const std::string& beginning);
+
+// Opens a file to read. Throws ExitError, also for a directory.
+std::ifstream OpenInput(const std::string& path);
+
+constexpr char kCaptureIsTruncated[] = "the capture ends inside a record: it is incomplete";
 
 }  // namespace tools
 

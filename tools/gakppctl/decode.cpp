@@ -2,13 +2,12 @@
 
 #include <fmt/format.h>
 
-#include <cerrno>
-#include <cstring>
 #include <fstream>
 #include <iostream>
 #include <iterator>
 #include <memory>
 #include <sstream>
+#include <stdexcept>
 
 #include "capture.h"
 #include "subcommands.h"
@@ -26,10 +25,7 @@ std::string ReadAll(const std::string& file)
     if (file == "-") {
         return {std::istreambuf_iterator<char>(std::cin), {}};
     }
-    std::ifstream in(file, std::ios::binary);
-    if (!in) {
-        throw ExitError(kExitFailed, fmt::format("{}: {}", file, strerror(errno)));
-    }
+    std::ifstream in = OpenInput(file);
     return {std::istreambuf_iterator<char>(in), {}};
 }
 
@@ -52,18 +48,32 @@ private:
     bool allWellFormed_ = true;
 };
 
-void ShowCapture(const std::string& content, Printer& printer)
+// Whether the capture is complete.
+bool ShowCapture(const std::string& content, Printer& printer)
 {
     std::istringstream in(content);
     CaptureReader reader(in);
     for (Record record; reader.Next(record);) {
         printer.Print(record);
     }
+    if (reader.IsTruncated()) {
+        PrintError(kCaptureIsTruncated);
+    }
+    return !reader.IsTruncated();
+}
+
+Bytes ParseHex(const std::string& content)
+{
+    try {
+        return FromHex(content);
+    } catch (const std::invalid_argument& error) {
+        throw ExitError(kExitFailed, fmt::format("neither a capture nor hexadecimal digits: {}", error.what()));
+    }
 }
 
 void ShowHex(const std::string& content, Printer& printer)
 {
-    const Bytes bytes = FromHex(content);
+    const Bytes bytes = ParseHex(content);
     FrameStream stream([&printer](StreamItem&& item) {
         Record record = RecordOf(std::move(item));
         record.connection = 1;
@@ -77,12 +87,13 @@ int Run(const Options& options)
 {
     const std::string content = ReadAll(options.file);
     Printer printer(options.style);
+    bool complete = true;
     if (IsCapture(content)) {
-        ShowCapture(content, printer);
+        complete = ShowCapture(content, printer);
     } else {
         ShowHex(content, printer);
     }
-    return printer.AllWellFormed() ? kExitOk : kExitFailed;
+    return complete && printer.AllWellFormed() ? kExitOk : kExitFailed;
 }
 
 }  // namespace

@@ -98,7 +98,13 @@ void Player::Play(const Record& record)
     } else if (record.bytes.size() < record.wireLength) {
         ++skipped_;
     } else if (record.direction == Direction::kToDaemon) {
-        SendAll(ConnectionOf(record.connection).socket, record.bytes, Deadline(Seconds(options_.timeout)));
+        const Connection& connection = ConnectionOf(record.connection);
+        if (!connection.socket.valid()) {
+            throw ExitError(kExitFailed, fmt::format("the daemon has closed connection {}, which still had messages "
+                                                     "to send",
+                                                     record.connection));
+        }
+        SendAll(connection.socket, record.bytes, Deadline(Seconds(options_.timeout)));
         ++sent_;
     }
 }
@@ -162,19 +168,24 @@ void Player::PrintSummary() const
 
 int Run(const Options& options)
 {
-    std::ifstream in(options.file, std::ios::binary);
-    if (!in) {
-        throw ExitError(kExitFailed, fmt::format("{}: {}", options.file, strerror(errno)));
-    }
+    std::ifstream in = OpenInput(options.file);
     CaptureReader reader(in);
     Player player(options);
+    bool found = options.connection == 0;
     for (Record record; reader.Next(record);) {
         if (options.connection == 0 || record.connection == options.connection) {
+            found = true;
             player.Play(record);
         }
     }
+    if (!found) {
+        throw ExitError(kExitFailed, fmt::format("the capture has no connection {}", options.connection));
+    }
     player.WaitForAnswers(Deadline(Seconds(options.wait)));
     player.PrintSummary();
+    if (reader.IsTruncated()) {
+        throw ExitError(kExitFailed, kCaptureIsTruncated);
+    }
     return kExitOk;
 }
 
