@@ -1,3 +1,4 @@
+#include <fcntl.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -779,5 +780,110 @@ INSTANTIATE_TEST_SUITE_P(, SessionConnectFailureTest,
                                                  "connect ppc socket error: " + ErrnoText(EACCES) + ", server pid 77"},
                                          MallocFails("ppc session malloc failed"), kMemsetFails),
                          NameOf);
+
+// ---- Standard descriptors ----
+
+// Standard descriptors that are closed for a while, as launchers start processes: those whose bit is set.
+class ClosedStandardDescriptors {
+public:
+    explicit ClosedStandardDescriptors(unsigned bits)
+    {
+        for (int fd = 0; fd <= STDERR_FILENO; ++fd) {
+            saved_[fd].Reset(fcntl(fd, F_DUPFD_CLOEXEC, 10));
+            if ((bits >> fd & 1) != 0) {
+                close(fd);
+            }
+        }
+    }
+    ~ClosedStandardDescriptors()
+    {
+        for (int fd = 0; fd <= STDERR_FILENO; ++fd) {
+            dup2(saved_[fd].get(), fd);
+        }
+    }
+    ClosedStandardDescriptors(const ClosedStandardDescriptors&) = delete;
+    ClosedStandardDescriptors& operator=(const ClosedStandardDescriptors&) = delete;
+
+    static unsigned Bits() { return (IsOpen(0) ? 0U : 1U) | (IsOpen(1) ? 0U : 2U) | (IsOpen(2) ? 0U : 4U); }
+
+private:
+    Fd saved_[3];
+};
+
+// Nothing is expected in here: there may be nowhere to say it.
+class StandardDescriptorTest : public DriverTest, public testing::WithParamInterface<unsigned> {
+protected:
+    void OpenAll()
+    {
+        codes_ = {drvPpcServerCreate(kServerId, &server_)};
+        fds_ = {ViewOf(server_).listenFd};
+        codes_.push_back(drvPpcSessionConnect(kServerId, &connected_));
+        fds_.push_back(ViewOf(connected_).fd);
+        codes_.push_back(drvPpcSessionAccept(server_, &accepted_));
+        fds_.push_back(ViewOf(accepted_).fd);
+    }
+
+    PpcServerHead* server_ = nullptr;
+    PpcSession* connected_ = nullptr;
+    PpcSession* accepted_ = nullptr;
+    std::vector<int> codes_;
+    std::vector<int> fds_;
+};
+
+// What the process writes to its standard output must not become a frame.
+TEST_P(StandardDescriptorTest, NoSocketGetsTheNumberOfOne)
+{
+    unsigned stillClosed = 0;
+    {
+        const ClosedStandardDescriptors closed(GetParam());
+        OpenAll();
+        stillClosed = ClosedStandardDescriptors::Bits();
+    }
+    EXPECT_THAT(codes_, Each(PPC_OK));
+    EXPECT_THAT(fds_, Each(testing::Gt(STDERR_FILENO)));
+    EXPECT_EQ(stillClosed, GetParam());
+    for (const int fd : fds_) {
+        EXPECT_EQ(fcntl(fd, F_GETFD), FD_CLOEXEC);
+    }
+    const Message message(connected_, {5});
+    EXPECT_EQ(drvPpcSend(connected_, message.msg, 0), PPC_OK);
+    const Fd copy(dup(fds_.back()));
+    EXPECT_EQ(gaktest::ReadFrame(copy, 5s), Bytes{5});
+    EXPECT_EQ(drvPpcSessionDestroy(connected_), PPC_OK);
+    EXPECT_EQ(drvPpcSessionClose(accepted_), PPC_OK);
+    EXPECT_EQ(drvPpcServerDestroy(server_), PPC_OK);
+}
+
+INSTANTIATE_TEST_SUITE_P(, StandardDescriptorTest, testing::Range(0U, 8U),
+                         [](const auto& bits) { return "Closed" + std::to_string(bits.param); });
+
+TEST_F(SessionAcceptTest, WithoutAnotherNumberThanAStandardOneEachCallFails)
+{
+    const size_t before = OpenDescriptors();
+    PpcServerHead* server = kNoServer;
+    int codes[3] = {};
+    {
+        CountingHook<calls::Fcntl> fcntlCalls;
+        fcntlCalls.OnCall([](uint64_t, int, int command, long) {
+            errno = EMFILE;
+            return command == F_DUPFD_CLOEXEC ? std::optional<int>(-1) : std::nullopt;
+        });
+        const ClosedStandardDescriptors closed(1);
+        codes[0] = drvPpcSessionAccept(endpoint_.server, &session_);
+        codes[1] = drvPpcServerCreate(kServerId, &server);
+        codes[2] = drvPpcSessionConnect(kServerId, &session_);
+    }
+    EXPECT_THAT(codes, ElementsAre(PPC_ERR_SOCKET_ACCEPT, PPC_ERR_SOCKET_CREATE, PPC_ERR_SOCKET_CREATE));
+    EXPECT_THAT(log_.Lines(),
+                ElementsAre(ErrorLine("drvPpcSessionAccept", "accept ppc socket error: " + ErrnoText(EMFILE) +
+                                                                 " pHead->listenFd " + std::to_string(listenFd_) +
+                                                                 " pHead " + PointerText(endpoint_.server)),
+                            ErrorLine("drvPpcServerCreate", "create ppc socket error: " + ErrnoText(EMFILE)),
+                            ErrorLine("drvPpcSessionConnect", "create ppc socket error: " + ErrnoText(EMFILE))));
+    EXPECT_TRUE(ExpectEof(peer_, 5s));
+    EXPECT_EQ(session_, kNoSession);
+    EXPECT_EQ(server, kNoServer);
+    EXPECT_EQ(OpenDescriptors(), before);
+}
 
 }  // namespace

@@ -19,8 +19,9 @@
  * Threads. Any thread may call any function. One session is read by one thread at a time; any number of threads may
  * send on it, and their frames never mix. One message descriptor belongs to one thread at a time.
  *
- * Processes. Descriptors are closed on exec. A forked child must not use its parent's handles; when it ends one all
- * the same, only the child's copy of the descriptor is closed and the parent's connection lives on.
+ * Processes. Descriptors are closed on exec, and their numbers are above those of the standard descriptors, also where
+ * these are closed. A forked child must not use its parent's handles; when it ends one all the same, only the child's
+ * copy of the descriptor is closed and the parent's connection lives on.
  *
  * Frames. A frame is a 4-byte big-endian payload length and the payload. Lengths are in bytes.
  */

@@ -177,7 +177,7 @@ private:
     const int fd_;
 };
 
-// A descriptor until somebody else owns it.
+// A descriptor until somebody else owns it. Closing it keeps errno.
 class OwnFd {
 public:
     explicit OwnFd(int fd = -1) : fd_(fd) {}
@@ -190,7 +190,9 @@ public:
     ~OwnFd()
     {
         if (fd_ >= 0) {
+            const int savedErrno = errno;
             close(fd_);
+            errno = savedErrno;
         }
     }
 
@@ -201,8 +203,14 @@ private:
     int fd_;
 };
 
+// Keeps errno.
 struct FreeMemory {
-    void operator()(void* memory) const { free(memory); }
+    void operator()(void* memory) const
+    {
+        const int savedErrno = errno;
+        free(memory);
+        errno = savedErrno;
+    }
 };
 
 // Makes a record and behind it the public part, which a handle points at. The record owns `fd` from then on.
@@ -218,9 +226,6 @@ int CreateRecord(PpcRecord::Kind kind, OwnFd& fd, Public** created)
         return PPC_ERR_NO_MEMORY;
     }
     if (memset_s(memory.get(), kSize, 0, kSize) != 0) {
-        const int error = errno;
-        memory.reset();
-        errno = error;
         return PPC_ERR_INVALID_VALUE;
     }
     auto* publicPart = new (static_cast<char*>(memory.get()) + sizeof(PpcRecord)) Public(fd.Get());

@@ -26,13 +26,18 @@ constexpr int kBacklog = 10;
 constexpr socklen_t kPeerAddressLength = 110;
 constexpr int kExhaustedPauseMs = 10;
 
-// The processes that the daemon starts inherit none of the driver's descriptors. Keeps errno.
-OwnFd CloseOnExec(int fd)
+// Takes over a descriptor that a system call has given, or its failure. The processes that the daemon starts inherit
+// none. A process that was started without its standard descriptors must not get a socket as one of them: what it wrote
+// there would be read as frames. Empty, with errno set, when there is no other number.
+OwnFd TakeOver(int fd)
 {
-    if (fd >= 0) {
+    OwnFd taken(fd);
+    if (fd > STDERR_FILENO) {
         fcntl(fd, F_SETFD, FD_CLOEXEC);
+    } else if (fd >= 0) {
+        taken = OwnFd(fcntl(fd, F_DUPFD_CLOEXEC, STDERR_FILENO + 1));
     }
-    return OwnFd(fd);
+    return taken;
 }
 
 // A socket, and the address of a server.
@@ -44,7 +49,7 @@ struct ServerSocket {
 
 int OpenServerSocket(int serverId, ServerSocket* opened, ppc::CallSite site)
 {
-    opened->fd = CloseOnExec(socket(AF_UNIX, SOCK_STREAM, 0));
+    opened->fd = TakeOver(socket(AF_UNIX, SOCK_STREAM, 0));
     if (opened->fd.Get() < 0) {
         PPC_ERROR(PPC_TEXT_AT(site, "create ppc socket error: %s(errno: %d)"), strerror(errno), errno);
         return PPC_ERR_SOCKET_CREATE;
@@ -71,7 +76,7 @@ OwnFd AcceptPeer(int listenFd)
         socklen_t length = kPeerAddressLength;
         fd = accept(listenFd, reinterpret_cast<sockaddr*>(&peer), &length);
     } while (fd == -1 && errno == EINTR);
-    return CloseOnExec(fd);
+    return TakeOver(fd);
 }
 
 int ConnectToServer(const ServerSocket& socket)
@@ -180,11 +185,10 @@ int drvPpcSessionAccept(PpcServerHead* server, PpcSession** ppSession)
     PPC_INFO(PPC_TEXT("Ppc Accept Session %d, Server fd %d, pid %d"), fd.Get(), call.Fd(), getpid());
     const int code = CreateRecord(PpcRecord::Kind::kSession, fd, ppSession);
     if (code != PPC_OK) {
-        const int error = errno;
         if (code == PPC_ERR_INVALID_VALUE) {
             fd = OwnFd();  // unlike the others, this failure is logged after the close
         }
-        LogRecordFailure(code, error, "ppc server session malloc failed", PPC_CALL_SITE);
+        LogRecordFailure(code, errno, "ppc server session malloc failed", PPC_CALL_SITE);
     }
     return code;
 }
