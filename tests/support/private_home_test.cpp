@@ -17,6 +17,8 @@ namespace {
 
 namespace fs = std::filesystem;
 
+const std::string kMakeUserNamespace = "unshare --user --map-root-user ";
+
 struct Result {
     int status;
     std::string output;
@@ -113,25 +115,52 @@ TEST(PrivateHomeTest, CheckoutBelowHomeWorks)
 
 TEST(PrivateHomeTest, WorksWithoutPrivileges)
 {
-    if (RunShell("setpriv --reuid 65534 --regid 65534 --clear-groups true 2>/dev/null").status != 0) {
+    const std::string nobody = "cd / && setpriv --reuid 65534 --regid 65534 --clear-groups ";
+    if (RunShell(nobody + "true 2>/dev/null").status != 0) {
         GTEST_SKIP() << "this user cannot become another one, and has no privileges anyway";
     }
-    const Result result =
-        RunShell("cd / && setpriv --reuid 65534 --regid 65534 --clear-groups " +
-                 std::string(GAKPPC_PRIVATE_HOME_SCRIPT) + " sh -c 'touch /home/KrovaUser/file && find /home'");
+    if (RunShell(nobody + kMakeUserNamespace + "true 2>/dev/null").status != 0) {
+        GTEST_SKIP() << "nobody may make a user namespace here, as in a chroot";
+    }
+    // The checkout may lie in a folder that is closed to others.
+    fs::create_directories("/home/someone/scripts");
+    fs::copy(GAKPPC_PRIVATE_HOME_SCRIPT, "/home/someone/scripts/private-home");
+    const Result result = RunShell(nobody + "/home/someone/scripts/private-home sh -c 'touch /home/KrovaUser/file && " +
+                                   "find /home/KrovaUser'");
     EXPECT_EQ(result.status, 0);
-    EXPECT_EQ(result.output, "/home\n/home/KrovaUser\n/home/KrovaUser/file\n");
+    EXPECT_EQ(result.output, "/home/KrovaUser\n/home/KrovaUser/file\n");
 }
 
 TEST(PrivateHomeTest, SaysSoWhereNamespacesAreNotPermitted)
 {
-    // A user namespace that may hold no further ones, and no privilege to make a mount namespace either.
+    // No privilege to make a mount namespace, and none to make a user namespace with that privilege: in a user
+    // namespace that may hold no further ones, or where nobody may make any, as in a chroot.
+    const std::string attempt = "setpriv --bounding-set=-sys_admin --inh-caps=-sys_admin " +
+                                std::string(GAKPPC_PRIVATE_HOME_SCRIPT) + " true 2>&1";
+    const bool permitted = RunShell(kMakeUserNamespace + "true 2>/dev/null").status == 0;
     const Result result = RunShell(
-        "cd / && unshare --user --map-root-user sh -c 'echo 0 > /proc/sys/user/max_user_namespaces;"
-        "exec setpriv --bounding-set=-sys_admin --inh-caps=-sys_admin " +
-        std::string(GAKPPC_PRIVATE_HOME_SCRIPT) + " true 2>&1'");
+        permitted ? kMakeUserNamespace + "sh -c 'echo 0 > /proc/sys/user/max_user_namespaces; exec " + attempt + "'"
+                  : attempt);
     EXPECT_EQ(result.status, 77);
     EXPECT_EQ(result.output, "private-home: mount namespaces are not permitted here\n");
+}
+
+TEST(PrivateHomeTest, NamesAProgramThatIsNotInstalled)
+{
+    for (const std::string missing : {"mount", "unshare"}) {
+        const fs::path programs = "/home/without-" + missing;
+        fs::create_directories(programs);
+        for (const std::string program : {"realpath", "dirname", "id", "mkdir", "mount", "unshare"}) {
+            const Result found = RunShell("command -v " + program);
+            ASSERT_EQ(found.status, 0) << program;
+            if (program != missing) {
+                fs::create_symlink(found.output.substr(0, found.output.find('\n')), programs / program);
+            }
+        }
+        const Result result = RunShell("PATH=" + programs.string() + " " + GAKPPC_PRIVATE_HOME_SCRIPT + " true 2>&1");
+        EXPECT_EQ(result.status, 127);
+        EXPECT_EQ(result.output.rfind("private-home: " + missing + " is not installed", 0), 0u) << result.output;
+    }
 }
 
 TEST(PrivateHomeTest, WithoutACommandItExplainsItself)
