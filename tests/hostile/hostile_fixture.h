@@ -17,8 +17,8 @@
 #include <thread>
 #include <vector>
 
+#include "daemon.h"
 #include "ppc.h"
-#include "ppc_server.h"
 #include "process.h"
 #include "raw_peer.h"
 #include "sanitizer_options.h"
@@ -27,14 +27,8 @@ namespace gaktest {
 
 using namespace std::chrono_literals;
 using Clock = std::chrono::steady_clock;
-using gaktest::Fd;
-using gaktest::kMeasuresAreOwn;
-using gaktest::kUnderSanitizer;
-using gaktest::WaitUntil;
 using qel::PPCMessage;
 
-constexpr uint32_t kOk = 0x1011000;
-constexpr uint32_t kServerId = 19280;
 constexpr auto kWait = 20s;
 constexpr uint32_t kQuickUs = gaktest::kMeasuresAreOwn ? 50000 : 500000;
 

@@ -24,10 +24,10 @@
 #include <thread>
 #include <vector>
 
+#include "daemon.h"
 #include "gak.h"
 #include "last_exit_handler.h"
 #include "log_capture.h"
-#include "ppc_server.h"
 #include "process.h"
 #include "raw_peer.h"
 #include "sanitizer_options.h"
@@ -39,21 +39,23 @@ using namespace std::chrono_literals;
 using Clock = std::chrono::steady_clock;
 using gaktest::ChildProcess;
 using gaktest::Fd;
+using gaktest::kOk;
+using gaktest::kServerId;
 using gaktest::LastExitHandler;
 using gaktest::LogCapture;
+using gaktest::MessageTo;
 using gaktest::PpcFrame;
 using gaktest::RawMessage;
 using gaktest::ReadPpcFrame;
 using gaktest::SocketsOf;
 using gaktest::SpawnSleeper;
+using gaktest::StartServer;
 using gaktest::WaitUntil;
 using qel::PPCMessage;
 using qel::PpcServer;
 using testing::IsEmpty;
 
-constexpr uint32_t kOk = 0x1011000;
 constexpr uint32_t kCreateFail = 0x1093031;
-constexpr uint32_t kServerId = 19280;
 constexpr GakWaitType kZolt = 0;
 constexpr GakWaitType kCompute = 1;
 constexpr auto kWait = 20s;
@@ -100,22 +102,6 @@ private:
     for (;;) {
         pause();
     }
-}
-
-PPCMessage MessageTo(uint32_t device, uint32_t pid, PPCMessage::MsgType type,
-                     PPCMessage::ProcessType procType = PPCMessage::ZOLT)
-{
-    PPCMessage msg;
-    msg.set_type(type);
-    msg.set_dest_id(device);
-    msg.set_proc_type(procType);
-    msg.set_sub_proc_pid(pid);
-    return msg;
-}
-
-bool StartServer()
-{
-    return ppcInit() == 0 && PpcServer::GetInstance().CreateServer(kServerId) == kOk;
 }
 
 // ---- Signals ----

@@ -17,8 +17,8 @@
 #include <thread>
 #include <vector>
 
+#include "daemon.h"
 #include "gak.h"
-#include "ppc_server.h"
 #include "process.h"
 #include "raw_peer.h"
 #include "sanitizer_options.h"
@@ -33,8 +33,6 @@ using gaktest::WaitUntil;
 using qel::PPCMessage;
 using qel::PpcServer;
 
-constexpr uint32_t kOk = 0x1011000;
-constexpr uint32_t kServerId = 19280;
 constexpr GakWaitType kCompute = 1;
 constexpr size_t kWorkers = 64;
 constexpr int kRoundsInACycle = 4;
@@ -117,25 +115,19 @@ int RunSpawner(const Fd& orders)
 
 // ---- The daemon ----
 
-void SendTo(const PPCMessage& worker, PPCMessage::MsgType type, PPCMessage::ProcessType procType)
+// Fails when the worker has been killed meanwhile.
+void Answer(const PPCMessage& worker, PPCMessage::MsgType type, PPCMessage::ProcessType procType)
 {
-    PPCMessage msg;
-    msg.set_type(type);
-    msg.set_dest_id(worker.src_id());
-    msg.set_proc_type(procType);
-    msg.set_sub_proc_pid(worker.sub_proc_pid());
-    PpcServer::GetInstance().SendData(msg);  // fails when the worker has been killed meanwhile
+    PpcServer::GetInstance().SendData(gaktest::MessageTo(worker.src_id(), worker.sub_proc_pid(), type, procType));
 }
 
-bool StartDaemon()
+void HandleMessage(const PPCMessage& msg)
 {
-    PpcServer& server = PpcServer::GetInstance();
-    server.RegPPCSerMsgProcFunc(PPCMessage::NOTIFY_VEXOINFO, [](const PPCMessage& msg) {
-        SendTo(msg, PPCMessage::START_RSP, PPCMessage::CUSTOM_COMPUTE);
-    });
-    server.RegPPCSerMsgProcFunc(PPCMessage::ABNORMAL,
-                                [](const PPCMessage& msg) { SendTo(msg, PPCMessage::SHUTDOWN, msg.proc_type()); });
-    return server.CreateServer(kServerId) == kOk;
+    if (msg.type() == PPCMessage::NOTIFY_VEXOINFO) {
+        Answer(msg, PPCMessage::START_RSP, PPCMessage::CUSTOM_COMPUTE);
+    } else if (msg.type() == PPCMessage::ABNORMAL) {
+        Answer(msg, PPCMessage::SHUTDOWN, msg.proc_type());
+    }
 }
 
 // What a daemon holds of the system.
@@ -180,7 +172,7 @@ long ResidentKiB()
 bool FillMemoryOfEndedSessions()
 {
     for (size_t number = 0; number < kSessionsRemembered; ++number) {
-        if (!gaktest::RawConnect(kServerId).valid()) {
+        if (!gaktest::RawConnect(gaktest::kServerId).valid()) {
             return false;
         }
         PpcServer::GetInstance().JoinAllPPCRcvThreads();
@@ -201,7 +193,7 @@ public:
         long resident = 0;
         // The first cycle only warms up.
         do {
-            if (!StartDaemon() || !RunCycle(cycles == 0)) {
+            if (!gaktest::StartServer(&HandleMessage) || !RunCycle(cycles == 0)) {
                 return false;
             }
             PpcServer::GetInstance().Destroy();
@@ -257,9 +249,6 @@ int main(int argc, char** argv)
     });
     ends.second.Reset();
     gaktest::PrepareForSanitizers();
-    if (ppcInit() != 0) {
-        return 1;
-    }
     const bool good = Soak(std::move(ends.first)).Run(std::chrono::seconds(seconds));
     puts(good ? "as before" : "FAILED");
     return good ? EXIT_SUCCESS : EXIT_FAILURE;

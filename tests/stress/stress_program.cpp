@@ -16,9 +16,9 @@
 #include <thread>
 #include <vector>
 
+#include "daemon.h"
 #include "gak.h"
 #include "ppc_client.h"
-#include "ppc_server.h"
 #include "process.h"
 #include "raw_peer.h"
 #include "silent_log.h"
@@ -29,14 +29,14 @@ using namespace std::chrono_literals;
 using Clock = std::chrono::steady_clock;
 using gaktest::Bytes;
 using gaktest::Fd;
+using gaktest::kServerId;
+using gaktest::MessageTo;
 using gaktest::PpcFrame;
 using gaktest::WriteAll;
 using qel::PpcClient;
 using qel::PPCMessage;
 using qel::PpcServer;
 
-constexpr uint32_t kOk = 0x1011000;
-constexpr uint32_t kServerId = 19280;
 constexpr GakWaitType kCompute = 1;
 constexpr uint32_t kDevices = 4;
 constexpr uint32_t kPids = 50;
@@ -71,16 +71,6 @@ private:
     std::thread thread_;
 };
 
-PPCMessage MessageTo(uint32_t device, uint32_t pid, PPCMessage::MsgType type, PPCMessage::ProcessType procType)
-{
-    PPCMessage msg;
-    msg.set_type(type);
-    msg.set_dest_id(device);
-    msg.set_proc_type(procType);
-    msg.set_sub_proc_pid(pid);
-    return msg;
-}
-
 // ---- The daemon's side ----
 
 // Orders every fourth worker that starts to end, and reports the custom process as started whenever it is asked for.
@@ -94,15 +84,6 @@ void HandleMessage(const PPCMessage& msg)
         PpcServer::GetInstance().SendData(
             MessageTo(msg.src_id(), msg.sub_proc_pid(), PPCMessage::SHUTDOWN, msg.proc_type()));
     }
-}
-
-bool StartServer()
-{
-    PpcServer& server = PpcServer::GetInstance();
-    for (uint32_t type = PPCMessage::START_RSP; type <= PPCMessage::SOCKET_CLOSE; ++type) {
-        server.RegPPCSerMsgProcFunc(type, &HandleMessage);
-    }
-    return server.CreateServer(kServerId) == kOk;
 }
 
 void UseServer(std::mt19937& random)
@@ -197,7 +178,7 @@ int RunLifeCycles(std::chrono::milliseconds time)
             PpcClient::GetInstance()->Destroy();
         });
         for (const auto end = Clock::now() + time; !IsOver(end, rounds >= 10 && handled >= 10); ++rounds) {
-            if (!StartServer()) {
+            if (!gaktest::StartServer(&HandleMessage)) {
                 break;
             }
             std::this_thread::sleep_for(std::chrono::microseconds(rounds * 997 % 10000));  // lives of many lengths
@@ -213,7 +194,7 @@ int RunLifeCycles(std::chrono::milliseconds time)
 // Peers come and go faster than the server can take notice.
 int RunStorm(std::chrono::milliseconds time)
 {
-    if (!StartServer()) {
+    if (!gaktest::StartServer(&HandleMessage)) {
         return 2;
     }
     std::atomic<uint64_t> closes{0};
@@ -241,7 +222,7 @@ int RunStorm(std::chrono::milliseconds time)
 // A process that is daemon and worker at once and exits while its threads are inside every call.
 int ExitInTheMiddle(uint32_t seed)
 {
-    if (!StartServer()) {
+    if (!gaktest::StartServer(&HandleMessage)) {
         return 2;
     }
     for (void (*body)(std::mt19937&) : {&BeRawWorker, &UseServer, &UseClient, &WaitForShutdown}) {

@@ -11,22 +11,18 @@
 #include <thread>
 #include <utility>
 
+#include "daemon.h"
 #include "fault_injector.h"
 #include "gak.h"
-#include "ppc.h"
 #include "ppc_client.h"
-#include "ppc_server.h"
 #include "process.h"
 
 namespace gaktest {
 namespace {
 
 using namespace std::chrono_literals;
-using gaktest::Deadline;
 using qel::PPCMessage;
 
-constexpr uint32_t kServerId = 19280;
-constexpr uint32_t kOk = 0x1011000;
 constexpr uint32_t kGakFailed = 0x1093031;
 constexpr uint32_t kComputeDevice = 0;
 constexpr uint32_t kCustomDevice = 1;
@@ -183,11 +179,7 @@ void Conversation::StartDaemon()
 
 void Conversation::Order(PPCMessage::MsgType type, uint32_t device, PPCMessage::ProcessType procType)
 {
-    PPCMessage msg;
-    msg.set_type(type);
-    msg.set_dest_id(device);
-    msg.set_proc_type(procType);
-    msg.set_sub_proc_pid(static_cast<uint32_t>(getpid()));
+    const PPCMessage msg = MessageTo(device, static_cast<uint32_t>(getpid()), type, procType);
     const uint32_t status = InsideLibrary([&] { return server_->SendData(msg); });
     if (status != kOk && !HasFailed()) {
         Complain("SendData failed");

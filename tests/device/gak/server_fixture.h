@@ -16,21 +16,18 @@
 #include <utility>
 #include <vector>
 
+#include "daemon.h"
 #include "driver_calls.h"
 #include "fault.h"
 #include "log_capture.h"
 #include "log_lines.h"
 #include "ppc.h"
-#include "ppc_server.h"
 #include "process.h"
 #include "raw_peer.h"
 
 namespace gaktest {
 
 using namespace std::chrono_literals;
-
-constexpr uint32_t kOk = 0x1011000;
-constexpr uint32_t kServerId = 19280;
 
 inline qel::PPCMessage Message(const RawMessage& raw)
 {
