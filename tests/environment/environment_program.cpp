@@ -1,0 +1,298 @@
+// The daemon and the worker of environment_test.
+//
+//   environment_program daemon REPORT_FD CONTROL_FD [OPTION]...
+//   environment_program worker REPORT_FD CONTROL_FD [OPTION]...
+//
+// Each reports lines on REPORT_FD. The daemon serves until CONTROL_FD ends. The options narrow what the process has
+// left once it is loaded:
+//
+//   memory=KIB     address space beyond what it uses
+//   files=COUNT    descriptors beyond the highest one open
+//   threads=COUNT  threads beyond the first (needs a user of its own)
+//   user=ID        becomes that user and group
+//   root=FOLDER    makes it the root
+//   refuse=CALL    hands a descriptor that decides on each such system call to CONTROL_FD
+
+#include <grp.h>
+#include <seccomp.h>
+#include <sys/resource.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
+#include <cinttypes>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <exception>
+#include <string>
+#include <thread>
+
+#include "gak.h"
+#include "ppc_client.h"
+#include "ppc_server.h"
+
+namespace {
+
+using qel::PPCMessage;
+
+constexpr uint32_t kServerId = 19280;
+constexpr uint32_t kDevice = 1;
+constexpr GakWaitType kCompute = 1;
+constexpr uint32_t kOk = 0x1011000;
+constexpr int kSetUpFailed = 3;
+
+int reportFd = -1;
+int controlFd = -1;
+
+void Require(bool holds, const char* what)
+{
+    if (!holds) {
+        dprintf(reportFd, "set-up %s: %s\n", what, strerror(errno));
+        _exit(kSetUpFailed);
+    }
+}
+
+// Without /proc, which not every environment has, and by a call that the library does not make.
+bool IsOpen(int fd)
+{
+    struct stat status;
+    return fstat(fd, &status) == 0;
+}
+
+int HighestDescriptor()
+{
+    int highest = -1;
+    for (int fd = 0; fd < 1024; ++fd) {
+        if (IsOpen(fd)) {
+            highest = fd;
+        }
+    }
+    return highest;
+}
+
+int CountDescriptors()
+{
+    int count = 0;
+    for (int fd = 0; fd < 1024; ++fd) {
+        count += IsOpen(fd) ? 1 : 0;
+    }
+    return count;
+}
+
+void Limit(int resource, rlim_t value)
+{
+    const rlimit limit = {value, value};
+    Require(setrlimit(static_cast<__rlimit_resource>(resource), &limit) == 0, "setrlimit");
+}
+
+void LimitMemory(uint64_t left)
+{
+    FILE* file = fopen("/proc/self/statm", "r");
+    Require(file != nullptr, "/proc/self/statm");
+    uint64_t pages = 0;
+    Require(fscanf(file, "%" SCNu64, &pages) == 1, "statm");
+    fclose(file);
+    Limit(RLIMIT_AS, pages * static_cast<uint64_t>(sysconf(_SC_PAGESIZE)) + left * 1024);
+}
+
+void BecomeUser(unsigned id)
+{
+    Require(setgroups(0, nullptr) == 0 && setgid(id) == 0 && setuid(id) == 0, "setuid");
+}
+
+void ChangeRoot(const char* folder)
+{
+    Require(chroot(folder) == 0 && chdir("/") == 0, "chroot");
+}
+
+void SendDescriptor(int fd)
+{
+    char byte = 0;
+    iovec data = {&byte, 1};
+    alignas(cmsghdr) char buffer[CMSG_SPACE(sizeof(int))] = {};
+    msghdr message = {};
+    message.msg_iov = &data;
+    message.msg_iovlen = 1;
+    message.msg_control = buffer;
+    message.msg_controllen = sizeof(buffer);
+    cmsghdr* header = CMSG_FIRSTHDR(&message);
+    header->cmsg_level = SOL_SOCKET;
+    header->cmsg_type = SCM_RIGHTS;
+    header->cmsg_len = CMSG_LEN(sizeof(int));
+    memcpy(CMSG_DATA(header), &fd, sizeof(int));
+    Require(sendmsg(controlFd, &message, 0) == 1, "sendmsg");
+}
+
+void AskBeforeEach(const char* call)
+{
+    const int number = seccomp_syscall_resolve_name(call);
+    scmp_filter_ctx filter = seccomp_init(SCMP_ACT_ALLOW);
+    Require(number >= 0 && filter != nullptr && seccomp_rule_add(filter, SCMP_ACT_NOTIFY, number, 0) == 0 &&
+                seccomp_load(filter) == 0,
+            call);
+    const int notifications = seccomp_notify_fd(filter);
+    SendDescriptor(notifications);
+    close(notifications);
+    seccomp_release(filter);
+    char byte = 0;
+    Require(read(controlFd, &byte, 1) == 1, "start");
+}
+
+void Apply(const std::string& option)
+{
+    const size_t equals = option.find('=');
+    const std::string name = option.substr(0, equals);
+    const char* value = option.c_str() + equals + 1;
+    const auto number = static_cast<unsigned>(atoi(value));
+    if (name == "memory") {
+        LimitMemory(number);
+    } else if (name == "files") {
+        Limit(RLIMIT_NOFILE, static_cast<rlim_t>(HighestDescriptor()) + 1 + number);
+    } else if (name == "threads") {
+        Limit(RLIMIT_NPROC, 1 + number);
+    } else if (name == "user") {
+        BecomeUser(number);
+    } else if (name == "root") {
+        ChangeRoot(value);
+    } else {
+        AskBeforeEach(value);
+    }
+}
+
+// What the daemon has heard.
+struct Heard {
+    std::atomic<uint32_t> pid{0};
+    std::atomic<int> starts{0};
+    std::atomic<int> heartbeats{0};
+    std::atomic<int> abnormals{0};
+    std::atomic<int> answers{0};
+    std::atomic<int> closes{0};
+    std::atomic<int> others{0};
+    std::atomic<uint32_t> orderSent{0};
+};
+Heard heard;
+
+// Whether the message is the one worker's, which is the first that was heard.
+bool IsOfTheWorker(const PPCMessage& msg)
+{
+    uint32_t unknown = 0;
+    heard.pid.compare_exchange_strong(unknown, msg.sub_proc_pid());
+    return msg.src_id() == kDevice && msg.proc_type() == PPCMessage::COMPUTE && msg.sub_proc_pid() == heard.pid;
+}
+
+// An order that could not be sent is sent once more.
+void OrderShutdown()
+{
+    PPCMessage order;
+    order.set_type(PPCMessage::SHUTDOWN);
+    order.set_dest_id(kDevice);
+    order.set_proc_type(PPCMessage::COMPUTE);
+    order.set_sub_proc_pid(heard.pid);
+    heard.orderSent = qel::PpcServer::GetInstance().SendData(order);
+    if (heard.orderSent != kOk) {
+        heard.orderSent = qel::PpcServer::GetInstance().SendData(order);
+    }
+}
+
+void Count(const PPCMessage& msg)
+{
+    if (msg.type() == PPCMessage::SOCKET_CLOSE && msg.src_id() > 3) {
+        return;  // a connection that ended without a message
+    }
+    if (!IsOfTheWorker(msg)) {
+        ++heard.others;
+        return;
+    }
+    switch (msg.type()) {
+        case PPCMessage::START_RSP:
+            ++heard.starts;
+            break;
+        case PPCMessage::HEARTBEAT:
+            ++heard.heartbeats;
+            break;
+        case PPCMessage::ABNORMAL:
+            ++heard.abnormals;
+            OrderShutdown();
+            break;
+        case PPCMessage::SHUTDOWN_RSP:
+            ++heard.answers;
+            break;
+        case PPCMessage::SOCKET_CLOSE:
+            ++heard.closes;
+            dprintf(reportFd, "closed\n");
+            break;
+        default:
+            ++heard.others;
+            break;
+    }
+}
+
+int RunDaemon()
+{
+    const int before = CountDescriptors();
+    const int init = ppcInit();
+    qel::PpcServer& server = qel::PpcServer::GetInstance();
+    for (uint32_t type = PPCMessage::START_RSP; type <= PPCMessage::SOCKET_CLOSE; ++type) {
+        server.RegPPCSerMsgProcFunc(type, Count);
+    }
+    dprintf(reportFd, "created %d %x\n", init, server.CreateServer(kServerId));
+    char byte = 0;
+    while (read(controlFd, &byte, 1) > 0) {
+    }
+    server.JoinAllPPCRcvThreads();
+    const uint32_t destroyed = server.Destroy();
+    dprintf(reportFd, "heard %d %d %d %d %d %d order %x destroyed %x descriptors %d\n", heard.starts.load(),
+            heard.heartbeats.load(), heard.abnormals.load(), heard.answers.load(), heard.closes.load(),
+            heard.others.load(), heard.orderSent.load(), destroyed, CountDescriptors() - before);
+    return 0;
+}
+
+// A report that could not be sent is tried once more: a call was refused once, or the daemon has gone for good.
+uint32_t ReportAbnormalEnd()
+{
+    const uint32_t first = GakDestory(kDevice, kCompute);
+    return first == 0 ? 0 : GakDestory(kDevice, kCompute);
+}
+
+int RunWorker()
+{
+    const int before = CountDescriptors();
+    const int init = ppcInit();
+    uint32_t waited = 0xFFFFFFFF;
+    std::thread waiter;
+    try {
+        waiter = std::thread([&] { waited = GakWaitForShutdown(kDevice, kCompute); });
+    } catch (const std::exception& error) {
+        dprintf(reportFd, "no thread of its own: %s\n", error.what());
+    }
+    uint32_t heartbeats[3];
+    for (uint32_t& result : heartbeats) {
+        result = GakHeartbeatSend(kDevice, kCompute);
+    }
+    const uint32_t abnormal = ReportAbnormalEnd();
+    if (waiter.joinable()) {
+        waiter.join();
+    }
+    qel::PpcClient::GetInstance()->Destroy();
+    dprintf(reportFd, "sent %d %x %x %x %x waited %x descriptors %d\n", init, heartbeats[0], heartbeats[1],
+            heartbeats[2], abnormal, waited, CountDescriptors() - before);
+    return 0;
+}
+
+}  // namespace
+
+int main(int argc, char** argv)
+{
+    if (argc < 4) {
+        return 2;
+    }
+    reportFd = atoi(argv[2]);
+    controlFd = atoi(argv[3]);
+    for (int i = 4; i < argc; ++i) {
+        Apply(argv[i]);
+    }
+    return strcmp(argv[1], "daemon") == 0 ? RunDaemon() : RunWorker();
+}
