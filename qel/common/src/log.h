@@ -8,8 +8,8 @@
 /// Any thread may call these functions at any time, also while the process exits. They keep all buffers on the caller's
 /// stack (about 16 KiB), never wait, and never fail: a null function name, file name or format, a message of more than
 /// 8191 characters and a line of more than 8191 characters are dropped without a trace. They raise nothing. They leave
-/// errno as they found it, whatever the platform's library does to it, and %m in a message is the text of the errno with
-/// which they were called.
+/// errno as they found it, whatever the platform's library does to it, and %m in a message is the text of the errno
+/// with which they were called.
 
 #include <atomic>
 #include <cstdint>
@@ -80,7 +80,7 @@ public:
 
     /// Asks the platform for the level of this module.
     ///
-    /// @return 0 DEBUG, 1 INFO, 2 WARN, 3 ERROR; anything else it says counts as INFO.
+    /// @return DEBUG (0), INFO (1), WARN (2) or ERROR (3); anything else that it says counts as INFO.
     uint32_t QELGetCurLogLevel();
 
     /// Reads the level again. For the embedding process: the library never calls it.

@@ -14,7 +14,7 @@ namespace {
 // The lines of the exported functions carry the client's path: the two are one thing to a log reader.
 constexpr char kSourcePath[] = "qel/device/src/gak/ppc_client";
 
-// The status of `call`, or 0x1093031, with the line `whenCaught`, if it raises anything.
+// The status of `call`, or kStatusPpcCreateFail, with the line `whenCaught`, if it raises anything.
 template <typename Call>
 uint32_t CatchAll(const char* function, const char* whenCaught, const Call& call)
 {

@@ -9,11 +9,12 @@
  * time; CreateOrFindCustPid() when it needs the custom compute process; GakDestory() when it ends abnormally. When
  * GakWaitForShutdown() has returned 0 the worker exits.
  *
- * Results are 0 for success and a status number otherwise; each failure is logged. Device numbers are 0 to 3. Any
- * thread may call any function; the connection to the daemon is opened on first use, one for each device and process
- * type, and closed at process exit. A connection that has ended is not opened again: the worker is expected to exit.
- * Threads inside these functions must not be cancelled (pthread_cancel). No signal is raised when the daemon is gone. A
- * forked child must not call them.
+ * Results are 0 for success and a status number otherwise; each failure is logged. The status numbers are named in
+ * status_table.h (C++). Device numbers are 0 to 3. Any thread may call any function, but for each device and process
+ * type one thread at a time waits in GakWaitForShutdown(): two would take each other's messages apart. The connection
+ * to the daemon is opened on first use, one for each device and process type, and closed at process exit. A connection
+ * that has ended is not opened again: the worker is expected to exit. Threads inside these functions must not be
+ * cancelled (pthread_cancel). No signal is raised when the daemon is gone. A forked child must not call them.
  */
 
 #include <stdint.h>
@@ -32,12 +33,13 @@ typedef uint32_t GakWaitType;
  * Reports the start and waits for the order to shut down.
  *
  * Tells the daemon that this worker has started (START_RSP), then blocks until the daemon orders the device's shutdown,
- * which is acknowledged (SHUTDOWN_RSP). Nothing else ends the wait but a failure to receive.
+ * which is acknowledged (SHUTDOWN_RSP). Nothing else ends the wait but a failure to receive. One thread at a time may
+ * wait for a device and process type.
  *
  * @param deviceId  The worker's device, 0 to 3.
  * @param waitType  The worker's process type.
- * @return 0 when the order has been acknowledged; 0x1093031 in every other case: a device above 3, no daemon, a
- *         connection that ended.
+ * @return 0 when the order has been acknowledged; kStatusPpcCreateFail (0x1093031) in every other case: a device above
+ *         3, no daemon, a connection that ended.
  */
 GAKPPC_API uint32_t GakWaitForShutdown(uint32_t deviceId, GakWaitType waitType);
 
@@ -49,7 +51,7 @@ GAKPPC_API uint32_t GakWaitForShutdown(uint32_t deviceId, GakWaitType waitType);
  *
  * @param deviceId  The worker's device, 0 to 3.
  * @param waitType  The worker's process type.
- * @return 0, or 0x1093031 when it could not be sent.
+ * @return 0, or kStatusPpcCreateFail (0x1093031) when it could not be sent.
  */
 GAKPPC_API uint32_t GakHeartbeatSend(uint32_t deviceId, GakWaitType waitType);
 
@@ -61,7 +63,7 @@ GAKPPC_API uint32_t GakHeartbeatSend(uint32_t deviceId, GakWaitType waitType);
  *
  * @param deviceId  The worker's device, 0 to 3.
  * @param waitType  The worker's process type.
- * @return 0, or 0x1093031 when it could not be sent.
+ * @return 0, or kStatusPpcCreateFail (0x1093031) when it could not be sent.
  */
 GAKPPC_API uint32_t GakDestory(uint32_t deviceId, GakWaitType waitType);
 
@@ -80,8 +82,9 @@ GAKPPC_API uint32_t GakDestory(uint32_t deviceId, GakWaitType waitType);
  * @param libNameList   Zero-terminated names of the libraries that the custom process is to load. They stay the
  *                      caller's and are read before the call returns. May be null only when the count is 0.
  * @param hostPid       The host process that the custom process is to work for; passed on to the daemon as it is.
- * @return 0, or 0x1093031 when no other message of this process was sent before (then at once), when the list is null
- *         although the count is not 0 (at once too), or when the request could not be made or sent.
+ * @return 0, or kStatusPpcCreateFail (0x1093031) when no other message of this process was sent before (then at once),
+ *         when the list is null although the count is not 0 (at once too), or when the request could not be made or
+ *         sent.
  */
 GAKPPC_API uint32_t CreateOrFindCustPid(uint32_t libNameCount, const char* const* libNameList, uint32_t hostPid);
 

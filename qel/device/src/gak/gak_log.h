@@ -8,7 +8,7 @@
 // arguments, GAK_STATUS a status number in front of them. The _AS forms name another function: log readers know the
 // lines of a public function by its name, also those that a helper of it writes.
 //
-// Lines of failures tell errno as it was at the call: GAK_STATUS and GAK_EVENT leave it alone, also for their arguments.
+// GAK_STATUS and GAK_EVENT leave errno alone, also before their arguments are evaluated: lines of failures may name it.
 // GAK_INFO may change it.
 #define GAK_INFO(...) GAK_INFO_AS(__func__, __VA_ARGS__)
 #define GAK_INFO_AS(function, ...) \

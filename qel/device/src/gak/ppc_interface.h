@@ -14,9 +14,10 @@ namespace qel {
 /// The codec: carries one PPCMessage over one session of the transport driver. A message's payload is its encoded
 /// length, 4 bytes in the host's byte order, and the encoding.
 ///
-/// Results are status numbers, 0x1011000 for success; every failure is logged. Nothing is raised. The functions keep no
-/// state: any thread may call them, any number of threads may send on one session at once, one thread at a time may
-/// receive on it. The session stays its owner's and may be ended while a call is in flight, which then fails.
+/// Results are status numbers, kStatusOk (0x1011000) for success; every failure is logged. Nothing is raised. The
+/// functions keep no state: any thread may call them, any number of threads may send on one session at once, one thread
+/// at a time may receive on it. The session stays its owner's and may be ended while a call is in flight, which then
+/// fails.
 class GAKPPC_API PpcInterface {
 public:
     /// Without state.
@@ -31,10 +32,13 @@ public:
     ///
     /// @param session  The session.
     /// @param msg      The message.
-    /// @return 0x1011000; 0x1093036 for a null session; 0x1013008 or 0x1013007 for a message of more than 0x1FFFFFFC
-    ///         bytes or when memory runs out (nothing was sent); 0x1093039, 0x1093034 or 0x1093038 when the driver
-    ///         refuses the descriptor, its buffer or its release; 0x1093037 when sending failed, also because the
-    ///         session has been ended.
+    /// @return kStatusOk (0x1011000);
+    ///         kStatusPpcNoSession (0x1093036) for a null session;
+    ///         kStatusMemoryExhausted (0x1013007) without memory and for a message of more than 512 MiB less 4 bytes,
+    ///         kStatusIntegerReversed (0x1013008) for one that has no length (4 GiB): nothing was sent;
+    ///         kStatusPpcMsgAllocFail (0x1093039), kStatusPpcMsgBufferFail (0x1093034) or
+    ///         kStatusPpcMsgFreeFail (0x1093038) when the driver refuses the descriptor, its buffer or its release;
+    ///         kStatusPpcSendRecvFail (0x1093037) when sending failed, also because the session has been ended.
     uint32_t SendMsg(void* session, const PPCMessage& msg);
 
     /// Blocks until one frame arrives and decodes it.
@@ -42,10 +46,16 @@ public:
     /// @param session  The session.
     /// @param msg      Takes the message. What cannot be decoded is not an error: it then holds what could. Keeps its
     ///                 former content when nothing was decoded.
-    /// @return 0x1011000; 0x109303F when the peer closed before a frame; 0x1093037 when receiving failed; 0x1093039,
-    ///         0x1093034 or 0x1093038 when the driver refuses the descriptor (also for a null session), its buffer or
-    ///         its release; 0x109303B for a frame of length 0; 0x1013008 and 0x109303A for an encoded length that does
-    ///         not fit the payload; 0x1013007 when memory runs out.
+    /// @return kStatusOk (0x1011000);
+    ///         kStatusPpcSocketClosed (0x109303F) when the peer closed before a frame;
+    ///         kStatusPpcSendRecvFail (0x1093037) when receiving failed;
+    ///         kStatusPpcMsgAllocFail (0x1093039), kStatusPpcMsgBufferFail (0x1093034) or
+    ///         kStatusPpcMsgFreeFail (0x1093038) when the driver refuses the descriptor (also for a null session), its
+    ///         buffer or its release;
+    ///         kStatusPpcBufferNull (0x109303B) for a frame of length 0;
+    ///         kStatusIntegerReversed (0x1013008) or kStatusPpcLengthMismatch (0x109303A) for an encoded length that
+    ///         does not fit the payload;
+    ///         kStatusMemoryExhausted (0x1013007) when memory runs out.
     uint32_t RecvMsg(void* session, PPCMessage& msg);
 };
 

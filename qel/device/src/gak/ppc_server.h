@@ -18,9 +18,9 @@ namespace qel {
 /// from time to time; at the end Destroy, which also runs when the process exits. ppcInit (ppc.h) comes before
 /// CreateServer. After Destroy the server can be created again.
 ///
-/// Results are status numbers, 0x1011000 for success; every failure is logged. Any thread may call any function, with
-/// the exceptions named at Destroy and RegPPCSerMsgProcFunc. Nothing is raised; what cannot be stored for lack of memory
-/// is logged and left out.
+/// Results are status numbers, kStatusOk for success; every failure is logged. Any thread may call any function, with
+/// the exceptions named at Destroy and RegPPCSerMsgProcFunc. Nothing is raised; what cannot be stored for lack of
+/// memory is logged and left out.
 ///
 /// Threads. "ppc_srv_accept" runs AcceptConnection from CreateServer until Destroy, or until the driver reports that
 /// the endpoint is gone. "ppc_srv_recv_<n>" runs RecvData for one session; it ends when its session closes, when its
@@ -49,8 +49,10 @@ public:
     /// Listens and starts the accept thread. Does nothing when the server runs already.
     ///
     /// @param serverId  The id that clients connect to, qel::kPpcServerId.
-    /// @return 0x1011000; 0x1093030 or 0x1093031 when the driver fails or the thread cannot be started; 0x109303D from
-    ///         inside a handler while the server is being destroyed.
+    /// @return kStatusOk (0x1011000); kStatusPpcInitFail (0x1093030) or kStatusPpcCreateFail (0x1093031) when the
+    /// driver
+    ///         fails or the thread cannot be started; kStatusPpcServerInvalidParam (0x109303D) from inside a handler
+    ///         while the server is being destroyed.
     uint32_t CreateServer(uint32_t serverId);
 
     /// The accept thread's body.
@@ -76,8 +78,8 @@ public:
     /// reads or the session is closed.
     ///
     /// @param msg  The message.
-    /// @return 0x109303D for a `dest_id` above 3 or a `proc_type` above 2; 0x1093036 for a worker never seen; otherwise
-    ///         what SendMsg() returns.
+    /// @return kStatusPpcServerInvalidParam (0x109303D) for a `dest_id` above 3 or a `proc_type` above 2;
+    ///         kStatusPpcNoSession (0x1093036) for a worker never seen; otherwise what SendMsg() returns.
     uint32_t SendData(const PPCMessage& msg);
 
     /// Closes a session and takes it off the list. One that is closed already, or unknown, is only logged.
@@ -94,7 +96,7 @@ public:
     /// session table. Returns when all that is done; at once when there is no server, and in a forked child. A handler
     /// cannot wait for its own thread: called inside one it does nothing.
     ///
-    /// @return 0x1011000; 0x109303D inside a handler.
+    /// @return kStatusOk (0x1011000); kStatusPpcServerInvalidParam (0x109303D) inside a handler.
     uint32_t Destroy();
 
     /// A receive thread's body: receives until the session closes.
