@@ -279,7 +279,7 @@ TEST_F(PpcClientTest, SessionThatCouldNotBeStoredIsNotConnected)
     EXPECT_EQ(connects.Count(), 1u);
 }
 
-TEST_F(PpcClientTest, MessageWhoseDeviceCannotBeRecordedIsSentAndTheNextOneRecordsIt)
+TEST_F(PpcClientTest, UnrecordedDeviceDoesNotStopAMessageAndTheNextRecordsIt)
 {
     const Fd peer = Open(0, PPCMessage::COMPUTE);
     log_.Clear();
