@@ -5,9 +5,9 @@
 
 namespace bench {
 
-// The library beside FLOOR: medians, the ratio with its quartiles, and what is to be reached.
+// The library next to FLOOR: medians, the ratio with its quartiles, and what is to be reached.
 void PrintFloorTable(const Results& results);
-// The library beside the peers: medians, and in brackets the library's value divided by the peer's.
+// The library next to the peers: medians, and in brackets the library's value divided by the peer's.
 void PrintPeerTable(const Results& results, const std::vector<std::string>& candidates);
 
 }  // namespace bench

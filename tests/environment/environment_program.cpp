@@ -250,7 +250,7 @@ int RunDaemon()
     return 0;
 }
 
-// A report that could not be sent is tried once more: a call was refused once, or the daemon has gone for good.
+// A report that could not be sent is tried once more: a call was refused once, or the daemon has ended.
 uint32_t ReportAbnormalEnd()
 {
     const uint32_t first = GakDestory(kDevice, kCompute);

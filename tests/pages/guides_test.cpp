@@ -1,4 +1,4 @@
-// The guides show the programs that examples_test runs, to the letter.
+// The guides show the programs that examples_test runs, character for character.
 
 #include <gtest/gtest.h>
 

@@ -99,7 +99,7 @@ std::string StatusText(uint32_t status)
 // The text of kStatusOk, which ends nearly every line. Nobody can register another: the shared table comes first.
 constexpr char kOkText[] = "running ok";
 
-// What a line consists of besides the caller's message.
+// What a line consists of apart from the caller's message.
 struct LineParts {
     Place place;
     uint32_t level;

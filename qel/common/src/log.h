@@ -46,7 +46,7 @@ GAKPPC_API void QEL_LOG_IMPL(const char* funcName, const char* fileName, int lin
 GAKPPC_API void QEL_EVENT_LOG_IMPL(const char* funcName, const char* fileName, int line, const char* fmt, ...)
     __attribute__((cold, format(printf, 4, 5)));
 
-/// Writes a trace, if the sink says that events are on: the line of an event, with a key/value pair beside it.
+/// Writes a trace, if the sink says that events are on: the line of an event, with a key/value pair.
 ///
 /// @param funcName    The caller's function.
 /// @param fileName    The caller's source file.

@@ -59,7 +59,7 @@ const char* FindInTable(uint32_t status)
     return row != kTable.end() && row->status == status ? row->text : nullptr;
 }
 
-// The numbers that embedding processes registered beside the table.
+// The numbers that embedding processes registered in addition to the table.
 struct Registered {
     Mutex mutex;
     std::map<uint32_t, std::string> descriptions GAKPPC_GUARDED_BY(mutex);
