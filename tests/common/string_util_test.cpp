@@ -4,15 +4,18 @@
 #include <sys/resource.h>
 
 #include <chrono>
+#include <optional>
 #include <string>
 #include <vector>
 
+#include "fault.h"
 #include "process.h"
 
 namespace {
 
 using namespace std::literals;
 using gaktest::ChildProcess;
+using gaktest::CountingHook;
 
 const char kWhiteSpace[] = " \t\n\v\f\r";
 
@@ -138,6 +141,79 @@ TEST(ReplaceAllSubStrDistinct, EmptyPatternInsertsUntilThePositionPassesTheEnd)
 TEST(ReplaceAllSubStrDistinct, EmptyPatternAndReplacementChangeNothing)
 {
     EXPECT_TRUE(EndsWith("ab", "", "ab"));
+}
+
+// All texts of 0 to `longest` letters, each a or b.
+std::vector<std::string> TextsUpTo(size_t longest)
+{
+    std::vector<std::string> texts{""};
+    for (size_t first = 0, length = 0; length < longest; ++length) {
+        const size_t end = texts.size();
+        for (; first < end; ++first) {
+            texts.push_back(texts[first] + 'a');
+            texts.push_back(texts[first] + 'b');
+        }
+    }
+    return texts;
+}
+
+void ReplaceInPlace(std::string& s, const std::string& from, const std::string& to)
+{
+    for (size_t at = s.find(from); at != std::string::npos; at = s.find(from, at + to.size())) {
+        s.replace(at, from.size(), to);
+    }
+}
+
+TEST(ReplaceAllSubStrDistinct, ResultIsThatOfReplacingInPlace)
+{
+    const std::vector<std::string> parts = TextsUpTo(3);
+    for (const std::string& text : TextsUpTo(7)) {
+        for (const std::string& from : parts) {
+            for (const std::string& to : parts) {
+                std::string expected = text;
+                if (!from.empty()) {
+                    ReplaceInPlace(expected, from, to);
+                    ASSERT_EQ(Replaced(text, from, to), expected) << text << ' ' << from << ' ' << to;
+                }
+            }
+        }
+    }
+}
+
+struct Memmove {
+    static constexpr const char* kSymbol = "memmove";
+    static constexpr const char* kLibrary = "libstdc++.so.6";
+    using Signature = void*(void*, const void*, size_t);
+};
+struct Memcpy : Memmove {
+    static constexpr const char* kSymbol = "memcpy";
+};
+
+// Bytes that are moved are counted; each step of a quadratic one moves all that follows.
+TEST(ReplaceAllSubStrDistinct, MovesEachByteOfALongTextAFewTimes)
+{
+    constexpr size_t kPatterns = 100000;
+    std::string text;
+    std::string expected;
+    for (size_t i = 0; i < kPatterns; ++i) {
+        text += "%0a";
+        expected += "%%0a";
+    }
+    CountingHook<Memmove> moves;
+    CountingHook<Memcpy> copies;
+    size_t moved = 0;
+    const auto count = [&moved](uint64_t, void*, const void*, size_t size) {
+        moved += size;
+        return std::optional<void*>();
+    };
+    moves.OnCall(count);
+    copies.OnCall(count);
+    const std::string replaced = qel::RemoveEscapeChar(text);
+    moves.Reset();
+    copies.Reset();
+    EXPECT_TRUE(replaced == expected);
+    EXPECT_GE(moved, expected.size()) << "not all were counted";
+    EXPECT_LT(moved, 10 * expected.size());
 }
 
 TEST(ReplaceAllSubStrDistinct, PatternOrReplacementMayBeTheTextItself)

@@ -46,18 +46,20 @@ std::string& Trim(std::string& s)
 
 void ReplaceAllSubStrDistinct(std::string& s, const std::string& from, const std::string& to)
 {
-    if (&s == &from || &s == &to) {
-        // The text changes below, so a pattern that is the text itself is copied first.
-        ReplaceAllSubStrDistinct(s, std::string(from), std::string(to));
-        return;
-    }
     if (from.empty()) {
         InsertCopies(s, to);
         return;
     }
-    for (size_t at = s.find(from); at != std::string::npos; at = s.find(from, at + to.size())) {
-        s.replace(at, from.size(), to);
+    // Into another string: replacing in place would move the rest of the text at each step, and `from` or `to` may be
+    // the text itself.
+    std::string replaced;
+    size_t copied = 0;
+    for (size_t at = s.find(from); at != std::string::npos; at = s.find(from, copied)) {
+        replaced.append(s, copied, at - copied).append(to);
+        copied = at + from.size();
     }
+    replaced.append(s, copied, std::string::npos);
+    s.swap(replaced);
 }
 
 std::string RemoveEscapeChar(const std::string& in)

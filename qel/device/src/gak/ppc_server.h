@@ -49,10 +49,10 @@ public:
     /// Listens and starts the accept thread. Does nothing when the server runs already.
     ///
     /// @param serverId  The id that clients connect to, qel::kPpcServerId.
-    /// @return kStatusOk (0x1011000); kStatusPpcInitFail (0x1093030) or kStatusPpcCreateFail (0x1093031) when the
-    /// driver
-    ///         fails or the thread cannot be started; kStatusPpcServerInvalidParam (0x109303D) from inside a handler
-    ///         while the server is being destroyed.
+    /// @return kStatusOk (0x1011000);
+    ///         kStatusPpcInitFail (0x1093030) or kStatusPpcCreateFail (0x1093031) when the driver fails or the thread
+    ///         cannot be started;
+    ///         kStatusPpcServerInvalidParam (0x109303D) from inside a handler while the server is being destroyed.
     uint32_t CreateServer(uint32_t serverId);
 
     /// The accept thread's body.
