@@ -95,43 +95,12 @@ void Store(LogSink sink, int moduleId, int level, const KeyValue* pairs, int pai
     state.changed.notify_all();
 }
 
-void KeepDebug(int moduleId, const char* fmt, ...)
+template <LogSink sink, int level>
+void Keep(int moduleId, const char* fmt, ...)
 {
     va_list args;
     va_start(args, fmt);
-    Store(LogSink::kDebug, moduleId, kDebugLevel, nullptr, 0, fmt, args);
-    va_end(args);
-}
-
-void KeepInfo(int moduleId, const char* fmt, ...)
-{
-    va_list args;
-    va_start(args, fmt);
-    Store(LogSink::kInfo, moduleId, kInfoLevel, nullptr, 0, fmt, args);
-    va_end(args);
-}
-
-void KeepWarn(int moduleId, const char* fmt, ...)
-{
-    va_list args;
-    va_start(args, fmt);
-    Store(LogSink::kWarn, moduleId, kWarnLevel, nullptr, 0, fmt, args);
-    va_end(args);
-}
-
-void KeepError(int moduleId, const char* fmt, ...)
-{
-    va_list args;
-    va_start(args, fmt);
-    Store(LogSink::kError, moduleId, kErrorLevel, nullptr, 0, fmt, args);
-    va_end(args);
-}
-
-void KeepEvent(int moduleId, const char* fmt, ...)
-{
-    va_list args;
-    va_start(args, fmt);
-    Store(LogSink::kEvent, moduleId, kEventLevel, nullptr, 0, fmt, args);
+    Store(sink, moduleId, level, nullptr, 0, fmt, args);
     va_end(args);
 }
 
@@ -186,11 +155,11 @@ struct Replacement {
 
 // Every function of the logging library that libgakppc imports.
 const Replacement kReplacements[] = {
-    {"VlogDebugInner", reinterpret_cast<void*>(&KeepDebug)},
-    {"VlogInfoInner", reinterpret_cast<void*>(&KeepInfo)},
-    {"VlogWarnInner", reinterpret_cast<void*>(&KeepWarn)},
-    {"VlogErrorInner", reinterpret_cast<void*>(&KeepError)},
-    {"VlogEventInner", reinterpret_cast<void*>(&KeepEvent)},
+    {"VlogDebugInner", reinterpret_cast<void*>(&Keep<LogSink::kDebug, kDebugLevel>)},
+    {"VlogInfoInner", reinterpret_cast<void*>(&Keep<LogSink::kInfo, kInfoLevel>)},
+    {"VlogWarnInner", reinterpret_cast<void*>(&Keep<LogSink::kWarn, kWarnLevel>)},
+    {"VlogErrorInner", reinterpret_cast<void*>(&Keep<LogSink::kError, kErrorLevel>)},
+    {"VlogEventInner", reinterpret_cast<void*>(&Keep<LogSink::kEvent, kEventLevel>)},
     {"VlogInner", reinterpret_cast<void*>(&KeepInner)},
     {"VlogWithKVInner", reinterpret_cast<void*>(&KeepWithKv)},
     {"CheckLogLevel", reinterpret_cast<void*>(&AnswerCheckLogLevel)},

@@ -115,14 +115,7 @@ TEST(RawMessageTest, EmptyMessageIsAFrameOfEightBytes)
 
 TEST(RawMessageTest, EveryFieldHasItsBytes)
 {
-    RawMessage message;
-    message.type = 2;
-    message.src_id = 1;
-    message.dest_id = 19280;
-    message.proc_type = 1;
-    message.sub_proc_pid = 300;
-    message.host_pid = 0xFFFFFFFF;
-    message.lib_names = {"a.so", ""};
+    const RawMessage message{2, 1, 19280, 1, 300, 0xFFFFFFFF, {{"a.so", ""}}};
     EXPECT_EQ(Hex(PpcFrame(message)),
               "00 00 00 21 1D 00 00 00 "
               "08 02 10 01 18 D0 96 01 20 01 28 AC 02 30 FF FF FF FF 0F "
@@ -140,14 +133,7 @@ TEST(RawMessageTest, PresentButEmptyListIsEncoded)
 
 TEST(RawMessageTest, DecodesWhatItEncodes)
 {
-    RawMessage message;
-    message.type = 6;
-    message.src_id = 3;
-    message.dest_id = 4;
-    message.proc_type = 2;
-    message.sub_proc_pid = 123456;
-    message.host_pid = 1;
-    message.lib_names = {"x", "a longer name"};
+    const RawMessage message{6, 3, 4, 2, 123456, 1, {{"x", "a longer name"}}};
     EXPECT_EQ(DecodePayload(PpcPayload(message)), message);
 }
 
