@@ -2,10 +2,12 @@
 
 #include <dirent.h>
 #include <fcntl.h>
+#include <sys/prctl.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 
@@ -31,6 +33,13 @@ void Require(bool condition, const char* otherwise)
     }
 }
 
+void EndWithParent()
+{
+    constexpr unsigned kSeconds = 20;  // a run that takes so long waits where the scheduler does not see it
+    alarm(kSeconds);
+    prctl(PR_SET_PDEATHSIG, SIGKILL);
+}
+
 void ExitProcess()
 {
     ExpectExit();
@@ -41,6 +50,7 @@ void RunInChild(const std::function<void()>& body)
 {
     const pid_t child = fork();
     if (child == 0) {
+        EndWithParent();
         body();
         _exit(0);
     }

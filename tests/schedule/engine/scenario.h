@@ -46,6 +46,9 @@ void Require(bool condition, const char* otherwise);
 // Runs `body` in a forked child and returns when that has ended; the child's findings are the run's.
 void RunInChild(const std::function<void()>& body);
 
+// Lets this process neither outlive the one that forked it nor wait for ever outside the scheduler's sight.
+void EndWithParent();
+
 // How many descriptors and threads this process has, and how many threads the scenario's program still runs.
 int OpenDescriptors();
 int RunningThreads();
