@@ -10,10 +10,12 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <cerrno>
 #include <condition_variable>
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>
+#include <memory>
 #include <mutex>
 #include <new>
 #include <set>
@@ -30,8 +32,9 @@
 #undef memory_order_seq_cst
 #undef new
 #undef delete
-#undef errno
 #undef assert
+#undef errno
+#define errno (*__errno_location())
 
 namespace relacy_std {
 
@@ -115,6 +118,7 @@ public:
         mutex_->lock(caller);
     }
     void unlock(rl::debug_info caller = GAKPPC_CALLER) { mutex_->unlock(caller); }
+    mutex* native_handle() { return this; }
 
 private:
     rl::mutex* mutex_ = nullptr;

@@ -1,4 +1,4 @@
-// The life of the driver's records: calls in flight, holders, the end, the quarantine.
+// The life of the driver's records: calls in flight, references, the end, the quarantine.
 
 #include <atomic>
 #include <condition_variable>
@@ -149,7 +149,7 @@ SCENARIO(RecordHeldKeepsItsAddress)
     drvPpcSessionDestroy(second);
 }
 
-SCENARIO(RecordCopiesOfAHoldingInSeveralThreads)
+SCENARIO(RecordCopiesOfAReferenceInSeveralThreads)
 {
     ppcInit();
     Listener listener;
@@ -185,7 +185,7 @@ SCENARIO(EndpointDestroyAgainstAccept)
     Require(gaktest::OpenDescriptors() == before, "a descriptor is left after its endpoint's end");
 }
 
-// The quarantine is full, and as many more endpoints end as it takes to free this one behind its last holder.
+// The quarantine is full, and as many more endpoints end as it takes to free this one behind its last reference.
 SCENARIO_WITH(EndpointLeavesQuarantine, nullptr, FillQuarantine)
 {
     PpcServerHead* endpoint = CreateEndpoint(gaktest::kServerId);
