@@ -346,7 +346,7 @@ TEST(LogDrop, MessageIsFormattedWithALimitOf8191Characters)
 
 // ---- Levels ------------------------------------------------------------------------------------------------------
 
-TEST(LogLevel, SinkIsAskedOncePerLineAboutModule38)
+TEST(LogLevel, LevelIsCheckedOncePerLineForModule38)
 {
     LogCapture capture;
     CountingHook<CheckLevel> questions;
@@ -421,7 +421,7 @@ TEST(LogLevel, AtErrorOnlyTheStatusFormIsFilteredByTheLibrary)
     EXPECT_EQ(capture.Lines().size(), 0U);
 }
 
-TEST(LogLevel, StatusBelowTheCurrentLevelIsNeitherFormattedNorAskedAbout)
+TEST(LogLevel, StatusBelowTheCurrentLevelIsNeitherFormattedNorChecked)
 {
     LogCapture capture;
     capture.SetLibraryLevel(3);
@@ -465,7 +465,7 @@ TEST(LogLevel, LibraryLevelOutside0To3CountsAsInfo)
     }
 }
 
-TEST(LogLevel, LevelIsAskedForModule38WithAClearedEventFlag)
+TEST(LogLevel, LevelIsReadForModule38WithAClearedEventFlag)
 {
     LogCapture capture;
     CountingHook<GetLevel> questions;
@@ -536,7 +536,7 @@ TEST(SaveLog, EachLevelHasItsSinkAndLineNumber)
     }
 }
 
-TEST(SaveLog, SinkIsAskedOnceAboutTheModuleAndLevel)
+TEST(SaveLog, LevelIsCheckedOnceForTheModule)
 {
     using Questions = std::vector<std::pair<int, int>>;  // module and level
     LogCapture capture;

@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "fault.h"
+#include "held_mutexes.h"
 #include "process.h"
 #include "status_table.h"
 #include "status_texts.h"
@@ -244,6 +245,17 @@ TEST(StatusFactory, ThreadsMayRegisterAndLookUpAtOnce)
     for (std::thread& thread : threads) {
         thread.join();
     }
+}
+
+// The table is constant. What is registered next to it is not.
+TEST(StatusFactory, NumberOfTheTableIsAnsweredWithoutAMutex)
+{
+    CountingHook<gaktest::calls::MutexLock> locks;
+    EXPECT_EQ(Factory().GetErrDesc(kRunningOk), "running ok");
+    Factory().RegisterErrorNo(kRunningOk, "another text");
+    EXPECT_EQ(locks.Count(), 0U);
+    EXPECT_EQ(Factory().GetErrDesc(kForeign), "");
+    EXPECT_EQ(locks.Count(), 1U);
 }
 
 // The handler is registered before the registry is first used, so it runs after everything that the registry could

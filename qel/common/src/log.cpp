@@ -79,8 +79,8 @@ void WriteToSink(int moduleId, uint32_t level, const char* text, const char* sta
     }
 }
 
-// Where a log call stands in its caller's source.
-struct Place {
+// Where a log call is made.
+struct SourceLocation {
     const char* function;
     const char* file;
     int line;
@@ -101,7 +101,7 @@ constexpr char kOkText[] = "running ok";
 
 // What a line consists of apart from the caller's message.
 struct LineParts {
-    Place place;
+    SourceLocation location;
     uint32_t level;
     bool hasStatus;  // the line ends in the text of `status`
     uint32_t status;
@@ -110,24 +110,26 @@ struct LineParts {
 
 int ComposeLine(char* line, const LineParts& parts, const char* message)
 {
-    const Place& place = parts.place;
+    const SourceLocation& location = parts.location;
     const int thread = osalGetTid();
     if (parts.hasStatus) {
         const std::string text = parts.status == kStatusOk ? std::string() : StatusText(parts.status);
-        return sprintf_s(line, kLineSize, "%s,[%s:%d:%s]%d Msg: %s\n", message, place.file, place.line, place.function,
-                         thread, parts.status == kStatusOk ? kOkText : text.c_str());
+        return sprintf_s(line, kLineSize, "%s,[%s:%d:%s]%d Msg: %s\n", message, location.file, location.line,
+                         location.function, thread, parts.status == kStatusOk ? kOkText : text.c_str());
     }
     if (parts.level == kLogOperation) {
-        return sprintf_s(line, kLineSize, "[%s:%d:%s]%d %s\n", place.file, place.line, place.function, thread, message);
+        return sprintf_s(line, kLineSize, "[%s:%d:%s]%d %s\n", location.file, location.line, location.function, thread,
+                         message);
     }
-    return sprintf_s(line, kLineSize, "%s,[%s:%d:%s]%d\n", message, place.file, place.line, place.function, thread);
+    return sprintf_s(line, kLineSize, "%s,[%s:%d:%s]%d\n", message, location.file, location.line, location.function,
+                     thread);
 }
 
-// Not inlined, so that a line that nobody will see costs neither the buffers nor the stack pages under them.
+// Not inlined, so that a line that is filtered out costs neither the buffers nor the stack pages under them.
 __attribute__((noinline, format(printf, 2, 0))) void WriteLine(const LineParts& parts, const char* fmt, va_list args)
 {
     const PreserveErrno preserve;
-    // Only the first byte is cleared: nothing reads behind a terminating zero.
+    // Only the first byte is cleared: nothing reads past the terminating zero.
     char message[kMessageSize + 1];
     char line[kLineSize + 1];
     message[0] = '\0';
@@ -138,10 +140,10 @@ __attribute__((noinline, format(printf, 2, 0))) void WriteLine(const LineParts& 
     WriteToSink(kLogModuleId, parts.level, line, parts.traceStatus);
 }
 
-// Log readers find a line by its place; without one it is dropped.
-bool HasPlace(const Place& place)
+// A line without its location is dropped.
+bool IsComplete(const SourceLocation& location)
 {
-    return place.function != nullptr && place.file != nullptr;
+    return location.function != nullptr && location.file != nullptr;
 }
 
 bool IsEnabled(uint32_t level)
@@ -150,19 +152,19 @@ bool IsEnabled(uint32_t level)
     return IsLogEnabled(level);
 }
 
-LineParts InfoLine(const Place& place)
+LineParts InfoLine(const SourceLocation& location)
 {
-    return {place, kLogInfo, true, kStatusOk, nullptr};
+    return {location, kLogInfo, true, kStatusOk, nullptr};
 }
 
-LineParts StatusLine(const Place& place, uint32_t status)
+LineParts StatusLine(const SourceLocation& location, uint32_t status)
 {
-    return {place, StatusLevel(status), true, status, nullptr};
+    return {location, StatusLevel(status), true, status, nullptr};
 }
 
-LineParts EventLine(const Place& place)
+LineParts EventLine(const SourceLocation& location)
 {
-    return {place, kLogEvent, false, 0, nullptr};
+    return {location, kLogEvent, false, 0, nullptr};
 }
 
 Mutex openMutex;  // serialises the first initialisation
@@ -257,61 +259,61 @@ void QELLog::QELSaveLog(int moduleId, uint32_t level, const char* text, const ch
 
 void QEL_LOG_IMPL(const char* funcName, const char* fileName, int line, const char* fmt, ...)
 {
-    const qel::Place place = {funcName, fileName, line};
-    if (!qel::HasPlace(place) || !qel::IsEnabled(qel::kLogInfo)) {
+    const qel::SourceLocation location = {funcName, fileName, line};
+    if (!qel::IsComplete(location) || !qel::IsEnabled(qel::kLogInfo)) {
         return;
     }
     va_list args;
     va_start(args, fmt);
-    qel::WriteLine(qel::InfoLine(place), fmt, args);
+    qel::WriteLine(qel::InfoLine(location), fmt, args);
     va_end(args);
 }
 
 void QEL_LOG_IMPL(const char* funcName, const char* fileName, int line, uint32_t status, const char* fmt, ...)
 {
-    const qel::Place place = {funcName, fileName, line};
-    if (!qel::HasPlace(place) || !qel::IsStatusLogEnabled(status)) {
+    const qel::SourceLocation location = {funcName, fileName, line};
+    if (!qel::IsComplete(location) || !qel::IsStatusLogEnabled(status)) {
         return;
     }
     va_list args;
     va_start(args, fmt);
-    qel::WriteLine(qel::StatusLine(place, status), fmt, args);
+    qel::WriteLine(qel::StatusLine(location, status), fmt, args);
     va_end(args);
 }
 
 void QEL_EVENT_LOG_IMPL(const char* funcName, const char* fileName, int line, const char* fmt, ...)
 {
-    const qel::Place place = {funcName, fileName, line};
-    if (!qel::HasPlace(place) || !qel::IsEnabled(qel::kLogEvent)) {
+    const qel::SourceLocation location = {funcName, fileName, line};
+    if (!qel::IsComplete(location) || !qel::IsEnabled(qel::kLogEvent)) {
         return;
     }
     va_list args;
     va_start(args, fmt);
-    qel::WriteLine(qel::EventLine(place), fmt, args);
+    qel::WriteLine(qel::EventLine(location), fmt, args);
     va_end(args);
 }
 
 void QEL_TRACE_LOG_IMPL(const char* funcName, const char* fileName, int line, const char* statusText, const char* fmt,
                         ...)
 {
-    const qel::Place place = {funcName, fileName, line};
-    if (!qel::HasPlace(place) || !qel::IsEnabled(qel::kLogTrace)) {
+    const qel::SourceLocation location = {funcName, fileName, line};
+    if (!qel::IsComplete(location) || !qel::IsEnabled(qel::kLogTrace)) {
         return;
     }
     va_list args;
     va_start(args, fmt);
-    qel::WriteLine({place, qel::kLogTrace, false, 0, statusText}, fmt, args);
+    qel::WriteLine({location, qel::kLogTrace, false, 0, statusText}, fmt, args);
     va_end(args);
 }
 
 void QEL_OPLOG_IMPL(const char* funcName, const char* fileName, int line, const char* fmt, ...)
 {
-    const qel::Place place = {funcName, fileName, line};
-    if (!qel::HasPlace(place) || !qel::IsEnabled(qel::kLogOperation)) {
+    const qel::SourceLocation location = {funcName, fileName, line};
+    if (!qel::IsComplete(location) || !qel::IsEnabled(qel::kLogOperation)) {
         return;
     }
     va_list args;
     va_start(args, fmt);
-    qel::WriteLine({place, qel::kLogOperation, false, 0, nullptr}, fmt, args);
+    qel::WriteLine({location, qel::kLogOperation, false, 0, nullptr}, fmt, args);
     va_end(args);
 }

@@ -7,7 +7,7 @@
 ///
 /// Any thread may call these functions at any time, also while the process exits. They keep all buffers on the caller's
 /// stack (about 16 KiB), never wait, and never fail: a null function name, file name or format, a message of more than
-/// 8191 characters and a line of more than 8191 characters are dropped without a trace. They raise nothing. They leave
+/// 8191 characters and a line of more than 8191 characters are silently dropped. They raise nothing. They leave
 /// errno as they found it, whatever the platform's library does to it, and %m in a message is the text of the errno
 /// with which they were called.
 

@@ -11,7 +11,7 @@ bool IsSpace(char c)
     return std::isspace(static_cast<unsigned char>(c)) != 0;
 }
 
-// An empty pattern is found at position 0 and then behind each inserted copy, until that position passes the end of the
+// An empty pattern is found at position 0 and then after each inserted copy, until that position passes the end of the
 // text as it was.
 void InsertCopies(std::string& s, const std::string& to)
 {

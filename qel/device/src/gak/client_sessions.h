@@ -15,8 +15,8 @@ namespace qel {
 // The client's sessions by their key, and whether the client runs: from the first session on until DestroyAll. Any
 // thread may call any function.
 //
-// The mutex is held over a connect, so that a key is connected once and DestroyAll finds whatever has been connected.
-// It is not held while a line is logged or a session ended.
+// The mutex is held over a connect, so that a key is connected once and DestroyAll sees every connection. It is not
+// held while a line is logged or a session ended.
 class ClientSessions {
 public:
     enum class AfterDestroy { kStartOver, kOpenNothing };

@@ -5,7 +5,7 @@
 
 namespace qel {
 
-// The start of the custom process. Once it has been reported, nobody waits for it any more. Any thread may call any
+// The start of the custom process. Once it has been reported, waits return at once. Any thread may call any
 // function.
 class CustomStart {
 public:

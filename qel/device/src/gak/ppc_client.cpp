@@ -20,8 +20,8 @@ namespace {
 
 constexpr char kSourcePath[] = "qel/device/src/gak/ppc_client";
 
-constexpr int kClientCreateArgument1 = 100;
-constexpr int kClientCreateArgument2 = 0;
+constexpr int kClientCreateReserved1 = 100;
+constexpr int kClientCreateReserved2 = 0;
 constexpr int32_t kLargestWaitType = 3;
 
 // One bit for each device, plus the process type. Devices of 4 and more share the keys of lower ones.
@@ -30,8 +30,8 @@ uint32_t SessionKey(uint32_t deviceId, PPCMessage::ProcessType procType)
     return (1U << ((deviceId * 8U) % 32U)) + static_cast<uint32_t>(procType);
 }
 
-// The process type that goes out for an accepted wait type. Not the rule of GetPPCProcessType: whatever is neither ZOLT
-// nor CUSTOM_COMPUTE is announced as COMPUTE.
+// The process type to send for an accepted wait type. Unlike GetPPCProcessType, whatever is neither ZOLT nor
+// CUSTOM_COMPUTE becomes COMPUTE.
 PPCMessage::ProcessType ProcessTypeToSend(GakWaitType waitType)
 {
     switch (waitType) {
@@ -135,7 +135,7 @@ bool PpcClient::State::CreateClient()
         return false;
     }
     void* created = nullptr;
-    if (drvPpcClientCreate(&created, kClientCreateArgument1, kClientCreateArgument2) != PPC_OK) {
+    if (drvPpcClientCreate(&created, kClientCreateReserved1, kClientCreateReserved2) != PPC_OK) {
         GAK_STATUS_AS("GetPpcSession", kStatusPpcCreateFail, "[GAKPPCCLI] GetPpcSession() drvPdcClientCreate fail");
         return false;
     }
@@ -257,7 +257,7 @@ PPCMessage::ProcessType PpcClient::GetPPCProcessType(GakWaitType waitType)
                                               : PPCMessage::MAXPROCTYPE;
 }
 
-// Without memory the message still goes out, and the next one records the device.
+// Without memory the message is still sent, and the next one records the device.
 void PpcClient::State::RecordDevice(uint32_t pid, uint32_t deviceId)
 {
     try {

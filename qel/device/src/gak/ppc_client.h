@@ -64,12 +64,13 @@ public:
     /// @param session   The session that the answer goes to.
     /// @param procType  The process type that goes into the answer.
     /// @param msg       The message.
-    /// @return kStatusPpcClientNotExpected (0x109303E) when the loop goes on; otherwise what SendMsg() returned for the
+    /// @return kStatusPpcClientNotExpected (0x109303E) when the loop continues; otherwise what SendMsg() returned for
+    /// the
     ///         answer.
     uint32_t RecvMsgProc(uint32_t deviceId, void*& session, const PPCMessage::ProcessType& procType,
                          const PPCMessage& msg);
 
-    /// Ends all sessions; threads blocked in them return soon, and nobody waits for them. Does nothing when there is no
+    /// Ends all sessions; threads blocked in them return soon and are not waited for. Does nothing when there is no
     /// session, and in a forked child. The next GetPpcSession(), also one for a message to send, starts over.
     void Destroy();
 
@@ -82,7 +83,7 @@ public:
     /// Sends a message that has nothing in it but its sender.
     ///
     /// @param deviceId  The device, 0 to 3.
-    /// @param waitType  Accepted up to 3 as a signed number: 0 goes out as ZOLT, 2 as CUSTOM_COMPUTE, all others as
+    /// @param waitType  Accepted up to 3 as a signed number: 0 is sent as ZOLT, 2 as CUSTOM_COMPUTE, all others as
     ///                  COMPUTE.
     /// @param msgType   The message type.
     /// @return kStatusPpcClientInvalidParam (0x109303C) for another device or wait type; otherwise what SendMsg()

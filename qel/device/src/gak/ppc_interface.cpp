@@ -21,7 +21,7 @@ constexpr char kSourcePath[] = "qel/device/src/gak/ppc_interface";
 constexpr uint32_t kInnerLengthSize = 4;
 constexpr uint32_t kLargestEncodedSize = 0xFFFFFFFA;  // more, and the payload length would overflow
 constexpr uint32_t kLargestPayload = 0x20000000;      // 512 MiB
-constexpr uint32_t kClearedAhead = 4096;              // all of a usual payload
+constexpr uint32_t kClearedSize = 4096;               // all of a usual payload
 constexpr uint32_t kReceiveReserved = 0x100000;
 
 // A message descriptor of the driver, freed on every path.
@@ -40,8 +40,8 @@ public:
     int Alloc(void* session) { return drvPpcAllocMsg(static_cast<PpcSession*>(session), &msg_, 1); }
     // Frees it now; the result is the driver's.
     int Free() { return drvPpcFreeMsg(std::exchange(msg_, nullptr)); }
-    // Gives up a pointer that a failed Alloc left behind.
-    void Forget() { msg_ = nullptr; }
+    // Drops a pointer that a failed Alloc has set.
+    void Release() { msg_ = nullptr; }
     PpcMsg* Get() const { return msg_; }
 
 private:
@@ -61,7 +61,7 @@ std::unique_ptr<uint8_t[]> AllocPayload(uint32_t size)
         return nullptr;
     }
     std::unique_ptr<uint8_t[]> payload(new (std::nothrow) uint8_t[size]);
-    if (payload != nullptr && memset_s(payload.get(), size, 0, std::min(size, kClearedAhead)) != 0) {
+    if (payload != nullptr && memset_s(payload.get(), size, 0, std::min(size, kClearedSize)) != 0) {
         return nullptr;
     }
     return payload;
@@ -100,7 +100,7 @@ struct Received {
 uint32_t ReceivePayload(PpcSession* session, Descriptor& descriptor, Received* received)
 {
     if (descriptor.Alloc(session) != PPC_OK || descriptor.Get() == nullptr) {
-        descriptor.Forget();
+        descriptor.Release();
         GAK_STATUS_AS("RecvMsg", kStatusPpcMsgAllocFail, "[GAKPPCIF] drvPpcAllocMsg fail");
         return kStatusPpcMsgAllocFail;
     }
@@ -121,7 +121,7 @@ uint32_t ReceivePayload(PpcSession* session, Descriptor& descriptor, Received* r
     return kStatusOk;
 }
 
-// The encoded length that a payload announces; 0 when the payload is too short to hold it.
+// The encoded length at the beginning of a payload; 0 when the payload is too short for it.
 uint32_t InnerLength(const void* payload, uint32_t size)
 {
     uint32_t length = 0;
