@@ -227,7 +227,7 @@ TEST_F(AmplificationTest, MessageTakesManyTimesItsFrameUntilTheSessionsNextOne)
     EXPECT_LT(names.afterTheNext, 0.5);
 }
 
-TEST_F(AmplificationTest, RoomOfUnknownFieldsIsKeptForTheWholeSession)
+TEST_F(AmplificationTest, MemoryOfUnknownFieldsIsKeptForTheWholeSession)
 {
     const Amplified unknown = Send(FrameOfUnknownFields(500000));
     EXPECT_GT(unknown.whileKept, 4);
