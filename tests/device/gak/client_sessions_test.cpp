@@ -140,6 +140,25 @@ TEST_F(ClientSessionsTest, ConcurrentFirstUseConnectsOnce)
     EXPECT_THAT(seen, testing::Each(seen[0]));
 }
 
+// While a call writes its line, another one connects.
+TEST_F(ClientSessionsTest, CallThatIsOvertakenByAConnectDoesNotConnect)
+{
+    CountingHook<DrvConnect> connects;
+    CountingHook<GetTid> lines;
+    void* first = nullptr;
+    lines.OnCall([&](uint64_t number) {
+        if (number == 1) {
+            first = client_.GetPpcSession(0, PPCMessage::COMPUTE);
+        }
+        return std::optional<int>();
+    });
+    EXPECT_EQ(client_.GetPpcSession(0, PPCMessage::COMPUTE), first);
+    EXPECT_NE(first, nullptr);
+    EXPECT_EQ(connects.Count(), 1u);
+    lines.Reset();
+    EXPECT_THAT(Lines(), ElementsAre(kConnecting, kConnected, kConnecting));
+}
+
 TEST_F(ClientSessionsTest, SessionThatCouldNotBeStoredIsNotConnected)
 {
     CountingHook<calls::OperatorNew> news;
