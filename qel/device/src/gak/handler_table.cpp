@@ -1,7 +1,5 @@
 #include "handler_table.h"
 
-#include <cxxabi.h>
-
 #include <utility>
 
 namespace qel {
@@ -20,20 +18,6 @@ private:
     const bool outer_;
 };
 
-// Returns what the handler raised.
-std::exception_ptr Call(HandlerTable::Handler handler, const PPCMessage& msg)
-{
-    const InsideHandler inside;
-    try {
-        handler(msg);
-        return nullptr;
-    } catch (const abi::__forced_unwind&) {
-        throw;  // the handler ends this thread
-    } catch (...) {
-        return std::current_exception();
-    }
-}
-
 }  // namespace
 
 bool HandlerTable::Register(uint32_t type, Handler handler)
@@ -42,14 +26,18 @@ bool HandlerTable::Register(uint32_t type, Handler handler)
     return handlers_.emplace(type, handler).second;
 }
 
-HandlerTable::Outcome HandlerTable::Dispatch(const PPCMessage& msg)
+bool HandlerTable::Dispatch(const PPCMessage& msg)
 {
     MutexLock lock(mutex_);
     const auto found = handlers_.find(static_cast<uint32_t>(msg.type()));
     if (found == handlers_.end()) {
-        return {false, nullptr};
+        return false;
     }
-    return {true, found->second == nullptr ? nullptr : Call(found->second, msg)};
+    if (found->second != nullptr) {
+        const InsideHandler inside;
+        found->second(msg);
+    }
+    return true;
 }
 
 void HandlerTable::Clear()

@@ -2,7 +2,6 @@
 #define GAKPPC_HANDLER_TABLE_H
 
 #include <cstdint>
-#include <exception>
 #include <map>
 
 #include "mutex.h"
@@ -19,12 +18,9 @@ public:
     // False when the type has a handler already, which stays. Raises std::bad_alloc.
     bool Register(uint32_t type, Handler handler);
 
-    struct Outcome {
-        bool found;                  // an entry for the type, perhaps a null handler, which drops the message
-        std::exception_ptr failure;  // what the handler raised
-    };
-    // Calls the handler of the message's type. A handler that ends its thread unwinds through here.
-    Outcome Dispatch(const PPCMessage& msg);
+    // Calls the handler of the message's type; a null handler drops the message. False when there is none. Raises what
+    // the handler raises.
+    bool Dispatch(const PPCMessage& msg);
 
     void Clear();
 

@@ -164,33 +164,20 @@ void PpcServer::Receiver::End()
 
 // ---- Handlers ----
 
-namespace {
-
-void LogHandlerFailure(uint32_t type, const std::exception_ptr& failure)
-{
-    try {
-        std::rethrow_exception(failure);
-    } catch (const std::exception& error) {
-        GAK_STATUS_AS("PPCSerMsgProc", kStatusWarning, "[GAKPPCSER] PPCSerMsgProc handler of msg type: %u failed: %s",
-                      type, error.what());
-    } catch (...) {
-        GAK_STATUS_AS("PPCSerMsgProc", kStatusWarning, "[GAKPPCSER] PPCSerMsgProc handler of msg type: %u failed",
-                      type);
-    }
-}
-
-}  // namespace
-
 void PpcServer::PPCSerMsgProc(const PPCMessage& msg)
 {
     const auto type = static_cast<uint32_t>(msg.type());
     GAK_INFO("[GAKPPCSER] PPCSerMsgProc msg type: %u", type);
-    const HandlerTable::Outcome outcome = state_.handlers.Dispatch(msg);
-    if (!outcome.found) {
-        GAK_INFO("[GAKPPCSER] PPCSerMsgProc msg type:%u" GAKPPC_MSG_TYPES " processFunc not exist", type);
-    }
-    if (outcome.failure != nullptr) {
-        LogHandlerFailure(type, outcome.failure);
+    try {
+        if (!state_.handlers.Dispatch(msg)) {
+            GAK_INFO("[GAKPPCSER] PPCSerMsgProc msg type:%u" GAKPPC_MSG_TYPES " processFunc not exist", type);
+        }
+    } catch (const abi::__forced_unwind&) {
+        throw;  // the handler ends this thread
+    } catch (const std::exception& error) {
+        GAK_STATUS(kStatusWarning, "[GAKPPCSER] PPCSerMsgProc handler of msg type: %u failed: %s", type, error.what());
+    } catch (...) {
+        GAK_STATUS(kStatusWarning, "[GAKPPCSER] PPCSerMsgProc handler of msg type: %u failed", type);
     }
 }
 
