@@ -180,12 +180,14 @@ TEST(ReplaceAllSubStrDistinct, ResultIsThatOfReplacingInPlace)
     }
 }
 
-struct Memmove {
-    static constexpr const char* kSymbol = "memmove";
+struct MovesBytes {
     static constexpr const char* kLibrary = "libstdc++.so.6";
     using Signature = void*(void*, const void*, size_t);
 };
-struct Memcpy : Memmove {
+struct Memmove : MovesBytes {
+    static constexpr const char* kSymbol = "memmove";
+};
+struct Memcpy : MovesBytes {
     static constexpr const char* kSymbol = "memcpy";
 };
 
