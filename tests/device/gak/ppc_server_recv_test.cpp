@@ -404,6 +404,23 @@ TEST_F(PpcServerRecvTest, ThreadInsideAHandlerDuringDestroyStopsWithoutClosing)
     EXPECT_EQ(closes_.Count(), 1u);
 }
 
+TEST_F(PpcServerRecvTest, SessionThatItsOwnHandlerClosesIsReported)
+{
+    Handle(0);
+    Handle(6);
+    Create();
+    Inbox::OnMessage([this](const qel::PPCMessage& msg) {
+        if (msg.type() == 0) {
+            void* const session = server_.GetPpcSession(msg.src_id(), msg.sub_proc_pid());
+            server_.CloseSomeSession(session);
+        }
+    });
+    const Fd worker = Connect();
+    EXPECT_TRUE(WriteAll(worker, PpcFrame(Report(2, 7))));
+    EXPECT_TRUE(WaitForExits(1));
+    EXPECT_THAT(Inbox::Messages(), ElementsAre(Report(2, 7), RawMessage{6, 2, 19280, 0, 7, 0, {}}));
+}
+
 TEST_F(PpcServerRecvTest, IdleThreadTakesTheSocketClosedPathDuringDestroy)
 {
     Handle(6);

@@ -364,13 +364,56 @@ TEST_F(EndedHandleTest, CallsOnAnEndedSessionFailAndTouchNobody)
     EXPECT_EQ(ViewOf(ended.session).fd, -1);
     log_.Clear();
     EXPECT_EQ(SendBytes(ended.session, 10), PPC_ERR_SEND);
-    EXPECT_EQ(ReceiveAny(ended.session), PPC_ERR_RECV);
+    EXPECT_EQ(ReceiveAny(ended.session), PPC_ERR_SOCKET_CLOSED);
     EXPECT_THAT(log_.Lines(),
                 ElementsAre(ErrorLine("drvPpcSocketSend", "send (sockfd -1)error: " + ErrnoText(EBADF) + "  -1 10 4"),
                             ErrorLine("drvPpcSend", "ppc send message error"),
-                            ErrorLine("drvPpcSocketRecvPeek", "recv error: " + ErrnoText(EBADF) + "(sock: -1)")));
+                            InfoLine("drvPpcRecv", "client connection closed: " + ErrnoText(EBADF) + "(sock: -1)")));
     EXPECT_FALSE(WaitReadable(other.peer, 0s));
     ExpectUsable(other.session, other.peer);
+}
+
+// However far a receive had come when this end ended the session.
+TEST_F(EndedHandleTest, ReceiveThatFailsBecauseThisEndEndedTheSessionGives25)
+{
+    Connection connection;
+    ASSERT_TRUE(WriteAll(connection.peer, {0, 0, 0, 2, 1}));
+    CountingHook<calls::Recv> recvCalls;
+    recvCalls.OnCall([&](uint64_t number, int, void*, size_t, int) -> std::optional<ssize_t> {
+        if (number == 3) {  // of the payload
+            connection.End();
+        }
+        return std::nullopt;
+    });
+    EXPECT_EQ(ReceiveAny(connection.session), PPC_ERR_SOCKET_CLOSED);
+}
+
+// It may see the reset of a peer that leaves at the same time.
+TEST_F(EndedHandleTest, FailedPeekOfASessionThatThisEndEndedGives25)
+{
+    Connection connection;
+    CountingHook<calls::Recv> recvCalls;
+    recvCalls.OnCall([&](uint64_t, int, void*, size_t, int) -> std::optional<ssize_t> {
+        connection.End();
+        errno = ECONNRESET;
+        return -1;
+    });
+    EXPECT_EQ(ReceiveAny(connection.session), PPC_ERR_SOCKET_CLOSED);
+}
+
+// Of two reasons for which a session has no socket, this end's is the one that is reported.
+TEST_F(EndedHandleTest, SessionThatLostItsSocketReadsAsClosedOnceItHasEnded)
+{
+    Connection connection;
+    ASSERT_TRUE(WriteAll(connection.peer, FrameBytes({1})));
+    {
+        CountingHook<calls::Malloc> mallocCalls;
+        mallocCalls.FailCall(2, nullptr, ENOMEM);  // the first one is the message descriptor's
+        ASSERT_EQ(ReceiveAny(connection.session), PPC_ERR_NO_MEMORY);
+    }
+    EXPECT_EQ(ReceiveAny(connection.session), PPC_ERR_RECV);
+    connection.End();
+    EXPECT_EQ(ReceiveAny(connection.session), PPC_ERR_SOCKET_CLOSED);
 }
 
 TEST_F(EndedHandleTest, SessionIsRecognisedUntil4096MoreHaveEnded)
@@ -382,7 +425,7 @@ TEST_F(EndedHandleTest, SessionIsRecognisedUntil4096MoreHaveEnded)
     ASSERT_NO_FATAL_FAILURE(ConnectAndEnd(kSessionsRecognised - 1, listener, ended.session));
     EXPECT_EQ(ViewOf(ended.session).magic, PPC_SESSION_MAGIC);
     EXPECT_EQ(SendBytes(ended.session, 10), PPC_ERR_SEND);
-    EXPECT_EQ(ReceiveAny(ended.session), PPC_ERR_RECV);
+    EXPECT_EQ(ReceiveAny(ended.session), PPC_ERR_SOCKET_CLOSED);
     EXPECT_EQ(drvPpcSessionDestroy(ended.session), PPC_ERR_INVALID_VALUE);
 }
 

@@ -45,7 +45,7 @@ enum {
     PPC_ERR_SOCKET_LISTEN = 21,  /**< listen failed */
     PPC_ERR_SOCKET_ACCEPT = 22,  /**< accept failed on a live endpoint */
     PPC_ERR_SOCKET_PATH = 24,    /**< the socket path could not be formed */
-    PPC_ERR_SOCKET_CLOSED = 25,  /**< the peer closed before a frame began; the server endpoint was destroyed */
+    PPC_ERR_SOCKET_CLOSED = 25,  /**< the peer closed before a frame began; this end ended the session or endpoint */
     PPC_ERR_RECV = 26,           /**< recv failed, or the payload could not be read */
     PPC_ERR_SEND = 27,           /**< writev failed or wrote short */
     PPC_ERR_NO_MEMORY = 40       /**< malloc failed */
@@ -309,14 +309,18 @@ GAKPPC_API int drvPpcSend(PpcSession* session, PpcMsg* msg, uint32_t flag);
  * PPC_ERR_NO_MEMORY (40), or PPC_ERR_NO_RESOURCE (6) because the descriptor held a buffer already, the session's socket
  * is closed; the session must still be ended.
  *
+ * A session that this end has ended with drvPpcSessionClose() or drvPpcSessionDestroy() reads as closed: at once if it
+ * had ended before the call, and instead of PPC_ERR_RECV (26) if it ended during the call.
+ *
  * @param[in]  session    The session.
  * @param[in]  msg        An empty descriptor.
  * @param[in]  reserved1  Ignored.
  * @param[in]  reserved2  Ignored.
  * @param[out] count      1, the number of buffers.
- * @return PPC_OK (0); PPC_ERR_SOCKET_CLOSED (25) when the peer closed before a frame; PPC_ERR_RECV (26) when reading
- *         failed; PPC_ERR_INVALID_VALUE (3) when only part of a length field was waiting; PPC_ERR_NO_RESOURCE (6) for a
- *         frame above ::PPC_MAX_MSG_LEN, which is not consumed; PPC_ERR_NO_MEMORY (40) when there is no memory for it.
+ * @return PPC_OK (0); PPC_ERR_SOCKET_CLOSED (25) when the peer closed before a frame, or this end has ended the
+ *         session; PPC_ERR_RECV (26) when reading failed, also because the socket is closed; PPC_ERR_INVALID_VALUE (3)
+ *         when only part of a length field was waiting; PPC_ERR_NO_RESOURCE (6) for a frame above ::PPC_MAX_MSG_LEN,
+ *         which is not consumed; PPC_ERR_NO_MEMORY (40) when there is no memory for it.
  */
 GAKPPC_API int drvPpcRecv(PpcSession* session, PpcMsg* msg, uint32_t reserved1, uint32_t reserved2, uint32_t* count);
 

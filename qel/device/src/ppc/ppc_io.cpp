@@ -61,7 +61,7 @@ int ReceivePayload(int fd, char* buf, size_t size, ppc::CallSite site)
 }
 
 // Gives the descriptor a buffer of its own.
-int AddReceiveBuffer(PpcMsg* msg, uint32_t length, int fd, ppc::CallSite site)
+int AddReceiveBuffer(PpcMsg* msg, uint32_t length, void** added, int fd, ppc::CallSite site)
 {
     std::unique_ptr<void, ppc::FreeMemory> buffer(malloc(length));
     if (buffer == nullptr) {
@@ -73,8 +73,39 @@ int AddReceiveBuffer(PpcMsg* msg, uint32_t length, int fd, ppc::CallSite site)
         PPC_ERROR(PPC_TEXT_AT(site, "qelPpcAddMsgBuffer fail, err(%d)(sock: %d)"), code, fd);
         return code;
     }
-    buffer.release();  // NOLINT(bugprone-unused-return-value): the descriptor's now
+    *added = buffer.release();
     ppc::BlockOf(msg)->head.ownsBuffer = 1;
+    return PPC_OK;
+}
+
+// Reads one frame into the descriptor, in the name of drvPpcRecv.
+int ReceiveFrame(PpcRecord* record, int fd, PpcMsg* msg, uint32_t* count, ppc::CallSite site)
+{
+    uint32_t length = 0;
+    int code = drvPpcSocketRecvPeek(fd, &length);
+    if (code != PPC_OK || length == 0) {
+        return code;
+    }
+    if (length > PPC_MAX_MSG_LEN) {
+        PPC_ERROR(PPC_TEXT_AT(site, "msg length too large: %d(support: %d Byte) "), static_cast<int>(length),
+                  static_cast<int>(PPC_MAX_MSG_LEN));
+        return PPC_ERR_NO_RESOURCE;
+    }
+    void* buffer = nullptr;
+    code = AddReceiveBuffer(msg, length, &buffer, fd, site);
+    if (code != PPC_OK) {
+        record->Revoke();
+        return code;
+    }
+    uint32_t got = 0;
+    code = drvPpcSocketRecv(fd, buffer, static_cast<int>(length), &got);
+    if (code != PPC_OK) {
+        PPC_ERROR(PPC_TEXT_AT(site, "socket recv mesg fail(session id:%d errno: %d)"), fd, code);
+        drvPpcReuseMsg(msg);
+        return PPC_ERR_RECV;
+    }
+    msg->bd.length = static_cast<int32_t>(got);
+    *count = ppc::kBufferCount;
     return PPC_OK;
 }
 
@@ -205,35 +236,13 @@ int drvPpcRecv(PpcSession* session, PpcMsg* msg, uint32_t, uint32_t, uint32_t* c
     }
     PpcRecord* record = PpcRecord::Of(session);
     const PpcCall call(record);
-    const int fd = call.Fd();
-    uint32_t length = 0;
-    int code = drvPpcSocketRecvPeek(fd, &length);
-    if (code != PPC_OK) {
-        return code;
+    if (!call.HasEntered() && record->IsEnded()) {
+        PPC_INFO(PPC_TEXT("client connection closed: %s(errno: %d)(sock: %d)"), strerror(errno), errno, call.Fd());
+        return PPC_ERR_SOCKET_CLOSED;
     }
-    if (length > PPC_MAX_MSG_LEN) {
-        PPC_ERROR(PPC_TEXT("msg length too large: %d(support: %d Byte) "), static_cast<int>(length),
-                  static_cast<int>(PPC_MAX_MSG_LEN));
-        return PPC_ERR_NO_RESOURCE;
-    }
-    if (length == 0) {
-        return PPC_OK;
-    }
-    code = AddReceiveBuffer(msg, length, fd, PPC_CALL_SITE);
-    if (code != PPC_OK) {
-        record->Revoke();
-        return code;
-    }
-    uint32_t got = 0;
-    code = drvPpcSocketRecv(fd, msg->bd.buffer, static_cast<int>(length), &got);
-    if (code != PPC_OK) {
-        PPC_ERROR(PPC_TEXT("socket recv mesg fail(session id:%d errno: %d)"), fd, code);
-        drvPpcReuseMsg(msg);
-        return PPC_ERR_RECV;
-    }
-    msg->bd.length = static_cast<int32_t>(got);
-    *count = ppc::kBufferCount;
-    return PPC_OK;
+    const int code = ReceiveFrame(record, call.Fd(), msg, count, PPC_CALL_SITE);
+    // However far it had come: whoever ended the session hears that it has closed, whenever they did it.
+    return code == PPC_ERR_RECV && record->IsEnded() ? PPC_ERR_SOCKET_CLOSED : code;
 }
 
 // NOLINTEND(concurrency-mt-unsafe)

@@ -39,7 +39,8 @@ public:
     bool MarkEnded(PpcRecord* record)
     {
         qel::MutexLock lock(mutex_);
-        return Contains(record) && !std::exchange(record->ended_, true);
+        return Contains(record) &&
+               (record->calls_.fetch_or(PpcRecord::kEnded, std::memory_order_relaxed) & PpcRecord::kEnded) == 0;
     }
 
     // For what may be the last reference.

@@ -62,6 +62,7 @@ public:
     // Ends the record for its owner, whose reference passes to the caller. Empty when the handle is not known or
     // another caller was first.
     static PpcRecordRef MarkEnded(Kind kind, void* handle);
+    bool IsEnded() const { return (calls_.load(std::memory_order_relaxed) & kEnded) != 0; }
 
     void AddRef() { refs_.fetch_add(1, std::memory_order_relaxed); }  // by those who have a reference
     void Release();
@@ -79,7 +80,7 @@ public:
     }
     void LeaveCall()
     {
-        if (calls_.fetch_sub(1, std::memory_order_acq_rel) == (kRevoked | 1U)) {
+        if ((calls_.fetch_sub(1, std::memory_order_acq_rel) & ~kEnded) == (kRevoked | 1U)) {
             CloseDescriptor();
         }
     }
@@ -99,6 +100,7 @@ private:
     friend class RecordDirectory;
 
     static constexpr uint32_t kRevoked = 0x80000000U;
+    static constexpr uint32_t kEnded = 0x40000000U;
 
     void CloseDescriptor();
 
@@ -109,13 +111,13 @@ private:
     const Kind kind_;
 
     // Self-synchronised.
-    std::atomic<uint32_t> calls_{0};  // kRevoked, and the number of calls in flight
+    std::atomic<uint32_t> calls_{0};  // kRevoked, kEnded, and the number of calls in flight. A call that finds a
+                                      // record revoked because it has ended sees both in one value
     std::atomic<uint32_t> refs_{2};   // at first of the owner and of the open descriptor; 0 is entered and left only
                                       // under the directory's mutex
     qel::Mutex sendMutex_;
 
     // Guarded by the directory's mutex.
-    bool ended_ = false;
     PpcRecord* nextInBucket_ = nullptr;
     PpcRecord* quarantinedBefore_ = nullptr;
     PpcRecord* quarantinedAfter_ = nullptr;
@@ -170,6 +172,7 @@ public:
 
     // -1 when the record had been revoked; otherwise this number stays the record's until the call leaves.
     int Fd() const { return fd_; }
+    bool HasEntered() const { return entered_; }
 
 private:
     PpcRecord* const record_;
