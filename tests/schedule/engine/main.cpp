@@ -87,10 +87,16 @@ void FixSurroundings(char** words)
     setrlimit(RLIMIT_CORE, &noCore);
 }
 
-[[noreturn]] void RunOnce(const Scenario& scenario, RunLog* log, uint64_t seed)
+// A seed and, so that it can be searched well, how long runs of the scenario are.
+struct Choice {
+    uint64_t seed;
+    uint32_t usualLength;
+};
+
+[[noreturn]] void RunOnce(const Scenario& scenario, RunLog* log, const Choice& choice)
 {
     gaktest::EndWithParent();
-    gaktest::StartRun(log, seed);
+    gaktest::StartRun(log, choice.seed, choice.usualLength);
     scenario.run();
     gaktest::EndRun();
 }
@@ -116,12 +122,12 @@ void JudgeEnd(RunLog& log, int status)
     }
 }
 
-bool FindsNothing(const Scenario& scenario, RunLog& log, uint64_t seed)
+bool FindsNothing(const Scenario& scenario, RunLog& log, const Choice& choice)
 {
     log.threadCount = 0;
     const pid_t child = fork();
     if (child == 0) {
-        RunOnce(scenario, &log, seed);
+        RunOnce(scenario, &log, choice);
     }
     int status = 0;
     waitpid(child, &status, 0);
@@ -160,9 +166,12 @@ int Search(const Scenario& scenario, const Options& options)
     if (scenario.prepare != nullptr) {
         scenario.prepare();
     }
+    // Its own finding, if any, is found again below.
+    FindsNothing(scenario, *log, {0, 0});
+    const uint32_t usualLength = log->eventCount;
     const double begin = Now();
     for (uint64_t seed = options.firstSeed; seed < options.firstSeed + options.schedules; ++seed) {
-        if (!FindsNothing(scenario, *log, seed)) {
+        if (!FindsNothing(scenario, *log, {seed, usualLength})) {
             return Report(scenario, *log, seed, options);
         }
     }

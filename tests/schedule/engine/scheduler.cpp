@@ -59,8 +59,9 @@ int64_t DrawPriority()
     return static_cast<int64_t>(Random() % static_cast<uint64_t>(kPriorities));
 }
 
-// How this seed goes about it: how many drops, within how many steps, or priorities that are drawn again and again.
-void DrawStrategy()
+// How this seed goes about it: how many drops, or priorities that are drawn again and again. Some drops come later than
+// in a usual run, because other schedules may be longer.
+void DrawStrategy(uint32_t usualLength)
 {
     run.memoryIsReused = OneIn(2);
     if (OneIn(4)) {
@@ -68,7 +69,7 @@ void DrawStrategy()
         return;
     }
     run.drops = static_cast<int>(Random() % (kMaxDrops + 1));
-    const uint32_t within = 16U << (Random() % 7);
+    const uint32_t within = usualLength * (OneIn(4) ? 4 : 1) + 1;
     for (int drop = 0; drop < run.drops; ++drop) {
         run.dropAt[drop] = static_cast<uint32_t>(Random() % within);
     }
@@ -284,14 +285,16 @@ void* ThreadBody(void* argument)
 
 }  // namespace
 
-void StartRun(RunLog* log, uint64_t seed)
+void StartRun(RunLog* log, uint64_t seed, uint32_t usualLength)
 {
     run.log = log;
     run.random = seed;
     log->outcome = RunLog::Outcome::kRunning;
     log->eventCount = 0;
     log->finding[0] = '\0';
-    DrawStrategy();
+    if (usualLength != 0) {
+        DrawStrategy(usualLength);
+    }
     Thread& first = AddThread();
     first.handle = pthread_self();
     FindOwnMemory(first, __builtin_frame_address(0));
@@ -409,6 +412,7 @@ void ForgetOtherThreads()
 {
     for (int id = 0; id < run.threadCount; ++id) {
         run.threads[id].alive = &run.threads[id] == self;
+        self->clock.Join(run.threads[id].clock);  // what they had done is in the copy
     }
 }
 

@@ -72,8 +72,9 @@ extern __thread Thread* self;
 
 // ---- A run ----
 
-// Makes the calling thread the first one of a run, which lasts until the process ends.
-void StartRun(RunLog* log, uint64_t seed);
+// Makes the calling thread the first one of a run, which lasts until the process ends. `usualLength` says how many
+// steps a run has that was started with 0 there, in which threads keep their first priorities.
+void StartRun(RunLog* log, uint64_t seed, uint32_t usualLength);
 [[noreturn]] void EndRun();
 // The process will leave through its exit handlers, which is no finding.
 void ExpectExit();

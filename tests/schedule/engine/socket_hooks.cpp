@@ -18,6 +18,13 @@
 
 #include "memory_checker.h"
 #include "scheduler.h"
+#include "socket_limits.h"
+
+namespace gaktest {
+
+SocketLimits socketLimits;
+
+}  // namespace gaktest
 
 namespace {
 
@@ -58,6 +65,10 @@ Result EndCall(int fd, Result result)
 int Opened(int fd, uintptr_t place)
 {
     if (self != nullptr && fd >= 0) {
+        if (gaktest::socketLimits.smallBuffers) {
+            const int smallest = 1;
+            setsockopt(fd, SOL_SOCKET, SO_SNDBUF, &smallest, sizeof(smallest));
+        }
         gaktest::ForgetMemory(gaktest::DescriptorAddress(fd), 1);
         gaktest::CheckAccess(gaktest::DescriptorAddress(fd), 1, Access::kWrite, place);
     }
@@ -139,6 +150,8 @@ int TryConnect(int fd, const sockaddr* address, socklen_t length)
     return result;
 }
 
+constexpr int kMostEntries = 4;
+
 // Passes over `count` bytes.
 void Advance(msghdr& message, size_t count)
 {
@@ -153,13 +166,30 @@ void Advance(msghdr& message, size_t count)
     }
 }
 
+// As much of the message as the kernel takes at once.
+ssize_t SendPiece(int fd, const msghdr& message, int flags)
+{
+    iovec pieces[kMostEntries];
+    msghdr limited = message;
+    size_t room = gaktest::socketLimits.largestPiece;
+    if (room != 0) {
+        limited.msg_iov = pieces;
+        for (size_t entry = 0; entry < message.msg_iovlen; ++entry) {
+            pieces[entry] = message.msg_iov[entry];
+            pieces[entry].iov_len = pieces[entry].iov_len < room ? pieces[entry].iov_len : room;
+            room -= pieces[entry].iov_len;
+        }
+    }
+    return syscall(SYS_sendmsg, fd, &limited, flags | MSG_DONTWAIT);
+}
+
 // Sends all, as a blocking call does: part of it only when the socket is ended meanwhile.
 ssize_t SendAll(int fd, msghdr message, int flags, uintptr_t place)
 {
     ssize_t total = 0;
     BeginCall(Op::kSend, fd, place);
     for (;;) {
-        const ssize_t sent = syscall(SYS_sendmsg, fd, &message, flags | MSG_DONTWAIT);
+        const ssize_t sent = SendPiece(fd, message, flags);
         if (sent == -1 && errno == EAGAIN) {
             BeginCall(Op::kSend, fd, place, Need::kSocketChange);
             continue;
@@ -169,12 +199,12 @@ ssize_t SendAll(int fd, msghdr message, int flags, uintptr_t place)
         }
         total += sent;
         Advance(message, static_cast<size_t>(sent));
+        EndCall(fd, sent);
         if (message.msg_iovlen == 0) {
-            return EndCall(fd, total);
+            return total;
         }
-        gaktest::SocketChanged();
         flags |= MSG_NOSIGNAL;  // the signal is raised only when nothing was sent
-        BeginCall(Op::kSend, fd, place, Need::kSocketChange);
+        BeginCall(Op::kSend, fd, place);
     }
 }
 
@@ -275,7 +305,6 @@ ssize_t writev(int fd, const iovec* entries, int count)
     if (self == nullptr) {
         return syscall(SYS_writev, fd, entries, count);
     }
-    constexpr int kMostEntries = 4;
     iovec copies[kMostEntries];
     if (count > kMostEntries) {
         gaktest::Found("writev with %d entries", count);

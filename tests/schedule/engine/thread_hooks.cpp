@@ -94,6 +94,24 @@ void EndInitialisation(const void* flag)
     }
 }
 
+struct ExitHandler {
+    void (*function)(void*);
+    void* argument;
+};
+
+constexpr int kMaxExitHandlers = 64;
+ExitHandler exitHandlers[kMaxExitHandlers];
+int exitHandlerCount = 0;
+
+void RunExitHandler(void* handler)
+{
+    if (self != nullptr) {
+        gaktest::Acquire(SyncAt(&exitHandlers));
+    }
+    const auto* registered = static_cast<const ExitHandler*>(handler);
+    registered->function(registered->argument);
+}
+
 // The first of a child's handlers to run, because it is the first to be registered: those of the library are scheduled.
 __attribute__((constructor(101))) void ForgetOtherThreadsInChild()
 {
@@ -230,6 +248,20 @@ void __cxa_guard_release(abi::__guard* guard) noexcept
 void __cxa_guard_abort(abi::__guard* guard) noexcept
 {
     EndInitialisation(guard);
+}
+
+// Handlers run after whatever happened before they were registered.
+int __cxa_atexit(void (*function)(void*), void* argument, void* dso) noexcept
+{
+    if (self == nullptr) {
+        return REAL(__cxa_atexit)(function, argument, dso);
+    }
+    if (exitHandlerCount == kMaxExitHandlers) {
+        gaktest::Found("the run registers more than %d exit handlers", kMaxExitHandlers);
+    }
+    gaktest::Release(SyncAt(&exitHandlers));
+    exitHandlers[exitHandlerCount] = {function, argument};
+    return REAL(__cxa_atexit)(RunExitHandler, &exitHandlers[exitHandlerCount++], dso);
 }
 
 pid_t fork()

@@ -152,3 +152,24 @@ SCENARIO_WITH(ClientDaemonGoes, nullptr, Prepare)
     sender.join();
     Client().Destroy();
 }
+
+// A connect that waits for a place in the daemon's queue holds up Destroy, and ends when the daemon accepts or goes.
+SCENARIO_WITH(ClientDestroyAgainstConnectToAFullQueue, nullptr, Prepare)
+{
+    const int before = gaktest::OpenDescriptors();
+    {
+        Listener listener(0);
+        SendHeartbeat(kCompute);
+        std::thread first(SendHeartbeat, kZolt);
+        std::thread second(SendHeartbeat, gaktest::kCustomCompute);
+        std::thread destroyer([] { Client().Destroy(); });
+        listener.Accept();
+        listener.Accept();
+        listener.Close();
+        first.join();
+        second.join();
+        destroyer.join();
+        Client().Destroy();
+    }
+    Require(gaktest::OpenDescriptors() == before, "a descriptor of the client is left after Destroy");
+}

@@ -102,26 +102,39 @@ bool Peer::Send(const WireMessage& message)
 
 std::optional<WireMessage> Peer::Receive()
 {
+    return Receive(Cut::kIsAFinding);
+}
+
+std::optional<WireMessage> Peer::ReceiveOrCutFrame()
+{
+    return Receive(Cut::kIsAnEnd);
+}
+
+std::optional<WireMessage> Peer::Receive(Cut cut)
+{
     uint8_t head[kHeadSize];
     uint8_t body[kMostBytes];
-    if (!ReadExactly(head, sizeof(head))) {
+    if (!ReadExactly(head, sizeof(head), cut)) {
         return std::nullopt;
     }
     const size_t size = head[4];
     Require(head[0] == 0 && head[1] == 0 && head[2] == 0 && head[3] == size + 4 && size <= kMostBytes,
             "the peer reads bytes that are no frame");
-    Require(ReadExactly(body, size), "the connection ends inside a frame");
+    if (!ReadExactly(body, size, cut)) {
+        Require(cut == Cut::kIsAnEnd, "the connection ends inside a frame");
+        return std::nullopt;
+    }
     return Decode(body, size);
 }
 
 // False at the end, which the peer may also have forced on us by leaving bytes unread.
-bool Peer::ReadExactly(void* buffer, size_t size)
+bool Peer::ReadExactly(void* buffer, size_t size, Cut cut)
 {
     size_t total = 0;
     while (total < size) {
         const ssize_t received = recv(fd_, static_cast<uint8_t*>(buffer) + total, size - total, 0);
         if (received <= 0) {
-            Require(received < 0 || total == 0, "the connection ends inside a frame");
+            Require(received < 0 || total == 0 || cut == Cut::kIsAnEnd, "the connection ends inside a frame");
             return false;
         }
         total += static_cast<size_t>(received);
@@ -134,12 +147,6 @@ void Peer::Close()
     if (fd_ >= 0) {
         close(std::exchange(fd_, -1));
     }
-}
-
-void Peer::ShrinkBuffers()
-{
-    const int smallest = 1;
-    setsockopt(fd_, SOL_SOCKET, SO_SNDBUF, &smallest, sizeof(smallest));
 }
 
 Listener::Listener(int backlog) : fd_(socket(AF_UNIX, SOCK_STREAM, 0))

@@ -41,14 +41,17 @@ public:
     bool Send(const WireMessage& message);
     // Empty at the end of the connection. Bytes that are no message are a finding.
     std::optional<WireMessage> Receive();
+    // The same, and a message that is cut is none.
+    std::optional<WireMessage> ReceiveOrCutFrame();
     // Whether the connection ends without another message.
     bool ReadsEnd() { return !Receive().has_value(); }
     void Close();
-    // The kernel takes one message at most before a sender on the other end has to wait.
-    void ShrinkBuffers();
 
 private:
-    bool ReadExactly(void* buffer, size_t size);
+    enum class Cut { kIsAFinding, kIsAnEnd };
+
+    std::optional<WireMessage> Receive(Cut cut);
+    bool ReadExactly(void* buffer, size_t size, Cut cut);
 
     int fd_ = -1;
 };

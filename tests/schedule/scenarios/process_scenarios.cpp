@@ -188,3 +188,22 @@ SCENARIO_WITH(ForkedChildExits, nullptr, Prepare)
     Require(worker.Send({kHeartbeat, 0, 0, kCompute, 1}), "a child's exit ends its parent's session");
     PpcServer::GetInstance().Destroy();
 }
+
+// Exit handlers and what they tear down are entered while another thread uses them for the first time.
+SCENARIO_WITH(ExitAgainstFirstUse, nullptr, Prepare)
+{
+    std::thread([] { PpcServer::GetInstance().CreateServer(gaktest::kServerId); }).detach();
+    std::thread([] { PpcClient::GetInstance()->SendHeartbeat(0, kCompute); }).detach();
+    gaktest::ExitProcess();
+}
+
+// A child that exits while a thread of its parent uses the logger for the first time does not wait for that thread.
+SCENARIO_WITH(ForkedChildExitsDuringFirstUse, nullptr, Prepare)
+{
+    std::thread user([] {
+        PpcServer::GetInstance();
+        QEL_LOG_IMPL("function", "file", 1, "text");
+    });
+    gaktest::RunInChild([] { gaktest::ExitProcess(); });
+    user.join();
+}

@@ -1,6 +1,9 @@
 // The daemon's end: Destroy against everything else, handlers that call back, tables that change under a sender.
 
+#include <pthread.h>
+
 #include <atomic>
+#include <condition_variable>
 #include <mutex>
 #include <thread>
 
@@ -8,6 +11,7 @@
 #include "ppc.h"
 #include "ppc_server.h"
 #include "scenario.h"
+#include "socket_limits.h"
 #include "status_table.h"
 
 namespace {
@@ -70,6 +74,13 @@ void WorkerThatLeaves(uint8_t pid)
     }
 }
 
+// Sends as many messages to a worker that does not read as it takes until nothing more goes out.
+void SendUntilItFails(uint8_t pid)
+{
+    while (Server().SendData(ShutdownFor(pid)) == qel::kStatusOk) {
+    }
+}
+
 // Nothing of the server is left: this thread alone runs, and no descriptor is open but those there were before.
 void RequireNothingLeft(int descriptorsBefore)
 {
@@ -106,6 +117,11 @@ void TakeTheDaemonsMutex(const PPCMessage& /*message*/)
 void Answer(const PPCMessage& message)
 {
     Server().SendData(ShutdownFor(static_cast<uint8_t>(message.sub_proc_pid())));
+}
+
+void EndThread(const PPCMessage& /*message*/)
+{
+    pthread_exit(nullptr);
 }
 
 void CloseOwnSession(const PPCMessage& message)
@@ -300,4 +316,145 @@ SCENARIO_WITH(ServerCloseAgainstSendAndReceive, nullptr, Prepare)
     sender.join();
     Server().Destroy();
     worker.join();
+}
+
+// Senders are blocked because the worker does not read; Destroy wakes them all the same.
+SCENARIO_WITH(ServerDestroyAgainstBlockedSenders, nullptr, Prepare)
+{
+    const int before = gaktest::OpenDescriptors();
+    gaktest::socketLimits.smallBuffers = true;
+    StartServer();
+    {
+        Peer worker;
+        Require(worker.Connect() && worker.Send(HeartbeatOf(1)), "the worker cannot send");
+        std::thread first(SendUntilItFails, 1);
+        std::thread second(SendUntilItFails, 1);
+        Server().Destroy();
+        first.join();
+        second.join();
+    }
+    RequireNothingLeft(before);
+}
+
+SCENARIO_WITH(ServerCloseAgainstBlockedSender, nullptr, Prepare)
+{
+    gaktest::socketLimits.smallBuffers = true;
+    StartServer();
+    Peer worker;
+    Require(worker.Connect() && worker.Send(HeartbeatOf(1)), "the worker cannot send");
+    std::thread sender(SendUntilItFails, 1);
+    Server().CloseSomeSession(Server().GetPpcSession(0, 1));
+    std::thread other(SendUntilItFails, 1);
+    Server().Destroy();
+    sender.join();
+    other.join();
+}
+
+// The kernel takes frames in pieces, and those of several senders must not mix.
+SCENARIO_WITH(ServerSendersDoNotMixFrames, nullptr, Prepare)
+{
+    gaktest::socketLimits.largestPiece = 7;
+    Server().RegPPCSerMsgProcFunc(kHeartbeat, Answer);
+    StartServer();
+    Peer worker;
+    Require(worker.Connect() && worker.Send(HeartbeatOf(1)), "the worker cannot send");
+    std::thread sender([] { Server().SendData(ShutdownFor(1)); });
+    Server().SendData(ShutdownFor(1));
+    sender.join();
+    Server().Destroy();
+    while (const auto message = worker.Receive()) {
+        Require(message->type == kShutdown && message->pid == 1, "frames have mixed");
+    }
+}
+
+// A frame that Destroy cuts ends the connection: the worker reads its beginning and nothing after it.
+SCENARIO_WITH(ServerDestroyCutsAFrame, nullptr, Prepare)
+{
+    gaktest::socketLimits.largestPiece = 7;
+    StartServer();
+    Peer worker;
+    Require(worker.Connect() && worker.Send(HeartbeatOf(1)), "the worker cannot send");
+    std::thread sender([] { Server().SendData(ShutdownFor(1)); });
+    std::thread other([] { Server().SendData(ShutdownFor(1)); });
+    Server().Destroy();
+    sender.join();
+    other.join();
+    while (worker.ReceiveOrCutFrame().has_value()) {
+    }
+}
+
+SCENARIO_WITH(ServerTwoReapersWhileWorkersComeAndGo, nullptr, Prepare)
+{
+    const int before = gaktest::OpenDescriptors();
+    StartServer();
+    std::thread workers([] {
+        WorkerThatLeaves(1);
+        WorkerThatLeaves(2);
+        WorkerThatLeaves(3);
+    });
+    const auto reap = [] {
+        for (int time = 0; time < 2; ++time) {
+            Server().JoinAllPPCRcvThreads();
+        }
+    };
+    std::thread reaper(reap);
+    reap();
+    reaper.join();
+    workers.join();
+    Server().Destroy();
+    RequireNothingLeft(before);
+}
+
+SCENARIO_WITH(ServerCreatedByTwoThreads, nullptr, Prepare)
+{
+    const int before = gaktest::OpenDescriptors();
+    std::thread other(StartServer);
+    StartServer();
+    other.join();
+    {
+        Peer worker;
+        Require(worker.Connect(), "the server does not listen");
+    }
+    Server().Destroy();
+    RequireNothingLeft(before);
+}
+
+SCENARIO_WITH(ServerRegistersAgainstDispatchAndDestroy, nullptr, Prepare)
+{
+    StartServer();
+    std::thread registrar([] {
+        Server().RegPPCSerMsgProcFunc(kHeartbeat, Count);
+        Server().RegPPCSerMsgProcFunc(PPCMessage::SOCKET_CLOSE, Count);
+    });
+    std::thread worker(WorkerThatLeaves, 1);
+    Server().Destroy();
+    registrar.join();
+    worker.join();
+}
+
+SCENARIO_WITH(ServerHandlerEndsItsThread, nullptr, Prepare)
+{
+    const int before = gaktest::OpenDescriptors();
+    Server().RegPPCSerMsgProcFunc(kHeartbeat, EndThread);
+    StartServer();
+    std::thread worker(WorkerThatLeaves, 1);
+    std::thread reaper([] { Server().JoinAllPPCRcvThreads(); });
+    worker.join();
+    Server().Destroy();
+    reaper.join();
+    RequireNothingLeft(before);
+}
+
+SCENARIO_WITH(ServerCloseAgainstDestroy, nullptr, Prepare)
+{
+    const int before = gaktest::OpenDescriptors();
+    StartServer();
+    {
+        Peer worker;
+        Require(worker.Connect() && worker.Send(HeartbeatOf(1)), "the worker cannot send");
+        std::thread closer([] { Server().CloseSomeSession(Server().GetPpcSession(0, 1)); });
+        Server().Destroy();
+        closer.join();
+    }
+    RequireNothingLeft(before);
 }
