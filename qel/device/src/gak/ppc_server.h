@@ -33,10 +33,11 @@ namespace qel {
 /// shutting their sessions down. A handler that does not return blocks Destroy. So do thread-local objects of handlers
 /// that wait when they are destroyed; those hold up accepting and reaping as well.
 ///
-/// Locks. Each table and list of the server has a mutex of its own, which no caller can hold. Nothing waits, joins, logs
-/// or calls the daemon under one of them, with one exception: a handler runs under the handlers' mutex, so that one runs
-/// at a time. The daemon may therefore hold locks of its own in any call, as long as no handler that the call waits for
-/// needs one of them: Destroy waits for all that run, PPCSerMsgProc and RegPPCSerMsgProcFunc for the one that runs.
+/// Locks. Each table and list of the server has a mutex of its own, which no caller can hold. Nothing waits, joins,
+/// logs or calls the daemon under one of them, with one exception: a handler runs under the handlers' mutex, so that
+/// one runs at a time. The daemon may therefore hold locks of its own in any call, as long as no handler that the call
+/// waits for needs one of them: Destroy waits for all that run, PPCSerMsgProc and RegPPCSerMsgProcFunc for the one that
+/// runs.
 ///
 /// Sessions. The session list says which sessions are open. An entry of the session table stays after its session has
 /// been closed, and a message to it fails with kStatusPpcSendRecvFail (0x1093037); it never reaches another worker.
