@@ -205,6 +205,11 @@ private:
 
 // ---- Watching the library ----
 
+struct LevelQuestion : calls::OfGakppc {
+    static constexpr const char* kSymbol = "CheckLogLevel";
+    using Signature = int(int, int);
+};
+
 // Counts the blocks that the library frees.
 class FreeCounter {
 public:

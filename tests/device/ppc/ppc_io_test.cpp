@@ -9,6 +9,7 @@
 #include <optional>
 
 #include "driver_test.h"
+#include "held_mutexes.h"
 
 namespace {
 
@@ -49,6 +50,12 @@ std::string RecvErrorText(int fd, int error)
 {
     return "recv error: " + ErrnoText(error) + SockText(fd);
 }
+
+// The format and its arguments are not looked at.
+struct ErrorLineCall : calls::OfGakppc {
+    static constexpr const char* kSymbol = "VlogErrorInner";
+    using Signature = int(int, const char*);
+};
 
 // The driver's end of a connection is a bare descriptor here.
 class SocketIoTest : public testing::Test {
@@ -237,6 +244,19 @@ TEST_F(SocketIoTest, PeekAtTheEndGives25WithAnInformationLine)
     EXPECT_EQ(Peek(), PPC_ERR_SOCKET_CLOSED);
     EXPECT_THAT(log_.Lines(), ElementsAre(InfoLine("drvPpcSocketRecvPeek", ClosedText(socket_.get()))));
     EXPECT_EQ(length_, kUntouched);
+}
+
+// A log may change errno when it is asked for its level.
+TEST_F(SocketIoTest, PeekAtTheEndLogsTheErrnoOfTheCall)
+{
+    peer_.Reset();
+    CountingHook<LevelQuestion> questions;
+    questions.OnCall([](uint64_t, int, int) {
+        errno = EXDEV;
+        return std::optional<int>(1);
+    });
+    EXPECT_EQ(Peek(), PPC_ERR_SOCKET_CLOSED);
+    EXPECT_THAT(log_.Lines(), ElementsAre(InfoLine("drvPpcSocketRecvPeek", ClosedText(socket_.get()))));
 }
 
 TEST_F(SocketIoTest, FailedPeekGives26)
@@ -535,6 +555,31 @@ TEST_F(MessageIoTest, FailedSendGives27WithALineOfEachLayer)
     const std::string cause = "send (sockfd " + std::to_string(fd_) + ")error: " + ErrnoText(EPIPE) + "  -1 10 4";
     EXPECT_THAT(log_.Lines(),
                 ElementsAre(ErrorLine("drvPpcSocketSend", cause), ErrorLine("drvPpcSend", "ppc send message error")));
+}
+
+// The log may block, or send on the same session.
+TEST_F(MessageIoTest, FailedSendHoldsNoMutexWhenItLogs)
+{
+    const Message message(connection_.session, kTen);
+    connection_.peer.Reset();
+    const HeldMutexes held;
+    std::vector<int> heldAtLine;
+    CountingHook<ErrorLineCall> lines;
+    lines.OnCall([&](uint64_t, int, const char*) {
+        heldAtLine.push_back(HeldMutexes::OfThisThread());
+        return std::optional<int>(0);
+    });
+    EXPECT_EQ(Send(message), PPC_ERR_SEND);
+    EXPECT_THAT(heldAtLine, ElementsAre(0, 0));
+}
+
+TEST_F(MessageIoTest, SendOnAnEndedSessionTouchesNoSendMutex)
+{
+    const Message message(connection_.session, kTen);
+    connection_.End();
+    CountingHook<calls::MutexLock> locks;
+    EXPECT_EQ(Send(message), PPC_ERR_SEND);
+    EXPECT_EQ(locks.Count(), 0u);
 }
 
 TEST_F(MessageIoTest, ShortSendEndsTheSessionForBothSides)

@@ -728,6 +728,17 @@ TEST_F(SessionConnectTest, WhenNobodyListensGives19)
     ExpectConnectFails(ECONNREFUSED);
 }
 
+// A log may change errno when it is asked for its level.
+TEST_F(SessionConnectTest, FailureIsLoggedWithTheErrnoOfTheCall)
+{
+    CountingHook<LevelQuestion> questions;
+    questions.OnCall([](uint64_t, int, int) {
+        errno = EXDEV;
+        return std::optional<int>(1);
+    });
+    ExpectConnectFails(ENOENT);
+}
+
 TEST_F(SessionConnectTest, FailureIsNotLoggedWhenWarningsAreOff)
 {
     log_.SetMinimumLevel(3);

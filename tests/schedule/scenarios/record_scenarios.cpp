@@ -215,7 +215,7 @@ SCENARIO(SendWhoseLogLineSendsOnTheSameSession)
     drvPpcSessionDestroy(sinkSession);
 }
 
-// A log that blocks holds up the thread that writes the line, and nobody else.
+// A log that blocks holds up the thread that writes the line, and nobody else: of two senders one gets through.
 SCENARIO(SendWhoseLogLineBlocksHoldsUpNobodyElse)
 {
     ppcInit();
@@ -224,13 +224,22 @@ SCENARIO(SendWhoseLogLineBlocksHoldsUpNobodyElse)
     const PpcSessionRef held(session);
     listener.Accept();
     gaktest::logSink.onLine = WaitOnce;
-    std::thread other([held, session] { SendOn(session); });
-    SendOn(session);
-    {
+    static int sendersDone = 0;
+    const auto send = [held, session] {
+        SendOn(session);
         const std::lock_guard<std::mutex> lock(sinkMutex);
+        ++sendersDone;
+        sinkCondition.notify_all();
+    };
+    std::thread first(send);
+    std::thread second(send);
+    {
+        std::unique_lock<std::mutex> lock(sinkMutex);
+        sinkCondition.wait(lock, [] { return sendersDone > 0; });
         sinkMayGoOn = true;
     }
     sinkCondition.notify_all();
-    other.join();
+    first.join();
+    second.join();
     drvPpcSessionDestroy(session);
 }

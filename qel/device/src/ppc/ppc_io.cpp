@@ -6,6 +6,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <memory>
+#include <utility>
 
 #include "ppc.h"
 #include "ppc_log.h"
@@ -36,12 +37,13 @@ ssize_t Receive(int fd, void* buf, size_t size, int flags)
 int ReceiveSome(int fd, void* buf, size_t size, size_t* received, ppc::CallSite site)
 {
     const ssize_t result = Receive(fd, buf, size, 0);
+    const int error = errno;
     if (result < 0) {
-        PPC_ERROR(PPC_TEXT_AT(site, "recv error: %s(errno: %d)(sock: %d)"), strerror(errno), errno, fd);
+        PPC_ERROR(PPC_TEXT_AT(site, "recv error: %s(errno: %d)(sock: %d)"), strerror(error), error, fd);
         return PPC_ERR_RECV;
     }
     if (result == 0) {
-        PPC_ERROR(PPC_TEXT_AT(site, "client connection closed: %s(errno: %d)(sock: %d)"), strerror(errno), errno, fd);
+        PPC_ERROR(PPC_TEXT_AT(site, "client connection closed: %s(errno: %d)(sock: %d)"), strerror(error), error, fd);
         return PPC_ERR_SOCKET_CLOSED;
     }
     *received = static_cast<size_t>(result);
@@ -109,17 +111,52 @@ int ReceiveFrame(PpcRecord* record, int fd, PpcMsg* msg, uint32_t* count, ppc::C
     return PPC_OK;
 }
 
-// One frame with one system call. The result is writev's, with its errno.
-ssize_t WriteFrame(int fd, const void* buf, int len)
+// The send mutex of the session that drvPpcSend sends on in this thread, for drvPpcSocketSend, which may be replaced
+// and therefore is told of descriptor and bytes only. It is held for the system calls and not for the lines about them.
+thread_local qel::Mutex* sendMutex = nullptr;
+
+class SendMutexScope {
+public:
+    explicit SendMutexScope(qel::Mutex* mutex) : previous_(std::exchange(sendMutex, mutex)) {}
+    ~SendMutexScope() { sendMutex = previous_; }
+    SendMutexScope(const SendMutexScope&) = delete;
+    SendMutexScope& operator=(const SendMutexScope&) = delete;
+
+private:
+    qel::Mutex* const previous_;
+};
+
+struct WriteResult {
+    ssize_t written;
+    int error;
+};
+
+// One frame with one system call.
+WriteResult WriteFrame(int fd, const void* buf, int len)
 {
     uint32_t lengthField = htonl(static_cast<uint32_t>(len));
     iovec entries[2] = {{&lengthField, kLengthFieldSize}, {const_cast<void*>(buf), static_cast<size_t>(len)}};
     const ppc::SigpipeGuard guard;
     const ssize_t written = writev(fd, entries, 2);
-    if (written == -1 && errno == EPIPE) {
+    const int error = errno;
+    if (written == -1 && error == EPIPE) {
         ppc::SigpipeGuard::Consume();
     }
-    return written;
+    if (written > 0 && written != static_cast<ssize_t>(len) + kLengthFieldSize) {
+        // What follows a cut frame would be read as the rest of it.
+        shutdown(fd, SHUT_RDWR);
+    }
+    return {written, error};
+}
+
+WriteResult WriteFrameOfSession(int fd, const void* buf, int len)
+{
+    qel::Mutex* mutex = std::exchange(sendMutex, nullptr);
+    if (mutex == nullptr) {
+        return WriteFrame(fd, buf, len);
+    }
+    qel::MutexLock lock(*mutex);
+    return WriteFrame(fd, buf, len);
 }
 
 }  // namespace
@@ -130,17 +167,12 @@ int drvPpcSocketSend(int fd, const void* buf, int len)
         PPC_ERROR(PPC_TEXT("null buf"));
         return PPC_ERR_INVALID_VALUE;
     }
-    const ssize_t frameSize = static_cast<ssize_t>(len) + kLengthFieldSize;
-    const ssize_t written = WriteFrame(fd, buf, len);
-    if (written != -1 && written == frameSize) {
+    const WriteResult result = WriteFrameOfSession(fd, buf, len);
+    if (result.written != -1 && result.written == static_cast<ssize_t>(len) + kLengthFieldSize) {
         return PPC_OK;
     }
-    PPC_ERROR(PPC_TEXT("send (sockfd %d)error: %s(errno: %d)  %d %d %d"), fd, strerror(errno), errno,
-              static_cast<int>(written), len, kLengthFieldSize);
-    if (written > 0) {
-        // What follows a cut frame would be read as the rest of it.
-        shutdown(fd, SHUT_RDWR);
-    }
+    PPC_ERROR(PPC_TEXT("send (sockfd %d)error: %s(errno: %d)  %d %d %d"), fd, strerror(result.error), result.error,
+              static_cast<int>(result.written), len, kLengthFieldSize);
     return PPC_ERR_SEND;
 }
 
@@ -152,12 +184,13 @@ int drvPpcSocketRecvPeek(int fd, uint32_t* len)
     }
     uint32_t lengthField = 0;
     const ssize_t received = Receive(fd, &lengthField, kLengthFieldSize, MSG_PEEK);
+    const int error = errno;
     if (received == 0) {
-        PPC_INFO(PPC_TEXT("client connection closed: %s(errno: %d)(sock: %d)"), strerror(errno), errno, fd);
+        PPC_INFO(PPC_TEXT("client connection closed: %s(errno: %d)(sock: %d)"), strerror(error), error, fd);
         return PPC_ERR_SOCKET_CLOSED;
     }
     if (received < 0) {
-        PPC_ERROR(PPC_TEXT("recv error: %s(errno: %d)(sock: %d)"), strerror(errno), errno, fd);
+        PPC_ERROR(PPC_TEXT("recv error: %s(errno: %d)(sock: %d)"), strerror(error), error, fd);
         return PPC_ERR_RECV;
     }
     if (received != kLengthFieldSize) {
@@ -216,7 +249,7 @@ int drvPpcSend(PpcSession* session, PpcMsg* msg, uint32_t flag)
     }
     PpcRecord* record = PpcRecord::Of(session);
     const PpcCall call(record);
-    qel::MutexLock lock(record->SendMutex());
+    const SendMutexScope scope(call.HasEntered() ? &record->SendMutex() : nullptr);
     if (drvPpcSocketSend(call.Fd(), msg->bd.buffer, msg->bd.length) != PPC_OK) {
         PPC_ERROR(PPC_TEXT("ppc send message error"));
         return PPC_ERR_SEND;
@@ -234,10 +267,11 @@ int drvPpcRecv(PpcSession* session, PpcMsg* msg, uint32_t, uint32_t, uint32_t* c
         PPC_ERROR(PPC_TEXT("null ptr"));
         return PPC_ERR_INVALID_VALUE;
     }
+    const int error = errno;
     PpcRecord* record = PpcRecord::Of(session);
     const PpcCall call(record);
     if (!call.HasEntered() && record->IsEnded()) {
-        PPC_INFO(PPC_TEXT("client connection closed: %s(errno: %d)(sock: %d)"), strerror(errno), errno, call.Fd());
+        PPC_INFO(PPC_TEXT("client connection closed: %s(errno: %d)(sock: %d)"), strerror(error), error, call.Fd());
         return PPC_ERR_SOCKET_CLOSED;
     }
     const int code = ReceiveFrame(record, call.Fd(), msg, count, PPC_CALL_SITE);

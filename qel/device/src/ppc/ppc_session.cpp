@@ -172,11 +172,11 @@ int drvPpcSessionAccept(PpcServerHead* server, PpcSession** ppSession)
     const PpcCall call(record.Get());
     OwnFd fd = AcceptPeer(call.Fd());
     if (fd.Get() < 0) {
+        const int error = errno;
         if (call.Fd() == -1 || record->PublicFd() == -1) {
             PPC_WARN(PPC_TEXT("Server socket closed pHead %p"), static_cast<void*>(server));
             return PPC_ERR_SOCKET_CLOSED;
         }
-        const int error = errno;
         PPC_ERROR(PPC_TEXT("accept ppc socket error: %s(errno: %d) pHead->listenFd %d pHead %p"), strerror(error),
                   error, call.Fd(), static_cast<void*>(server));
         PauseIfExhausted(error, call.Fd());
@@ -235,7 +235,8 @@ int drvPpcSessionConnect(int serverId, PpcSession** ppSession)
         return code;
     }
     if (ConnectToServer(socket) != 0) {
-        PPC_WARN(PPC_TEXT("connect ppc socket error: %s(errno: %d), server pid %d"), strerror(errno), errno, serverId);
+        const int error = errno;
+        PPC_WARN(PPC_TEXT("connect ppc socket error: %s(errno: %d), server pid %d"), strerror(error), error, serverId);
         return PPC_ERR_SOCKET_CONNECT;
     }
     const int sessionFd = socket.fd.Get();
