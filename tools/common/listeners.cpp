@@ -28,7 +28,7 @@ std::string LinkTarget(const fs::path& link)
 }
 
 // The kernel's numbers of the sockets that listen and were bound at `path`.
-std::set<std::string> ListeningSockets(const std::string& path)
+std::set<std::string> SocketsBoundAt(const std::string& path)
 {
     std::set<std::string> sockets;
     std::ifstream table("/proc/net/unix");
@@ -68,16 +68,16 @@ std::set<std::string> Opened(const fs::path& process, const std::set<std::string
 // Those that were bound in the file system that we see at `path`. When the kernel cannot tell, all that still listen.
 std::set<std::string> SocketsOfThisFileSystem(const std::string& path)
 {
-    const auto devices = DevicesOfListeners();
-    if (!devices.has_value()) {
-        return ListeningSockets(path);
+    const auto listening = ListeningSockets();
+    if (!listening.has_value()) {
+        return SocketsBoundAt(path);
     }
     struct stat directory {};
     std::set<std::string> sockets;
     if (stat(fs::path(path).parent_path().c_str(), &directory) == 0) {
-        for (const auto& [number, device] : *devices) {
-            if (device == directory.st_dev) {
-                sockets.insert(fmt::format("socket:[{}]", number));
+        for (const ListeningSocket& socket : *listening) {
+            if (socket.device == directory.st_dev) {
+                sockets.insert(fmt::format("socket:[{}]", socket.number));
             }
         }
     }
@@ -116,7 +116,7 @@ OpenSockets FindOwners(const std::set<std::string>& sockets)
 
 std::vector<ListeningProcess> ListenersAt(const std::string& path)
 {
-    const std::set<std::string> sockets = ListeningSockets(path);
+    const std::set<std::string> sockets = SocketsBoundAt(path);
     if (sockets.empty()) {
         return {};
     }
@@ -136,6 +136,15 @@ std::vector<ListeningProcess> ListenersAt(const std::string& path)
         }
     }
     return listeners;
+}
+
+std::vector<pid_t> ProcessesWithSocket(uint32_t number)
+{
+    std::vector<pid_t> processes;
+    for (const auto& [socket, pid] : FindOwners({fmt::format("socket:[{}]", number)}).owners) {
+        processes.push_back(pid);
+    }
+    return processes;
 }
 
 std::string ValueInFile(const std::string& file, const std::string& key)

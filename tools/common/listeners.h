@@ -3,6 +3,7 @@
 
 #include <sys/types.h>
 
+#include <cstdint>
 #include <string>
 #include <vector>
 
@@ -17,6 +18,9 @@ struct ListeningProcess {
 
 // All that were bound at `path`.
 std::vector<ListeningProcess> ListenersAt(const std::string& path);
+
+// The processes that have a socket open, as far as we may look into them. `number` is the kernel's.
+std::vector<pid_t> ProcessesWithSocket(uint32_t number);
 
 // The value of one line "key:  value" of a file, empty when it is missing.
 std::string ValueInFile(const std::string& file, const std::string& key);

@@ -7,6 +7,7 @@
 #include <sys/socket.h>
 #include <sys/sysmacros.h>
 
+#include <algorithm>
 #include <array>
 #include <cstring>
 
@@ -21,7 +22,7 @@ constexpr uint32_t kListenState = 10;  // TCP_LISTEN, which Unix sockets use as 
 constexpr unsigned kMinorBits = 20;    // of a device number inside the kernel
 constexpr std::chrono::seconds kAnswerTime{2};
 
-using Devices = std::map<uint32_t, dev_t>;
+using Sockets = std::vector<ListeningSocket>;
 
 bool Ask(const Fd& netlink)
 {
@@ -34,28 +35,49 @@ bool Ask(const Fd& netlink)
     question.header.nlmsg_flags = NLM_F_REQUEST | NLM_F_DUMP;
     question.request.sdiag_family = AF_UNIX;
     question.request.udiag_states = 1U << kListenState;
-    question.request.udiag_show = UDIAG_SHOW_VFS;
+    question.request.udiag_show = UDIAG_SHOW_NAME | UDIAG_SHOW_VFS | UDIAG_SHOW_RQLEN;
     return send(netlink.get(), &question, sizeof(question), 0) == static_cast<ssize_t>(sizeof(question));
 }
 
-void TakeSocket(const nlmsghdr* header, Devices& devices)
+template <typename T>
+T ValueOf(const rtattr* attribute)
 {
-    const auto* socket = static_cast<const unix_diag_msg*>(NLMSG_DATA(header));
-    auto length = static_cast<int>(header->nlmsg_len - NLMSG_LENGTH(sizeof(*socket)));
-    const auto* attribute = reinterpret_cast<const rtattr*>(socket + 1);
-    for (; RTA_OK(attribute, length); attribute = RTA_NEXT(attribute, length)) {
-        if (attribute->rta_type == UNIX_DIAG_VFS) {
-            unix_diag_vfs file{};
-            memcpy(&file, RTA_DATA(attribute), sizeof(file));
-            const uint32_t device = file.udiag_vfs_dev;
-            devices[socket->udiag_ino] = makedev(device >> kMinorBits, device & ((1U << kMinorBits) - 1));
-        }
+    T value{};
+    memcpy(&value, RTA_DATA(attribute), std::min(sizeof(value), static_cast<size_t>(RTA_PAYLOAD(attribute))));
+    return value;
+}
+
+void TakeAttribute(const rtattr* attribute, ListeningSocket& socket)
+{
+    if (attribute->rta_type == UNIX_DIAG_NAME) {
+        socket.path.assign(static_cast<const char*>(RTA_DATA(attribute)), RTA_PAYLOAD(attribute));
+        socket.path.resize(strnlen(socket.path.c_str(), socket.path.size()));
+    } else if (attribute->rta_type == UNIX_DIAG_VFS) {
+        const auto file = ValueOf<unix_diag_vfs>(attribute);
+        const uint32_t device = file.udiag_vfs_dev;
+        socket.device = makedev(device >> kMinorBits, device & ((1U << kMinorBits) - 1));
+        socket.inode = file.udiag_vfs_ino;
+    } else if (attribute->rta_type == UNIX_DIAG_RQLEN) {
+        socket.waiting = ValueOf<unix_diag_rqlen>(attribute).udiag_rqueue;
     }
+}
+
+void TakeSocket(const nlmsghdr* header, Sockets& sockets)
+{
+    const auto* message = static_cast<const unix_diag_msg*>(NLMSG_DATA(header));
+    ListeningSocket socket;
+    socket.number = message->udiag_ino;
+    auto length = static_cast<int>(header->nlmsg_len - NLMSG_LENGTH(sizeof(*message)));
+    const auto* attribute = reinterpret_cast<const rtattr*>(message + 1);
+    for (; RTA_OK(attribute, length); attribute = RTA_NEXT(attribute, length)) {
+        TakeAttribute(attribute, socket);
+    }
+    sockets.push_back(socket);
 }
 
 enum class Answer { kMore, kEnd, kRefused };
 
-Answer TakeAnswer(const char* bytes, size_t size, Devices& devices)
+Answer TakeAnswer(const char* bytes, size_t size, Sockets& sockets)
 {
     const auto* header = reinterpret_cast<const nlmsghdr*>(bytes);
     for (; NLMSG_OK(header, size); header = NLMSG_NEXT(header, size)) {
@@ -65,20 +87,20 @@ Answer TakeAnswer(const char* bytes, size_t size, Devices& devices)
         if (header->nlmsg_type != SOCK_DIAG_BY_FAMILY) {
             return Answer::kRefused;
         }
-        TakeSocket(header, devices);
+        TakeSocket(header, sockets);
     }
     return Answer::kMore;
 }
 
 }  // namespace
 
-std::optional<Devices> DevicesOfListeners()
+std::optional<Sockets> ListeningSockets()
 {
     const Fd netlink(socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC, NETLINK_SOCK_DIAG));
     if (!netlink.valid() || !Ask(netlink)) {
         return std::nullopt;
     }
-    Devices devices;
+    Sockets sockets;
     alignas(nlmsghdr) std::array<char, 32768> buffer{};
     const Deadline deadline(kAnswerTime);
     while (WaitReadable(netlink.get(), deadline)) {
@@ -86,9 +108,9 @@ std::optional<Devices> DevicesOfListeners()
         if (size <= 0) {
             return std::nullopt;
         }
-        const Answer answer = TakeAnswer(buffer.data(), static_cast<size_t>(size), devices);
+        const Answer answer = TakeAnswer(buffer.data(), static_cast<size_t>(size), sockets);
         if (answer != Answer::kMore) {
-            return answer == Answer::kEnd ? std::optional<Devices>(devices) : std::nullopt;
+            return answer == Answer::kEnd ? std::optional<Sockets>(sockets) : std::nullopt;
         }
     }
     return std::nullopt;
