@@ -181,6 +181,7 @@ TEST(Completion, OffersValues)
     EXPECT_EQ(Completions("gakppctl", std::string(kGakppctl) + " worker --type C"), " COMPUTE CUSTOM_COMPUTE \n");
     EXPECT_EQ(Completions("gakppctl", std::string(kGakppctl) + " send H"), " HEARTBEAT \n");
     EXPECT_EQ(Completions("gakppctl", std::string(kGakppctl) + " send --expect A"), " ABNORMAL \n");
+    EXPECT_NE(Completions("gakppctl", std::string(kGakppctl) + " doctor --user roo").find(" root "), std::string::npos);
 }
 
 TEST(Completion, OffersOptionsOfTheDaemon)
