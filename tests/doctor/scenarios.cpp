@@ -302,6 +302,415 @@ const std::vector<Scenario> kHealthyScenarios{
      "member                | 0 unknown:daemon\n" OUTSIDER_STAYS_OUT},
 };
 
-const std::vector<Scenario> kFaultyScenarios;
+const std::vector<Scenario> kFaultyScenarios{
+    {"Umask0022", [](Machine& m) { StartKrovasDaemon(m, "0022"); },
+     "root krova root:krova | 0 note:access\n"
+     "member                | 1 fault:connection note:access unknown:daemon | chmod g+w $SOCK "
+     "=> 0 note:umask unknown:daemon\n"
+     "outsider              | 1 fault:connection\n"
+     "root:member           | 1 fault:connection note:access | chmod g+w $SOCK => 0 note:umask\n"
+     "root:outsider         | 1 fault:connection note:access | usermod -aG krova outsider && chmod g+w $SOCK "
+     "=> 0 note:umask\n"},
+
+    {"TapInFrontOfADaemonWithUmask0022",
+     [](Machine& m) {
+         StartKrovasDaemon(m, "0022");
+         m.StartTap(kRoot);
+     },
+     "root krova root:krova | 0 note:tap note:access\n"
+     "member                | 1 fault:connection note:tap note:access unknown:daemon\n"
+     "outsider              | 1 fault:connection\n"
+     "root:member           | 1 fault:connection note:tap note:access\n"
+     "root:outsider         | 1 fault:connection note:tap note:access\n"},
+
+    {"StoppedDaemonWithUmask0022",
+     [](Machine& m) {
+         StartKrovasDaemon(m, "0022");
+         m.StopDaemon(SIGTERM);
+     },
+     "root krova root:krova | 3 note:connection\n"
+     "member outsider       | 1 fault:connection\n"
+     "root:member           | 1 fault:connection\n"
+     "root:outsider         | 1 fault:connection\n"},
+
+    {"SessionOlderThanTheMembership",
+     [](Machine& m) {
+         StartKrovasDaemon(m);
+         m.SetGroups(kMember, "--clear-groups");
+     },
+     "root krova            | 0\n"
+     "root:krova root:member| 0\n"
+     "member                | 1 fault:connection\n" OUTSIDER_STAYS_OUT},
+
+    {"SocketOfAnotherGroup", [](Machine& m) { m.StartDaemon(kKrova, kOutsider, "0007"); },
+     "root root:krova       | 0\n"
+     "krova                 | 0 unknown:daemon\n"
+     "member                | 1 fault:connection\n"
+     "root:member           | 1 fault:connection | usermod -aG outsider member => 0\n"
+     "outsider              | 0 unknown:daemon\n"
+     "root:outsider         | 0\n"},
+
+    {"DirectoryAndSocketOfDifferentGroups",
+     [](Machine& m) {
+         Machine::Make(kDir, 0350, kKrova, kKrova);
+         m.StartDaemon(kKrova, kStaff, "0007");
+     },
+     "root root:krova       | 0\n"
+     "krova                 | 0 unknown:daemon\n"
+     "member                | 1 fault:connection unknown:daemon | usermod -aG staff member => 0 unknown:daemon\n"
+     "root:member           | 1 fault:connection | usermod -aG staff member => 0\n"
+     "outsider              | 1 fault:connection\n"
+     "root:outsider         | 1 fault:connection | usermod -aG krova,staff outsider => 0\n"},
+
+    {"RootsDaemonInTheUsersDirectory",
+     [](Machine& m) {
+         Machine::Make(kDir, 0350, kKrova, kKrova);
+         m.StartDaemon(kRoot, kRoot, "0022");
+     },
+     "root                  | 0 note:access\n"
+     "krova member          | 1 fault:connection note:access unknown:daemon\n"
+     "root:krova root:member root:outsider | 1 fault:connection note:access\n"
+     "outsider              | 1 fault:connection\n"},
+
+    {"NoParent", [](Machine&) { fs::remove(kHome); },
+     "root                  | 1 note:connection fault:parent | install -d -m 0755 $HOME "
+     "=> 3 note:connection note:directory\n"
+     "krova member outsider | 1 note:connection fault:parent\n"
+     "root:krova root:member root:outsider | 1 note:connection fault:parent\n"},
+
+    {"FileInTheParentsPlace",
+     [](Machine&) {
+         fs::remove(kHome);
+         MakeEmptyFile(kHome, 0644);
+     },
+     "root                  | 1 note:connection fault:parent "
+     "| mv -T $HOME $HOME.moved1 && install -d -m 0755 $HOME => 3 note:connection note:directory\n"
+     "krova member outsider | 1 note:connection fault:parent\n"
+     "root:krova root:member root:outsider | 1 note:connection fault:parent\n"},
+
+    {"NoDirectoryAndRootsParent", [](Machine&) { Machine::Chown(kHome, kRoot, kRoot); },
+     "root                  | 3 note:connection note:directory\n"
+     "krova member outsider | 1 note:connection fault:directory\n"
+     "root:krova root:member root:outsider | 1 note:connection fault:directory\n"},
+
+    {"FileInTheDirectorysPlace", [](Machine&) { MakeEmptyFile(kDir, 0644); },
+     "root krova member     | 1 note:connection fault:directory "
+     "| mv -T $DIR $DIR.moved1 && install -d -m 0350 -o krova -g krova $DIR => 3 note:connection\n"
+     "root:krova root:member| 1 note:connection fault:directory "
+     "| mv -T $DIR $DIR.moved1 && install -d -m 0350 -o krova -g krova $DIR => 3 note:connection\n"
+     "outsider root:outsider| 1 note:connection fault:directory "
+     "| mv -T $DIR $DIR.moved1 && install -d -m 0350 -o krova -g krova $DIR => 1 fault:connection\n"},
+
+    {"DanglingLink", [](Machine&) { fs::create_symlink("/home/elsewhere", kDir); },
+     "root krova member outsider            | 1 note:connection fault:directory\n"
+     "root:krova root:member root:outsider  | 1 note:connection fault:directory\n"},
+
+    {"LinkToItself", [](Machine&) { fs::create_symlink(kDir, kDir); },
+     "root krova member outsider            | 1 fault:connection\n"
+     "root:krova root:member root:outsider  | 1 fault:connection\n"},
+
+    {"DirectoryGivenToRoot",
+     [](Machine& m) {
+         StartKrovasDaemon(m);
+         Machine::Chown(kDir, kRoot, kRoot);
+     },
+     "root                  | 1 fault:directory | chown krova $DIR => 0\n"
+     "krova member outsider | 1 fault:connection\n"
+     "root:krova            | 1 fault:connection fault:directory | chown krova $DIR => 0\n"
+     "root:member           | 1 fault:connection fault:directory | chown krova $DIR => 1 fault:connection\n"
+     "root:outsider         | 1 fault:connection fault:directory | chown krova $DIR => 1 fault:connection\n"},
+
+    {"DirectoryMadeByAWorker",
+     [](Machine&) {
+         Machine::Chmod(kHome, 01777);
+         Machine::Make(kDir, 0350, kMember, kMember);
+     },
+     "root member           | 3 note:connection\n"
+     "root:member           | 3 note:connection\n"
+     "krova outsider        | 1 fault:connection\n"
+     "root:krova root:outsider | 1 fault:connection\n"},
+
+    {"DirectoryThatAnybodyMayWriteTo",
+     [](Machine& m) {
+         Machine::Make(kDir, 0777, kKrova, kKrova);
+         StartKrovasDaemon(m);
+     },
+     "root krova            | 1 fault:directory mode | chmod o-w $DIR => 0\n"
+     "root:krova root:member| 1 fault:directory mode | chmod o-w $DIR => 0\n"
+     "member                | 1 fault:directory mode unknown:daemon | chmod o-w $DIR => 0 unknown:daemon\n"
+     "outsider              | 1 fault:connection fault:directory mode unknown:daemon "
+     "| usermod -aG krova outsider | chmod o-w $DIR => 0 unknown:daemon\n"
+     "root:outsider         | 1 fault:connection fault:directory mode "
+     "| usermod -aG krova outsider | chmod o-w $DIR => 0\n"},
+
+    {"DirectoryThatAnybodyMayWriteToAndNoDaemon", [](Machine&) { Machine::Make(kDir, 0777, kRoot, kRoot); },
+     "root krova member outsider           | 1 note:connection fault:directory mode\n"
+     "root:krova root:member root:outsider | 1 note:connection fault:directory mode\n"},
+
+    {"ImpostorInADirectoryThatAnybodyMayWriteTo",
+     [](Machine& m) {
+         Machine::Make(kDir, 0777, kKrova, kKrova);
+         m.StartListener(kOutsider, kSock, SOCK_STREAM, 0);
+     },
+     "root outsider         | 1 fault:directory mode note:access note:library\n"
+     "root:krova root:member root:outsider | 1 fault:directory mode note:access note:library\n"
+     "krova member          | 1 fault:directory mode note:access unknown:daemon\n"},
+
+    {"ImpostorInADirectoryThatWasOpenOnce",
+     [](Machine& m) {
+         Machine::Make(kDir, 0777, kRoot, kKrova);
+         m.StartListener(kOutsider, kSock, SOCK_STREAM, 0);
+         Machine::Chmod(kDir, 0350);
+     },
+     "root                  | 1 fault:directory note:library\n"
+     "root:krova root:member| 1 fault:directory note:library\n"
+     "krova member          | 1 fault:directory unknown:daemon\n"
+     "outsider              | 1 fault:connection\n"
+     "root:outsider         | 1 fault:connection fault:directory note:library | usermod -aG krova outsider "
+     "=> 1 fault:directory note:library\n"},
+
+    {"SharedStickyDirectoryWithASocketOfSomebodyElse",
+     [](Machine& m) {
+         Machine::Make(kDir, 01777, kRoot, kRoot);
+         m.StartListener(kOutsider, kSock, SOCK_STREAM, 0);
+         m.StopListeners();
+     },
+     "root krova member outsider           | 1 note:connection fault:directory mode\n"
+     "root:krova root:member root:outsider | 1 note:connection fault:directory mode\n"},
+
+    {"DirectoryClosedToItsOwner",
+     [](Machine& m) {
+         StartKrovasDaemon(m);
+         Machine::Chmod(kDir, 0050);
+     },
+     "root root:member      | 1 fault:directory | chmod u+wx $DIR => 0\n"
+     "krova outsider        | 1 fault:connection\n"
+     "root:krova            | 1 fault:connection fault:directory | chmod u+x $DIR | chmod u+wx $DIR => 0\n"
+     "member                | 1 fault:directory unknown:daemon | chmod u+wx $DIR => 0 unknown:daemon\n"
+     "root:outsider         | 1 fault:connection fault:directory "
+     "| usermod -aG krova outsider | chmod u+wx $DIR => 0\n"},
+
+    {"DirectoryThatItsOwnerMayNotWriteTo",
+     [](Machine& m) {
+         StartKrovasDaemon(m);
+         Machine::Chmod(kDir, 0150);
+     },
+     "root krova            | 1 fault:directory | chmod u+wx $DIR => 0\n"
+     "root:krova root:member| 1 fault:directory | chmod u+wx $DIR => 0\n"
+     "member                | 1 fault:directory unknown:daemon | chmod u+wx $DIR => 0 unknown:daemon\n"
+     "outsider              | 1 fault:connection\n"
+     "root:outsider         | 1 fault:connection fault:directory "
+     "| usermod -aG krova outsider | chmod u+wx $DIR => 0\n"},
+
+    {"ParentThatMayNotBeEntered",
+     [](Machine& m) {
+         StartKrovasDaemon(m);
+         Machine::Chmod(kHome, 0700);
+     },
+     "root krova root:krova | 0\n"
+     "member outsider       | 1 fault:connection\n"
+     "root:member           | 1 fault:connection | chmod g+x $HOME => 0\n"
+     "root:outsider         | 1 fault:connection | usermod -aG krova outsider && chmod g+x $HOME => 0\n"},
+
+    {"HomeThatMayNotBeEntered",
+     [](Machine& m) {
+         StartKrovasDaemon(m);
+         Machine::Chmod("/home", 0700);
+     },
+     "root                  | 0\n"
+     "krova member outsider | 1 fault:connection\n"
+     "root:krova root:member root:outsider | 1 fault:connection\n"},
+
+    {"ParentThatAnybodyMayWriteTo",
+     [](Machine& m) {
+         StartKrovasDaemon(m);
+         Machine::Chmod(kHome, 0777);
+     },
+     "root krova            | 1 fault:parent | chmod +t $HOME => 0\n"
+     "root:krova root:member| 1 fault:parent | chmod +t $HOME => 0\n"
+     "member                | 1 fault:parent unknown:daemon | chmod +t $HOME => 0 unknown:daemon\n"
+     "outsider              | 1 fault:connection fault:parent | chmod +t $HOME => 1 fault:connection\n"
+     "root:outsider         | 1 fault:connection fault:parent "
+     "| usermod -aG krova outsider | chmod +t $HOME => 0\n"},
+
+    {"ParentThatAnybodyMayWriteToAndNoDirectory", [](Machine&) { Machine::Chmod(kHome, 0777); },
+     "root krova member outsider           | 1 note:connection fault:parent note:directory\n"
+     "root:krova root:member root:outsider | 1 note:connection fault:parent note:directory\n"},
+
+    {"ReadOnlyFileSystemUnderARunningDaemon",
+     [](Machine& m) {
+         MountDirectory("");
+         StartKrovasDaemon(m);
+         Machine::RemountReadOnly(kDir);
+     },
+     "root krova            | 1 fault:file system\n"
+     "root:krova root:member| 1 fault:file system\n"
+     "member                | 1 fault:file system unknown:daemon\n"
+     "outsider              | 1 fault:connection fault:file system\n"
+     "root:outsider         | 1 fault:connection fault:file system | usermod -aG krova outsider "
+     "=> 1 fault:file system\n"},
+
+    {"ReadOnlyFileSystem",
+     [](Machine&) {
+         MountDirectory("");
+         Machine::RemountReadOnly(kDir);
+     },
+     "root krova member     | 1 note:connection fault:file system\n"
+     "root:krova root:member| 1 note:connection fault:file system\n"
+     "outsider root:outsider| 1 fault:connection fault:file system\n"},
+
+    {"ReadOnlyParent",
+     [](Machine&) {
+         Machine::MountTmpfs(kHome, "mode=0755,uid=3001,gid=4001");
+         Machine::RemountReadOnly(kHome);
+     },
+     "root krova member outsider           | 1 note:connection fault:directory fault:file system\n"
+     "root:krova root:member root:outsider | 1 note:connection fault:directory fault:file system\n"},
+
+    {"FullFileSystem",
+     [](Machine&) {
+         MountDirectory(",nr_inodes=4");
+         FillWithFiles(kDir);
+     },
+     "root krova member     | 1 note:connection fault:file system\n"
+     "root:krova root:member| 1 note:connection fault:file system\n"
+     "outsider              | 1 fault:connection\n"
+     "root:outsider         | 1 fault:connection fault:file system\n"},
+
+    {"AccessControlListKeepsAMemberOut",
+     [](Machine& m) {
+         StartKrovasDaemon(m);
+         Machine::AddAcl(kSock, kMember, 0);
+     },
+     "root krova root:krova | 0\n"
+     "member                | 1 fault:connection unknown:daemon\n"
+     "root:member           | 1 fault:connection\n"
+     "outsider root:outsider| 1 fault:connection\n"},
+
+    {"StoppedProcess",
+     [](Machine& m) {
+         StartKrovasDaemon(m);
+         m.StopProcess();
+     },
+     "root krova            | 1 fault:daemon | kill -CONT $PID => 0\n"
+     "root:krova root:member| 1 fault:daemon | kill -CONT $PID => 0\n"
+     "member                | 1 fault:daemon unknown:daemon\n"
+     "outsider              | 1 fault:connection\n"
+     "root:outsider         | 1 fault:connection fault:daemon | usermod -aG krova outsider | kill -CONT $PID => 0\n"},
+
+    {"StoppedProcessWithAFullQueue",
+     [](Machine& m) {
+         StartKrovasDaemon(m);
+         m.StopProcess();
+         m.FillQueue();
+     },
+     "root krova            | 1 fault:connection fault:daemon | kill -CONT $PID => 0\n"
+     "root:krova root:member| 1 fault:connection fault:daemon | kill -CONT $PID => 0\n"
+     "member                | 1 fault:connection unknown:daemon\n"
+     "outsider              | 1 fault:connection\n"
+     "root:outsider         | 1 fault:connection fault:daemon | usermod -aG krova outsider | kill -CONT $PID => 0\n"},
+
+    {"DaemonWithoutDescriptors",
+     [](Machine& m) {
+         m.StartDaemon(kKrova, kKrova, "0007", "prlimit --nofile=16");
+         m.FillQueue();
+     },
+     "root krova            | 1 fault:connection fault:limits\n"
+     "root:krova root:member| 1 fault:connection fault:limits\n"
+     "member                | 1 fault:connection unknown:daemon\n"
+     "outsider              | 1 fault:connection\n"
+     "root:outsider         | 1 fault:connection fault:limits "
+     "| usermod -aG krova outsider => 1 fault:connection fault:limits\n"},
+
+    {"KilledTap",
+     [](Machine& m) {
+         StartKrovasDaemon(m);
+         m.StartTap(kRoot);
+         m.StopTap(SIGKILL);
+     },
+     "root krova            | 1 note:connection fault:tap | mv -fT $SAVED $SOCK => 0\n"
+     "root:krova root:member| 1 note:connection fault:tap | mv -fT $SAVED $SOCK => 0\n"
+     "member                | 1 note:connection fault:tap | mv -fT $SAVED $SOCK => 0 unknown:daemon\n"
+     "outsider              | 1 fault:connection\n"
+     "root:outsider         | 1 fault:connection fault:tap | mv -fT $SAVED $SOCK => 1 fault:connection\n"},
+
+    {"TapWithoutItsDaemon",
+     [](Machine& m) {
+         StartKrovasDaemon(m);
+         m.StartTap(kRoot);
+         m.StopDaemon(SIGTERM);
+     },
+     "root krova member     | 3 note:tap\n"
+     "root:krova root:member| 3 note:tap\n"
+     "outsider              | 1 fault:connection\n"
+     "root:outsider         | 1 fault:connection note:tap | usermod -aG krova outsider => 3 note:tap\n"},
+
+    {"SocketRemovedUnderARunningDaemon",
+     [](Machine& m) {
+         StartKrovasDaemon(m);
+         fs::remove(kSock);
+     },
+     "root krova            | 1 note:connection fault:other daemon\n"
+     "root:krova root:member| 1 note:connection fault:other daemon\n"
+     "member                | 3 note:connection unknown:other daemon\n"
+     "outsider              | 1 fault:connection\n"
+     "root:outsider         | 1 fault:connection fault:other daemon\n"},
+
+    {"SocketReplacedByAFile",
+     [](Machine& m) {
+         StartKrovasDaemon(m);
+         fs::remove(kSock);
+         MakeEmptyFile(kSock, 0666);
+     },
+     "root krova            | 1 note:connection note:socket fault:other daemon\n"
+     "root:krova root:member| 1 note:connection note:socket fault:other daemon\n"
+     "member                | 3 note:connection note:socket unknown:other daemon\n"
+     "outsider              | 1 fault:connection\n"
+     "root:outsider         | 1 fault:connection note:socket fault:other daemon\n"},
+
+    {"DirectoryReplacedUnderARunningDaemon",
+     [](Machine& m) {
+         StartKrovasDaemon(m);
+         fs::rename(kDir, kDir + ".old");
+         Machine::Make(kDir, 0350, kKrova, kKrova);
+     },
+     "root krova            | 1 note:connection fault:other daemon\n"
+     "root:krova root:member| 1 note:connection fault:other daemon\n"
+     "member                | 3 note:connection unknown:other daemon\n"
+     "outsider              | 1 fault:connection\n"
+     "root:outsider         | 1 fault:connection fault:other daemon\n"},
+
+    {"SecondDaemon",
+     [](Machine& m) {
+         StartKrovasDaemon(m);
+         m.ForgetDaemon();
+         StartKrovasDaemon(m);
+     },
+     "root krova            | 1 fault:other daemon\n"
+     "root:krova root:member| 1 fault:other daemon\n"
+     "member                | 0 unknown:daemon unknown:other daemon\n"
+     "outsider              | 1 fault:connection\n"
+     "root:outsider         | 1 fault:connection fault:other daemon | usermod -aG krova outsider "
+     "=> 1 fault:other daemon\n"},
+
+    {"DirectoryInTheSocketsPlace",
+     [](Machine&) {
+         Machine::Make(kDir, 0350, kKrova, kKrova);
+         Machine::Make(kSock, 0777, kKrova, kKrova);
+     },
+     "root krova member     | 1 note:connection fault:socket | mv -T $SOCK $SOCK.moved1 => 3 note:connection\n"
+     "root:krova root:member| 1 note:connection fault:socket | mv -T $SOCK $SOCK.moved1 => 3 note:connection\n"
+     "outsider              | 1 fault:connection\n"
+     "root:outsider         | 1 fault:connection fault:socket | mv -T $SOCK $SOCK.moved1 => 1 fault:connection\n"},
+
+    {"DatagramSocket",
+     [](Machine& m) {
+         Machine::Make(kDir, 0350, kKrova, kKrova);
+         m.StartListener(kKrova, kSock, SOCK_DGRAM, 0007);
+     },
+     "root krova member     | 1 fault:connection\n"
+     "root:krova root:member| 1 fault:connection\n"
+     "outsider root:outsider| 1 fault:connection\n"},
+};
 
 }  // namespace gaktest
