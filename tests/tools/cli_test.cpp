@@ -1,4 +1,6 @@
+#include <csignal>
 #include <cstdlib>
+#include <filesystem>
 #include <fstream>
 #include <iterator>
 #include <sstream>
@@ -27,6 +29,15 @@ std::vector<std::string> Arguments(const Command& command, std::vector<std::stri
     return arguments;
 }
 
+// Whether a process waits in a system call.
+bool IsAsleep(pid_t pid)
+{
+    std::ifstream in("/proc/" + std::to_string(pid) + "/stat");
+    std::string id, name, state;
+    in >> id >> name >> state;
+    return state == "S";
+}
+
 class EveryCommand : public testing::TestWithParam<Command> {};
 
 TEST_P(EveryCommand, HelpShowsExamplesAndExitStatuses)
@@ -36,8 +47,17 @@ TEST_P(EveryCommand, HelpShowsExamplesAndExitStatuses)
     EXPECT_EQ(outcome.err, "");
     EXPECT_NE(outcome.out.find("Usage: "), std::string::npos) << outcome.out;
     EXPECT_NE(outcome.out.find("\nExamples:\n  $ "), std::string::npos);
-    EXPECT_NE(outcome.out.find("Exit status: 0 success, 1 failed, 2 wrong usage, 3 no daemon, 124 time limit."),
-              std::string::npos);
+    const bool runsUntilASignal =
+        std::string(GetParam().program) == kGakppcd || GetParam().subcommand == std::string("tap");
+    EXPECT_NE(
+        outcome.out.find(runsUntilASignal
+                             ? "\nExit status:\n  0    success, also when --for, SIGINT, SIGTERM or SIGHUP ends it\n"
+                             : "\nExit status:\n  0    success\n"),
+        std::string::npos);
+    EXPECT_NE(outcome.out.find("\n  1    failed\n  2    wrong usage\n  3    no daemon\n"), std::string::npos);
+    EXPECT_EQ(
+        outcome.out.find("\n  124  time-out\n  130  ended by SIGINT\n  143  ended by SIGTERM\n") == std::string::npos,
+        runsUntilASignal);
 }
 
 // What --help shows behind "$", without what is piped to or from it.
@@ -83,7 +103,7 @@ TEST_P(EveryCommand, EveryOptionIsUsedByATest)
     size_t found = 0;
     for (std::string word, line; std::getline(help, line);) {
         std::istringstream(line) >> word;
-        if (line.rfind("  --", 0) == 0 && word != "--version") {
+        if (line.rfind("  --", 0) == 0 && word != "--version" && word != "-V,--version") {
             ++found;
             EXPECT_NE(tests.find("\"" + word + "\""), std::string::npos) << word;
         }
@@ -92,20 +112,42 @@ TEST_P(EveryCommand, EveryOptionIsUsedByATest)
         << "gakppctl has subcommands only";
 }
 
-TEST_P(EveryCommand, VersionIsTheProjects)
+TEST_P(EveryCommand, VersionNamesTheProjectProtobufAndTheSchema)
 {
-    const Outcome outcome = RunTool(GetParam().program, Arguments(GetParam(), {"--version"}));
-    EXPECT_TRUE(outcome.status.ExitedWith(0));
     const bool daemon = std::string(GetParam().program) == kGakppcd;
-    EXPECT_EQ(outcome.out, (daemon ? "gakppcd" : "gakppctl") + std::string(" (libgakppc) " GAKPPC_VERSION "\n"));
+    for (const char* option : {"--version", "-V"}) {
+        const Outcome outcome = RunTool(GetParam().program, Arguments(GetParam(), {option}));
+        EXPECT_TRUE(outcome.status.ExitedWith(0));
+        EXPECT_EQ(outcome.out, (daemon ? "gakppcd" : "gakppctl") +
+                                   std::string(" (libgakppc) " GAKPPC_VERSION "\nprotobuf " GAKPPC_PROTOBUF_VERSION
+                                               "\nschema qel_message.proto, message qel.PPCMessage\n"));
+    }
 }
 
-TEST_P(EveryCommand, UnknownOptionIsWrongUsageAndNothingIsPrinted)
+// One line on standard error that can be read.
+testing::AssertionResult IsWrongUsage(const Outcome& outcome, const std::string& text)
 {
-    const Outcome outcome = RunTool(GetParam().program, Arguments(GetParam(), {"--no-such-option"}));
-    EXPECT_TRUE(outcome.status.ExitedWith(2)) << outcome.status;
-    EXPECT_EQ(outcome.out, "");
-    EXPECT_NE(outcome.err, "");
+    if (!outcome.status.ExitedWith(2) || !outcome.out.empty() || CountOf(outcome.err, "\n") != 1 ||
+        outcome.err.size() > 200 || outcome.err.find(text) == std::string::npos) {
+        return testing::AssertionFailure() << outcome.status << "\n" << outcome.out << outcome.err;
+    }
+    return testing::AssertionSuccess();
+}
+
+TEST_P(EveryCommand, UnknownOptionIsWrongUsageInOneLine)
+{
+    const std::string subcommand = GetParam().subcommand;
+    std::vector<std::string> words = Arguments(GetParam(), {"--no-such-option"});
+    if (GetParam().program == kGakppctl && subcommand.empty()) {
+        words.emplace_back("tap");
+    } else if (subcommand == "replay") {
+        words.emplace_back("trace.cap");
+    }
+    const Outcome outcome = RunTool(GetParam().program, words);
+    EXPECT_TRUE(IsWrongUsage(outcome, "--no-such-option"));
+    EXPECT_NE(outcome.err.find("; see gakppc"), std::string::npos) << outcome.err;
+    EXPECT_NE(outcome.err.find((subcommand.empty() ? "" : subcommand + " ") + "--help\n"), std::string::npos)
+        << outcome.err;
 }
 
 TEST_P(EveryCommand, ManualPageSaysWhatHelpSays)
@@ -117,6 +159,7 @@ TEST_P(EveryCommand, ManualPageSaysWhatHelpSays)
     EXPECT_NE(text.find(".SH NAME"), std::string::npos) << page;
     EXPECT_NE(text.find("\\-\\-version"), std::string::npos) << text;
     EXPECT_NE(text.find(".SH EXAMPLES\n"), std::string::npos) << text;
+    EXPECT_NE(text.find("\n.SS \"Exit status:\"\n"), std::string::npos) << text;
     EXPECT_NE(text.find("\n\\f(CW$ "), std::string::npos) << "the examples are not on lines of their own:\n" << text;
 }
 
@@ -129,8 +172,116 @@ INSTANTIATE_TEST_SUITE_P(Commands, EveryCommand,
 
 TEST(GakppctlTest, NeedsASubcommand)
 {
-    EXPECT_TRUE(Ctl({}).status.ExitedWith(2));
-    EXPECT_TRUE(Ctl({"dance"}).status.ExitedWith(2));
+    EXPECT_TRUE(IsWrongUsage(Ctl({}), "subcommand is required"));
+}
+
+TEST(GakppctlTest, UnknownCommandIsAnsweredWithTheNearestOne)
+{
+    EXPECT_TRUE(IsWrongUsage(Ctl({"tpa"}), "unknown command tpa, did you mean tap?"));
+    EXPECT_TRUE(IsWrongUsage(Ctl({"wroker", "--device", "1"}), "unknown command wroker, did you mean worker?"));
+    EXPECT_TRUE(IsWrongUsage(Ctl({"replays"}), "did you mean replay?"));
+    EXPECT_TRUE(IsWrongUsage(Ctl({"dance"}),
+                             "unknown command dance, commands are worker, send, tap, replay, decode, "
+                             "status, doctor, help"));
+    EXPECT_TRUE(IsWrongUsage(Ctl({""}), "unknown command"));
+    EXPECT_TRUE(IsWrongUsage(Ctl({std::string(300, 'x')}), "unknown command xxx"));
+}
+
+TEST(GakppctlTest, HelpOfACommand)
+{
+    EXPECT_EQ(Ctl({"help"}).out, Ctl({"--help"}).out);
+    for (const char* name : {"worker", "send", "tap", "replay", "decode", "status", "doctor"}) {
+        const Outcome outcome = Ctl({"help", name});
+        EXPECT_TRUE(outcome.status.ExitedWith(0)) << name;
+        EXPECT_EQ(outcome.out, Ctl({name, "--help"}).out);
+    }
+    EXPECT_TRUE(IsWrongUsage(Ctl({"help", "taps"}), "did you mean tap?"));
+}
+
+struct WrongValue {
+    const char* subcommand;
+    const char* option;
+    std::string value;
+};
+void PrintTo(const WrongValue& wrong, std::ostream* out)
+{
+    *out << wrong.subcommand << ' ' << wrong.option << ' ' << wrong.value.substr(0, 10);
+}
+class WrongValueTest : public testing::TestWithParam<WrongValue> {};
+
+TEST_P(WrongValueTest, IsWrongUsageInOneLine)
+{
+    const WrongValue& wrong = GetParam();
+    const bool daemon = *wrong.subcommand == '\0';
+    const std::vector<std::string> words{wrong.option, wrong.value};
+    const Outcome outcome =
+        RunTool(daemon ? kGakppcd : kGakppctl, Arguments({daemon ? kGakppcd : kGakppctl, wrong.subcommand}, words));
+    EXPECT_TRUE(IsWrongUsage(outcome, wrong.option));
+}
+
+const std::string kLongNumber(300, '9');
+INSTANTIATE_TEST_SUITE_P(
+    Values, WrongValueTest,
+    testing::Values(WrongValue{"tap", "--for", "nan"}, WrongValue{"tap", "--for", "inf"},
+                    WrongValue{"tap", "--for", "-1"}, WrongValue{"tap", "--for", "1s"},
+                    WrongValue{"tap", "--for", kLongNumber}, WrongValue{"tap", "--count", "0"},
+                    WrongValue{"tap", "--count", kLongNumber}, WrongValue{"tap", "--linger", "nan"},
+                    WrongValue{"worker", "--device", kLongNumber}, WrongValue{"worker", "--count", "0"},
+                    WrongValue{"worker", "--count", kLongNumber}, WrongValue{"worker", "--host-pid", kLongNumber},
+                    WrongValue{"worker", "--type", "dance"}, WrongValue{"worker", "--heartbeat", "nan"},
+                    WrongValue{"send", "--count", "0"}, WrongValue{"send", "--count", kLongNumber},
+                    WrongValue{"send", "--pid", kLongNumber}, WrongValue{"send", "--interval", "nan"},
+                    WrongValue{"replay", "--speed", "nan"}, WrongValue{"replay", "--speed", kLongNumber},
+                    WrongValue{"replay", "--connection", "0"}, WrongValue{"", "--for", "nan"},
+                    WrongValue{"", "--grace", kLongNumber}, WrongValue{"", "--spawn", "0:ZOLT:" + kLongNumber},
+                    WrongValue{"", "--spawn", kLongNumber}));
+
+TEST(GakppctlTest, LongStatusQueryIsAnsweredInOneLine)
+{
+    const Outcome outcome = Ctl({"status", kLongNumber});
+    EXPECT_TRUE(outcome.status.ExitedWith(1));
+    EXPECT_LT(outcome.err.size(), 200U) << outcome.err;
+}
+
+// Each has a task that it has not finished when the signal comes.
+TEST(ExitStatusTest, InterruptedProgramsReportTheSignal)
+{
+    for (const std::vector<std::string>& arguments : std::vector<std::vector<std::string>>{
+             {"worker"}, {"worker", "--count", "2"}, {"send", "HEARTBEAT", "--wait", "60"}}) {
+        for (const int number : {SIGINT, SIGTERM}) {
+            const Fd listener = RawListen(kServer);
+            Tool tool(kGakppctl, arguments);
+            const Fd worker = RawAccept(listener, kLimit);
+            ASSERT_TRUE(ReadPpcFrame(worker, kLimit).has_value());
+            tool.Kill(number);
+            const ExitStatus status = tool.Finish();
+            EXPECT_TRUE(status.ExitedWith(128 + number)) << arguments.front() << ": " << status << tool.err();
+            EXPECT_TRUE(ExpectEof(worker, kLimit));
+        }
+    }
+}
+
+TEST(ExitStatusTest, ReaderOfStandardInputReportsTheSignal)
+{
+    Tool tool("sh", {"-c", "echo $$; exec \"$0\" decode", kGakppctl});
+    ASSERT_TRUE(tool.WaitForOut("\n"));
+    const std::string executable = "/proc/" + std::to_string(tool.pid()) + "/exe";
+    ASSERT_TRUE(WaitUntil(
+        [&executable] { return std::filesystem::read_symlink(executable) == std::filesystem::path(kGakppctl); },
+        kLimit));
+    ASSERT_TRUE(WaitUntil([&tool] { return IsAsleep(tool.pid()); }, kLimit));
+    tool.Kill(SIGTERM);
+    EXPECT_TRUE(tool.Finish().ExitedWith(143));
+}
+
+TEST(ExitStatusTest, IgnoredSignalStaysIgnored)
+{
+    const Fd listener = RawListen(kServer);
+    Tool tool("sh", {"-c", "trap '' INT; exec \"$0\" worker --for 1", kGakppctl});
+    const Fd worker = RawAccept(listener, kLimit);
+    ASSERT_TRUE(ReadPpcFrame(worker, kLimit).has_value());
+    tool.Kill(SIGINT);
+    EXPECT_TRUE(tool.Finish().ExitedWith(0));
 }
 
 TEST(GakppctlTest, ClosedOutputIsAFailure)
@@ -168,6 +319,7 @@ TEST(Completion, OffersSubcommands)
 {
     EXPECT_EQ(Completions("gakppctl", std::string(kGakppctl) + " s"), " send status \n");
     EXPECT_NE(Completions("gakppctl", std::string(kGakppctl) + " ''").find(" doctor "), std::string::npos);
+    EXPECT_EQ(Completions("gakppctl", std::string(kGakppctl) + " help re"), " replay \n");
 }
 
 TEST(Completion, OffersOptionsOfTheSubcommand)

@@ -178,6 +178,20 @@ TEST(Gakppcd, WorkerThatIgnoresTheOrderIsKilledWhenTheGraceIsOver)
     EXPECT_EQ(kill(worker, 0), -1) << "the worker still runs";
 }
 
+TEST(Gakppcd, SecondSignalCutsTheGraceShort)
+{
+    const auto daemon = StartDaemon({"--grace", "600"});
+    const Fd worker = RawConnect(kServer);
+    ASSERT_TRUE(WriteAll(worker, PpcFrame(FromWorker(0))));
+    ASSERT_TRUE(daemon->WaitForOut("STARTED"));
+    daemon->Kill(SIGINT);
+    ASSERT_TRUE(daemon->WaitForOut("STOPPING"));
+    daemon->Kill(SIGINT);
+    EXPECT_TRUE(daemon->Finish().ExitedWith(1)) << "the worker has not left in order";
+    EXPECT_EQ(ReadOrder(worker).type, 5u);
+    EXPECT_TRUE(ExpectEof(worker, kLimit));
+}
+
 TEST(Gakppcd, ForeignWorkerThatIgnoresTheOrderIsCut)
 {
     const auto daemon = StartDaemon({"--grace", "0.1"});

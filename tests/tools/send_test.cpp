@@ -1,5 +1,7 @@
 #include <unistd.h>
 
+#include <csignal>
+
 #include "tool.h"
 
 namespace gaktest {
@@ -65,6 +67,18 @@ TEST_F(SendTest, NumbersOutsideTheSchemaAreSent)
     EXPECT_EQ(Hex(SentBy({"77", "--device", "9", "--type", "12", "--pid", "1"}, frame.size())), Hex(frame));
 }
 
+TEST_F(SendTest, NamesAreAcceptedInAnyCase)
+{
+    RawMessage message = FromWorker(2, 0, 1);
+    message.proc_type = 0;
+    const Bytes frame = PpcFrame(message);
+    EXPECT_EQ(Hex(SentBy({"heartbeat", "--type", "Zolt", "--pid", "1"}, frame.size())), Hex(frame));
+    RawMessage abnormal;
+    abnormal.type = 4;
+    EXPECT_EQ(Hex(SentBy({"--message", "{\"type\":\"abnormal\"}"}, PpcFrame(abnormal).size())),
+              Hex(PpcFrame(abnormal)));
+}
+
 TEST_F(SendTest, MessageInJsonIsSent)
 {
     RawMessage message;
@@ -124,6 +138,19 @@ TEST_F(SendTest, DaemonThatClosesBeforeTheExpectedMessageIsAFailure)
     Fd worker = Start({"START_RSP", "--expect", "SHUTDOWN"});
     worker.Reset();
     EXPECT_TRUE(tool_->Finish().ExitedWith(1)) << tool_->err();
+}
+
+TEST_F(SendTest, SignalWhileItWaitsRemovesItsSocket)
+{
+    listener_.Reset();
+    unlink("/home/KrovaUser/qel_ppc/sock_server_19280");
+    for (const int number : {SIGINT, SIGTERM}) {
+        Tool tool(kGakppctl, Send({"SHUTDOWN", "--to-worker", "--timeout", "60"}));
+        ASSERT_TRUE(WaitUntil([] { return access("/home/KrovaUser/qel_ppc/sock_server_19280", F_OK) == 0; }, kLimit));
+        tool.Kill(number);
+        EXPECT_TRUE(tool.Finish().ExitedWith(128 + number));
+        EXPECT_EQ(access("/home/KrovaUser/qel_ppc/sock_server_19280", F_OK), -1);
+    }
 }
 
 TEST_F(SendTest, RefusesToReplaceADaemonToReachAWorker)

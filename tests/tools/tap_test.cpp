@@ -126,7 +126,8 @@ TEST_F(TapTest, SecondSignalCutsThem)
     tap_->Kill(SIGINT);
     ASSERT_TRUE(tap_->WaitForErr("still lead through the tap"));
     tap_->Kill(SIGINT);
-    EXPECT_TRUE(tap_->Finish().ExitedWith(1));
+    EXPECT_TRUE(tap_->Finish().ExitedWith(0));
+    EXPECT_TRUE(tap_->err().find("1 connection(s) cut") != std::string::npos) << tap_->err();
     EXPECT_TRUE(ExpectEof(worker_, kLimit));
     EXPECT_TRUE(ExpectEof(daemon_, kLimit));
 }
@@ -136,8 +137,15 @@ TEST_F(TapTest, LingerLimitsTheWait)
     ASSERT_NO_FATAL_FAILURE(Start({"--linger", "0.1"}));
     ASSERT_NO_FATAL_FAILURE(Connect());
     tap_->Kill(SIGINT);
-    EXPECT_TRUE(tap_->Finish().ExitedWith(1));
+    EXPECT_TRUE(tap_->Finish().ExitedWith(0));
+    EXPECT_TRUE(tap_->err().find("1 connection(s) cut") != std::string::npos) << tap_->err();
     EXPECT_TRUE(ExpectEof(worker_, kLimit));
+}
+
+TEST_F(TapTest, TimeOfZeroEndsItAtOnce)
+{
+    ASSERT_NO_FATAL_FAILURE(Start({"--for", "0"}));
+    EXPECT_TRUE(tap_->Finish().ExitedWith(0));
 }
 
 TEST_F(TapTest, SocketOfARestartedDaemonStays)

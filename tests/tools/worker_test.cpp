@@ -104,6 +104,22 @@ TEST_F(WorkerTest, LostConnectionIsAFailure)
     EXPECT_NE(tool_->out().find(" LOST\n"), std::string::npos);
 }
 
+TEST_F(WorkerTest, TimeOfTheUserEndsItWithSuccess)
+{
+    const Fd worker = Start({"--for", "0.1", "--heartbeat", "0"});
+    ASSERT_TRUE(ReadPpcFrame(worker, kLimit).has_value());
+    EXPECT_TRUE(ExpectEof(worker, kLimit));
+    EXPECT_TRUE(tool_->Finish().ExitedWith(0));
+    EXPECT_NE(tool_->out().find(" LEFT\n"), std::string::npos);
+}
+
+TEST_F(WorkerTest, TypeIsAcceptedInAnyCase)
+{
+    const Fd worker = Start({"--type", "Custom_compute", "--json"});
+    EXPECT_EQ(ReadPpcFrame(worker, kLimit).value_or(RawMessage{}).proc_type, 2u);
+    EXPECT_TRUE(tool_->WaitForOut("\"process_type\":\"CUSTOM_COMPUTE\""));
+}
+
 TEST_F(WorkerTest, CountStartsSoManyProcesses)
 {
     std::vector<Fd> workers;

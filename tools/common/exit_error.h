@@ -13,6 +13,7 @@ enum ExitCode {
     kExitUsage = 2,
     kExitNoDaemon = 3,
     kExitTimeLimit = 124,
+    kExitSignal = 128,  // and the number of the signal
 };
 
 // Ends the program: the text goes to standard error, `code` becomes the exit status.

@@ -7,6 +7,8 @@
 
 #include <nlohmann/json.hpp>
 
+#include <algorithm>
+#include <cctype>
 #include <charconv>
 #include <stdexcept>
 
@@ -22,6 +24,12 @@ uint32_t DecodeLittleEndian(const uint8_t* bytes)
 {
     return static_cast<uint32_t>(bytes[3]) << 24 | static_cast<uint32_t>(bytes[2]) << 16 |
            static_cast<uint32_t>(bytes[1]) << 8 | static_cast<uint32_t>(bytes[0]);
+}
+
+std::string UpperCase(std::string text)
+{
+    std::transform(text.begin(), text.end(), text.begin(), [](unsigned char c) { return std::toupper(c); });
+    return text;
 }
 
 std::optional<int> ParseNumber(const std::string& text)
@@ -73,7 +81,7 @@ std::string ProcessName(int type)
 PPCMessage::MsgType ParseType(const std::string& text)
 {
     PPCMessage::MsgType type = PPCMessage::START_RSP;
-    if (PPCMessage::MsgType_Parse(text, &type)) {
+    if (PPCMessage::MsgType_Parse(UpperCase(text), &type)) {
         return type;
     }
     if (const auto number = ParseNumber(text)) {
@@ -88,7 +96,7 @@ PPCMessage::MsgType ParseType(const std::string& text)
 PPCMessage::ProcessType ParseProcess(const std::string& text)
 {
     PPCMessage::ProcessType type = PPCMessage::ZOLT;
-    if (PPCMessage::ProcessType_Parse(text, &type)) {
+    if (PPCMessage::ProcessType_Parse(UpperCase(text), &type)) {
         return type;
     }
     if (const auto number = ParseNumber(text)) {
@@ -113,7 +121,9 @@ Json ToJson(const PPCMessage& message)
 PPCMessage FromJson(const std::string& text)
 {
     PPCMessage message;
-    const auto status = google::protobuf::util::JsonStringToMessage(text, &message);
+    google::protobuf::util::JsonParseOptions options;
+    options.case_insensitive_enum_parsing = true;
+    const auto status = google::protobuf::util::JsonStringToMessage(text, &message, options);
     if (!status.ok()) {
         throw std::invalid_argument("no message in JSON: " + status.ToString());
     }

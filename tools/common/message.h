@@ -19,7 +19,7 @@ std::string JsonText(const Json& json);
 std::string JsonLine(const Json& json);
 
 // Names and numbers of the two enumerations. Unknown numbers keep their digits, for the other way round they are
-// accepted as well. Throws std::invalid_argument for an unknown name.
+// accepted as well. Names are accepted in upper and lower case. Throws std::invalid_argument for an unknown name.
 std::string TypeName(int type);
 std::string ProcessName(int type);
 qel::PPCMessage::MsgType ParseType(const std::string& text);

@@ -19,6 +19,9 @@ public:
     // The next pending signal, 0 when there is none. Does not block.
     int Next();
 
+    // Gives the previous mask back to this thread. A signal that came meanwhile is then delivered.
+    void Unblock() const { pthread_sigmask(SIG_SETMASK, &formerMask_, nullptr); }
+
     // The previous mask, for child processes.
     const sigset_t& FormerMask() const { return formerMask_; }
 

@@ -51,7 +51,7 @@ View::Mode ModeOf(const DaemonOptions& options)
 Daemon::Daemon(const DaemonOptions& options)
     : options_(options), spawner_(options.workerProgram, signals_.FormerMask()), view_(ModeOf(options), workers_)
 {
-    if (options.duration > 0) {
+    if (options.duration >= 0) {
         end_.emplace(Seconds(options.duration));
     }
 }
@@ -136,6 +136,8 @@ void Daemon::OnSignals()
     for (int signal = 0; (signal = signals_.Next()) != 0;) {
         if (signal == SIGCHLD) {
             Reap();
+        } else if (stopLimit_.has_value()) {
+            stopLimit_.emplace(Clock::duration::zero());  // the second one cuts the grace short
         } else {
             BeginStop();
         }

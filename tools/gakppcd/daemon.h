@@ -22,7 +22,7 @@ struct DaemonOptions {
     bool replace = false;
     bool json = false;
     double grace = 3;
-    double duration = 0;
+    double duration = -1;
     std::string log;
 };
 

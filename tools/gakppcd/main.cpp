@@ -75,16 +75,18 @@ int main(int argc, char** argv)
     using namespace tools;
     CLI::App app(
         "Serves the workers' socket. Shows the workers in a table on a terminal, as lines in a pipe; ends in order on "
-        "SIGINT, SIGTERM and SIGHUP.",
+        "SIGINT, SIGTERM and SIGHUP, at once when a second one comes.",
         "gakppcd");
     DaemonOptions options;
     options.workerProgram = DefaultWorkerProgram();
     std::vector<std::string> spawn;
     AddOptions(app, options, spawn);
     app.callback([&] { ReadSpawn(spawn, options); });
-    AddStandardOptions(app, std::string("  $ gakppcd --spawn 0:COMPUTE --spawn 1:ZOLT:2 --auto-custom\n"
-                                        "  $ echo 'shutdown all' | gakppcd --json --for 10\n\n"
-                                        "Commands on standard input:\n") +
-                                kCommandHelp);
+    AddStandardOptions(app,
+                       std::string("  $ gakppcd --spawn 0:COMPUTE --spawn 1:ZOLT:2 --auto-custom\n"
+                                   "  $ echo 'shutdown all' | gakppcd --json --for 10\n\n"
+                                   "Commands on standard input:\n") +
+                           kCommandHelp,
+                       OnSignal::kDone);
     return RunProgram(app, {{&app, [&options] { return Run(options); }, false}}, argc, argv);
 }

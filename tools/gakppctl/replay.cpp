@@ -19,6 +19,7 @@
 namespace tools {
 namespace {
 
+constexpr double kHighestSpeed = 1e6;
 constexpr size_t kBufferSize = size_t{64} * 1024;
 
 struct Options {
@@ -198,11 +199,9 @@ Subcommand AddReplay(CLI::App& program)
     auto options = std::make_shared<Options>();
     app->add_option("FILE", options->file, "The capture, made by gakppctl tap --write")->required();
     app->add_option("--speed", options->speed, "Times as fast as recorded; 0: without pauses (1)")
-        ->check(CLI::NonNegativeNumber)
+        ->check(NumberUpTo(kHighestSpeed))
         ->type_name("FACTOR");
-    app->add_option("--connection", options->connection, "Only this connection of the capture")
-        ->check(CLI::PositiveNumber)
-        ->type_name("NUMBER");
+    AddCount(*app, "--connection", options->connection, "Only this connection of the capture");
     AddSeconds(*app, "--wait", options->wait, "Stay connected for this time after the last message (0.2)");
     AddSeconds(*app, "--timeout", options->timeout, "Limit for each connecting and sending (5)");
     app->add_flag("--json", options->json, "Print the summary as JSON");

@@ -3,6 +3,7 @@
 #include <fmt/format.h>
 #include <gakppc/gak_limits.h>
 #include <gakppc/ppc.h>
+#include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -13,6 +14,7 @@
 
 #include "common/listeners.h"
 #include "common/record.h"
+#include "common/signals.h"
 #include "subcommands.h"
 
 namespace tools {
@@ -145,10 +147,13 @@ Fd AwaitWorker(const Deadline& deadline)
     }
     ppcInit();  // makes the directory; when that fails, listening tells why
     unlink(kSocketPath);
+    const SignalFd signals{SIGINT, SIGTERM};  // the socket is removed before they end the program
     const Fd listener = ListenAt(kSocketPath, 10);
-    const bool came = WaitReadable(listener.get(), deadline);
-    Fd worker(came ? accept4(listener.get(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK) : -1);
+    pollfd wanted[] = {{listener.get(), POLLIN, 0}, {signals.get(), POLLIN, 0}};
+    poll(wanted, 2, deadline.RemainingMs());
+    Fd worker(accept4(listener.get(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
     unlink(kSocketPath);
+    signals.Unblock();
     if (!worker.valid()) {
         throw ExitError(kExitTimeLimit, "no worker has connected");
     }
@@ -201,7 +206,7 @@ void AddConduct(CLI::App& app, Options& options)
 {
     app.add_flag("--to-worker", options.toWorker,
                  "Stand in for the daemon, which must not run, and send to the first worker that connects");
-    app.add_option("--count", options.count, "Send it so many times (1)")->check(CLI::PositiveNumber)->type_name("N");
+    AddCount(app, "--count", options.count, "Send it so many times (1)");
     AddSeconds(app, "--interval", options.interval, "Time between two of them (0)");
     AddSeconds(app, "--wait", options.wait, "Stay connected for this time afterwards and show what comes (0)");
     app.add_option("--expect", options.expect, "Wait for a message of this type, as long as --wait or --timeout say")

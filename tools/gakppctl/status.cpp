@@ -125,7 +125,7 @@ int Run(const Options& options)
 {
     const std::vector<Status> found = Select(options);
     if (found.empty()) {
-        throw ExitError(kExitFailed, fmt::format("no status has a text with \"{}\"", options.query));
+        throw ExitError(kExitFailed, fmt::format("no status has a text with \"{:.100}\"", options.query));
     }
     std::string text;
     for (const Status& status : found) {

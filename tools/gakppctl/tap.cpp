@@ -31,7 +31,7 @@ constexpr std::chrono::seconds kPrintTime{5};
 struct Options {
     RecordStyle style;
     std::string capture;
-    double duration = 0;
+    double duration = -1;
     uint64_t count = 0;
     double linger = -1;
 };
@@ -71,7 +71,7 @@ Tap::Tap(const Options& options)
 {
     relay_.WakeOn(signals_.get());
     relay_.WakeOn(outputFailed_.get());
-    if (options.duration > 0) {
+    if (options.duration >= 0) {
         end_.emplace(Seconds(options.duration));
     }
 }
@@ -147,7 +147,6 @@ void Tap::Linger()
     }
     if (relay_.Open() > 0) {
         PrintError(fmt::format("{} connection(s) cut", relay_.Open()));
-        exit_ = kExitFailed;
     }
 }
 
@@ -206,16 +205,15 @@ Subcommand AddTap(CLI::App& program)
     app->add_flag("--json", options->style.json, "Print one JSON object per line");
     app->add_flag("--hex", options->style.hex, "Print the bytes as well");
     app->add_option("--write", options->capture, "Write a capture for replay and decode")->type_name("FILE");
-    app->add_option("--count", options->count, "Stop after so many messages")
-        ->check(CLI::PositiveNumber)
-        ->type_name("N");
+    AddCount(*app, "--count", options->count, "Stop after so many messages");
     AddSeconds(*app, "--for", options->duration, "Stop after this time");
     AddSeconds(*app, "--linger", options->linger,
                "After stopping, cut connections that are still open after this time (default: wait for their end)");
     AddStandardOptions(*app,
                        "  $ gakppctl tap\n"
                        "  $ gakppctl tap --json --for 10 | jq .message.type\n"
-                       "  $ gakppctl tap --write trace.cap --count 100");
+                       "  $ gakppctl tap --write trace.cap --count 100",
+                       OnSignal::kDone);
     return {app, [options] {
                 options->style.coloured = OutputIsColoured();
                 return Run(*options);

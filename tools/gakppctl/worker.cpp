@@ -2,6 +2,7 @@
 
 #include <fmt/format.h>
 #include <gakppc/gak.h>
+#include <gakppc/gak_limits.h>
 #include <gakppc/ppc_client.h>
 #include <gakppc/status_table.h>
 #include <sys/prctl.h>
@@ -24,6 +25,8 @@
 namespace tools {
 namespace {
 
+constexpr uint32_t kMostWorkers = 10000;
+
 struct Options {
     uint32_t device = 0;
     std::string type = "COMPUTE";
@@ -32,6 +35,7 @@ struct Options {
     uint32_t hostPid = 0;
     double crashAfter = -1;
     double abnormalAfter = -1;
+    double duration = -1;
     double timeout = -1;
     uint32_t count = 1;
     bool json = false;
@@ -83,6 +87,7 @@ private:
     std::future<uint32_t> shutdown_;  // what RecvData returns
     const std::optional<Deadline> crash_ = After(options_.crashAfter);
     const std::optional<Deadline> abnormal_ = After(options_.abnormalAfter);
+    const std::optional<Deadline> end_ = After(options_.duration);
     const std::optional<Deadline> timeout_ = After(options_.timeout);
     Deadline nextHeartbeat_{Seconds(options_.heartbeat)};
 };
@@ -125,7 +130,7 @@ void Worker::AskForCustomProcess()
 Clock::duration Worker::UntilNext() const
 {
     int next = options_.heartbeat > 0 ? nextHeartbeat_.RemainingMs() : 1000;
-    for (const auto& deadline : {crash_, abnormal_, timeout_}) {
+    for (const auto& deadline : {crash_, abnormal_, end_, timeout_}) {
         next = deadline.has_value() ? std::min(next, deadline->RemainingMs()) : next;
     }
     return std::chrono::milliseconds(next);
@@ -142,6 +147,10 @@ std::optional<int> Worker::HandleTimers()
         GakDestory(options_.device, type_);
         PrintEvent(options_, "ABNORMAL");
         return kExitFailed;
+    }
+    if (HasPassed(end_)) {
+        PrintEvent(options_, "LEFT");
+        return kExitOk;
     }
     if (HasPassed(timeout_)) {
         PrintEvent(options_, "TIME_LIMIT");
@@ -219,9 +228,11 @@ int Run(const Options& options)
 
 void AddOptions(CLI::App& app, Options& options)
 {
-    app.add_option("--device", options.device, "Device, 0 to 3")->check(CLI::Range(0, 3))->type_name("N");
+    app.add_option("--device", options.device, "Device, 0 to 3")
+        ->check(CLI::Range(0U, qel::MAX_DEVNUM_PER_OS - 1).description(""))
+        ->type_name("N");
     app.add_option("--type", options.type, "Process type: ZOLT, COMPUTE or CUSTOM_COMPUTE (COMPUTE)")
-        ->check(CLI::IsMember({"ZOLT", "COMPUTE", "CUSTOM_COMPUTE"}))
+        ->transform(CLI::IsMember({"ZOLT", "COMPUTE", "CUSTOM_COMPUTE"}, CLI::ignore_case).description(""))
         ->type_name("TYPE");
     AddSeconds(app, "--heartbeat", options.heartbeat, "Time between two heartbeats; 0: none (1)");
     app.add_option("--libs", options.libs, "Ask for the custom compute process with these libraries")
@@ -230,10 +241,9 @@ void AddOptions(CLI::App& app, Options& options)
     app.add_option("--host-pid", options.hostPid, "The host process to name when asking (0)")->type_name("PID");
     AddSeconds(app, "--crash-after", options.crashAfter, "Die by SIGKILL after this time");
     AddSeconds(app, "--abnormal-after", options.abnormalAfter, "Report an abnormal end after this time, and leave");
-    AddSeconds(app, "--timeout", options.timeout, "Leave after this time when no shutdown has been ordered");
-    app.add_option("--count", options.count, "So many workers, each a process of its own (1)")
-        ->check(CLI::Range(1, 10000))
-        ->type_name("N");
+    AddSeconds(app, "--for", options.duration, "Leave after this time");
+    AddSeconds(app, "--timeout", options.timeout, "Fail when no shutdown has been ordered after this time");
+    AddCount(app, "--count", options.count, "So many workers, each a process of its own (1)", kMostWorkers);
     app.add_flag("--json", options.json, "Print one JSON object per line");
 }
 
