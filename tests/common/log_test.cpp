@@ -628,17 +628,17 @@ protected:
 // Runs in a process that has not logged yet, so the first line opens the library.
 TEST_F(LogErrno, MessageShowsTheErrnoOfTheCall)
 {
-    const std::string format = "%m";  // an extension, which the compiler would remark on
+    const std::string format = "%m%s";  // an extension, which the compiler would remark on
     const char* const fmt = format.c_str();
     const std::vector<std::function<void()>> calls = {
-        [fmt] { QEL_LOG_IMPL("Fn", kPath, 1, fmt); },
-        [fmt] { QEL_LOG_IMPL("Fn", kPath, 1, kDebugStatus, fmt); },
-        [fmt] { QEL_LOG_IMPL("Fn", kPath, 1, kInfoStatus, fmt); },
-        [fmt] { QEL_LOG_IMPL("Fn", kPath, 1, kWarnStatus, fmt); },
-        [fmt] { QEL_LOG_IMPL("Fn", kPath, 1, kErrorStatus, fmt); },
-        [fmt] { QEL_EVENT_LOG_IMPL("Fn", kPath, 1, fmt); },
-        [fmt] { QEL_TRACE_LOG_IMPL("Fn", kPath, 1, "begun", fmt); },
-        [fmt] { QEL_OPLOG_IMPL("Fn", kPath, 1, fmt); },
+        [fmt] { QEL_LOG_IMPL("Fn", kPath, 1, fmt, ""); },
+        [fmt] { QEL_LOG_IMPL("Fn", kPath, 1, kDebugStatus, fmt, ""); },
+        [fmt] { QEL_LOG_IMPL("Fn", kPath, 1, kInfoStatus, fmt, ""); },
+        [fmt] { QEL_LOG_IMPL("Fn", kPath, 1, kWarnStatus, fmt, ""); },
+        [fmt] { QEL_LOG_IMPL("Fn", kPath, 1, kErrorStatus, fmt, ""); },
+        [fmt] { QEL_EVENT_LOG_IMPL("Fn", kPath, 1, fmt, ""); },
+        [fmt] { QEL_TRACE_LOG_IMPL("Fn", kPath, 1, "begun", fmt, ""); },
+        [fmt] { QEL_OPLOG_IMPL("Fn", kPath, 1, fmt, ""); },
     };
     for (const auto& call : calls) {
         errno = ENOENT;
