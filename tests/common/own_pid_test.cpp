@@ -1,8 +1,11 @@
-// The process id in what a worker sends. The library remembers it and has it forgotten in forked children, for which it
-// registers a fork handler when it is loaded; this program can have that refused.
+// The process id in what a worker sends. The library remembers it in memory that is wiped in new processes, for which
+// it asks when it is loaded; this program can have that refused.
 
 #include <dlfcn.h>
 #include <gtest/gtest.h>
+#include <sys/mman.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -25,7 +28,7 @@ using gaktest::RawMessage;
 
 constexpr int kServerId = 19280;
 
-bool forkHandlersAreRefused = false;
+bool adviceIsRefused = false;
 
 struct Getpid : gaktest::calls::OfGakppc {
     static constexpr const char* kSymbol = "getpid";
@@ -34,16 +37,13 @@ struct Getpid : gaktest::calls::OfGakppc {
 
 }  // namespace
 
-// Called from everywhere and by a sanitizer before it is ready, so it does without whatever a sanitizer watches.
-extern "C" __attribute__((no_sanitize("thread"))) int __register_atfork(void (*prepare)(), void (*parent)(),
-                                                                        void (*child)(), void* object)
+extern "C" int madvise(void* address, size_t size, int advice) noexcept
 {
-    if (forkHandlersAreRefused) {
-        return ENOMEM;
+    if (adviceIsRefused) {
+        errno = EINVAL;
+        return -1;
     }
-    using Register = int (*)(void (*)(), void (*)(), void (*)(), void*);
-    const auto real = reinterpret_cast<Register>(dlsym(RTLD_NEXT, "__register_atfork"));
-    return real(prepare, parent, child, object);
+    return static_cast<int>(syscall(SYS_madvise, address, size, advice));
 }
 
 namespace {
@@ -52,7 +52,7 @@ class OwnPidTest : public testing::TestWithParam<bool> {
 protected:
     OwnPidTest()
     {
-        forkHandlersAreRefused = GetParam();
+        adviceIsRefused = GetParam();
         void* library = dlopen(GAKPPC_LIBRARY_FILE, RTLD_NOW | RTLD_LOCAL);
         const auto init = reinterpret_cast<int (*)()>(dlsym(library, "ppcInit"));
         sendHeartbeat_ = reinterpret_cast<SendHeartbeat>(dlsym(library, "GakHeartbeatSend"));
@@ -85,7 +85,25 @@ TEST_P(OwnPidTest, ParentAndForkedChildReportTheirOwnIds)
     EXPECT_EQ(IdIn(peer), getpid());
 }
 
-TEST_P(OwnPidTest, SystemIsAskedOnceUnlessForkHandlersAreRefused)
+// _Fork runs no fork handlers.
+TEST_P(OwnPidTest, ChildOfABareForkReportsItsOwnId)
+{
+    ASSERT_EQ(sendHeartbeat_(0, 1), 0u);
+    const Fd peer = RawAccept(listener_, 20s);
+    EXPECT_EQ(IdIn(peer), getpid());
+    const pid_t child = _Fork();
+    if (child == 0) {
+        alarm(20);
+        _exit(sendHeartbeat_(1, 1) == 0 ? 0 : 1);
+    }
+    const Fd childsPeer = RawAccept(listener_, 20s);
+    EXPECT_EQ(IdIn(childsPeer), child);
+    int status = -1;
+    EXPECT_EQ(waitpid(child, &status, 0), child);
+    EXPECT_EQ(status, 0);
+}
+
+TEST_P(OwnPidTest, SystemIsAskedOnceUnlessTheAdviceIsRefused)
 {
     ASSERT_EQ(sendHeartbeat_(0, 1), 0u);
     CountingHook<Getpid> calls;
@@ -93,7 +111,7 @@ TEST_P(OwnPidTest, SystemIsAskedOnceUnlessForkHandlersAreRefused)
     EXPECT_EQ(calls.Count() > 0, GetParam());
 }
 
-INSTANTIATE_TEST_SUITE_P(ForkHandlers, OwnPidTest, testing::Bool(),
-                         [](const auto& refused) { return refused.param ? "AreRefused" : "AreTaken"; });
+INSTANTIATE_TEST_SUITE_P(Advice, OwnPidTest, testing::Bool(),
+                         [](const auto& refused) { return refused.param ? "IsRefused" : "IsTaken"; });
 
 }  // namespace

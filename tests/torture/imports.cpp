@@ -14,7 +14,8 @@ namespace {
 
 // Imports that cannot fail as the library calls them, or whose failure means nothing to it.
 const std::set<std::string> kCannotFail = {
-    "free", "getpid", "isspace", "memchr", "memcmp", "memcpy", "memmove", "memset", "snprintf", "strerror", "strlen",
+    "free", "getpid", "isspace", "madvise", "memchr", "memcmp", "memcpy", "memmove", "memset", "mmap", "munmap",
+    "snprintf", "strerror", "strlen", "sysconf",
     // Of the thread itself, with correct arguments.
     "prctl", "pthread_kill", "pthread_mutex_lock", "pthread_mutex_unlock", "pthread_self", "pthread_sigmask",
     "sigaddset", "sigdelset", "sigemptyset", "sigfillset", "sigismember", "syscall",

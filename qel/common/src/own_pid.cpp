@@ -1,28 +1,38 @@
 #include "own_pid.h"
 
-#include <pthread.h>
+#include <sys/mman.h>
 #include <unistd.h>
+
+#include <new>
 
 namespace qel {
 namespace {
 
-void ForgetPid()
+std::atomic<uint32_t>* MapMemoryThatForkWipes()
 {
-    rememberedPid.store(0, std::memory_order_relaxed);
+    const auto size = static_cast<size_t>(sysconf(_SC_PAGESIZE));
+    void* page = mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    if (page == MAP_FAILED) {
+        return nullptr;
+    }
+    // An emulator that takes advice without following it takes any.
+    constexpr int kNoAdvice = -1;
+    if (madvise(page, size, kNoAdvice) == 0 || madvise(page, size, MADV_WIPEONFORK) != 0) {
+        munmap(page, size);
+        return nullptr;
+    }
+    return new (page) std::atomic<uint32_t>(0);
 }
-
-// A forked child is another process. Without the handler nothing is remembered.
-const bool forgottenInChild = pthread_atfork(nullptr, nullptr, ForgetPid) == 0;
 
 }  // namespace
 
-std::atomic<uint32_t> rememberedPid{0};
+std::atomic<uint32_t>* const rememberedPid = MapMemoryThatForkWipes();
 
 uint32_t AskForPid()
 {
     const auto pid = static_cast<uint32_t>(getpid());
-    if (forgottenInChild) {
-        rememberedPid.store(pid, std::memory_order_relaxed);
+    if (rememberedPid != nullptr) {
+        rememberedPid->store(pid, std::memory_order_relaxed);
     }
     return pid;
 }

@@ -6,15 +6,17 @@
 
 namespace qel {
 
-extern std::atomic<uint32_t> rememberedPid;  // 0: not known; for OwnPid only
+// In memory that is zero again in every new process, however it was made (fork, _Fork, clone). Null where the system
+// has no such memory. For OwnPid only.
+extern std::atomic<uint32_t>* const rememberedPid;
 
-// Asks the system, and remembers the answer until the process forks. For OwnPid only.
+// Asks the system, and remembers the answer where that is possible. For OwnPid only.
 uint32_t AskForPid();
 
 // The id of the calling process, as getpid gives it, without a system call for each message.
 inline uint32_t OwnPid()
 {
-    const uint32_t pid = rememberedPid.load(std::memory_order_relaxed);
+    const uint32_t pid = rememberedPid != nullptr ? rememberedPid->load(std::memory_order_relaxed) : 0;
     return pid != 0 ? pid : AskForPid();
 }
 

@@ -3,6 +3,7 @@
 #include <pthread.h>
 #include <sys/socket.h>
 #include <sys/uio.h>
+#include <sys/wait.h>
 
 #include <algorithm>
 #include <chrono>
@@ -600,6 +601,82 @@ TEST_F(ProcessTest, ChildThatEndsASessionDoesNotShutItDown)
         EXPECT_TRUE(child.WaitExit(10s).ExitedWith(0));
         ExpectUsable(connection.session, connection.peer);
     }
+}
+
+// The receiver exists in the parent only: nobody in the child will ever leave its call.
+TEST_F(ProcessTest, ChildClosesItsCopyAtOnceThoughAParentsThreadReceives)
+{
+    const Connection connection;
+    CountingHook<calls::Recv> recvCalls;
+    std::promise<void> entered;
+    recvCalls.OnCall([&](uint64_t number, int, void*, size_t, int) -> std::optional<ssize_t> {
+        if (number == 1) {
+            entered.set_value();
+        }
+        return std::nullopt;
+    });
+    std::future<int> receiver = InThread([&] { return ReceiveAny(connection.session); });
+    ASSERT_EQ(entered.get_future().wait_for(10s), std::future_status::ready);
+    ChildProcess child([&] {
+        const int fd = connection.FdNumber();
+        EXPECT_EQ(drvPpcSessionDestroy(connection.session), PPC_OK);
+        EXPECT_FALSE(IsOpen(fd));
+        return 0;
+    });
+    EXPECT_TRUE(child.WaitExit(10s).ExitedWith(0));
+    EXPECT_TRUE(WriteAll(connection.peer, FrameBytes({9})));
+    EXPECT_EQ(receiver.get(), PPC_OK) << "the parent's connection is undisturbed";
+}
+
+// A thread of the parent holds the directory's mutex when the process forks.
+TEST_F(ProcessTest, ChildEndsASessionThoughAParentsThreadIsInTheDirectory)
+{
+    const Fd listener = RawListen(kServerId);
+    const Connection connection(listener);
+    CountingHook<calls::MutexUnlock> unlocks;
+    std::promise<void> inside;
+    std::atomic<bool> mayLeave{false};
+    std::thread::id forking = std::this_thread::get_id();
+    unlocks.OnCall([&](uint64_t number, pthread_mutex_t*) -> std::optional<int> {
+        if (number == 1 && std::this_thread::get_id() != forking) {
+            inside.set_value();
+            gaktest::WaitUntil([&] { return mayLeave.load(); }, 2s);  // a fork that waits for the mutex goes on then
+        }
+        return std::nullopt;
+    });
+    PpcSession* other = nullptr;
+    std::future<int> connector = InThread([&] { return drvPpcSessionConnect(kServerId, &other); });
+    ASSERT_EQ(inside.get_future().wait_for(10s), std::future_status::ready);
+    ChildProcess child([&] { return drvPpcSessionDestroy(connection.session); });
+    mayLeave = true;
+    EXPECT_TRUE(child.WaitExit(10s).ExitedWith(PPC_OK));
+    EXPECT_EQ(connector.get(), PPC_OK);
+    EXPECT_EQ(drvPpcSessionDestroy(other), PPC_OK);
+    ExpectUsable(connection.session, connection.peer);
+}
+
+// _Fork runs no fork handlers.
+TEST_F(ProcessTest, ChildOfABareForkWakesItsOwnReceiver)
+{
+    const Fd listener = RawListen(kServerId);
+    const Connection before(listener);  // the parent's id may be remembered from now on
+    const pid_t child = _Fork();
+    if (child == 0) {
+        alarm(10);
+        PpcSession* session = nullptr;
+        const bool connected = drvPpcSessionConnect(kServerId, &session) == PPC_OK;
+        CountingHook<calls::Recv> recvCalls;
+        std::thread ender([&] {
+            gaktest::WaitUntil([&] { return recvCalls.Count() > 0; }, 5s);
+            drvPpcSessionDestroy(session);
+        });
+        const int code = connected ? ReceiveAny(session) : -1;
+        ender.join();
+        _exit(code == PPC_ERR_SOCKET_CLOSED ? 0 : 1);
+    }
+    int status = -1;
+    EXPECT_EQ(waitpid(child, &status, 0), child);
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
 }
 
 TEST_F(ProcessTest, ChildThatDestroysTheEndpointDoesNotShutItDown)

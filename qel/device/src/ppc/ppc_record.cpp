@@ -1,5 +1,6 @@
 #include "ppc_record.h"
 
+#include <pthread.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -42,6 +43,10 @@ public:
         return Contains(record) &&
                (record->calls_.fetch_or(PpcRecord::kEnded, std::memory_order_relaxed) & PpcRecord::kEnded) == 0;
     }
+
+    // Around a fork, whose child must find the directory whole and its mutex free.
+    void LockForFork() GAKPPC_ACQUIRE(mutex_) { mutex_.Lock(); }
+    void UnlockAfterFork() GAKPPC_RELEASE(mutex_) { mutex_.Unlock(); }
 
     // For what may be the last reference.
     void Release(PpcRecord* record) { free(ReleaseLocked(record)); }
@@ -123,6 +128,22 @@ namespace {
 RecordDirectory sessions(4096);
 RecordDirectory servers(64);
 
+// The analysis cannot follow a mutex from one function to another.
+void LockDirectories() GAKPPC_ANNOTATE(no_thread_safety_analysis)
+{
+    sessions.LockForFork();
+    servers.LockForFork();
+}
+
+void UnlockDirectories() GAKPPC_ANNOTATE(no_thread_safety_analysis)
+{
+    servers.UnlockAfterFork();
+    sessions.UnlockAfterFork();
+}
+
+// Refused only for lack of memory; then a child may find a mutex locked.
+[[maybe_unused]] const int forkHandlers = pthread_atfork(LockDirectories, UnlockDirectories, UnlockDirectories);
+
 RecordDirectory& DirectoryOf(PpcRecord::Kind kind)
 {
     return kind == PpcRecord::Kind::kSession ? sessions : servers;
@@ -172,11 +193,17 @@ void PpcRecord::Revoke()
     const bool first = (calls_.fetch_or(kRevoked, std::memory_order_acq_rel) & kRevoked) == 0;
     if (first) {
         *publicFd_ = -1;
-        if (getpid() == creator_) {
+    }
+    if (static_cast<pid_t>(qel::OwnPid()) == creator_) {
+        if (first) {
             shutdown(originalFd_, SHUT_RDWR);
         }
+        LeaveCall();
+    } else if (first) {
+        // A forked child. The calls in flight are of threads that it does not have, so it closes its copy itself; that
+        // this call never leaves keeps every other from doing so again. The connection is the parent's.
+        CloseDescriptor();
     }
-    LeaveCall();
 }
 
 void PpcRecord::CloseDescriptor()
