@@ -8,7 +8,7 @@
 namespace qel {
 namespace {
 
-std::atomic<uint32_t>* MapMemoryThatForkWipes()
+std::atomic<uint32_t>* MapMemoryThatForkWipes() noexcept
 {
     const auto size = static_cast<size_t>(sysconf(_SC_PAGESIZE));
     void* page = mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
