@@ -88,21 +88,22 @@ void JudgeDescriptors(const Facts& facts, Diagnosis& diagnosis)
 void JudgeLibrary(const Facts& facts, Diagnosis& diagnosis)
 {
     const ProcessInfo& daemon = facts.daemon;
-    if (!daemon.library.has_value()) {
+    if (!daemon.loadedLibrary.has_value()) {
         return;
     }
-    if (daemon.library->empty()) {
+    if (daemon.loadedLibrary->empty()) {
         diagnosis.Add(Severity::kNote, "library",
                       fmt::format("{} has not loaded libgakppc: it is another program than a daemon of this library",
                                   Describe(daemon)));
-    } else if (daemon.library->find(" (deleted)") != std::string::npos) {
+    } else if (daemon.loadedLibrary->find(" (deleted)") != std::string::npos) {
         diagnosis.Add(
             Severity::kNote, "library",
-            fmt::format("{} still runs a library that has been replaced: {}", Describe(daemon), *daemon.library), "",
-            "the daemon's next start loads the new one; it ends the sessions of its workers");
+            fmt::format("{} still runs a library that has been replaced: {}", Describe(daemon), *daemon.loadedLibrary),
+            "", "the daemon's next start loads the new one; it ends the sessions of its workers");
     } else {
-        diagnosis.Add(Severity::kOk, "library",
-                      fmt::format("{} runs {}; these tools are {}", Describe(daemon), *daemon.library, GAKPPC_VERSION));
+        diagnosis.Add(
+            Severity::kOk, "library",
+            fmt::format("{} runs {}; these tools are {}", Describe(daemon), *daemon.loadedLibrary, GAKPPC_VERSION));
     }
 }
 
@@ -116,7 +117,7 @@ void AddUnknown(const Facts& facts, Diagnosis& diagnosis)
     add(daemon.pid != 0, "its process");
     add(daemon.umask.has_value(), "its umask");
     add(daemon.descriptors.has_value() && daemon.descriptorLimit.has_value(), "its descriptors");
-    add(daemon.library.has_value(), "its library");
+    add(daemon.loadedLibrary.has_value(), "its library");
     if (!unknown.empty()) {
         diagnosis.Add(Severity::kUnknown, "daemon", "unknown of the daemon: " + unknown);
     }

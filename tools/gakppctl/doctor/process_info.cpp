@@ -75,7 +75,7 @@ ProcessInfo DescribeProcess(pid_t pid)
     }
     process.descriptors = CountOfDescriptors(folder);
     process.descriptorLimit = NumberIn(ValueInFile(folder + "/limits", "Max open files"), 10);
-    process.library = LoadedLibrary(folder);
+    process.loadedLibrary = LoadedLibrary(folder);
     return process;
 }
 

@@ -16,7 +16,7 @@ struct ProcessInfo {
     std::optional<char> state;  // as ps shows it: 'T' for stopped
     std::optional<unsigned long> descriptors;
     std::optional<unsigned long> descriptorLimit;
-    std::optional<std::string> library;  // the libgakppc that it has loaded, empty for none
+    std::optional<std::string> loadedLibrary;  // the libgakppc that it has loaded, empty for none
 };
 ProcessInfo DescribeProcess(pid_t pid);
 
