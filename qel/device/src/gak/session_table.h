@@ -10,9 +10,9 @@
 
 namespace qel {
 
-// By device and process id, the session on which a worker was heard last. An entry stays when its session has ended,
-// and keeps the session's record: a message to it fails and never reaches another worker. Any thread may call any
-// function; those that store something raise std::bad_alloc and have then changed nothing.
+// By device and process id, the session that brought a worker's last message. An entry stays when its session has
+// ended, and keeps the session's record: a message to it fails and never reaches another worker. Any thread may call
+// any function; those that store something raise std::bad_alloc and have then changed nothing.
 class SessionTable {
 public:
     // Enters or overwrites. Any pointer is accepted and never dereferenced.

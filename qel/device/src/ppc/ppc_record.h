@@ -23,8 +23,7 @@
 // A handle points at the public part of a record. A PpcRecord stands in front of it and counts
 //   - calls in flight on the descriptor: the descriptor is closed when the record has been revoked and the last call
 //     has left, so its number is never used again under a call;
-//   - references to the record: of the handle's owner until it ends the record, of the open descriptor, and of
-//   everybody
+//   - references to the record: of the handle's owner until it ends the record, of the open descriptor, and of everyone
 //     who may still use the handle (a session table entry, a receive thread, a sender). Without references, the record
 //     goes into quarantine. While there is one, its address cannot come back as another session.
 // A record in quarantine stays readable until a fixed number of later ones of its kind have been put there, so that a
