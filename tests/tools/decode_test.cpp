@@ -244,12 +244,36 @@ TEST(DecodeTest, CaptureOfAnotherVersionIsRefused)
 
 TEST(DecodeTest, DamagedCaptureIsRefused)
 {
-    Bytes file = CaptureOfOneHeartbeat(1);
-    file[8 + 4 + 12] = 9;  // kind
-    WriteFile("/home/damaged.cap", file);
-    const Outcome outcome = Ctl({"decode", "/home/damaged.cap"});
-    EXPECT_TRUE(outcome.status.ExitedWith(1));
-    EXPECT_EQ(outcome.err, "gakppctl: record 1 of the capture is damaged\n");
+    const size_t record = 8 + 4;
+    const Bytes whole = CaptureOfOneHeartbeat(1);
+    struct Damage {
+        const char* what;
+        std::vector<std::pair<size_t, uint8_t>> bytes;  // offset in the record, value
+    };
+    const std::vector<Damage> damages{
+        {"a time that is out of range", {{7, 0x7F}}},
+        {"a time before 1970", {{7, 0xFF}}},
+        {"no connection number", {{8, 0}}},
+        {"an unknown kind", {{12, 9}}},
+        {"an unknown direction", {{13, 2}}},
+        {"a negative process id", {{19, 0x80}}},
+        {"more bytes than on the wire", {{24, 1}}},
+        {"fewer bytes than could be kept", {{32, 5}}},
+        {"more bytes than are ever kept", {{27, 0x7F}, {35, 0x7F}}},
+        {"a frame without its length field", {{24, 2}, {32, 2}}},
+        {"a fragment without bytes", {{12, 2}, {24, 0}, {32, 0}}},
+    };
+    for (const Damage& damage : damages) {
+        Bytes file = whole;
+        for (const auto& [offset, value] : damage.bytes) {
+            file[record + offset] = value;
+        }
+        WriteFile("/home/damaged.cap", file);
+        const Outcome outcome = Ctl({"decode", "/home/damaged.cap"});
+        EXPECT_TRUE(outcome.status.ExitedWith(1)) << damage.what;
+        EXPECT_EQ(outcome.err, "gakppctl: record 1 of the capture is damaged\n") << damage.what;
+        EXPECT_EQ(outcome.out, "") << damage.what;
+    }
 }
 
 }  // namespace

@@ -50,6 +50,10 @@ TEST(Gakppcd, JsonFitsItsSchema)
         ASSERT_TRUE(WriteAll(worker, PpcFrame(FromWorker(type))));
     }
     EXPECT_TRUE(daemon->WaitForOut("ABNORMAL"));
+    RawMessage unknown = FromWorker(2);
+    unknown.proc_type = 0xFFFFFFFF;  // the server refuses positive numbers only
+    ASSERT_TRUE(WriteAll(worker, PpcFrame(unknown)));
+    EXPECT_TRUE(daemon->WaitForOut("\"process_type\":\"-1\""));
     EXPECT_TRUE(daemon->WaitForOut("SENT_START_RSP"));
     worker.Reset();
     RawConnect(kServer).Reset();

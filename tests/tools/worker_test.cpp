@@ -33,6 +33,17 @@ protected:
         return PpcFrame(message);
     }
 
+    // Whether the worker has ended with this event, in JSON that fits the schema.
+    testing::AssertionResult EndedWithEvent(const std::string& event) const
+    {
+        const std::string& out = tool_->out();
+        const size_t last = out.rfind("{\"time\"");
+        if (last == std::string::npos || out.find("\"event\":\"" + event + "\"", last) == std::string::npos) {
+            return testing::AssertionFailure() << event << " is not the last event:\n" << out;
+        }
+        return FitsSchema(out, "worker");
+    }
+
     Fd listener_ = RawListen(kServer);
     std::unique_ptr<Tool> tool_;
 };
@@ -72,12 +83,22 @@ TEST_F(WorkerTest, AsksForTheCustomProcessWithItsLibraries)
     EXPECT_TRUE(FitsSchema(tool_->out(), "worker"));
 }
 
+TEST_F(WorkerTest, ShutdownFitsTheSchema)
+{
+    const Fd worker = Start({"--json"});
+    ASSERT_TRUE(ReadPpcFrame(worker, kLimit).has_value());
+    ASSERT_TRUE(WriteAll(worker, Order(5, 0)));
+    EXPECT_TRUE(tool_->Finish().ExitedWith(0));
+    EXPECT_TRUE(EndedWithEvent("SHUTDOWN"));
+}
+
 TEST_F(WorkerTest, CrashesWithoutNotice)
 {
-    const Fd worker = Start({"--crash-after", "0.05", "--heartbeat", "0"});
+    const Fd worker = Start({"--crash-after", "0.05", "--heartbeat", "0", "--json"});
     EXPECT_EQ(ReadPpcFrame(worker, kLimit), Expected(0, 0, 1));
     EXPECT_TRUE(ExpectEof(worker, kLimit));
     EXPECT_TRUE(tool_->Finish().KilledBy(SIGKILL));
+    EXPECT_TRUE(EndedWithEvent("CRASH"));
 }
 
 TEST_F(WorkerTest, ReportsAnAbnormalEnd)
@@ -86,31 +107,32 @@ TEST_F(WorkerTest, ReportsAnAbnormalEnd)
     EXPECT_EQ(ReadPpcFrame(worker, kLimit), Expected(0, 0, 1));
     EXPECT_EQ(ReadPpcFrame(worker, kLimit), Expected(4, 0, 1));
     EXPECT_TRUE(tool_->Finish().ExitedWith(1));
-    EXPECT_TRUE(FitsSchema(tool_->out(), "worker"));
+    EXPECT_TRUE(EndedWithEvent("ABNORMAL"));
 }
 
 TEST_F(WorkerTest, LeavesAtItsTimeLimit)
 {
-    const Fd worker = Start({"--timeout", "0.05"});
+    const Fd worker = Start({"--timeout", "0.05", "--json"});
     EXPECT_TRUE(tool_->Finish().ExitedWith(124));
+    EXPECT_TRUE(EndedWithEvent("TIME_LIMIT"));
 }
 
 TEST_F(WorkerTest, LostConnectionIsAFailure)
 {
-    Fd worker = Start({});
+    Fd worker = Start({"--json"});
     ASSERT_TRUE(ReadPpcFrame(worker, kLimit).has_value());
     worker.Reset();
     EXPECT_TRUE(tool_->Finish().ExitedWith(1));
-    EXPECT_NE(tool_->out().find(" LOST\n"), std::string::npos);
+    EXPECT_TRUE(EndedWithEvent("LOST"));
 }
 
 TEST_F(WorkerTest, TimeOfTheUserEndsItWithSuccess)
 {
-    const Fd worker = Start({"--for", "0.1", "--heartbeat", "0"});
+    const Fd worker = Start({"--for", "0.1", "--heartbeat", "0", "--json"});
     ASSERT_TRUE(ReadPpcFrame(worker, kLimit).has_value());
     EXPECT_TRUE(ExpectEof(worker, kLimit));
     EXPECT_TRUE(tool_->Finish().ExitedWith(0));
-    EXPECT_NE(tool_->out().find(" LEFT\n"), std::string::npos);
+    EXPECT_TRUE(EndedWithEvent("LEFT"));
 }
 
 TEST_F(WorkerTest, TypeIsAcceptedInAnyCase)

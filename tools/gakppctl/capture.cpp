@@ -2,6 +2,7 @@
 
 #include <fmt/format.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <filesystem>
@@ -12,6 +13,7 @@ namespace tools {
 namespace {
 
 constexpr size_t kRecordHeaderSize = 36;
+constexpr int64_t kLastTime = INT64_MAX / 1000;  // in microseconds: the last one that SystemTime holds
 
 template <typename Number>
 void Put(Bytes& out, Number number)
@@ -58,10 +60,15 @@ bool Read(std::istream& in, uint8_t* bytes, size_t count)
     return static_cast<size_t>(in.gcount()) == count;
 }
 
-bool IsSound(const uint8_t* header, uint64_t wireLength, uint32_t stored)
+// Whether a tap can have written this.
+bool IsSound(const Record& record, int64_t time, uint32_t stored)
 {
-    return header[12] <= static_cast<uint8_t>(RecordKind::kClose) &&
-           header[13] <= static_cast<uint8_t>(Direction::kToWorker) && stored <= kMaxStored && stored <= wireLength;
+    const uint64_t shortest = record.kind == RecordKind::kFrame      ? kFrameHeaderSize
+                              : record.kind == RecordKind::kFragment ? 1
+                                                                     : 0;
+    return time >= 0 && time <= kLastTime && record.connection > 0 && record.kind <= RecordKind::kClose &&
+           record.direction <= Direction::kToWorker && record.peer.pid >= 0 && record.wireLength >= shortest &&
+           stored == std::min<uint64_t>(record.wireLength, kMaxStored);
 }
 
 }  // namespace
@@ -119,16 +126,17 @@ bool CaptureReader::Next(Record& record)
         return false;
     }
     ++records_;
-    record.time = SystemTime(std::chrono::microseconds(Get<int64_t>(header)));
+    const auto time = Get<int64_t>(header);
     record.connection = Get<uint32_t>(header + 8);
     record.kind = static_cast<RecordKind>(header[12]);
     record.direction = static_cast<Direction>(header[13]);
     record.peer = {Get<int32_t>(header + 16), Get<uint32_t>(header + 20)};
     record.wireLength = Get<uint64_t>(header + 24);
     const auto stored = Get<uint32_t>(header + 32);
-    if (!IsSound(header, record.wireLength, stored)) {
+    if (!IsSound(record, time, stored)) {
         throw ExitError(kExitFailed, fmt::format("record {} of the capture is damaged", records_));
     }
+    record.time = SystemTime(std::chrono::microseconds(time));
     record.bytes.resize(stored);
     truncated_ = !Read(in_, record.bytes.data(), stored);
     return !truncated_;
