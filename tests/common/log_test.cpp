@@ -6,6 +6,7 @@
 #include <cstdarg>
 #include <cstdlib>
 #include <functional>
+#include <future>
 #include <map>
 #include <memory>
 #include <new>
@@ -733,6 +734,34 @@ TEST(LogInit, SinkIsOpenedOnceHoweverManyThreadsComeFirst)
     EXPECT_EQ(inits.Count(), 1U);
     EXPECT_EQ(capture.GetLevelCalls(), 1U);
     EXPECT_EQ(capture.Lines().size(), 16U);
+}
+
+TEST(LogInit, ChildLogsThoughAThreadOfItsParentIsOpeningTheSink)
+{
+    LogCapture capture;
+    CountingHook<InitSink> inits;
+    std::promise<void> inside;
+    std::promise<void> mayLeave;
+    inits.OnCall([&](uint64_t number, auto...) -> std::optional<int> {
+        if (number == 1) {
+            inside.set_value();
+            mayLeave.get_future().wait_for(20s);
+        }
+        return 0;
+    });
+    std::thread opener([] { QEL_EVENT_LOG_IMPL("Fn", kPath, 7, "x"); });
+    EXPECT_EQ(inside.get_future().wait_for(10s), std::future_status::ready);
+    ChildProcess child([&] {
+        QEL_EVENT_LOG_IMPL("Fn", kPath, 7, "x");
+        EXPECT_EQ(inits.Count(), 2U) << "the child opens the sink itself";
+        EXPECT_EQ(capture.Lines().size(), 1U);
+        return 0;
+    });
+    EXPECT_TRUE(child.WaitExit(10s).ExitedWith(0));
+    mayLeave.set_value();
+    opener.join();
+    EXPECT_EQ(inits.Count(), 1U);
+    EXPECT_EQ(capture.Lines().size(), 1U);
 }
 
 TEST(LogInit, ThereIsOneInstance)

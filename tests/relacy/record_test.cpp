@@ -32,11 +32,14 @@ void FreeRecord(void* record, const rl::debug_info& caller);
 #define free(record) gaktest::FreeRecord(record, $)
 #define close gaktest::CloseDescriptor
 #define shutdown gaktest::ShutDownDescriptor
-#undef pthread_mutex_lock  // Relacy's
+#undef pthread_mutex_lock  // Relacy's, as the next
 #define pthread_mutex_lock(handle) (handle)->lock()
+#undef pthread_mutex_init
+#define pthread_mutex_init(handle, attributes) static_cast<void>(handle)
 #define std relacy_std
 #include "ppc_record.cpp"
 #undef std
+#undef pthread_mutex_init
 #undef pthread_mutex_lock
 #undef shutdown
 #undef close

@@ -1,5 +1,7 @@
 #include "log.h"
 
+#include <pthread.h>
+
 #include <cerrno>
 #include <cstdarg>
 #include <new>
@@ -8,7 +10,6 @@
 #include "log_line.h"
 #include "memguard.h"
 #include "mutex.h"
-#include "no_destructor.h"
 #include "osal.h"
 #include "status_factory.h"
 #include "status_table.h"
@@ -169,6 +170,10 @@ LineParts EventLine(const SourceLocation& location)
 
 Mutex openMutex;  // serialises the first initialisation
 
+// A thread may be inside the first initialisation while another one forks: the child begins with it again. Refused only
+// for lack of memory.
+[[maybe_unused]] const int forkHandler = pthread_atfork(nullptr, nullptr, [] { openMutex.ResetInChild(); });
+
 }  // namespace
 
 std::atomic<QELLog*> openLog{nullptr};
@@ -207,13 +212,13 @@ void WriteEventLine(const char* funcName, const char* fileName, int line, const 
 
 QELLog& QELLog::GetInstance()
 {
-    static NoDestructor<QELLog> instance;
+    static QELLog instance;  // constant-initialised and trivially destroyed: there is no guard to wait for
     if (openLog == nullptr) {
         const PreserveErrno preserve;
         MutexLock lock(openMutex);
-        instance->Init();
+        instance.Init();
     }
-    return *instance;
+    return instance;
 }
 
 void QELLog::Init()

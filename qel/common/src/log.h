@@ -109,8 +109,6 @@ public:
     QELLog& operator=(const QELLog&) = delete;
 
 private:
-    template <typename T>
-    friend class NoDestructor;
     QELLog() = default;
     ~QELLog() = default;
 

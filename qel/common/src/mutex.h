@@ -34,6 +34,8 @@ public:
 
     void Lock() noexcept GAKPPC_ACQUIRE() { pthread_mutex_lock(mutex_.native_handle()); }
     void Unlock() noexcept GAKPPC_RELEASE() { mutex_.unlock(); }
+    // In a forked child: frees the mutex of a thread that the child does not have.
+    void ResetInChild() noexcept { pthread_mutex_init(mutex_.native_handle(), nullptr); }
 
 private:
     friend class CondVar;

@@ -157,6 +157,19 @@ int pthread_detach(pthread_t handle)
     return REAL(pthread_detach)(handle);
 }
 
+int pthread_mutex_init(pthread_mutex_t* mutex, const pthread_mutexattr_t* attributes)
+{
+    if (self != nullptr) {
+        const int owner = SyncAt(mutex).owner;
+        if (owner != -1 && gaktest::ThreadAt(owner).alive) {
+            self->step.place = HERE;
+            gaktest::Found("thread %d initialises a mutex that thread %d holds", self->id, owner);
+        }
+        SyncAt(mutex).owner = -1;
+    }
+    return REAL(pthread_mutex_init)(mutex, attributes);
+}
+
 int pthread_mutex_lock(pthread_mutex_t* mutex)
 {
     if (self == nullptr) {
