@@ -98,6 +98,39 @@ void Count(const PPCMessage& /*message*/)
     ++calls;
 }
 
+// Messages that handlers have noted, and a wait for them.
+class Heard {
+public:
+    void Note(uint32_t type)
+    {
+        const std::lock_guard<std::mutex> lock(mutex_);
+        ++times_[type];
+        changed_.notify_all();
+    }
+    void WaitFor(uint32_t type)
+    {
+        std::unique_lock<std::mutex> lock(mutex_);
+        changed_.wait(lock, [this, type] { return times_[type] > 0; });
+    }
+    int Times(uint32_t type)
+    {
+        const std::lock_guard<std::mutex> lock(mutex_);
+        return times_[type];
+    }
+
+private:
+    std::mutex mutex_;
+    std::condition_variable changed_;
+    int times_[PPCMessage::MsgType_ARRAYSIZE] = {};
+};
+
+Heard heard;
+
+void Note(const PPCMessage& message)
+{
+    heard.Note(static_cast<uint32_t>(message.type()));
+}
+
 void Reap(const PPCMessage& /*message*/)
 {
     Server().JoinAllPPCRcvThreads();
@@ -256,17 +289,43 @@ SCENARIO_WITH(ServerHandlerAnswers, nullptr, Prepare)
     other.join();
 }
 
+// A daemon hears of the end of every session, also of those that it closes itself.
 SCENARIO_WITH(ServerHandlerClosesItsOwnSession, nullptr, Prepare)
 {
     const int before = gaktest::OpenDescriptors();
     Server().RegPPCSerMsgProcFunc(kHeartbeat, CloseOwnSession);
+    Server().RegPPCSerMsgProcFunc(PPCMessage::SOCKET_CLOSE, Note);
     StartServer();
     {
         Peer worker;
         Require(worker.Connect() && worker.Send(HeartbeatOf(1)), "the worker cannot send");
         Require(worker.ReadsEnd(), "the worker is told something");
     }
+    heard.WaitFor(PPCMessage::SOCKET_CLOSE);
     Server().Destroy();
+    Require(heard.Times(PPCMessage::SOCKET_CLOSE) == 1, "the daemon hears more than once of one end");
+    RequireNothingLeft(before);
+}
+
+SCENARIO_WITH(ServerClosesASessionThatSends, nullptr, Prepare)
+{
+    const int before = gaktest::OpenDescriptors();
+    Server().RegPPCSerMsgProcFunc(kHeartbeat, Note);
+    Server().RegPPCSerMsgProcFunc(PPCMessage::SOCKET_CLOSE, Note);
+    StartServer();
+    std::thread worker([] {
+        Peer peer;
+        Require(peer.Connect() && peer.Send(HeartbeatOf(1)), "the worker cannot send");
+        while (peer.Send(HeartbeatOf(1)) && heard.Times(PPCMessage::HEARTBEAT) < 3) {
+        }
+        Require(peer.ReadsEnd(), "the worker is told something");
+    });
+    heard.WaitFor(PPCMessage::HEARTBEAT);
+    Server().CloseSomeSession(Server().GetPpcSession(0, 1));
+    heard.WaitFor(PPCMessage::SOCKET_CLOSE);
+    worker.join();
+    Server().Destroy();
+    Require(heard.Times(PPCMessage::SOCKET_CLOSE) == 1, "the daemon hears more than once of one end");
     RequireNothingLeft(before);
 }
 
