@@ -14,6 +14,7 @@
 #include "memguard.h"
 #include "ppc.h"
 #include "ppc_interface.h"
+#include "support/deadline.h"
 #include "vlog.h"
 
 namespace {
@@ -149,7 +150,8 @@ void DriverCallsReachThePrograms()
 
 int main()
 {
-    alarm(10);  // a call that went to the library itself may wait for what never comes
+    gaktest::EndProcessAfter(
+        std::chrono::seconds(10));  // a call that went to the library itself may wait for what never comes
     CodecCallsReachThePrograms();
     DriverCallsReachThePrograms();
     return failures == 0 ? 0 : 1;

@@ -93,7 +93,7 @@ TEST_P(OwnPidTest, ChildOfABareForkReportsItsOwnId)
     EXPECT_EQ(IdIn(peer), getpid());
     const pid_t child = _Fork();
     if (child == 0) {
-        alarm(20);
+        gaktest::EndProcessAfter(20s);
         _exit(sendHeartbeat_(1, 1) == 0 ? 0 : 1);
     }
     const Fd childsPeer = RawAccept(listener_, 20s);

@@ -76,7 +76,8 @@ public:
     {
         Received& received = TheReceived();
         std::unique_lock<std::mutex> lock(received.mutex);
-        if (received.changed.wait_for(lock, kWait, [&] { return received.latencies.size() >= count; })) {
+        if (received.changed.wait_for(lock, gaktest::Stretched(kWait),
+                                      [&] { return received.latencies.size() >= count; })) {
             return testing::AssertionSuccess();
         }
         return testing::AssertionFailure() << "only " << received.latencies.size() << " heartbeats arrived";

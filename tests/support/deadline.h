@@ -1,12 +1,37 @@
 #ifndef GAKPPC_DEADLINE_H
 #define GAKPPC_DEADLINE_H
 
+#include <unistd.h>
+
+#include <algorithm>
 #include <chrono>
+#include <cstdlib>
 
 namespace gaktest {
 
-// The point in time at which waiting for an event becomes a failure. Converts from a duration, so that calls read
-// `WaitExit(5s)`; made once and passed on, it bounds a sequence of waits. Generous deadlines cost nothing: only a
+// By how much GAKPPC_TEST_TIME_SCALE stretches every time limit of the tests, so that they can run under sanitizers, an
+// emulator or load: a whole number, 1 when it is not set.
+inline int TimeScale()
+{
+    const char* scale = getenv("GAKPPC_TEST_TIME_SCALE");
+    return scale == nullptr ? 1 : std::max(1, atoi(scale));
+}
+
+// The limit for what takes no Deadline.
+template <typename Rep, typename Period>
+std::chrono::duration<Rep, Period> Stretched(std::chrono::duration<Rep, Period> limit)
+{
+    return limit * TimeScale();
+}
+
+// Ends the process with SIGALRM when it takes longer than this.
+inline void EndProcessAfter(std::chrono::seconds limit)
+{
+    alarm(static_cast<unsigned>(Stretched(limit).count()));
+}
+
+// The point in time at which waiting for an event becomes a failure, stretched. Converts from a duration, so that calls
+// read `WaitExit(5s)`; made once and passed on, it bounds a sequence of waits. Generous deadlines cost nothing: only a
 // failing test waits for one.
 class Deadline {
 public:
@@ -14,7 +39,7 @@ public:
 
     template <typename Rep, typename Period>
     Deadline(std::chrono::duration<Rep, Period> fromNow)  // NOLINT: conversion wanted
-        : when_(Clock::now() + std::chrono::duration_cast<Clock::duration>(fromNow))
+        : when_(Clock::now() + std::chrono::duration_cast<Clock::duration>(Stretched(fromNow)))
     {
     }
 

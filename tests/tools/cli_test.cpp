@@ -80,7 +80,7 @@ TEST_P(EveryCommand, ExamplesAreValidUsage)
     EXPECT_GE(examples.size(), 2U);
     for (const std::string& example : examples) {
         // Those that would serve or wait are cut.
-        Tool tool("timeout", {"0.5", "sh", "-c", "exec " + example}, Tool::Output::kPipe,
+        Tool tool("timeout", {std::to_string(0.5 * TimeScale()), "sh", "-c", "exec " + example}, Tool::Output::kPipe,
                   {"PATH=" + programs + ":" + getenv("PATH")});
         const ExitStatus status = tool.Finish();
         EXPECT_TRUE(status.ended && status.code != 2 && status.code < 125) << example << ": " << status << tool.err();

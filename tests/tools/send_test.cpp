@@ -111,7 +111,7 @@ TEST_F(SendTest, CountAndIntervalRepeat)
 
 TEST_F(SendTest, WaitShowsWhatComes)
 {
-    const Fd worker = Start({"HEARTBEAT", "--wait", "20", "--json", "--hex"});
+    const Fd worker = Start({"HEARTBEAT", "--wait", std::to_string(20 * TimeScale()), "--json", "--hex"});
     ASSERT_TRUE(ReadPpcFrame(worker, kLimit).has_value());
     ASSERT_TRUE(WriteAll(worker, PpcFrame(FromWorker(5))));
     EXPECT_TRUE(tool_->WaitForOut("\"direction\":\"to_worker\""));
@@ -145,7 +145,7 @@ TEST_F(SendTest, SignalWhileItWaitsRemovesItsSocket)
     listener_.Reset();
     unlink("/home/KrovaUser/qel_ppc/sock_server_19280");
     for (const int number : {SIGINT, SIGTERM}) {
-        Tool tool(kGakppctl, Send({"SHUTDOWN", "--to-worker", "--timeout", "60"}));
+        Tool tool(kGakppctl, Send({"SHUTDOWN", "--to-worker", "--timeout", std::to_string(60 * TimeScale())}));
         ASSERT_TRUE(WaitUntil([] { return access("/home/KrovaUser/qel_ppc/sock_server_19280", F_OK) == 0; }, kLimit));
         tool.Kill(number);
         EXPECT_TRUE(tool.Finish().ExitedWith(128 + number));
@@ -169,8 +169,8 @@ TEST(SendStandaloneTest, NoDaemonIsTold)
 
 TEST(SendStandaloneTest, WorkerIsReachedInTheDaemonsStead)
 {
-    Tool tool(kGakppctl,
-              Send({"SHUTDOWN", "--to-worker", "--device", "2", "--expect", "SHUTDOWN_RSP", "--timeout", "20"}));
+    Tool tool(kGakppctl, Send({"SHUTDOWN", "--to-worker", "--device", "2", "--expect", "SHUTDOWN_RSP", "--timeout",
+                               std::to_string(20 * TimeScale())}));
     Fd worker;
     ASSERT_TRUE(WaitUntil(
         [&worker] {

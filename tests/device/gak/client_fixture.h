@@ -155,7 +155,7 @@ public:
 
     uint32_t Result()
     {
-        if (result_.wait_for(kWait) != std::future_status::ready) {
+        if (result_.wait_for(gaktest::Stretched(kWait)) != std::future_status::ready) {
             fprintf(stderr, "a call did not return\n");
             fflush(nullptr);
             abort();

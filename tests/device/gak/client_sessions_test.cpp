@@ -234,7 +234,7 @@ TEST_F(ClientSessionsTest, DestroyDuringAConnectLeavesTheClientDestroyed)
             client_.Destroy();
             return 0U;
         });
-        EXPECT_EQ(destroyLocks.get_future().wait_for(kWait), std::future_status::ready);
+        EXPECT_EQ(destroyLocks.get_future().wait_for(gaktest::Stretched(kWait)), std::future_status::ready);
         return std::optional<int>();
     });
     EXPECT_NE(client_.GetPpcSession(1, PPCMessage::ZOLT), nullptr);

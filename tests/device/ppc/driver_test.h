@@ -236,13 +236,13 @@ public:
         std::unique_lock<std::mutex> lock(mutex_);
         ++arrived_;
         changed_.notify_all();
-        changed_.wait_for(lock, 20s, [this] { return open_; });
+        changed_.wait_for(lock, Stretched(20s), [this] { return open_; });
     }
 
     bool WaitForArrivals(int count)
     {
         std::unique_lock<std::mutex> lock(mutex_);
-        return changed_.wait_for(lock, 10s, [=] { return arrived_ >= count; });
+        return changed_.wait_for(lock, Stretched(10s), [=] { return arrived_ >= count; });
     }
 
     void Open()

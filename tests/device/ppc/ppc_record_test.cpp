@@ -62,7 +62,7 @@ std::future<int> InThread(F&& call)
 
 bool EndsInTime(const std::future<int>& result)
 {
-    return result.wait_for(10s) == std::future_status::ready;
+    return result.wait_for(Stretched(10s)) == std::future_status::ready;
 }
 
 // Whether the session carries a frame in both directions.
@@ -188,7 +188,7 @@ TEST_F(InFlightTest, BlockedReceiverReturnsWhenTheSessionIsEnded)
         return std::nullopt;
     });
     std::future<int> receiver = InThread([&] { return ReceiveAny(connection.session); });
-    ASSERT_EQ(entered.get_future().wait_for(10s), std::future_status::ready);
+    ASSERT_EQ(entered.get_future().wait_for(Stretched(10s)), std::future_status::ready);
     connection.End();
     ASSERT_TRUE(EndsInTime(receiver));
     EXPECT_EQ(receiver.get(), PPC_ERR_SOCKET_CLOSED);
@@ -616,7 +616,7 @@ TEST_F(ProcessTest, ChildClosesItsCopyAtOnceThoughAParentsThreadReceives)
         return std::nullopt;
     });
     std::future<int> receiver = InThread([&] { return ReceiveAny(connection.session); });
-    ASSERT_EQ(entered.get_future().wait_for(10s), std::future_status::ready);
+    ASSERT_EQ(entered.get_future().wait_for(Stretched(10s)), std::future_status::ready);
     ChildProcess child([&] {
         const int fd = connection.FdNumber();
         EXPECT_EQ(drvPpcSessionDestroy(connection.session), PPC_OK);
@@ -646,7 +646,7 @@ TEST_F(ProcessTest, ChildEndsASessionThoughAParentsThreadIsInTheDirectory)
     });
     PpcSession* other = nullptr;
     std::future<int> connector = InThread([&] { return drvPpcSessionConnect(kServerId, &other); });
-    ASSERT_EQ(inside.get_future().wait_for(10s), std::future_status::ready);
+    ASSERT_EQ(inside.get_future().wait_for(Stretched(10s)), std::future_status::ready);
     ChildProcess child([&] { return drvPpcSessionDestroy(connection.session); });
     mayLeave = true;
     EXPECT_TRUE(child.WaitExit(10s).ExitedWith(PPC_OK));
@@ -662,7 +662,7 @@ TEST_F(ProcessTest, ChildOfABareForkWakesItsOwnReceiver)
     const Connection before(listener);  // the parent's id may be remembered from now on
     const pid_t child = _Fork();
     if (child == 0) {
-        alarm(10);
+        gaktest::EndProcessAfter(10s);
         PpcSession* session = nullptr;
         const bool connected = drvPpcSessionConnect(kServerId, &session) == PPC_OK;
         CountingHook<calls::Recv> recvCalls;
@@ -940,7 +940,7 @@ TEST_F(WholeFrameTest, ReceiverBlockedOnASessionDoesNotHoldUpItsSender)
         return std::nullopt;
     });
     std::future<int> receiver = InThread([&] { return ReceiveAny(connection.session); });
-    ASSERT_EQ(entered.get_future().wait_for(10s), std::future_status::ready);
+    ASSERT_EQ(entered.get_future().wait_for(Stretched(10s)), std::future_status::ready);
     EXPECT_EQ(SendBytes(connection.session, 3, 0x55), PPC_OK);
     EXPECT_EQ(ReadFrame(connection.peer, 5s), Bytes(3, 0x55));
     EXPECT_TRUE(WriteAll(connection.peer, FrameBytes({9})));

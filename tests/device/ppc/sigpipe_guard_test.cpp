@@ -139,7 +139,7 @@ uint32_t Answer(const qel::PPCMessage& heartbeat)
 // Changes the mask of the library's thread that it is called on, between two answers.
 void UnblockAndAnswer(const qel::PPCMessage& heartbeat)
 {
-    workerHasGone.get_future().wait_for(10s);
+    workerHasGone.get_future().wait_for(gaktest::Stretched(10s));
     const uint32_t first = Answer(heartbeat);
     SetBlocked(false);
     answered.set_value(Answer(heartbeat) == first ? first : kOk);

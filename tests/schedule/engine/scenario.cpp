@@ -11,6 +11,7 @@
 #include <cstdio>
 #include <cstdlib>
 
+#include "../../support/deadline.h"
 #include "scheduler.h"
 
 namespace gaktest {
@@ -35,8 +36,7 @@ void Require(bool condition, const char* otherwise)
 
 void EndWithParent()
 {
-    constexpr unsigned kSeconds = 20;  // a run that takes so long waits where the scheduler does not see it
-    alarm(kSeconds);
+    EndProcessAfter(std::chrono::seconds(20));  // a run that takes so long waits where the scheduler does not see it
     prctl(PR_SET_PDEATHSIG, SIGKILL);
 }
 
