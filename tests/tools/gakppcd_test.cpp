@@ -72,7 +72,7 @@ TEST(Gakppcd, ControlCharactersOfAWorkerAreEscaped)
     ASSERT_TRUE(WriteAll(worker, PpcFrame(message)));
     EXPECT_TRUE(daemon->WaitForOut(R"(libraries: \x1b[31mlib.so\x07)"));
     daemon->Write("\x1b[31m\n");
-    EXPECT_TRUE(daemon->WaitForErr(R"("\x1b[31m" is no command)"));
+    EXPECT_TRUE(daemon->WaitForErr(R"(unknown command "\x1b[31m")"));
     EXPECT_EQ(daemon->out().find('\x1b'), std::string::npos);
     EXPECT_EQ(daemon->err().find('\x1b'), std::string::npos);
 }
@@ -112,8 +112,9 @@ TEST(Gakppcd, WrongOrdersAreExplained)
 {
     const auto daemon = StartDaemon();
     daemon->Write("dance\n\nshutdown\nshutdown 0\nshutdown 0 77\nstart-custom 0 78\n");
-    EXPECT_TRUE(daemon->WaitForErr("\"dance\" is no command"));
-    EXPECT_TRUE(daemon->WaitForErr("\"shutdown\" needs a device and a process id"));
+    EXPECT_TRUE(daemon->WaitForErr("unknown command \"dance\"\n  shutdown DEVICE PID "));
+    EXPECT_TRUE(daemon->WaitForErr("a device and a process id are needed, not \"shutdown\"\n  shutdown DEVICE PID "));
+    EXPECT_TRUE(daemon->WaitForErr("a device and a process id are needed, not \"shutdown 0\"\n"));
     EXPECT_TRUE(daemon->WaitForErr("no worker with device 0 and pid 77"));
     EXPECT_TRUE(daemon->WaitForErr("no worker with device 0 and pid 78"));
 }

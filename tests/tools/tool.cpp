@@ -25,16 +25,21 @@ std::pair<Fd, Fd> Pipe()
     return {Fd(fds[0]), Fd(fds[1])};
 }
 
+void SetSize(const Fd& terminal, TerminalSize size)
+{
+    const winsize window{size.rows, size.columns, 0, 0};
+    ioctl(terminal.get(), TIOCSWINSZ, &window);
+}
+
 // The reading end and the terminal itself.
-std::pair<Fd, Fd> Terminal()
+std::pair<Fd, Fd> Terminal(TerminalSize size)
 {
     Fd master(posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC));
     if (grantpt(master.get()) == -1 || unlockpt(master.get()) == -1) {
         throw std::runtime_error(std::string("terminal: ") + strerror(errno));
     }
     Fd slave(open(ptsname(master.get()), O_RDWR | O_NOCTTY | O_CLOEXEC));
-    const winsize size{24, 100, 0, 0};
-    ioctl(slave.get(), TIOCSWINSZ, &size);
+    SetSize(master, size);
     return {std::move(master), std::move(slave)};
 }
 
@@ -65,10 +70,14 @@ const char kGakppctl[] = GAKPPC_GAKPPCTL;
 const char kGakppcd[] = GAKPPC_GAKPPCD;
 
 Tool::Tool(const std::string& program, const std::vector<std::string>& arguments, Output output,
-           const std::vector<std::string>& environment)
+           const std::vector<std::string>& environment, TerminalSize size)
 {
     auto [inputRead, inputWrite] = Pipe();
-    auto [outputRead, outputWrite] = output == Output::kTerminal ? Terminal() : Pipe();
+    auto [outputRead, outputWrite] = output == Output::kPipe ? Pipe() : Terminal(size);
+    if (output == Output::kInteractive) {
+        inputRead.Reset(fcntl(outputWrite.get(), F_DUPFD_CLOEXEC, 0));
+        inputWrite.Reset(fcntl(outputRead.get(), F_DUPFD_CLOEXEC, 0));
+    }
     auto [errorRead, errorWrite] = Pipe();
     const int in = inputRead.get();
     const int out = outputWrite.get();
@@ -112,6 +121,21 @@ bool Tool::ReadSome(Deadline deadline)
     }
     if (wanted[1].revents != 0) {
         ReadInto(error_, err_);
+    }
+    return true;
+}
+
+void Tool::Resize(TerminalSize size)
+{
+    SetSize(output_, size);
+}
+
+bool Tool::WaitUntilOutput(const std::function<bool()>& condition, Deadline deadline)
+{
+    while (!condition()) {
+        if (!ReadSome(deadline)) {
+            return false;
+        }
     }
     return true;
 }

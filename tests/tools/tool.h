@@ -3,6 +3,7 @@
 
 #include <gtest/gtest.h>
 
+#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
@@ -19,13 +20,19 @@ extern const char kGakppcd[];
 constexpr int kServer = 19280;
 constexpr std::chrono::seconds kLimit{20};
 
+struct TerminalSize {
+    unsigned short rows = 24;
+    unsigned short columns = 100;
+};
+
 class Tool {
 public:
-    enum class Output { kPipe, kTerminal };
+    // Where standard output goes; kInteractive: standard input comes from that terminal as well.
+    enum class Output { kPipe, kTerminal, kInteractive };
 
     // Starts `program` with these arguments. `environment` holds NAME=VALUE entries to add.
     Tool(const std::string& program, const std::vector<std::string>& arguments, Output output = Output::kPipe,
-         const std::vector<std::string>& environment = {});
+         const std::vector<std::string>& environment = {}, TerminalSize size = {});
 
     pid_t pid() const { return process_->pid(); }
     void Kill(int signal) { process_->Kill(signal); }
@@ -33,6 +40,12 @@ public:
     void Write(const std::string& text);
     void CloseInput() { input_.Reset(); }
     void CloseOutput() { output_.Reset(); }
+
+    // Changes the terminal's size. The program gets SIGWINCH only if the terminal controls it, which it does not here.
+    void Resize(TerminalSize size);
+
+    // Reads until `condition` holds.
+    bool WaitUntilOutput(const std::function<bool()>& condition, Deadline deadline = kLimit);
 
     // Waits until standard output, or standard error, holds the text.
     bool WaitForOut(const std::string& text, Deadline deadline = kLimit) { return WaitFor(out_, text, deadline); }

@@ -1,6 +1,7 @@
 #include "commands.h"
 
 #include <fmt/format.h>
+#include <poll.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -8,6 +9,14 @@
 #include <stdexcept>
 
 namespace tools {
+
+const char kCommandHelp[] =
+    "  shutdown DEVICE PID      tell one worker to shut down\n"
+    "  shutdown all             tell every worker to shut down\n"
+    "  start-custom DEVICE PID  start the custom process that a worker has asked for\n"
+    "  help                     show these commands\n"
+    "  quit                     shut everything down and end";
+
 namespace {
 
 constexpr size_t kLongestLine = 4096;
@@ -18,18 +27,13 @@ Command AboutWorker(CommandKind kind, std::istringstream& words, const std::stri
     command.kind = kind;
     std::string rest;
     if (!(words >> command.device >> command.pid) || words >> rest) {
-        throw std::invalid_argument(fmt::format("\"{}\" needs a device and a process id", line));
+        throw std::invalid_argument(
+            fmt::format("a device and a process id are needed, not \"{}\"\n{}", line, kCommandHelp));
     }
     return command;
 }
 
 }  // namespace
-
-const char kCommandHelp[] =
-    "  shutdown DEVICE PID      tell one worker to shut down\n"
-    "  shutdown all             tell every worker to shut down\n"
-    "  start-custom DEVICE PID  start the custom process that a worker has asked for\n"
-    "  quit                     shut everything down and end";
 
 Command ParseCommand(const std::string& line)
 {
@@ -38,6 +42,9 @@ Command ParseCommand(const std::string& line)
     words >> name >> second >> third;
     if (name == "quit" && second.empty()) {
         return {};
+    }
+    if (name == "help" && second.empty()) {
+        return {CommandKind::kHelp, 0, 0};
     }
     if (name == "shutdown" && second == "all" && third.empty()) {
         return {CommandKind::kShutdownAll, 0, 0};
@@ -50,14 +57,24 @@ Command ParseCommand(const std::string& line)
     if (name == "start-custom") {
         return AboutWorker(CommandKind::kStartCustom, again, line);
     }
-    throw std::invalid_argument(fmt::format("\"{}\" is no command; commands are:\n{}", line, kCommandHelp));
+    throw std::invalid_argument(fmt::format("unknown command \"{}\"\n{}", line, kCommandHelp));
+}
+
+// On a terminal Ctrl-D ends a line, not the input, as long as the terminal is there.
+bool LineReader::IsEnd(ssize_t count) const
+{
+    if (count == 0) {
+        pollfd terminal{fd_, 0, 0};
+        return isatty(fd_) == 0 || (poll(&terminal, 1, 0) == 1 && (terminal.revents & POLLHUP) != 0);
+    }
+    return count == -1 && errno != EINTR && errno != EAGAIN;
 }
 
 std::vector<std::string> LineReader::Take()
 {
     char buffer[1024];
     const ssize_t count = read(fd_, buffer, sizeof(buffer));
-    atEnd_ = count == 0 || (count == -1 && errno != EINTR && errno != EAGAIN);
+    atEnd_ = IsEnd(count);
     pending_.append(buffer, count > 0 ? static_cast<size_t>(count) : 0);
     if (atEnd_ && !pending_.empty()) {
         pending_ += '\n';  // the last line may lack it

@@ -1,6 +1,8 @@
 #ifndef GAKPPC_COMMANDS_H
 #define GAKPPC_COMMANDS_H
 
+#include <sys/types.h>
+
 #include <cstdint>
 #include <string>
 #include <vector>
@@ -14,6 +16,7 @@ enum class CommandKind {
     kShutdown,     // one worker
     kShutdownAll,  // every worker
     kStartCustom,  // the custom process that a worker has asked for
+    kHelp,         // these commands
     kQuit,         // the daemon
 };
 
@@ -37,6 +40,8 @@ public:
     bool AtEnd() const { return atEnd_; }
 
 private:
+    bool IsEnd(ssize_t count) const;
+
     int fd_;
     std::string pending_;
     bool atEnd_ = false;

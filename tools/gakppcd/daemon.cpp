@@ -121,9 +121,7 @@ void Daemon::Step(LineReader& input)
     }
     OnSignals();
     if (events[2].revents != 0) {
-        for (const std::string& line : input.Take()) {
-            OnCommand(line);
-        }
+        OnInput(input);
     }
     if (HasPassed(end_)) {
         BeginStop();
@@ -136,6 +134,8 @@ void Daemon::OnSignals()
     for (int signal = 0; (signal = signals_.Next()) != 0;) {
         if (signal == SIGCHLD) {
             Reap();
+        } else if (signal == SIGWINCH) {
+            continue;  // the next step redraws the table
         } else if (stopLimit_.has_value()) {
             stopLimit_.emplace(Clock::duration::zero());  // the second one cuts the grace short
         } else {
@@ -163,17 +163,31 @@ void Daemon::OnMessage(const PPCMessage& message)
     }
 }
 
+void Daemon::OnInput(LineReader& input)
+{
+    const std::vector<std::string> lines = input.Take();
+    view_.Answer("");
+    for (const std::string& line : lines) {
+        OnCommand(line);
+    }
+    if (input.AtEnd()) {
+        view_.SetPrompt("no commands: standard input has ended; SIGTERM ends gakppcd");
+    }
+}
+
 void Daemon::OnCommand(const std::string& line)
 {
     try {
         const Command command = ParseCommand(line);
         if (command.kind == CommandKind::kQuit) {
             BeginStop();
+        } else if (command.kind == CommandKind::kHelp) {
+            view_.Answer(kCommandHelp);
         } else {
             controller_.Execute(command);
         }
     } catch (const std::invalid_argument& error) {
-        view_.Note(error.what());
+        view_.Answer(error.what());
     }
 }
 

@@ -43,6 +43,7 @@ private:
 
     void OnMessage(const qel::PPCMessage& message);
     void OnSignals();
+    void OnInput(LineReader& input);
     void OnCommand(const std::string& line);
     void Reap();
 
@@ -51,7 +52,7 @@ private:
     void KillRemaining();
 
     const DaemonOptions& options_;
-    SignalFd signals_{SIGINT, SIGTERM, SIGHUP, SIGCHLD};
+    SignalFd signals_{SIGINT, SIGTERM, SIGHUP, SIGCHLD, SIGWINCH};
     Spawner spawner_;
     WorkerTable workers_;
     View view_;

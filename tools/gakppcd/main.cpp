@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <csignal>
 #include <cstring>
 
 #include "common/cli.h"
@@ -32,6 +33,7 @@ void RedirectLog(const DaemonOptions& options)
 int Run(const DaemonOptions& options)
 {
     RedirectLog(options);
+    signal(SIGTTIN, SIG_IGN);  // in the background of a shell reading commands fails instead of stopping this process
     return Daemon(options).Run();
 }
 

@@ -36,6 +36,7 @@ public:
         sigset_t ignored;
         sigemptyset(&ignored);
         sigaddset(&ignored, SIGPIPE);
+        sigaddset(&ignored, SIGTTIN);
         posix_spawnattr_setsigdefault(&attributes_, &ignored);
         posix_spawnattr_setsigmask(&attributes_, &mask);
         posix_spawnattr_setpgroup(&attributes_, 0);  // Ctrl-C is for the daemon

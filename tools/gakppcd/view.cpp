@@ -1,54 +1,45 @@
 #include "view.h"
 
-#include <fmt/color.h>
 #include <fmt/format.h>
 #include <sys/ioctl.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <iterator>
 #include <nlohmann/json.hpp>
-#include <vector>
+#include <sstream>
+#include <utility>
 
 #include "common/exit_error.h"
 #include "common/message.h"
 #include "common/output.h"
+#include "table.h"
 
 namespace tools {
 namespace {
 
 constexpr size_t kEventsShown = 5;
+constexpr size_t kRowsForEachEvent = 4;   // of the screen
+constexpr size_t kRowsForBlankLine = 16;  // with fewer rows nothing separates the table from the events
+constexpr size_t kLongestEvent = 1000;
 constexpr char kClearScreen[] = "\033[2J";
 constexpr char kSaveCursorAndHome[] = "\0337\033[H";
 constexpr char kClearLineRest[] = "\033[K\r\n";
+constexpr char kClearLine[] = "\033[K";
 constexpr char kRestoreCursor[] = "\0338";
-
-struct ScreenSize {
-    size_t rows = 24;
-    size_t columns = 80;
-};
 
 ScreenSize TerminalSize()
 {
     winsize size{};
-    if (ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) == -1 || size.ws_row < 4 || size.ws_col < 20) {
-        return {};
+    if (ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) == -1 || size.ws_row == 0 || size.ws_col == 0) {
+        return {24, 80};
     }
     return {size.ws_row, size.ws_col};
 }
 
-fmt::text_style StyleOf(WorkerState state)
+std::string UtcTimeOfDay()
 {
-    switch (state) {
-        case WorkerState::kStarted:
-        case WorkerState::kRunning:
-            return fg(fmt::terminal_color::green);
-        case WorkerState::kAbnormal:
-        case WorkerState::kLost:
-        case WorkerState::kDied:
-            return fg(fmt::terminal_color::red);
-        default:
-            return fg(fmt::terminal_color::yellow);
-    }
+    return UtcTime(std::chrono::system_clock::now()).substr(11, 8) + "Z";
 }
 
 std::string Age(const Worker& worker)
@@ -57,19 +48,11 @@ std::string Age(const Worker& worker)
     return age.has_value() ? fmt::format("{:.1f} s", *age) : "-";
 }
 
-std::string Row(const Worker& worker, bool coloured)
-{
-    const std::string state = fmt::format("{:<9}", Name(worker.state));
-    return fmt::format("{:>6}  {:<14}  {:>8}  {}  {:>10}  {:>9}", worker.device, ProcessName(worker.type), worker.pid,
-                       coloured ? fmt::format(StyleOf(worker.state), "{}", state) : state, worker.heartbeats,
-                       Age(worker));
-}
-
 }  // namespace
 
 View::~View()
 {
-    if (drawn_) {
+    if (drawnSize_.rows > 0) {
         Refresh();
         WriteOut("\r\n");
     }
@@ -79,7 +62,10 @@ void View::Event(const std::string& event, const Worker* worker, const std::stri
 {
     switch (mode_) {
         case Mode::kTable:
-            Remember(Line(event, worker, detail));
+            // The table counts heartbeats; as events they would leave no room for others.
+            if (event != TypeName(qel::PPCMessage::HEARTBEAT)) {
+                Remember(ShortLine(event, worker, detail));
+            }
             break;
         case Mode::kLines:
             Print(Line(event, worker, detail) + "\n");
@@ -93,10 +79,29 @@ void View::Event(const std::string& event, const Worker* worker, const std::stri
 void View::Note(const std::string& text)
 {
     if (mode_ == Mode::kTable) {
-        Remember(Printable(text));
+        Remember(UtcTimeOfDay() + " " + Printable(text));
     } else {
         PrintError(text);
     }
+}
+
+void View::Answer(const std::string& text)
+{
+    if (mode_ != Mode::kTable && !text.empty()) {
+        PrintError(text);
+    }
+    answer_.clear();
+    std::istringstream lines(Printable(text));
+    for (std::string line; std::getline(lines, line);) {
+        answer_.push_back(line);
+    }
+    promptIsDrawn_ = false;
+}
+
+void View::SetPrompt(const std::string& text)
+{
+    prompt_ = text;
+    promptIsDrawn_ = false;
 }
 
 void View::Refresh()
@@ -104,10 +109,20 @@ void View::Refresh()
     if (mode_ != Mode::kTable) {
         return;
     }
-    if (!std::exchange(drawn_, true)) {
-        Print(kClearScreen + fmt::format("\033[{};1H", TerminalSize().rows));
+    const ScreenSize size = TerminalSize();
+    if (size.rows != drawnSize_.rows || size.columns != drawnSize_.columns) {
+        drawnSize_ = size;
+        promptIsDrawn_ = false;
+        Print(kClearScreen);
     }
-    Print(kSaveCursorAndHome + Table() + kRestoreCursor);
+    if (!std::exchange(promptIsDrawn_, true)) {
+        Print(fmt::format("\033[{};1H{}{}", size.rows, Cut(prompt_, size.columns - 1), kClearLine));
+    }
+    std::string text;
+    for (const std::string& line : Lines(size.rows - 1, size.columns - 1)) {
+        text += line + kClearLineRest;
+    }
+    Print(kSaveCursorAndHome + text + kRestoreCursor);
 }
 
 std::string View::Line(const std::string& event, const Worker* worker, const std::string& detail) const
@@ -140,38 +155,57 @@ std::string View::JsonEvent(const std::string& event, const Worker* worker, cons
     return JsonLine(line);
 }
 
-// The bottom row stays free: commands are typed there.
-std::string View::Table() const
+// Names a worker as commands do. The part that is cut when the line is too long comes last.
+std::string View::ShortLine(const std::string& event, const Worker* worker, const std::string& detail)
 {
-    const ScreenSize size = TerminalSize();
-    std::vector<std::string> lines{
-        fmt::format("gakppcd, process {}; commands: shutdown DEVICE PID, shutdown all, start-custom DEVICE PID, quit",
-                    getpid())
-            .substr(0, size.columns - 1),
-        fmt::format("{:>6}  {:<14}  {:>8}  {:<9}  {:>10}  {:>9}", "DEVICE", "PROCESS TYPE", "PID", "STATE",
-                    "HEARTBEATS", "LAST")};
-    const size_t events = std::min(last_.size(), kEventsShown);
-    const bool coloured = OutputIsColoured();
-    for (const auto& [key, worker] : workers_.All()) {
-        if (lines.size() + events + 2 < size.rows) {
-            lines.push_back(Row(worker, coloured));
-        }
+    std::string text = UtcTimeOfDay() + " " + event;
+    if (worker != nullptr) {
+        text += fmt::format(" {} {}", worker->device, worker->pid);
     }
-    lines.emplace_back();
-    for (const std::string& event : last_) {
-        lines.push_back(event.substr(0, size.columns - 1));
+    return Printable(text + (detail.empty() ? "" : ": " + detail));
+}
+
+std::string View::Title(size_t width) const
+{
+    const auto& workers = workers_.All();
+    const auto ended = std::count_if(workers.begin(), workers.end(),
+                                     [](const WorkerTable::Map::value_type& entry) { return entry.second.HasEnded(); });
+    return Cut(fmt::format("gakppcd {}: {} running, {} ended; type help for the commands", getpid(),
+                           static_cast<ptrdiff_t>(workers.size()) - ended, ended),
+               width);
+}
+
+// The answer to the last command or, when there is none, the last events.
+std::vector<std::string> View::BottomLines(size_t height, size_t width) const
+{
+    const size_t most = std::min(answer_.empty() ? height / kRowsForEachEvent : height, height > 3 ? height - 3 : 0);
+    const std::deque<std::string>& texts = answer_.empty() ? last_ : answer_;
+    const size_t count = std::min(texts.size(), most);
+    const auto first = answer_.empty() ? texts.end() - static_cast<ptrdiff_t>(count) : texts.begin();
+    std::vector<std::string> lines;
+    std::transform(first, first + static_cast<ptrdiff_t>(count), std::back_inserter(lines),
+                   [width](const std::string& text) { return Cut(text, width); });
+    return lines;
+}
+
+std::vector<std::string> View::Lines(size_t height, size_t width) const
+{
+    if (height == 0) {
+        return {};
     }
-    lines.resize(size.rows - 1);
-    std::string text;
-    for (const std::string& line : lines) {
-        text += line + kClearLineRest;
-    }
-    return text;
+    const std::vector<std::string> bottom = BottomLines(height, width);
+    const size_t blank = height >= kRowsForBlankLine ? 1 : 0;
+    std::vector<std::string> lines{Title(width)};
+    const auto table = TableLines(workers_.All(), height - 1 - blank - bottom.size(), width, OutputIsColoured());
+    lines.insert(lines.end(), table.begin(), table.end());
+    lines.resize(height - bottom.size());
+    lines.insert(lines.end(), bottom.begin(), bottom.end());
+    return lines;
 }
 
 void View::Remember(const std::string& text)
 {
-    last_.push_back(text.substr(0, text.find('\n')));
+    last_.push_back(text.substr(0, std::min(text.find('\n'), kLongestEvent)));
     if (last_.size() > kEventsShown) {
         last_.pop_front();
     }
