@@ -85,6 +85,10 @@ public:
     {
         return Living(caller).fetch_or(value, order, caller);
     }
+    bool compare_exchange_weak(T& expected, T value, memory_order order, rl::debug_info caller = GAKPPC_CALLER)
+    {
+        return compare_exchange_weak(expected, value, order, order, caller);
+    }
     bool compare_exchange_weak(T& expected, T value, memory_order order, memory_order failure,
                                rl::debug_info caller = GAKPPC_CALLER)
     {

@@ -56,7 +56,7 @@ private:
     PpcRecord* ReleaseLocked(PpcRecord* record)
     {
         qel::MutexLock lock(mutex_);
-        if (record->refs_.fetch_sub(1, std::memory_order_acq_rel) != 1) {
+        if (record->refs_.fetch_sub(1, std::memory_order_acquire) != 1) {  // the mutex releases
             return nullptr;
         }
         EnterQuarantine(record);
@@ -190,9 +190,9 @@ void PpcRecord::Revoke()
     if (!EnterCall()) {
         return;
     }
-    const bool first = (calls_.fetch_or(kRevoked, std::memory_order_acq_rel) & kRevoked) == 0;
+    const bool first = (calls_.fetch_or(kRevoked, std::memory_order_relaxed) & kRevoked) == 0;
     if (first) {
-        *publicFd_ = -1;
+        publicFd_->store(-1, std::memory_order_relaxed);
     }
     if (static_cast<pid_t>(qel::OwnPid()) == creator_) {
         if (first) {

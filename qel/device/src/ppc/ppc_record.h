@@ -66,12 +66,13 @@ public:
     void AddRef() { refs_.fetch_add(1, std::memory_order_relaxed); }  // by those who have a reference
     void Release();
 
-    // A call in flight. False, without entering, when the record has been revoked.
+    // A call in flight. False, without entering, when the record has been revoked. Entering needs no order: what a call
+    // uses was published with the handle, and the descriptor's closing is ordered behind its leaving.
     bool EnterCall()
     {
         uint32_t calls = calls_.load(std::memory_order_relaxed);
         while ((calls & kRevoked) == 0) {
-            if (calls_.compare_exchange_weak(calls, calls + 1, std::memory_order_acquire, std::memory_order_relaxed)) {
+            if (calls_.compare_exchange_weak(calls, calls + 1, std::memory_order_relaxed)) {
                 return true;
             }
         }
@@ -90,7 +91,7 @@ public:
 
     // Constant after construction: the descriptor as it was created, for log lines after it has been revoked.
     int OriginalFd() const { return originalFd_; }
-    int PublicFd() const { return *publicFd_; }
+    int PublicFd() const { return publicFd_->load(std::memory_order_relaxed); }
 
     // Held for one frame: the kernel may split a long frame, and those of several senders must not mix.
     qel::Mutex& SendMutex() GAKPPC_ANNOTATE(lock_returned(sendMutex_)) { return sendMutex_; }
