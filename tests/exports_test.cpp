@@ -302,6 +302,19 @@ TEST(Imports, LoggingLibraryOfAHostIsEnough)
     EXPECT_EQ(needed, ofAHost);
 }
 
+// Whatever ends, ends because something has happened: nothing sleeps or waits with a time limit. The exception is poll,
+// for the pause after an accept that found no descriptor or memory.
+TEST(Imports, OnlyPollWaitsForTimeToPass)
+{
+    const std::vector<std::string> parts = {"sleep", "timed", "clock", "wait_until", "wait_for", "select",
+                                            "ppoll", "epoll", "alarm", "timer",      "yield",    "setsockopt"};
+    for (const Symbol& symbol : ReadSymbols("--undefined-only")) {
+        for (const std::string& part : parts) {
+            EXPECT_EQ(symbol.name.find(part), std::string::npos) << symbol.name;
+        }
+    }
+}
+
 // ---- Return types and constness, which names do not show: a change does not compile ------------------------------
 
 template <typename Wanted, typename Function>

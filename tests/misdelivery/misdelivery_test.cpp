@@ -33,7 +33,6 @@ using gaktest::WaitReadable;
 using gaktest::WaitUntil;
 using gaktest::WriteAll;
 using qel::PPCMessage;
-using Clock = std::chrono::steady_clock;
 
 constexpr uint32_t kOk = 0x1011000;
 constexpr uint32_t kSendFailed = 0x1093037;
@@ -164,7 +163,7 @@ public:
     void RunSender(unsigned seed)
     {
         std::minstd_rand random(seed);
-        while (!IsDone() && limit_ > Clock::now()) {
+        while (!IsDone() && !limit_.Passed()) {
             const State wanted = tally_.toDead >= 2 * kMessages || random() % 2 == 0 ? State::kLive : State::kDead;
             std::optional<Register::Index> index;
             const bool found = WaitUntil([&] { return (index = Pick(wanted, random)).has_value(); }, 20s);
@@ -264,7 +263,7 @@ private:
     Tally tally_;
     std::atomic<bool> stop_{false};
     std::atomic<uint32_t> lastLife_{0};
-    const Clock::time_point limit_ = Clock::now() + 90s;
+    const Deadline limit_ = 90s;
 };
 
 TEST(MisdeliveryTest, MessagesReachOnlyTheWorkerTheyName)

@@ -2,6 +2,7 @@
 #define GAKPPC_FAULT_H
 
 #include <fcntl.h>
+#include <poll.h>
 #include <pthread.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -162,6 +163,10 @@ struct Listen : OfGakppc {
 struct Accept : OfGakppc {
     static constexpr const char* kSymbol = "accept";
     using Signature = int(int, sockaddr*, socklen_t*);
+};
+struct Poll : OfGakppc {
+    static constexpr const char* kSymbol = "poll";
+    using Signature = int(pollfd*, nfds_t, int);
 };
 struct Connect : OfGakppc {
     static constexpr const char* kSymbol = "connect";

@@ -9,6 +9,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <csignal>
 #include <cstdio>
@@ -23,6 +24,7 @@ namespace gaktest {
 namespace {
 
 constexpr int kAskAgainMs = 2;
+constexpr char kThreads[] = "/proc/self/task";
 
 std::vector<std::string> DirectoryEntries(const char* path)
 {
@@ -37,6 +39,15 @@ std::vector<std::string> DirectoryEntries(const char* path)
         }
     }
     return names;
+}
+
+// Empty when the thread has ended.
+std::string NameOfThread(const std::string& id)
+{
+    std::ifstream file(std::string(kThreads) + "/" + id + "/comm");
+    std::string name;
+    std::getline(file, name);
+    return name;
 }
 
 int RunBody(const std::function<int()>& body)
@@ -155,20 +166,28 @@ size_t OpenDescriptors()
 
 size_t ThreadCount()
 {
-    return DirectoryEntries("/proc/self/task").size();
+    return DirectoryEntries(kThreads).size();
 }
 
 std::vector<std::string> ThreadNames()
 {
     std::vector<std::string> names;
-    for (const std::string& id : DirectoryEntries("/proc/self/task")) {
-        std::ifstream file("/proc/self/task/" + id + "/comm");
-        std::string name;
-        if (std::getline(file, name)) {
+    for (const std::string& id : DirectoryEntries(kThreads)) {
+        const std::string name = NameOfThread(id);
+        if (!name.empty()) {
             names.push_back(name);
         }
     }
     return names;
+}
+
+std::vector<std::string> ThreadIds(const std::string& namePrefix)
+{
+    std::vector<std::string> ids = DirectoryEntries(kThreads);
+    ids.erase(std::remove_if(ids.begin(), ids.end(),
+                             [&](const std::string& id) { return NameOfThread(id).rfind(namePrefix, 0) != 0; }),
+              ids.end());
+    return ids;
 }
 
 bool WaitUntil(const std::function<bool()>& condition, Deadline deadline)

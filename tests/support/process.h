@@ -66,6 +66,9 @@ size_t OpenDescriptors();
 size_t ThreadCount();
 std::vector<std::string> ThreadNames();
 
+// The ids of the threads whose names begin like this.
+std::vector<std::string> ThreadIds(const std::string& namePrefix);
+
 // Waits until `condition` holds, asking every few milliseconds. False when the deadline came first. Only for state that
 // has no event to wait for, such as the system's tables of threads and descriptors.
 bool WaitUntil(const std::function<bool()>& condition, Deadline deadline);

@@ -124,6 +124,8 @@ TEST(ProcessStateTest, CountsAndNamesThreads)
     EXPECT_EQ(ThreadCount(), before + 1);
     const std::vector<std::string> names = ThreadNames();
     EXPECT_EQ(std::count(names.begin(), names.end(), "counted_thread"), 1);
+    EXPECT_EQ(ThreadIds("counted_").size(), 1u);
+    EXPECT_EQ(ThreadIds("counted_thread_").size(), 0u);
     leave.set_value();
     thread.join();
     EXPECT_TRUE(WaitUntil([before] { return ThreadCount() == before; }, 10s));

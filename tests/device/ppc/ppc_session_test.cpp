@@ -394,11 +394,6 @@ TEST_F(SessionAcceptTest, FailedAcceptOnALiveEndpointGives22)
     EXPECT_EQ(session_, kNoSession);
 }
 
-struct Poll : calls::OfGakppc {
-    static constexpr const char* kSymbol = "poll";
-    using Signature = int(pollfd*, nfds_t, int);
-};
-
 class SessionAcceptPauseTest : public SessionAcceptTest {
 protected:
     // Makes an accept fail with that error; gives the calls of poll that it made.
@@ -406,7 +401,7 @@ protected:
     {
         CountingHook<calls::Accept> acceptCalls;
         acceptCalls.FailCall(1, -1, error);
-        CountingHook<Poll> pollCalls;
+        CountingHook<calls::Poll> pollCalls;
         std::vector<std::string> pauses;
         pollCalls.OnCall([&](uint64_t, pollfd* wanted, nfds_t count, int timeout) {
             EXPECT_EQ(count, 1u);
