@@ -27,7 +27,7 @@ class TapTest : public testing::Test {
 protected:
     void Start(std::vector<std::string> arguments = {})
     {
-        daemonFile_ = FileAt(kSock);
+        daemonFile_ = FileAt(access(kSavedSock.c_str(), F_OK) == 0 ? kSavedSock : kSock);
         arguments.insert(arguments.begin(), "tap");
         tap_ = std::make_unique<Tool>(kGakppctl, arguments);
         ASSERT_TRUE(tap_->WaitForErr("in place"));

@@ -1,11 +1,22 @@
 #include <unistd.h>
 
 #include <csignal>
+#include <filesystem>
 
 #include "tap_fixture.h"
 
 namespace gaktest {
 namespace {
+
+// The names in the socket directory, one a line.
+std::string Files()
+{
+    std::string names;
+    for (const auto& entry : std::filesystem::directory_iterator(kSock.substr(0, kSock.rfind('/')))) {
+        names += entry.path().filename().string() + "\n";
+    }
+    return names;
+}
 
 TEST_F(TapTest, ShowsBothDirectionsWithTheRealProcessBesideTheClaimedOne)
 {
@@ -165,7 +176,140 @@ TEST_F(TapTest, SecondTapIsRefused)
     ASSERT_NO_FATAL_FAILURE(Start());
     const Outcome second = Ctl({"tap"});
     EXPECT_TRUE(second.status.ExitedWith(1)) << second.status;
-    EXPECT_NE(second.err.find("another tap runs"), std::string::npos);
+    EXPECT_NE(second.err.find("another tap is in place"), std::string::npos) << second.err;
+    EXPECT_EQ(access(kSavedSock.c_str(), F_OK), 0);
+}
+
+TEST_F(TapTest, SecondTapIsRefusedAlsoWhenTheDaemonHasEnded)
+{
+    ASSERT_NO_FATAL_FAILURE(Start());
+    listener_.Reset();
+    const Outcome second = Ctl({"tap"});
+    EXPECT_TRUE(second.status.ExitedWith(1)) << second.status;
+    EXPECT_NE(second.err.find("another tap is in place"), std::string::npos) << second.err;
+    EXPECT_EQ(access(kSavedSock.c_str(), F_OK), 0);
+    tap_->Kill(SIGTERM);
+    EXPECT_TRUE(tap_->Finish().ExitedWith(0));
+    EXPECT_TRUE(SocketIsRestored());
+}
+
+class KilledTapTest : public TapTest {
+protected:
+    void SetUp() override
+    {
+        ASSERT_NO_FATAL_FAILURE(Start());
+        tap_->Kill(SIGKILL);
+        ASSERT_TRUE(tap_->Finish().KilledBy(SIGKILL));
+        ASSERT_EQ(access(kSavedSock.c_str(), F_OK), 0);
+        restored_ = daemonFile_;
+    }
+
+    struct stat restored_ {};
+};
+
+TEST_F(KilledTapTest, NextTapRestoresTheDaemonsSocket)
+{
+    ASSERT_NO_FATAL_FAILURE(Start());
+    EXPECT_EQ(FileAt(kSavedSock).st_ino, restored_.st_ino) << "what it keeps is the daemon's";
+    EXPECT_NE(tap_->err().find("restored " + kSock), std::string::npos) << tap_->err();
+    ASSERT_NO_FATAL_FAILURE(Connect());
+    tap_->Kill(SIGTERM);
+    Disconnect();
+    EXPECT_TRUE(tap_->Finish().ExitedWith(0));
+    EXPECT_EQ(FileAt(kSock).st_ino, restored_.st_ino);
+    EXPECT_EQ(CountOf(Files(), "sock_server"), 1U) << Files();
+}
+
+TEST_F(KilledTapTest, NextTapRemovesWhatNobodyIsBehind)
+{
+    listener_.Reset();
+    const Outcome next = Ctl({"tap"});
+    EXPECT_TRUE(next.status.ExitedWith(3)) << next.status;
+    EXPECT_NE(next.err.find("removed " + kSavedSock), std::string::npos) << next.err;
+    EXPECT_EQ(Files(), "sock_server_19280\n");
+}
+
+TEST_F(KilledTapTest, NextDaemonRemovesWhatNobodyIsBehind)
+{
+    listener_.Reset();
+    const Outcome daemon = RunTool(kGakppcd, {"--for", "0.1"});
+    EXPECT_TRUE(daemon.status.ExitedWith(0)) << daemon.status;
+    EXPECT_NE(daemon.err.find("removed " + kSavedSock), std::string::npos) << daemon.err;
+    EXPECT_EQ(Files(), "sock_server_19280\n");
+}
+
+TEST_F(KilledTapTest, NextDaemonLeavesWhatIsInUse)
+{
+    EXPECT_TRUE(RunTool(kGakppcd, {"--for", "0.1"}).status.ExitedWith(1)) << "another daemon runs";
+    EXPECT_TRUE(RunTool(kGakppcd, {"--for", "0.1", "--replace"}).status.ExitedWith(0));
+    EXPECT_EQ(FileAt(kSavedSock).st_ino, restored_.st_ino);
+}
+
+TEST_F(KilledTapTest, TwoDaemonsAreLeftAlone)
+{
+    const Fd second = RawListen(kServer);
+    const ino_t inode = FileAt(kSock).st_ino;
+    const Outcome next = Ctl({"tap"});
+    EXPECT_TRUE(next.status.ExitedWith(1)) << next.status;
+    EXPECT_NE(next.err.find("are both in use"), std::string::npos) << next.err;
+    EXPECT_EQ(FileAt(kSock).st_ino, inode);
+    EXPECT_EQ(FileAt(kSavedSock).st_ino, restored_.st_ino);
+}
+
+TEST_F(TapTest, SocketThatWasRemovedIsRestored)
+{
+    ASSERT_NO_FATAL_FAILURE(Start());
+    ASSERT_EQ(unlink(kSock.c_str()), 0);
+    EXPECT_TRUE(tap_->Finish().ExitedWith(1));
+    EXPECT_TRUE(SocketIsRestored());
+}
+
+class FollowTest : public TapTest {
+protected:
+    void SetUp() override { ASSERT_NO_FATAL_FAILURE(Start({"--follow"})); }
+
+    void StartDaemonAgain()
+    {
+        listener_.Reset();
+        const size_t before = CountOf(tap_->err(), "in place again");
+        listener_ = RawListen(kServer);
+        ASSERT_TRUE(tap_->WaitUntilOutput([&] { return CountOf(tap_->err(), "in place again") > before; }, kLimit))
+            << tap_->err();
+        daemonFile_ = FileAt(kSavedSock);
+    }
+};
+
+TEST_F(FollowTest, TakesTheSocketOfEachNewDaemon)
+{
+    for (uint32_t i = 1; i <= 3; ++i) {
+        ASSERT_NO_FATAL_FAILURE(StartDaemonAgain());
+        ASSERT_NO_FATAL_FAILURE(Connect());
+        ASSERT_TRUE(WriteAll(worker_, PpcFrame(FromWorker(2, 1, i))));
+        EXPECT_EQ(ReadPpcFrame(daemon_, kLimit), FromWorker(2, 1, i));
+        EXPECT_TRUE(tap_->WaitForOut("HEARTBEAT (claims pid " + std::to_string(i) + ")"));
+        Disconnect();
+    }
+    tap_->Kill(SIGTERM);
+    EXPECT_TRUE(tap_->Finish().ExitedWith(0)) << tap_->err();
+    EXPECT_TRUE(SocketIsRestored());
+}
+
+TEST_F(FollowTest, EndsOrderlyWhileNoDaemonRuns)
+{
+    listener_.Reset();
+    tap_->Kill(SIGINT);
+    EXPECT_TRUE(tap_->Finish().ExitedWith(0)) << tap_->err();
+    EXPECT_TRUE(SocketIsRestored());
+}
+
+TEST_F(FollowTest, EndsOrderlyWhileItsPlaceIsEmpty)
+{
+    listener_.Reset();
+    ASSERT_EQ(unlink(kSock.c_str()), 0);
+    EXPECT_FALSE(tap_->WaitUntilOutput([] { return false; }, std::chrono::seconds(2))) << "it ends";
+    tap_->Kill(SIGINT);
+    EXPECT_TRUE(tap_->Finish().ExitedWith(0)) << tap_->err();
+    EXPECT_EQ(Files(), "");
 }
 
 TEST(TapStandaloneTest, NoDaemonIsTold)

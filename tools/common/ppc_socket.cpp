@@ -23,9 +23,20 @@ sockaddr_un AddressOf(const char* path)
     return address;
 }
 
-Fd NewSocket()
+Fd NewSocket(int type)
 {
-    return Fd(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+    return Fd(socket(AF_UNIX, type | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+}
+
+// 0 or the errno.
+int ConnectTo(const Fd& socket, const char* path)
+{
+    const sockaddr_un address = AddressOf(path);
+    int result = -1;
+    do {
+        result = connect(socket.get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address));
+    } while (result == -1 && errno == EINTR);
+    return result == 0 ? 0 : errno;
 }
 
 bool WaitFor(int fd, short events, const Deadline& deadline)
@@ -52,18 +63,30 @@ Peer PeerOf(const Fd& socket)
 
 Fd TryConnect(const char* path)
 {
-    Fd socket = NewSocket();
-    const sockaddr_un address = AddressOf(path);
-    int result = -1;
-    do {
-        result = connect(socket.get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address));
-    } while (result == -1 && errno == EINTR);
-    if (result == -1) {
-        const int error = errno;
+    Fd socket = NewSocket(SOCK_STREAM);
+    const int error = ConnectTo(socket, path);
+    if (error != 0) {
         socket.Reset();
         errno = error;
     }
     return socket;
+}
+
+// A datagram socket is connected without a message to its peer, and only to its like. The kernel compares the types
+// last, after the permissions and after it has found a socket behind the file.
+Held IsHeld(const char* path)
+{
+    switch (ConnectTo(NewSocket(SOCK_DGRAM), path)) {
+        case EPROTOTYPE:
+            return Held::kYes;
+        case 0:
+        case ECONNREFUSED:
+        case ENOENT:
+        case ENOTDIR:
+            return Held::kNo;
+        default:
+            return Held::kUnknown;
+    }
 }
 
 Fd ConnectToDaemon(const Deadline& deadline)
@@ -88,7 +111,7 @@ Fd ConnectToDaemon(const Deadline& deadline)
 
 Fd ListenAt(const char* path, int backlog)
 {
-    Fd socket = NewSocket();
+    Fd socket = NewSocket(SOCK_STREAM);
     const sockaddr_un address = AddressOf(path);
     if (bind(socket.get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)) == -1 ||
         listen(socket.get(), backlog) == -1) {

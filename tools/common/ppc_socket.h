@@ -32,6 +32,11 @@ Peer PeerOf(const Fd& socket);
 // means that the listener's queue is full.
 Fd TryConnect(const char* path);
 
+// Whether a process has a stream socket open that is bound to the file at `path`, as far as we may know. Nothing
+// reaches that process.
+enum class Held { kYes, kNo, kUnknown };
+Held IsHeld(const char* path);
+
 // TryConnect until there is room in the queue. ExitError kExitNoDaemon when nobody listens, kExitTimeLimit when the
 // deadline comes first.
 Fd ConnectToDaemon(const Deadline& deadline);

@@ -13,6 +13,7 @@
 #include <stdexcept>
 
 #include "common/exit_error.h"
+#include "common/killed_tap.h"
 #include "common/listeners.h"
 #include "common/message.h"
 #include "common/ppc_socket.h"
@@ -62,6 +63,9 @@ void Daemon::Open()
     if (!others.empty() && !options_.replace) {
         throw ExitError(kExitFailed, fmt::format("process {} listens at {} already (--replace replaces its socket)",
                                                  others.front().pid, kSocketPath));
+    }
+    if (RemoveSavedSocket()) {
+        view_.Note(fmt::format("removed {}, which a killed tap has left", kSavedSocketPath));
     }
     PpcServer& server = PpcServer::GetInstance();
     for (const auto type : {PPCMessage::START_RSP, PPCMessage::SHUTDOWN_RSP, PPCMessage::HEARTBEAT,

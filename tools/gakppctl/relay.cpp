@@ -47,6 +47,14 @@ void Relay::Watch(int fd, void* mark)
     }
 }
 
+void Relay::SetListener(int listener)
+{
+    AcceptAll();
+    PauseAccepting(true);
+    listener_ = listener;
+    PauseAccepting(false);
+}
+
 bool Relay::Step(int timeoutMs)
 {
     epoll_event events[kEvents];

@@ -30,6 +30,9 @@ public:
     // Step returns as soon as this descriptor is readable.
     void WakeOn(int fd) { Watch(fd, nullptr); }
 
+    // Accepts on this one from now on, after those that wait at the former one, which must still be open.
+    void SetListener(int listener);
+
     // Waits up to `timeoutMs` for events and handles them. True when the time has passed or a descriptor of WakeOn is
     // readable.
     bool Step(int timeoutMs);

@@ -8,8 +8,11 @@
 
 #include <cerrno>
 #include <cstring>
+#include <string>
+#include <utility>
 
 #include "common/exit_error.h"
+#include "common/killed_tap.h"
 #include "common/listeners.h"
 #include "common/ppc_socket.h"
 
@@ -33,16 +36,6 @@ struct stat SocketFile()
     return file;
 }
 
-// Comes first: a leftover is the reason why nobody listens at the daemon's path.
-void RefuseLeftover()
-{
-    struct stat file {};
-    if (lstat(kSavedSocketPath, &file) == 0) {
-        throw ExitError(kExitFailed, fmt::format("{} exists: another tap runs, or was killed (see gakppctl doctor)",
-                                                 kSavedSocketPath));
-    }
-}
-
 [[noreturn]] void Fail(const char* path)
 {
     throw ExitError(kExitFailed, fmt::format("{}: {}", path, strerror(errno)));
@@ -60,10 +53,40 @@ void CopyAccess(const struct stat& from, const char* to)
 
 SocketTakeover::SocketTakeover()
 {
-    RefuseLeftover();
+    TakeOver();
+}
+
+SocketTakeover::~SocketTakeover()
+{
+    Restore();
+}
+
+SocketTakeover::FileId SocketTakeover::IdOf(const char* path)
+{
+    struct stat file {};
+    if (lstat(path, &file) == -1) {
+        Fail(path);
+    }
+    return {file.st_dev, file.st_ino};
+}
+
+bool SocketTakeover::IsAt(const FileId& file, const char* path)
+{
+    struct stat found {};
+    return lstat(path, &found) == 0 && found.st_dev == file.device && found.st_ino == file.inode;
+}
+
+void SocketTakeover::TakeOver()
+{
+    // First, because what a killed tap has left is the reason why nobody listens at the daemon's path.
+    const std::string repair = RepairAfterKilledTap();
+    if (!repair.empty()) {
+        PrintError(repair);
+    }
     const struct stat daemon = SocketFile();
-    MakeListener();
+    listener_ = ListenAt(kSavedSocketPath, kBacklog);
     try {
+        ours_ = IdOf(kSavedSocketPath);
         CopyAccess(daemon, kSavedSocketPath);
         Exchange();
     } catch (...) {
@@ -73,44 +96,54 @@ SocketTakeover::SocketTakeover()
     active_ = true;
 }
 
-SocketTakeover::~SocketTakeover()
-{
-    Restore();
-}
-
-void SocketTakeover::MakeListener()
-{
-    listener_ = ListenAt(kSavedSocketPath, kBacklog);
-    struct stat file {};
-    if (lstat(kSavedSocketPath, &file) == -1) {
-        Fail(kSavedSocketPath);
-    }
-    device_ = file.st_dev;
-    inode_ = file.st_ino;
-}
-
 void SocketTakeover::Exchange()
 {
     if (renameat2(AT_FDCWD, kSavedSocketPath, AT_FDCWD, kSocketPath, RENAME_EXCHANGE) == -1) {
         Fail(kSocketPath);
     }
+    saved_ = IdOf(kSavedSocketPath);
 }
 
 bool SocketTakeover::IsInPlace() const
 {
-    struct stat file {};
-    return lstat(kSocketPath, &file) == 0 && file.st_dev == device_ && file.st_ino == inode_;
+    return IsAt(ours_, kSocketPath);
+}
+
+Fd SocketTakeover::TakeOverAgain()
+{
+    if (IsInPlace() || IsHeld(kSocketPath) != Held::kYes) {
+        return Fd();
+    }
+    ReleaseSaved();
+    Fd former = std::move(listener_);
+    try {
+        TakeOver();
+    } catch (const ExitError& error) {
+        listener_ = std::move(former);
+        if (error.code() != kExitNoDaemon) {
+            throw;
+        }
+    }
+    return former;
+}
+
+// Another socket is at the daemon's path, or none.
+void SocketTakeover::ReleaseSaved()
+{
+    if (!std::exchange(active_, false) || !IsAt(saved_, kSavedSocketPath)) {
+        return;
+    }
+    const bool inUse = IsHeld(kSavedSocketPath) == Held::kYes;
+    if (!inUse || renameat2(AT_FDCWD, kSavedSocketPath, AT_FDCWD, kSocketPath, RENAME_NOREPLACE) == -1) {
+        unlink(kSavedSocketPath);
+    }
 }
 
 void SocketTakeover::Restore()
 {
-    if (!active_) {
-        return;
-    }
-    active_ = false;
     if (!IsInPlace()) {
-        unlink(kSavedSocketPath);
-    } else if (rename(kSavedSocketPath, kSocketPath) == -1) {
+        ReleaseSaved();
+    } else if (std::exchange(active_, false) && rename(kSavedSocketPath, kSocketPath) == -1) {
         PrintError(fmt::format("the socket cannot be restored: {}: {}", kSocketPath, strerror(errno)));
     }
 }

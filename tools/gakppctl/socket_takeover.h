@@ -11,7 +11,8 @@ namespace tools {
 // name. Both are exchanged atomically, so workers find a socket at any time. The destructor restores the daemon's.
 class SocketTakeover {
 public:
-    // Throws ExitError: kExitNoDaemon when there is no socket, kExitFailed when another tap is in place.
+    // Repairs first what a killed tap has left. Throws ExitError: kExitNoDaemon when nobody listens, kExitFailed when
+    // another tap is in place.
     SocketTakeover();
     ~SocketTakeover();
     SocketTakeover(const SocketTakeover&) = delete;
@@ -23,17 +24,30 @@ public:
     // Whether our socket is still at the daemon's path. A daemon that starts replaces it.
     bool IsInPlace() const;
 
+    // Replaces the socket of a daemon that has replaced ours. The former listener; none when nobody listens at the
+    // path yet. Throws as the constructor does for everything else.
+    Fd TakeOverAgain();
+
     // Restores the daemon's socket. The listener stays open. When another socket has appeared at the path meanwhile,
     // that one stays and the saved one is removed. The second call does nothing.
     void Restore();
 
 private:
-    void MakeListener();
+    // Which file it is, whatever its name.
+    struct FileId {
+        dev_t device = 0;
+        ino_t inode = 0;
+    };
+    static FileId IdOf(const char* path);
+    static bool IsAt(const FileId& file, const char* path);
+
+    void TakeOver();
     void Exchange();
+    void ReleaseSaved();
 
     Fd listener_;
-    dev_t device_ = 0;
-    ino_t inode_ = 0;
+    FileId ours_;
+    FileId saved_;
     bool active_ = false;
 };
 

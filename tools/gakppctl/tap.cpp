@@ -6,7 +6,9 @@
 
 #include <fmt/format.h>
 #include <sys/eventfd.h>
+#include <sys/inotify.h>
 #include <sys/resource.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cstdio>
@@ -25,6 +27,9 @@ namespace {
 
 constexpr int kTickMs = 200;
 constexpr std::chrono::milliseconds kTick{kTickMs};
+// A daemon that has just bound its socket listens in a moment.
+constexpr int kSoonMs = 5;
+constexpr std::chrono::seconds kHurryTime{1};
 constexpr std::chrono::milliseconds kGraceForLateWorkers{20};
 constexpr std::chrono::seconds kPrintTime{5};
 
@@ -34,6 +39,7 @@ struct Options {
     double duration = -1;
     uint64_t count = 0;
     double linger = -1;
+    bool follow = false;
 };
 
 class Tap {
@@ -46,18 +52,39 @@ private:
     void Serve();
     void Linger();
     bool ShouldStop();
+    bool StaysDisplaced();
+    int StepTimeoutMs() const;
     int Finish();
 
     const Options& options_;
     SignalFd signals_{SIGINT, SIGTERM, SIGHUP};
     Fd outputFailed_{eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)};
+    Fd directoryChanged_;
     RecordPrinter printer_;
     SocketTakeover takeover_;
     Relay relay_;
     std::optional<Deadline> end_;
+    std::optional<Deadline> hurry_;  // set while another socket is in our place
     uint64_t messages_ = 0;
     int exit_ = kExitOk;
 };
+
+// None when we may not read the directory; the tap looks at its place every kTick anyway.
+Fd WatchSocketDirectory()
+{
+    Fd watch(inotify_init1(IN_CLOEXEC | IN_NONBLOCK));
+    if (watch.valid() && inotify_add_watch(watch.get(), kSocketDir, IN_CREATE | IN_MOVED_TO) == -1) {
+        watch.Reset();
+    }
+    return watch;
+}
+
+void Drain(const Fd& watch)
+{
+    char events[4096];
+    while (watch.valid() && read(watch.get(), events, sizeof(events)) > 0) {
+    }
+}
 
 std::unique_ptr<CaptureWriter> OpenCapture(const std::string& path)
 {
@@ -71,6 +98,12 @@ Tap::Tap(const Options& options)
 {
     relay_.WakeOn(signals_.get());
     relay_.WakeOn(outputFailed_.get());
+    if (options.follow) {
+        directoryChanged_ = WatchSocketDirectory();
+    }
+    if (directoryChanged_.valid()) {
+        relay_.WakeOn(directoryChanged_.get());
+    }
     if (options.duration >= 0) {
         end_.emplace(Seconds(options.duration));
     }
@@ -100,12 +133,42 @@ bool Tap::ShouldStop()
     if (signals_.Next() != 0 || HasPassed(end_)) {
         return true;
     }
-    if (!takeover_.IsInPlace()) {
-        PrintError("another daemon has replaced the tap's socket by its own");
+    Drain(directoryChanged_);
+    if (!takeover_.IsInPlace() && !StaysDisplaced()) {
         exit_ = kExitFailed;
         return true;
     }
     return false;
+}
+
+// Another socket is in our place. False when that ends the tap.
+bool Tap::StaysDisplaced()
+{
+    if (!options_.follow) {
+        PrintError("another daemon has replaced the tap's socket by its own");
+        return false;
+    }
+    if (!hurry_.has_value()) {
+        hurry_.emplace(kHurryTime);
+    }
+    try {
+        const Fd former = takeover_.TakeOverAgain();
+        if (former.valid()) {
+            relay_.SetListener(takeover_.Listener().get());
+            hurry_.reset();
+            PrintError("the daemon has been started again; the tap is in place again");
+        }
+        return true;
+    } catch (const ExitError& error) {
+        PrintError(error.what());
+        return false;
+    }
+}
+
+int Tap::StepTimeoutMs() const
+{
+    const int timeout = hurry_.has_value() && !hurry_->Passed() ? kSoonMs : kTickMs;
+    return end_.has_value() ? std::min(timeout, end_->RemainingMs()) : timeout;
 }
 
 void Tap::Serve()
@@ -113,7 +176,7 @@ void Tap::Serve()
     PrintError("the tap is in place; workers that connect from now on are shown");
     Deadline check(kTick);
     for (bool stop = false; !stop;) {
-        const bool woken = relay_.Step(end_.has_value() ? std::min(kTickMs, end_->RemainingMs()) : kTickMs);
+        const bool woken = relay_.Step(StepTimeoutMs());
         stop = options_.count > 0 && messages_ >= options_.count;
         // Not for every message: each check costs system calls.
         if (woken || check.Passed()) {
@@ -209,10 +272,14 @@ Subcommand AddTap(CLI::App& program)
     AddSeconds(*app, "--for", options->duration, "Stop after this time");
     AddSeconds(*app, "--linger", options->linger,
                "After stopping, cut connections that are still open after this time (default: wait for their end)");
+    app->add_flag(
+        "--follow", options->follow,
+        "Stay when the daemon is started again, and take its new socket's place (default: end with status 1)");
     AddStandardOptions(*app,
                        "  $ gakppctl tap\n"
                        "  $ gakppctl tap --json --for 10 | jq .message.type\n"
-                       "  $ gakppctl tap --write trace.cap --count 100",
+                       "  $ gakppctl tap --write trace.cap --count 100\n"
+                       "  $ gakppctl tap --follow",
                        OnSignal::kDone);
     return {app, [options] {
                 options->style.coloured = OutputIsColoured();

@@ -131,9 +131,9 @@ Listener ListenerOf(const Fd& socket)
     return {peer.pid, {peer.uid, peer.gid, PeerGroups(socket)}, named ? address.sun_path : ""};
 }
 
-Fd NewSocket(int type)
+Fd NewStreamSocket()
 {
-    Fd fd(socket(AF_UNIX, type | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+    Fd fd(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
     if (!fd.valid()) {
         throw ExitError(kExitFailed, fmt::format("socket: {}", strerror(errno)));
     }
@@ -144,7 +144,7 @@ Fd NewSocket(int type)
 
 Attempt TryToConnect(const Identity& user, bool isCaller)
 {
-    const Fd socket = NewSocket(SOCK_STREAM);
+    const Fd socket = NewStreamSocket();
     const Results results = isCaller ? TryHere(socket) : TryInChild(user, socket);
     Attempt attempt{results.enterHome,   results.enterParent,   results.enterDirectory,
                     results.writeSocket, results.makeDirectory, results.connect,
@@ -153,23 +153,6 @@ Attempt TryToConnect(const Identity& user, bool isCaller)
         attempt.listener = ListenerOf(socket);
     }
     return attempt;
-}
-
-// A datagram socket is connected without a message to its peer, and only to its like. The kernel compares the types
-// last, after the permissions and after it has found a socket behind the file.
-Held IsHeld(const char* path)
-{
-    switch (ConnectTo(NewSocket(SOCK_DGRAM), path)) {
-        case EPROTOTYPE:
-            return Held::kYes;
-        case 0:
-        case ECONNREFUSED:
-        case ENOENT:
-        case ENOTDIR:
-            return Held::kNo;
-        default:
-            return Held::kUnknown;
-    }
 }
 
 }  // namespace tools

@@ -33,11 +33,6 @@ struct Attempt {
 // the caller may not become that user.
 Attempt TryToConnect(const Identity& user, bool isCaller);
 
-// Whether a process has a stream socket open that is bound to the file at `path`, as far as we may know. Nothing
-// reaches that process.
-enum class Held { kYes, kNo, kUnknown };
-Held IsHeld(const char* path);
-
 }  // namespace tools
 
 #endif

@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "attempt.h"
+#include "common/ppc_socket.h"
 #include "files.h"
 #include "identity.h"
 #include "process_info.h"
