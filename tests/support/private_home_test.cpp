@@ -45,12 +45,29 @@ Result RunInPrivateHome(const std::string& arguments)
     return RunShell(std::string(GAKPPC_PRIVATE_HOME_SCRIPT) + " " + arguments);
 }
 
-TEST(PrivateHomeTest, HomeHoldsOnlyAnEmptyUser)
+// The script in a checkout that is not below /home: there it keeps none visible, wherever this one lies.
+class ElsewhereTest : public testing::Test {
+protected:
+    ElsewhereTest()
+    {
+        fs::create_directory(checkout_ / "scripts");
+        fs::copy(GAKPPC_PRIVATE_HOME_SCRIPT, Script());
+    }
+    ~ElsewhereTest() override { fs::remove_all(checkout_); }
+
+    std::string Script() const { return checkout_ / "scripts/private-home"; }
+
+private:
+    std::string template_ = "/tmp/gakppc-checkout-XXXXXX";
+    const fs::path checkout_ = mkdtemp(template_.data());
+};
+
+TEST_F(ElsewhereTest, HomeHoldsOnlyAnEmptyUser)
 {
     // What the machine's home holds must not show.
-    ASSERT_EQ(mkdir("/home/someone", 0755), 0);
+    fs::create_directories("/home/someone");
     ASSERT_EQ(mkdir("/home/KrovaUser/qel_ppc", 0755), 0);
-    const Result result = RunInPrivateHome("find /home");
+    const Result result = RunShell("cd / && " + Script() + " find /home");
     EXPECT_EQ(result.status, 0);
     EXPECT_EQ(result.output, "/home\n/home/KrovaUser\n");
 }
@@ -86,10 +103,10 @@ TEST(PrivateHomeTest, KeptFolderBelowHomeStaysVisibleAndItsNeighboursDoNot)
     EXPECT_EQ(result.output, "someone\nsomeone/build\nsomeone/build/sub\n");
 }
 
-TEST(PrivateHomeTest, SocketFolderIsNeverKept)
+TEST_F(ElsewhereTest, SocketFolderIsNeverKept)
 {
     fs::create_directories("/home/KrovaUser/qel_ppc");
-    const Result result = RunShell("cd /home/KrovaUser/qel_ppc && " + std::string(GAKPPC_PRIVATE_HOME_SCRIPT) +
+    const Result result = RunShell("cd /home/KrovaUser/qel_ppc && " + Script() +
                                    " --keep /home/KrovaUser --keep /home sh -c 'pwd; find /home'");
     EXPECT_EQ(result.output, "/\n/home\n/home/KrovaUser\n");
 }
