@@ -226,15 +226,19 @@ INSTANTIATE_TEST_SUITE_P(
                     WrongValue{"tap", "--for", "-1"}, WrongValue{"tap", "--for", "1s"},
                     WrongValue{"tap", "--for", kLongNumber}, WrongValue{"tap", "--count", "0"},
                     WrongValue{"tap", "--count", kLongNumber}, WrongValue{"tap", "--linger", "nan"},
-                    WrongValue{"worker", "--device", kLongNumber}, WrongValue{"worker", "--count", "0"},
-                    WrongValue{"worker", "--count", kLongNumber}, WrongValue{"worker", "--host-pid", kLongNumber},
-                    WrongValue{"worker", "--type", "dance"}, WrongValue{"worker", "--heartbeat", "nan"},
-                    WrongValue{"send", "--count", "0"}, WrongValue{"send", "--count", kLongNumber},
-                    WrongValue{"send", "--pid", kLongNumber}, WrongValue{"send", "--interval", "nan"},
-                    WrongValue{"replay", "--speed", "nan"}, WrongValue{"replay", "--speed", kLongNumber},
-                    WrongValue{"replay", "--connection", "0"}, WrongValue{"", "--for", "nan"},
-                    WrongValue{"", "--grace", kLongNumber}, WrongValue{"", "--spawn", "0:ZOLT:" + kLongNumber},
-                    WrongValue{"", "--spawn", kLongNumber}));
+                    WrongValue{"tap", "--device", "x"}, WrongValue{"tap", "--device", "-1"},
+                    WrongValue{"tap", "--device", kLongNumber}, WrongValue{"tap", "--pid", "4711,x"},
+                    WrongValue{"tap", "--type", "HEARTBEAT"}, WrongValue{"tap", "--message", "ZOLT"},
+                    WrongValue{"decode", "--device", kLongNumber}, WrongValue{"decode", "--type", ""},
+                    WrongValue{"decode", "--pid", "-4"}, WrongValue{"worker", "--device", kLongNumber},
+                    WrongValue{"worker", "--count", "0"}, WrongValue{"worker", "--count", kLongNumber},
+                    WrongValue{"worker", "--host-pid", kLongNumber}, WrongValue{"worker", "--type", "dance"},
+                    WrongValue{"worker", "--heartbeat", "nan"}, WrongValue{"send", "--count", "0"},
+                    WrongValue{"send", "--count", kLongNumber}, WrongValue{"send", "--pid", kLongNumber},
+                    WrongValue{"send", "--interval", "nan"}, WrongValue{"replay", "--speed", "nan"},
+                    WrongValue{"replay", "--speed", kLongNumber}, WrongValue{"replay", "--connection", "0"},
+                    WrongValue{"", "--for", "nan"}, WrongValue{"", "--grace", kLongNumber},
+                    WrongValue{"", "--spawn", "0:ZOLT:" + kLongNumber}, WrongValue{"", "--spawn", kLongNumber}));
 
 TEST(GakppctlTest, LongStatusQueryIsAnsweredInOneLine)
 {
@@ -333,6 +337,8 @@ TEST(Completion, OffersValues)
     EXPECT_EQ(Completions("gakppctl", std::string(kGakppctl) + " worker --type C"), " COMPUTE CUSTOM_COMPUTE \n");
     EXPECT_EQ(Completions("gakppctl", std::string(kGakppctl) + " send H"), " HEARTBEAT \n");
     EXPECT_EQ(Completions("gakppctl", std::string(kGakppctl) + " send --expect A"), " ABNORMAL \n");
+    EXPECT_EQ(Completions("gakppctl", std::string(kGakppctl) + " tap --message H"), " HEARTBEAT \n");
+    EXPECT_EQ(Completions("gakppctl", std::string(kGakppctl) + " send --message H"), "  \n") << "JSON";
     EXPECT_NE(Completions("gakppctl", std::string(kGakppctl) + " doctor --user roo").find(" root "), std::string::npos);
 }
 

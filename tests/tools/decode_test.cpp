@@ -234,6 +234,100 @@ TEST(DecodeTest, ControlCharactersInAMessageAreEscaped)
     EXPECT_EQ(outcome.err, "");
 }
 
+struct Event {
+    uint8_t kind;       // 0 opened, 1 frame, 2 no frame, 3 closed
+    uint8_t direction;  // 1 to the worker
+    uint8_t pid;        // of the sender
+    Bytes bytes;
+};
+
+// A capture of worker 7 on device 1, of which one message claims to be from 99, of worker 8 on device 2, and of a
+// process 9 that sends what is no frame.
+Bytes CaptureOfAConversation()
+{
+    RawMessage start = FromWorker(0, 1, 7);
+    start.proc_type = 0;
+    RawMessage order = FromWorker(5, 19280, 7);
+    order.dest_id = 1;
+    const std::vector<Event> events{{0, 0, 7, {}},
+                                    {1, 0, 7, PpcFrame(start)},
+                                    {1, 0, 7, PpcFrame(FromWorker(2, 1, 99))},
+                                    {1, 1, 3, PpcFrame(order)},
+                                    {1, 1, 3, {0, 0, 0, 0}},
+                                    {1, 0, 8, PpcFrame(FromWorker(2, 2, 8))},
+                                    {2, 0, 9, {0, 0}},
+                                    {3, 0, 7, {}}};
+    Bytes file = ToBytes("GAKPPCAP");
+    file.insert(file.end(), {1, 0, 0, 0});
+    for (const Event& event : events) {
+        Bytes record(36);
+        record[8] = 1;
+        record[12] = event.kind;
+        record[13] = event.direction;
+        record[16] = event.pid;
+        record[24] = record[32] = static_cast<uint8_t>(event.bytes.size());
+        file.insert(file.end(), record.begin(), record.end());
+        file.insert(file.end(), event.bytes.begin(), event.bytes.end());
+    }
+    return file;
+}
+
+struct Filtered {
+    std::vector<std::string> arguments;
+    std::vector<std::string> shown;  // in this order, and no other line
+    int status;
+};
+void PrintTo(const Filtered& filtered, std::ostream* out)
+{
+    for (const std::string& argument : filtered.arguments) {
+        *out << argument << ' ';
+    }
+}
+class DecodeFilter : public testing::TestWithParam<Filtered> {};
+
+TEST_P(DecodeFilter, ShowsWhatAgrees)
+{
+    WriteFile("/home/talk.cap", CaptureOfAConversation());
+    std::vector<std::string> arguments{"decode", "/home/talk.cap"};
+    arguments.insert(arguments.end(), GetParam().arguments.begin(), GetParam().arguments.end());
+    const Outcome outcome = Ctl(arguments);
+    EXPECT_TRUE(outcome.status.ExitedWith(GetParam().status)) << outcome.status << outcome.err;
+    EXPECT_EQ(CountOf(outcome.out, "\n"), GetParam().shown.size()) << outcome.out;
+    size_t at = 0;
+    for (const std::string& text : GetParam().shown) {
+        at = outcome.out.find(text, at);
+        ASSERT_NE(at, std::string::npos) << text << " is not in\n" << outcome.out;
+        at = outcome.out.find('\n', at);
+    }
+    arguments.emplace_back("--json");
+    const std::string json = Ctl(arguments).out;
+    EXPECT_TRUE(json.empty() ? GetParam().shown.empty() : static_cast<bool>(FitsSchema(json, "record")));
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Options, DecodeFilter,
+    testing::Values(
+        Filtered{{}, {"open", "START", "claims pid 99", "SHUTDOWN", "length 0", "pid 8", "2 byte(s)", "close"}, 1},
+        Filtered{{"--device", "1"}, {"START_RSP", "HEARTBEAT", "SHUTDOWN"}, 0},
+        Filtered{{"--device", "2", "--device", "1"}, {"START_RSP", "HEARTBEAT", "SHUTDOWN", "HEARTBEAT"}, 0},
+        Filtered{{"--device", "19280"}, {}, 0}, Filtered{{"--type", "zolt"}, {"START_RSP"}, 0},
+        Filtered{{"--type", "0,CUSTOM_COMPUTE"}, {"START_RSP"}, 0},
+        Filtered{{"--message", "Heartbeat"}, {"pid 7", "pid 8"}, 0},
+        Filtered{{"--message", "5,start_rsp"}, {"START_RSP", "SHUTDOWN"}, 0},
+        Filtered{{"--pid", "7"}, {"open", "START_RSP", "(claims pid 99)", "SHUTDOWN", "close"}, 0},
+        Filtered{{"--pid", "99"}, {"(claims pid 99)"}, 0}, Filtered{{"--pid", "3"}, {}, 0},
+        Filtered{{"--pid", "9"}, {"MALFORMED"}, 1}, Filtered{{"--pid", "9", "--device", "1"}, {}, 0},
+        Filtered{{"--pid", "8,7", "--message", "HEARTBEAT"}, {"(claims pid 99)", "pid 8"}, 0},
+        Filtered{{"--device", "1", "--message", "HEARTBEAT", "--type", "compute", "--pid", "7"}, {"claims"}, 0}));
+
+TEST(DecodeTest, DamagedMessageIsFilteredByWhatCouldBeDecoded)
+{
+    const std::string hex = "0000000A 06000000 0802 1001 28FF";  // ends inside a number
+    EXPECT_EQ(CountOf(Ctl({"decode", "--device", "1"}, hex).out, "MALFORMED"), 1U);
+    EXPECT_EQ(CountOf(Ctl({"decode", "--message", "HEARTBEAT"}, hex).out, "MALFORMED"), 1U);
+    EXPECT_EQ(Ctl({"decode", "--device", "2"}, hex).out, "");
+}
+
 TEST(DecodeTest, CaptureOfAnotherVersionIsRefused)
 {
     WriteFile("/home/new.cap", CaptureOfOneHeartbeat(2));

@@ -171,6 +171,25 @@ TEST_F(TapTest, SocketOfARestartedDaemonStays)
     EXPECT_EQ(access(kSavedSock.c_str(), F_OK), -1);
 }
 
+TEST_F(TapTest, FiltersDecideWhatIsShownWrittenAndCounted)
+{
+    ASSERT_NO_FATAL_FAILURE(Start({"--count", "2", "--write", "/home/trace.cap", "--device", "1", "--pid", "4711",
+                                   "--type", "Compute", "--message", "heartbeat", "--message", "ABNORMAL"}));
+    ASSERT_NO_FATAL_FAILURE(Connect());
+    for (const RawMessage& message : {FromWorker(0, 1), FromWorker(2, 0), FromWorker(2, 1), FromWorker(2, 1, 4712),
+                                      FromWorker(4, 1), FromWorker(2, 1)}) {
+        ASSERT_TRUE(WriteAll(worker_, PpcFrame(message)));
+        EXPECT_EQ(ReadPpcFrame(daemon_, kLimit), message) << "everything is forwarded";
+    }
+    EXPECT_TRUE(WaitUntil([this] { return SocketIsRestored(); }, kLimit));
+    Disconnect();
+    ASSERT_TRUE(tap_->Finish().ExitedWith(0)) << tap_->err();
+    EXPECT_EQ(CountOf(tap_->out(), "\n"), 2U) << tap_->out();
+    EXPECT_EQ(CountOf(tap_->out(), "HEARTBEAT (claims pid 4711)"), 1U) << tap_->out();
+    EXPECT_EQ(CountOf(tap_->out(), "ABNORMAL (claims pid 4711)"), 1U);
+    EXPECT_EQ(Ctl({"decode", "/home/trace.cap"}).out, tap_->out());
+}
+
 TEST_F(TapTest, SecondTapIsRefused)
 {
     ASSERT_NO_FATAL_FAILURE(Start());

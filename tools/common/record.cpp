@@ -25,15 +25,6 @@ bool HasBytes(const Record& record)
     return record.kind == RecordKind::kFrame || record.kind == RecordKind::kFragment;
 }
 
-Decoded Decode(const Record& record)
-{
-    StreamItem item;
-    item.kind = static_cast<StreamItemKind>(record.kind);
-    item.wireLength = record.wireLength;
-    item.bytes = record.bytes;
-    return DecodeItem(item);
-}
-
 std::string ShowJson(const Record& record, const Decoded& decoded, bool hex)
 {
     Json json;
@@ -111,9 +102,21 @@ Record RecordOf(StreamItem&& item)
     return record;
 }
 
+Decoded DecodeRecord(const Record& record)
+{
+    if (!HasBytes(record)) {
+        return {};
+    }
+    StreamItem item;
+    item.kind = static_cast<StreamItemKind>(record.kind);
+    item.wireLength = record.wireLength;
+    item.bytes = record.bytes;
+    return DecodeItem(item);
+}
+
 std::string Show(const Record& record, const RecordStyle& style, bool* malformed)
 {
-    const Decoded decoded = HasBytes(record) ? Decode(record) : Decoded{};
+    const Decoded decoded = DecodeRecord(record);
     if (malformed != nullptr) {
         *malformed = !decoded.problem.empty();
     }

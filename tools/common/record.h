@@ -33,6 +33,9 @@ struct Record {
 };
 Record RecordOf(StreamItem&& item);
 
+// The message in a record. Neither message nor problem for an opened or closed connection.
+Decoded DecodeRecord(const Record& record);
+
 // How records are printed.
 struct RecordStyle {
     bool json = false;

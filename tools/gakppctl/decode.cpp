@@ -10,6 +10,7 @@
 #include <stdexcept>
 
 #include "capture.h"
+#include "record_filter.h"
 #include "subcommands.h"
 
 namespace tools {
@@ -18,6 +19,7 @@ namespace {
 struct Options {
     std::string file = "-";
     RecordStyle style;
+    RecordFilter filter;
 };
 
 std::string ReadAll(const std::string& file)
@@ -29,22 +31,25 @@ std::string ReadAll(const std::string& file)
     return {std::istreambuf_iterator<char>(in), {}};
 }
 
-// Shows records and remembers whether one was malformed.
+// Shows the records that are asked for and remembers whether one of them was malformed.
 class Printer {
 public:
-    explicit Printer(const RecordStyle& style) : style_(style) {}
+    explicit Printer(const Options& options) : options_(options) {}
 
     void Print(const Record& record)
     {
+        if (!options_.filter.Accepts(record)) {
+            return;
+        }
         bool malformed = false;
-        tools::Print(Show(record, style_, &malformed));
+        tools::Print(Show(record, options_.style, &malformed));
         allWellFormed_ = allWellFormed_ && !malformed;
     }
 
     bool AllWellFormed() const { return allWellFormed_; }
 
 private:
-    RecordStyle style_;
+    const Options& options_;
     bool allWellFormed_ = true;
 };
 
@@ -86,7 +91,7 @@ void ShowHex(const std::string& content, Printer& printer)
 int Run(const Options& options)
 {
     const std::string content = ReadAll(options.file);
-    Printer printer(options.style);
+    Printer printer(options);
     bool complete = true;
     if (IsCapture(content)) {
         complete = ShowCapture(content, printer);
@@ -105,8 +110,10 @@ Subcommand AddDecode(CLI::App& program)
     app->add_option("FILE", options->file, "A capture or hexadecimal digits; - or nothing: standard input");
     app->add_flag("--json", options->style.json, "Print one JSON object per line");
     app->add_flag("--hex", options->style.hex, "Print the bytes as well");
+    AddFilterOptions(*app, options->filter);
     AddStandardOptions(*app,
                        "  $ gakppctl decode trace.cap\n"
+                       "  $ gakppctl decode trace.cap --pid 4711 --message heartbeat\n"
                        "  $ echo '0000000D 09000000 0802 18D09601 28E724' | gakppctl decode");
     return {app, [options] {
                 options->style.coloured = OutputIsColoured();

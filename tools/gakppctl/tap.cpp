@@ -17,6 +17,7 @@
 #include <utility>
 
 #include "common/signals.h"
+#include "record_filter.h"
 #include "record_printer.h"
 #include "relay.h"
 #include "socket_takeover.h"
@@ -35,6 +36,7 @@ constexpr std::chrono::seconds kPrintTime{5};
 
 struct Options {
     RecordStyle style;
+    RecordFilter filter;
     std::string capture;
     double duration = -1;
     uint64_t count = 0;
@@ -116,7 +118,7 @@ bool CountsAsMessage(const Record& record)
 
 void Tap::OnRecord(Record&& record)
 {
-    if (options_.count > 0 && messages_ >= options_.count) {
+    if ((options_.count > 0 && messages_ >= options_.count) || !options_.filter.Accepts(record)) {
         return;
     }
     messages_ += CountsAsMessage(record) ? 1 : 0;
@@ -267,11 +269,13 @@ Subcommand AddTap(CLI::App& program)
     auto options = std::make_shared<Options>();
     app->add_flag("--json", options->style.json, "Print one JSON object per line");
     app->add_flag("--hex", options->style.hex, "Print the bytes as well");
-    app->add_option("--write", options->capture, "Write a capture for replay and decode")->type_name("FILE");
-    AddCount(*app, "--count", options->count, "Stop after so many messages");
+    app->add_option("--write", options->capture, "Write a capture of what is shown, for replay and decode")
+        ->type_name("FILE");
+    AddCount(*app, "--count", options->count, "Stop after so many messages have been shown");
     AddSeconds(*app, "--for", options->duration, "Stop after this time");
     AddSeconds(*app, "--linger", options->linger,
                "After stopping, cut connections that are still open after this time (default: wait for their end)");
+    AddFilterOptions(*app, options->filter);
     app->add_flag(
         "--follow", options->follow,
         "Stay when the daemon is started again, and take its new socket's place (default: end with status 1)");
@@ -279,7 +283,7 @@ Subcommand AddTap(CLI::App& program)
                        "  $ gakppctl tap\n"
                        "  $ gakppctl tap --json --for 10 | jq .message.type\n"
                        "  $ gakppctl tap --write trace.cap --count 100\n"
-                       "  $ gakppctl tap --follow",
+                       "  $ gakppctl tap --follow --device 1,2 --message ABNORMAL --message SHUTDOWN",
                        OnSignal::kDone);
     return {app, [options] {
                 options->style.coloured = OutputIsColoured();
