@@ -17,6 +17,7 @@
 #include <exception>
 #include <fstream>
 #include <memory>
+#include <optional>
 #include <ostream>
 #include <stdexcept>
 
@@ -48,6 +49,25 @@ std::string NameOfThread(const std::string& id)
     std::string name;
     std::getline(file, name);
     return name;
+}
+
+// How often the threads of a process have run until now; empty when not all of them sleep.
+std::optional<uint64_t> RunsWhenAllSleep(pid_t pid)
+{
+    uint64_t runs = 0;
+    const std::string threads = "/proc/" + std::to_string(pid) + "/task";
+    for (const std::string& id : DirectoryEntries(threads.c_str())) {
+        std::ifstream status(threads + "/" + id + "/status");
+        for (std::string line; std::getline(status, line);) {
+            if (line.rfind("State:", 0) == 0 && line.find("S (sleeping)") == std::string::npos) {
+                return std::nullopt;
+            }
+            if (line.find("voluntary_ctxt_switches:") != std::string::npos) {
+                runs += std::stoull(line.substr(line.find(':') + 1));
+            }
+        }
+    }
+    return runs;
 }
 
 int RunBody(const std::function<int()>& body)
@@ -123,6 +143,19 @@ ExitStatus ChildProcess::WaitExit(Deadline deadline)
     } while (ready == -1 && errno == EINTR);
     if (ready == 1) {
         Reap();
+    }
+    return status_;
+}
+
+ExitStatus ChildProcess::WaitExitUnlessItHangs(Deadline deadline)
+{
+    std::optional<uint64_t> before;
+    while (!WaitExit(std::chrono::seconds(1)).ended && !deadline.Passed()) {
+        const std::optional<uint64_t> runs = RunsWhenAllSleep(pid_);
+        if (runs.has_value() && runs == before) {
+            break;
+        }
+        before = runs;
     }
     return status_;
 }

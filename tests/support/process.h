@@ -44,6 +44,11 @@ public:
     // After the child's end every call returns the same status.
     ExitStatus WaitExit(Deadline deadline);
 
+    // Likewise, for a process that waits for no other one and never longer than a tenth of a second for time to pass.
+    // It hangs when all its threads sleep and none has run for a second, however busy the machine is; one that runs
+    // without end is given up at the deadline.
+    ExitStatus WaitExitUnlessItHangs(Deadline deadline);
+
     // Does nothing when the child's end has been waited for.
     void Kill(int signal);
 

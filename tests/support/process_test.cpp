@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <poll.h>
 #include <pthread.h>
 #include <unistd.h>
 
@@ -48,6 +49,25 @@ TEST(ChildProcessTest, WaitGivesUpAtItsDeadlineAndCanGoOn)
     EXPECT_FALSE(child.WaitExit(10ms).ended);
     child.Kill(SIGKILL);
     EXPECT_TRUE(child.WaitExit(10s).KilledBy(SIGKILL));
+}
+
+TEST(ChildProcessTest, HangIsToldFromSlowWork)
+{
+    ChildProcess hangs(&WaitForASignal);
+    EXPECT_FALSE(hangs.WaitExitUnlessItHangs(1000s).ended);
+    ChildProcess slow([] {
+        for (int i = 0; i < 30; ++i) {
+            poll(nullptr, 0, 100);
+        }
+        return 0;
+    });
+    EXPECT_TRUE(slow.WaitExitUnlessItHangs(1000s).ExitedWith(0));
+    ChildProcess busy([]() -> int {
+        for (volatile bool always = true; always;) {
+        }
+        return 0;
+    });
+    EXPECT_FALSE(busy.WaitExitUnlessItHangs(2s).ended);
 }
 
 TEST(ChildProcessTest, DestructorKillsAndReaps)

@@ -33,7 +33,7 @@ constexpr std::array<const char*, 2> kLibNames = {"libfirst_of_the_custom_proces
 constexpr int kHeartbeats = 3;
 
 // How long a step may take: until its effect is seen, or, when calls have failed, until it will not come any more.
-constexpr auto kStepLimit = 4s;
+constexpr auto kStepLimit = 20s;
 constexpr auto kGraceAfterFailure = 20ms;
 constexpr auto kLookAgain = 5ms;  // a failing call announces itself to nobody
 

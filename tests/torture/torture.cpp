@@ -5,8 +5,8 @@
 //   torture --mode=once|from --call=N     one round, with its log and the stack of the failing call
 //   torture --list [--verbose]            the numbers of all calls; with the log of the undisturbed conversation
 //
-// A round passes when the process neither crashes nor takes more than five seconds, when no thread, descriptor or block
-// is left after the conversation, when the next conversation, undisturbed, succeeds, and when the process ends with 0.
+// A round passes when the process neither crashes nor hangs, when no thread, descriptor or block is left after the
+// conversation, when the next conversation, undisturbed, succeeds, and when the process ends with 0.
 
 #include <fcntl.h>
 #include <sched.h>
@@ -43,10 +43,11 @@ using gaktest::Site;
 
 constexpr size_t kMaxSites = 8192;
 constexpr size_t kReasonSize = 256;
-constexpr auto kRoundLimit = 5s;
-constexpr auto kTotalLimit = 180s;
+constexpr auto kRoundLimit = 60s;  // of one that does not hang, on a busy machine
+constexpr auto kTotalLimit = 900s;
 constexpr int kLanes = 2;
-constexpr int kEverything = 0;  // log levels
+constexpr int kEnoughFailures = 20;  // of a lane, which then runs no further rounds
+constexpr int kEverything = 0;       // log levels
 constexpr int kWarnings = 2;
 constexpr char kHome[] = "/home/KrovaUser";
 constexpr char kSocketDir[] = "/home/KrovaUser/qel_ppc";
@@ -146,7 +147,7 @@ void InProcess(Mode mode, const Site& site, Counted* counted, bool verbose, Resu
         exit(reason.empty() ? 0 : 1);  // its exit handlers are the library's last calls
         return 0;
     });
-    const gaktest::ExitStatus status = child.WaitExit(kRoundLimit);
+    const gaktest::ExitStatus status = child.WaitExitUnlessItHangs(kRoundLimit);
     if (!status.ended) {
         child.Kill(SIGKILL);
         snprintf(result->reason, kReasonSize, "it hangs");
@@ -215,8 +216,10 @@ void EnterLane()
 int RunLane(int lane, const std::vector<Round>& rounds, const std::vector<Site>& sites, Result* results)
 {
     EnterLane();
-    for (size_t i = static_cast<size_t>(lane); i < rounds.size(); i += kLanes) {
+    int failures = 0;
+    for (size_t i = static_cast<size_t>(lane); i < rounds.size() && failures < kEnoughFailures; i += kLanes) {
         InProcess(rounds[i].mode, sites[rounds[i].call - 1], nullptr, false, &results[i]);
+        failures += results[i].passed ? 0 : 1;
     }
     return 0;
 }
@@ -255,14 +258,14 @@ int RunAll(const Options& options, const std::vector<Site>& sites)
     }
     size_t bad = 0;
     for (size_t i = 0; i < rounds.size(); ++i) {
-        if (!results[i].passed) {
-            ++bad;
+        bad += results[i].passed ? 0 : 1;
+        if (results[i].reason[0] != '\0') {
             printf("FAILED --mode=%s --call=%zu: %s;", Name(rounds[i].mode), rounds[i].call, results[i].reason);
             Print(rounds[i].call, sites[rounds[i].call - 1]);
         }
     }
     const std::chrono::duration<double> seconds = std::chrono::steady_clock::now() - begin;
-    printf("%zu calls, %zu rounds, %zu failed, %.1f s\n", sites.size(), rounds.size(), bad, seconds.count());
+    printf("%zu calls, %zu rounds, %zu failed or not run, %.1f s\n", sites.size(), rounds.size(), bad, seconds.count());
     return bad == 0 && !rounds.empty() ? EXIT_SUCCESS : EXIT_FAILURE;
 }
 
