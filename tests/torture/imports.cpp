@@ -17,8 +17,8 @@ const std::set<std::string> kCannotFail = {
     "free", "getpid", "isspace", "madvise", "memchr", "memcmp", "memcpy", "memmove", "memset", "mmap", "munmap",
     "snprintf", "strerror", "strlen", "sysconf",
     // Of the thread itself, with correct arguments.
-    "prctl", "pthread_kill", "pthread_mutex_lock", "pthread_mutex_unlock", "pthread_self", "pthread_sigmask",
-    "sigaddset", "sigdelset", "sigemptyset", "sigfillset", "sigismember", "syscall",
+    "prctl", "pthread_kill", "pthread_mutex_init", "pthread_mutex_lock", "pthread_mutex_unlock", "pthread_self",
+    "pthread_sigmask", "sigaddset", "sigdelset", "sigemptyset", "sigfillset", "sigismember", "syscall",
     // The log sink returns nothing; the level questions have no failure.
     "CheckLogLevel", "VlogDebugInner", "VlogErrorInner", "VlogEventInner", "VlogInfoInner", "VlogInner",
     "VlogWarnInner", "VlogWithKVInner", "osalGetTid", "vlog_getlevel", "vlog_init"};
