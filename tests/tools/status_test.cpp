@@ -4,7 +4,8 @@ namespace gaktest {
 namespace {
 
 constexpr char kNoSession[] =
-    "0x1093036 (17379382) system 0x01 module 0x09 level ERROR number 0x036 \"PPC session is not existed\"\n";
+    "kStatusPpcNoSession (0x1093036) decimal 17379382 system 0x01 module 0x09 level ERROR number 0x036 \"PPC session "
+    "is not existed\"\n";
 
 TEST(StatusTest, NumberGivesFieldsAndText)
 {
@@ -48,7 +49,32 @@ TEST(StatusTest, ListHasTheWholeTable)
 {
     const Outcome outcome = Ctl({"status", "--list"});
     EXPECT_TRUE(outcome.status.ExitedWith(0));
-    EXPECT_EQ(CountOf(outcome.out, "\n"), 251u);
+    EXPECT_EQ(CountOf(outcome.out, " system 0x01 "), 251u);
+    EXPECT_EQ(CountOf(outcome.out, " code of the driver "), 13u);
+    EXPECT_EQ(CountOf(outcome.out, "\n"), 264u);
+}
+
+TEST(StatusTest, CodeOfTheDriverIsNamed)
+{
+    const std::string closed =
+        "PPC_ERR_SOCKET_CLOSED (25) code of the driver \"the peer closed before a frame began, or this end has "
+        "closed\"\n";
+    EXPECT_EQ(Ctl({"status", "25"}).out, closed);
+    EXPECT_EQ(Ctl({"status", "0x19"}).out, closed);
+    EXPECT_EQ(Ctl({"status", "ppc_err_socket_closed"}).out, closed);
+    EXPECT_TRUE(FitsSchema(Ctl({"status", "25", "--json"}).out, "status"));
+}
+
+TEST(StatusTest, ConstantGivesItsNumber)
+{
+    EXPECT_EQ(Ctl({"status", "kStatusPpcNoSession"}).out, kNoSession);
+    EXPECT_EQ(Ctl({"status", "ppcnosess"}).out, kNoSession);
+}
+
+TEST(StatusTest, NumberWithoutAConstantStandsAlone)
+{
+    const std::string unnamed = Ctl({"status", "0x11230cb"}).out;
+    EXPECT_EQ(unnamed.rfind("0x11230cb decimal 17969355 system 0x01 module 0x12 ", 0), 0U) << unnamed;
 }
 
 TEST(StatusTest, JsonFitsItsSchema)

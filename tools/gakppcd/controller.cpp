@@ -10,6 +10,7 @@
 
 #include "common/exit_error.h"
 #include "common/message.h"
+#include "common/statuses.h"
 
 namespace tools {
 namespace {
@@ -91,8 +92,8 @@ bool Controller::Send(PPCMessage::MsgType type, int about, Worker& to)
     const uint32_t status = PpcServer::GetInstance().SendData(message);
     if (status != qel::kStatusOk) {
         workers_.OnUnreachable(to);
-        view_.Note(fmt::format("{} cannot be sent to device {} pid {}: status {:#x}", TypeName(type), to.device, to.pid,
-                               status));
+        view_.Note(fmt::format("{} cannot be sent to device {} pid {}: {}", TypeName(type), to.device, to.pid,
+                               StatusLabel(status)));
         return false;
     }
     view_.Event("SENT_" + TypeName(type), &to);

@@ -1,4 +1,4 @@
-// gakppctl status: a status number's fields and text, and the numbers of a text.
+// gakppctl status: a status number's constant, fields and text, and the numbers of a text.
 
 #include <fmt/format.h>
 #include <gakppc/status_table.h>
@@ -11,6 +11,7 @@
 #include <optional>
 
 #include "common/message.h"
+#include "common/statuses.h"
 #include "subcommands.h"
 
 namespace tools {
@@ -22,15 +23,6 @@ struct Options {
     bool json = false;
 };
 
-struct Status {
-    uint32_t number;
-    const char* text;  // null for one that is not in the table
-};
-
-#define GAKPPC_TOOLS_ROW(number, text) {number, text},
-constexpr Status kTable[] = {GAKPPC_STATUS_TABLE(GAKPPC_TOOLS_ROW)};
-#undef GAKPPC_TOOLS_ROW
-
 constexpr const char* kLevels[] = {"DEBUG", "INFO", "WARN", "ERROR", "FATAL"};
 
 std::optional<uint32_t> ParseNumber(const std::string& text, int base)
@@ -41,13 +33,6 @@ std::optional<uint32_t> ParseNumber(const std::string& text, int base)
     return result.ec == std::errc() && result.ptr == end ? std::optional<uint32_t>(number) : std::nullopt;
 }
 
-const Status* Find(uint32_t number)
-{
-    const auto found = std::find_if(std::begin(kTable), std::end(kTable),
-                                    [number](const Status& status) { return status.number == number; });
-    return found == std::end(kTable) ? nullptr : found;
-}
-
 // Logs print status numbers in decimal, people write them with 0x or without.
 std::optional<Status> StatusOfNumber(const std::string& text)
 {
@@ -55,11 +40,16 @@ std::optional<Status> StatusOfNumber(const std::string& text)
     const auto hexadecimal = ParseNumber(prefixed ? text.substr(2) : text, 16);
     const auto decimal = prefixed ? hexadecimal : ParseNumber(text, 10);
     for (const auto& number : {decimal, hexadecimal}) {
-        if (const Status* status = number ? Find(*number) : nullptr) {
+        if (const Status* status = number ? FindStatus(*number) : nullptr) {
             return *status;
         }
     }
-    return decimal ? std::optional<Status>({*decimal, nullptr}) : std::nullopt;
+    if (!decimal) {
+        return std::nullopt;
+    }
+    Status unknown;
+    unknown.number = *decimal;
+    return unknown;
 }
 
 std::string Lower(std::string text)
@@ -68,18 +58,23 @@ std::string Lower(std::string text)
     return text;
 }
 
-// Those with exactly this text, otherwise those that contain it. Upper and lower case are the same.
+// Those with exactly this constant or text, otherwise those that contain it. Upper and lower case are the same.
 std::vector<Status> StatusesOfText(const std::string& text)
 {
     const std::string wanted = Lower(text);
     std::vector<Status> equal;
     std::vector<Status> containing;
-    for (const Status& status : kTable) {
-        const std::string candidate = Lower(status.text);
-        if (candidate == wanted) {
-            equal.push_back(status);
-        } else if (candidate.find(wanted) != std::string::npos) {
-            containing.push_back(status);
+    for (const Status& status : AllStatuses()) {
+        for (const char* candidate : {status.text, status.constant}) {
+            const std::string lower = Lower(candidate == nullptr ? "" : candidate);
+            if (lower == wanted) {
+                equal.push_back(status);
+                break;
+            }
+            if (lower.find(wanted) != std::string::npos) {
+                containing.push_back(status);
+                break;
+            }
         }
     }
     return equal.empty() ? containing : equal;
@@ -91,16 +86,26 @@ std::string LevelName(uint32_t number)
     return level < std::size(kLevels) ? kLevels[level] : std::to_string(level);
 }
 
+std::string ShowText(const Status& status)
+{
+    const std::string text = status.text != nullptr ? fmt::format("\"{}\"", status.text) : "not in the table";
+    if (status.isDriverCode) {
+        return fmt::format("{} code of the driver {}\n", StatusLabel(status.number), text);
+    }
+    return fmt::format("{} decimal {} system {:#04x} module {:#04x} level {} number {:#05x} {}\n",
+                       StatusLabel(status.number), status.number, status.number >> 24, (status.number >> 16) & 0xFF,
+                       LevelName(status.number), status.number & 0xFFF, text);
+}
+
 std::string Show(const Status& status, bool json)
 {
-    const uint32_t module = (status.number >> 16) & 0xFF;
     if (!json) {
-        return fmt::format("{:#x} ({}) system {:#04x} module {:#04x} level {} number {:#05x} {}\n", status.number,
-                           status.number, status.number >> 24, module, LevelName(status.number), status.number & 0xFFF,
-                           status.text != nullptr ? fmt::format("\"{}\"", status.text) : "not in the table");
+        return ShowText(status);
     }
+    const uint32_t module = (status.number >> 16) & 0xFF;
     Json line;
     line["status"] = fmt::format("{:#x}", status.number);
+    line["constant"] = status.constant != nullptr ? Json(status.constant) : Json();
     line["decimal"] = status.number;
     line["system"] = status.number >> 24;
     line["module"] = fmt::format("{:#04x}", module);
@@ -113,7 +118,7 @@ std::string Show(const Status& status, bool json)
 std::vector<Status> Select(const Options& options)
 {
     if (options.list) {
-        return {std::begin(kTable), std::end(kTable)};
+        return AllStatuses();
     }
     if (const auto status = StatusOfNumber(options.query)) {
         return {*status};
@@ -125,7 +130,7 @@ int Run(const Options& options)
 {
     const std::vector<Status> found = Select(options);
     if (found.empty()) {
-        throw ExitError(kExitFailed, fmt::format("no status has a text with \"{:.100}\"", options.query));
+        throw ExitError(kExitFailed, fmt::format("no status has a constant or text with \"{:.100}\"", options.query));
     }
     std::string text;
     for (const Status& status : found) {
@@ -139,10 +144,12 @@ int Run(const Options& options)
 
 Subcommand AddStatus(CLI::App& program)
 {
-    CLI::App* app = program.add_subcommand("status", "Explain a status number, or find the numbers of a text");
+    CLI::App* app = program.add_subcommand(
+        "status", "Explain a status number or a code of the driver, or find those of a constant or text");
     auto options = std::make_shared<Options>();
-    auto* query = app->add_option("QUERY", options->query, "A number (0x1093036, 17379382) or a text, or part of one");
-    auto* list = app->add_flag("--list", options->list, "Print the whole table");
+    auto* query = app->add_option("QUERY", options->query,
+                                  "A number (0x1093036, 17379382, 25), or a constant or text, or part of one");
+    auto* list = app->add_flag("--list", options->list, "Print all of them");
     query->excludes(list);
     app->add_flag("--json", options->json, "Print one JSON object per line");
     app->callback([options] {
@@ -153,6 +160,7 @@ Subcommand AddStatus(CLI::App& program)
     AddStandardOptions(*app,
                        "  $ gakppctl status 0x1093036\n"
                        "  $ gakppctl status 17379382\n"
+                       "  $ gakppctl status PPC_ERR_RECV\n"
                        "  $ gakppctl status 'session is not existed'\n"
                        "  $ gakppctl status --list --json");
     return {app, [options] { return Run(*options); }};
