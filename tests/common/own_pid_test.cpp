@@ -10,6 +10,7 @@
 
 #include <cerrno>
 #include <chrono>
+#include <cstddef>
 #include <cstdint>
 #include <optional>
 
@@ -29,6 +30,8 @@ using gaktest::RawMessage;
 constexpr int kServerId = 19280;
 
 bool adviceIsRefused = false;
+void* memory = nullptr;  // that the library asked advice for
+bool memoryIsReturned = false;
 
 struct Getpid : gaktest::calls::OfGakppc {
     static constexpr const char* kSymbol = "getpid";
@@ -40,10 +43,17 @@ struct Getpid : gaktest::calls::OfGakppc {
 extern "C" int madvise(void* address, size_t size, int advice) noexcept
 {
     if (adviceIsRefused) {
+        memory = address;
         errno = EINVAL;
         return -1;
     }
     return static_cast<int>(syscall(SYS_madvise, address, size, advice));
+}
+
+extern "C" int munmap(void* address, size_t size) noexcept
+{
+    memoryIsReturned = memoryIsReturned || (memory != nullptr && address == memory);
+    return static_cast<int>(syscall(SYS_munmap, address, size));
 }
 
 namespace {
@@ -109,6 +119,11 @@ TEST_P(OwnPidTest, SystemIsAskedOnceUnlessTheAdviceIsRefused)
     CountingHook<Getpid> calls;
     ASSERT_EQ(sendHeartbeat_(0, 1), 0u);
     EXPECT_EQ(calls.Count() > 0, GetParam());
+}
+
+TEST_P(OwnPidTest, MemoryThatForkWouldNotWipeIsGivenBack)
+{
+    EXPECT_EQ(memoryIsReturned, GetParam());
 }
 
 INSTANTIATE_TEST_SUITE_P(Advice, OwnPidTest, testing::Bool(),

@@ -418,12 +418,31 @@ protected:
 TEST_F(PpcClientHandleTest, ClientIsCreatedOnceAndDestroyedByDestroy)
 {
     CountingHook<DrvInit> inits;
-    client_.GetPpcSession(0, PPCMessage::ZOLT);
-    client_.GetPpcSession(1, PPCMessage::ZOLT);
+    EXPECT_NE(client_.GetPpcSession(0, PPCMessage::ZOLT), nullptr);
+    EXPECT_NE(client_.GetPpcSession(1, PPCMessage::ZOLT), nullptr);
     EXPECT_EQ(inits.Count(), 1u);
     EXPECT_EQ(creates_.Count(), 1u);
     client_.Destroy();
     EXPECT_EQ(destroys_.Count(), 1u);
+}
+
+TEST_F(PpcClientHandleTest, DestroyEndsTheSessionsThenTheClientThenTheDriver)
+{
+    std::vector<std::string> ended;
+    const auto note = [&ended](const char* what) {
+        return [&ended, what](auto...) {
+            ended.emplace_back(what);
+            return std::optional<int>();
+        };
+    };
+    CountingHook<DrvUninit> uninits;
+    CountingHook<DrvSessionDestroy> sessions;
+    ASSERT_NE(client_.GetPpcSession(0, PPCMessage::ZOLT), nullptr);
+    uninits.OnCall(note("driver"));
+    destroys_.OnCall(note("client"));
+    sessions.OnCall(note("session"));
+    client_.Destroy();
+    EXPECT_THAT(ended, ElementsAre("session", "client", "driver"));
 }
 
 TEST_F(PpcClientHandleTest, ClientThatCannotBeDestroyedIsForgotten)

@@ -20,6 +20,7 @@
 #include <vector>
 
 #include "driver_calls.h"
+#include "free_counter.h"
 #include "last_exit_handler.h"
 #include "server_fixture.h"
 #include "server_lines.h"
@@ -312,6 +313,28 @@ TEST_F(PpcServerTest, ReceiveThreadThatCannotBeStartedClosesItsSessionOnly)
     log_.Clear();
     EXPECT_EQ(server_.Destroy(), kOk);
     EXPECT_EQ(log_.Count("Destory ppc session serverId_"), 1u);
+}
+
+// The driver keeps 4096 sessions that have ended, and frees the others once nobody refers to them any more.
+TEST_F(PpcServerTest, SessionWhoseThreadCannotBeStartedIsNotReferredToAnyMore)
+{
+    Create();
+    log_.SetMinimumLevel(99);
+    CountingHook<calls::Malloc> taken;
+    const FreeCounter freed;
+    {
+        CountingHook<calls::StdThreadCreate> starts;
+        starts.FailCall(1, EAGAIN, 0);
+        EXPECT_TRUE(ExpectEof(Connect(), 10s));
+    }
+    const Fd listener = RawListen(kServerId + 1);
+    for (int number = 0; number < 4096; ++number) {
+        PpcSession* session = nullptr;
+        ASSERT_EQ(drvPpcSessionConnect(kServerId + 1, &session), PPC_OK);
+        ASSERT_EQ(drvPpcSessionDestroy(session), PPC_OK);
+        RawAccept(listener, 5s).Reset();
+    }
+    EXPECT_EQ(taken.Count() - freed.Count(), 4096u);
 }
 
 // The thread that accepts finds no memory, once, for one of the things that it stores about a session.

@@ -15,6 +15,7 @@
 #include <vector>
 
 #include "fault.h"
+#include "free_counter.h"
 #include "import_hook.h"
 #include "log_capture.h"
 #include "ppc.h"
@@ -208,23 +209,6 @@ private:
 struct LevelQuestion : calls::OfGakppc {
     static constexpr const char* kSymbol = "CheckLogLevel";
     using Signature = int(int, int);
-};
-
-// Counts the blocks that the library frees.
-class FreeCounter {
-public:
-    FreeCounter() : hook_("free", reinterpret_cast<void*>(&CountingFree)) { count = 0; }
-    size_t Count() const { return count; }
-
-private:
-    static void CountingFree(void* block)
-    {
-        count += block != nullptr ? 1 : 0;
-        free(block);
-    }
-
-    static inline std::atomic<size_t> count{0};
-    gaktest::ImportHook hook_;
 };
 
 // Stops a thread inside a hooked call until the test lets it go on.

@@ -502,6 +502,23 @@ TEST_F(EndedHandleTest, NeighboursOfASessionThatLeavesQuarantineAreFreedInOrder)
     EXPECT_EQ(ViewOf(held.session).magic, PPC_SESSION_MAGIC);
 }
 
+// Those that leave stand behind younger ones in the directory, open ones among them.
+TEST_F(EndedHandleTest, OpenSessionsStayKnownWhenOlderOnesLeaveQuarantine)
+{
+    log_.SetMinimumLevel(99);
+    const Fd listener = RawListen(kServerId);
+    ASSERT_NO_FATAL_FAILURE(ConnectAndEnd(kSessionsRecognised, listener, nullptr));
+    std::vector<PpcSession*> open(64, nullptr);
+    for (PpcSession*& session : open) {
+        ASSERT_EQ(drvPpcSessionConnect(kServerId, &session), PPC_OK);
+        RawAccept(listener, 5s).Reset();
+    }
+    ASSERT_NO_FATAL_FAILURE(ConnectAndEnd(kSessionsRecognised, listener, nullptr));
+    for (PpcSession* session : open) {
+        EXPECT_EQ(drvPpcSessionDestroy(session), PPC_OK);
+    }
+}
+
 // The last reference is on its way out when somebody else takes a new one.
 TEST_F(EndedHandleTest, SessionReferencedWhileItsLastReferenceGoesIsKept)
 {

@@ -128,6 +128,24 @@ SCENARIO_WITH(ClientCustomStartWakesEveryWaiter, nullptr, Prepare)
     second.join();
 }
 
+// A heartbeat records its device while the device for a request is looked up.
+SCENARIO_WITH(ClientAsksForCustomProcessAgainstHeartbeats, nullptr, Prepare)
+{
+    Listener listener;
+    SendHeartbeat(kCompute);
+    std::thread worker([] { Client().RecvData(0, kCompute); });
+    std::thread sender(SendHeartbeat, kCompute);
+    std::thread asker(AskForCustomProcess);
+    SendHeartbeat(kCompute);
+    Peer daemon = listener.Accept();
+    daemon.Send({kStartRsp, 0, 0, gaktest::kCustomCompute, 2});
+    daemon.Send({gaktest::kShutdown, 0, 0, kCompute, 1});
+    sender.join();
+    asker.join();
+    worker.join();
+    Client().Destroy();
+}
+
 SCENARIO_WITH(ClientDestroyAgainstDestroy, nullptr, Prepare)
 {
     const int before = gaktest::OpenDescriptors();

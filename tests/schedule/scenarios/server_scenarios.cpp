@@ -7,6 +7,7 @@
 #include <mutex>
 #include <thread>
 
+#include "log_sink.h"
 #include "peers.h"
 #include "ppc.h"
 #include "ppc_server.h"
@@ -87,6 +88,16 @@ void RequireNothingLeft(int descriptorsBefore)
     Require(!Server().IsPPCServerRunning(), "the server runs after Destroy");
     Require(gaktest::RunningThreads() == 1, "a thread of the server is left after Destroy");
     Require(gaktest::OpenDescriptors() == descriptorsBefore, "a descriptor of the server is left after Destroy");
+}
+
+// A receive thread that starts only now leaves at once: the first thing that it would do otherwise fails with a line.
+void RequireNothingIsReceived()
+{
+    static std::atomic<int> lines{0};
+    gaktest::logSink.onLine = [] { ++lines; };
+    void* const noSession = nullptr;
+    Server().RecvData(noSession, 0);
+    Require(lines == 0, "the server receives after Destroy");
 }
 
 // What handlers do.
@@ -172,6 +183,7 @@ SCENARIO_WITH(ServerDestroyAgainstAccept, nullptr, Prepare)
     Server().Destroy();
     worker.join();
     RequireNothingLeft(before);
+    RequireNothingIsReceived();
 }
 
 SCENARIO_WITH(ServerDestroyAgainstReceive, nullptr, Prepare)
