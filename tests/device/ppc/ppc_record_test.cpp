@@ -653,13 +653,17 @@ TEST_F(ProcessTest, ChildEndsASessionThoughAParentsThreadIsInTheDirectory)
     CountingHook<calls::MutexUnlock> unlocks;
     std::promise<void> inside;
     std::atomic<bool> mayLeave{false};
+    std::promise<void> childHasEnded;
     std::thread::id forking = std::this_thread::get_id();
-    unlocks.OnCall([&](uint64_t number, pthread_mutex_t*) -> std::optional<int> {
-        if (number == 1 && std::this_thread::get_id() != forking) {
-            inside.set_value();
-            gaktest::WaitUntil([&] { return mayLeave.load(); }, 2s);  // a fork that waits for the mutex goes on then
+    unlocks.OnCall([&](uint64_t number, pthread_mutex_t* mutex) -> std::optional<int> {
+        if (number != 1 || std::this_thread::get_id() == forking) {
+            return std::nullopt;
         }
-        return std::nullopt;
+        inside.set_value();
+        gaktest::WaitUntil([&] { return mayLeave.load(); }, 2s);  // a fork that waits for the mutex goes on then
+        const int result = unlocks.Real(mutex);
+        childHasEnded.get_future().wait_for(Stretched(20s));  // the child finds nothing else of this thread's locked
+        return result;
     });
     PpcSession* other = nullptr;
     std::future<int> connector = InThread([&] { return drvPpcSessionConnect(kServerId, &other); });
@@ -667,6 +671,7 @@ TEST_F(ProcessTest, ChildEndsASessionThoughAParentsThreadIsInTheDirectory)
     ChildProcess child([&] { return drvPpcSessionDestroy(connection.session); });
     mayLeave = true;
     EXPECT_TRUE(child.WaitExit(10s).ExitedWith(PPC_OK));
+    childHasEnded.set_value();
     EXPECT_EQ(connector.get(), PPC_OK);
     EXPECT_EQ(drvPpcSessionDestroy(other), PPC_OK);
     ExpectUsable(connection.session, connection.peer);
