@@ -745,12 +745,12 @@ TEST(LogInit, ChildLogsThoughAThreadOfItsParentIsOpeningTheSink)
     inits.OnCall([&](uint64_t number, auto...) -> std::optional<int> {
         if (number == 1) {
             inside.set_value();
-            mayLeave.get_future().wait_for(20s);
+            mayLeave.get_future().wait_for(gaktest::Stretched(20s));
         }
         return 0;
     });
     std::thread opener([] { QEL_EVENT_LOG_IMPL("Fn", kPath, 7, "x"); });
-    EXPECT_EQ(inside.get_future().wait_for(10s), std::future_status::ready);
+    EXPECT_EQ(inside.get_future().wait_for(gaktest::Stretched(10s)), std::future_status::ready);
     ChildProcess child([&] {
         QEL_EVENT_LOG_IMPL("Fn", kPath, 7, "x");
         EXPECT_EQ(inits.Count(), 2U) << "the child opens the sink itself";

@@ -125,6 +125,40 @@ TEST(SigpipeGuardTest, SignalThatWasPendingIsDeliveredOnce)
     }));
 }
 
+// The thread's own write to a pipe that nobody reads, which raises the same signal as a frame to nobody.
+bool WriteToABrokenPipe()
+{
+    int ends[2];
+    if (pipe(ends) != 0) {
+        return false;
+    }
+    close(ends[0]);
+    const bool failed = write(ends[1], "x", 1) == -1;
+    close(ends[1]);
+    return failed;
+}
+
+TEST(SigpipeGuardTest, SignalOfAnEarlierWriteOfTheThreadIsTakenAsWell)
+{
+    ChildProcess child([] {
+        SetBlocked(true);
+        if (ppcInit() != 0) {
+            return 10;
+        }
+        Fd listener = gaktest::RawListen(kServerId);
+        if (GakHeartbeatSend(0, 1) != 0) {
+            return 11;
+        }
+        listener.Reset();
+        if (!WriteToABrokenPipe() || !IsPending()) {
+            return 12;
+        }
+        return GakHeartbeatSend(0, 1) == kFailed && IsBlocked() && !IsPending() ? 0 : 1;
+    });
+    const gaktest::ExitStatus status = child.WaitExit(20s);
+    EXPECT_TRUE(status.ExitedWith(0)) << status;
+}
+
 std::promise<void> workerHasGone;
 std::promise<uint32_t> answered;
 

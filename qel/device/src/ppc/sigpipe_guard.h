@@ -14,8 +14,8 @@ public:
     SigpipeGuard(const SigpipeGuard&) = delete;
     SigpipeGuard& operator=(const SigpipeGuard&) = delete;
 
-    // Takes back the SIGPIPE that a write in this scope has raised. A signal that somebody sent stays pending. Keeps
-    // errno.
+    // Takes back the SIGPIPE that a write in this scope has raised. A signal that somebody sent stays pending; one that
+    // an earlier write of the thread raised has merged with it and goes as well. Keeps errno.
     static void Consume();
 
 private:
