@@ -16,6 +16,8 @@ namespace {
 const std::set<std::string> kCannotFail = {
     "free", "getpid", "isspace", "madvise", "memchr", "memcmp", "memcpy", "memmove", "memset", "mmap", "munmap",
     "snprintf", "strerror", "strlen", "sysconf",
+    // Only without optimisation.
+    "abort", "htonl", "ntohl",
     // Of the thread itself, with correct arguments.
     "prctl", "pthread_kill", "pthread_mutex_init", "pthread_mutex_lock", "pthread_mutex_unlock", "pthread_self",
     "pthread_sigmask", "sigaddset", "sigdelset", "sigemptyset", "sigfillset", "sigismember", "syscall",
