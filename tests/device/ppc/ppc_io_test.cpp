@@ -598,6 +598,19 @@ TEST_F(MessageIoTest, ShortSendEndsTheSessionForBothSides)
     EXPECT_EQ(Receive(Message(connection_.session)), PPC_ERR_SOCKET_CLOSED);
 }
 
+// Nothing was cut: the peer may still get whole frames.
+TEST_F(MessageIoTest, SendThatWritesNothingLeavesTheSessionOpen)
+{
+    const Message message(connection_.session, kTen);
+    {
+        CountingHook<calls::Writev> writevCalls;
+        writevCalls.FailCall(1, 0, 0);
+        EXPECT_EQ(Send(message), PPC_ERR_SEND);
+    }
+    EXPECT_EQ(Send(message), PPC_OK);
+    EXPECT_EQ(ReadFrame(connection_.peer, 5s), kTen);
+}
+
 // ---- drvPpcRecv ----
 
 // Each case fails several checks: the first one in order speaks.
