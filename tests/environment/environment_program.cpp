@@ -11,6 +11,9 @@
 //   threads=COUNT  threads beyond the first (needs a user of its own)
 //   user=ID        becomes that user and group
 //   root=FOLDER    makes it the root
+//   send=gone      sends to a peer that has gone
+//   sigpipe=handled  installs a handler that ends the process
+//   stuck=call     calls the library on another thread before the conversation, until that ends or its log blocks it
 //   refuse=CALL    hands a descriptor that decides on each such system call to CONTROL_FD
 
 #include <grp.h>
@@ -23,14 +26,17 @@
 #include <atomic>
 #include <cerrno>
 #include <cinttypes>
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <exception>
+#include <future>
 #include <string>
 #include <thread>
 
 #include "gak.h"
+#include "ppc.h"
 #include "ppc_client.h"
 #include "ppc_server.h"
 
@@ -43,6 +49,8 @@ constexpr uint32_t kDevice = 1;
 constexpr GakWaitType kCompute = 1;
 constexpr uint32_t kOk = 0x1011000;
 constexpr int kSetUpFailed = 3;
+constexpr int kSigpipeTaken = 4;
+constexpr uint32_t kDeviceOfStuckThread = 2;
 
 int reportFd = -1;
 int controlFd = -1;
@@ -108,6 +116,37 @@ void ChangeRoot(const char* folder)
     Require(chroot(folder) == 0 && chdir("/") == 0, "chroot");
 }
 
+void EndOnSigpipe()
+{
+    signal(SIGPIPE, [](int) { _exit(kSigpipeTaken); });
+}
+
+void SendToAGonePeer()
+{
+    int ends[2];
+    Require(socketpair(AF_UNIX, SOCK_STREAM, 0, ends) == 0, "socketpair");
+    close(ends[1]);
+    Require(drvPpcSocketSend(ends[0], "gone", 4) == PPC_ERR_SEND, "send to a peer that has gone");
+    close(ends[0]);
+}
+
+// Set when the other thread is stuck, or done.
+std::promise<void> otherThread;
+bool startsOtherThread = false;
+
+void CallOnOtherThread(void (*call)())
+{
+    if (!startsOtherThread) {
+        return;
+    }
+    std::thread([call] {
+        pthread_setname_np(pthread_self(), "stuck");
+        call();
+        otherThread.set_value();
+    }).detach();
+    otherThread.get_future().wait();
+}
+
 void SendDescriptor(int fd)
 {
     char byte = 0;
@@ -157,13 +196,19 @@ void Apply(const std::string& option)
         BecomeUser(number);
     } else if (name == "root") {
         ChangeRoot(value);
+    } else if (name == "sigpipe") {
+        EndOnSigpipe();
+    } else if (name == "send") {
+        SendToAGonePeer();
+    } else if (name == "stuck") {
+        startsOtherThread = true;
     } else {
         AskBeforeEach(value);
     }
 }
 
-// What the daemon has heard.
-struct Heard {
+// What the daemon has received.
+struct Received {
     std::atomic<uint32_t> pid{0};
     std::atomic<int> starts{0};
     std::atomic<int> heartbeats{0};
@@ -173,14 +218,14 @@ struct Heard {
     std::atomic<int> others{0};
     std::atomic<uint32_t> orderSent{0};
 };
-Heard heard;
+Received received;
 
-// Whether the message is the one worker's, which is the first that was heard.
+// Whether the message is the one worker's, which is the first that was received.
 bool IsOfTheWorker(const PPCMessage& msg)
 {
     uint32_t unknown = 0;
-    heard.pid.compare_exchange_strong(unknown, msg.sub_proc_pid());
-    return msg.src_id() == kDevice && msg.proc_type() == PPCMessage::COMPUTE && msg.sub_proc_pid() == heard.pid;
+    received.pid.compare_exchange_strong(unknown, msg.sub_proc_pid());
+    return msg.src_id() == kDevice && msg.proc_type() == PPCMessage::COMPUTE && msg.sub_proc_pid() == received.pid;
 }
 
 // An order that could not be sent is sent once more.
@@ -190,10 +235,10 @@ void OrderShutdown()
     order.set_type(PPCMessage::SHUTDOWN);
     order.set_dest_id(kDevice);
     order.set_proc_type(PPCMessage::COMPUTE);
-    order.set_sub_proc_pid(heard.pid);
-    heard.orderSent = qel::PpcServer::GetInstance().SendData(order);
-    if (heard.orderSent != kOk) {
-        heard.orderSent = qel::PpcServer::GetInstance().SendData(order);
+    order.set_sub_proc_pid(received.pid);
+    received.orderSent = qel::PpcServer::GetInstance().SendData(order);
+    if (received.orderSent != kOk) {
+        received.orderSent = qel::PpcServer::GetInstance().SendData(order);
     }
 }
 
@@ -202,32 +247,47 @@ void Count(const PPCMessage& msg)
     if (msg.type() == PPCMessage::SOCKET_CLOSE && msg.src_id() > 3) {
         return;  // a connection that ended without a message
     }
+    if (msg.src_id() == kDeviceOfStuckThread) {
+        return;
+    }
     if (!IsOfTheWorker(msg)) {
-        ++heard.others;
+        ++received.others;
         return;
     }
     switch (msg.type()) {
         case PPCMessage::START_RSP:
-            ++heard.starts;
+            ++received.starts;
             break;
         case PPCMessage::HEARTBEAT:
-            ++heard.heartbeats;
+            ++received.heartbeats;
             break;
         case PPCMessage::ABNORMAL:
-            ++heard.abnormals;
+            ++received.abnormals;
             OrderShutdown();
             break;
         case PPCMessage::SHUTDOWN_RSP:
-            ++heard.answers;
+            ++received.answers;
             break;
         case PPCMessage::SOCKET_CLOSE:
-            ++heard.closes;
+            ++received.closes;
             dprintf(reportFd, "closed\n");
             break;
         default:
-            ++heard.others;
+            ++received.others;
             break;
     }
+}
+
+void CallServer()
+{
+    qel::PpcServer& server = qel::PpcServer::GetInstance();
+    PPCMessage order;
+    order.set_type(PPCMessage::SHUTDOWN);
+    order.set_dest_id(kDeviceOfStuckThread);
+    server.SendData(order);
+    server.CloseSomeSession(server.GetPpcSession(kDeviceOfStuckThread, 0));
+    server.JoinAllPPCRcvThreads();
+    server.CreateServer(kServerId);
 }
 
 int RunDaemon()
@@ -239,14 +299,15 @@ int RunDaemon()
         server.RegPPCSerMsgProcFunc(type, Count);
     }
     dprintf(reportFd, "created %d %x\n", init, server.CreateServer(kServerId));
+    CallOnOtherThread(&CallServer);
     char byte = 0;
     while (read(controlFd, &byte, 1) > 0) {
     }
     server.JoinAllPPCRcvThreads();
     const uint32_t destroyed = server.Destroy();
-    dprintf(reportFd, "heard %d %d %d %d %d %d order %x destroyed %x descriptors %d\n", heard.starts.load(),
-            heard.heartbeats.load(), heard.abnormals.load(), heard.answers.load(), heard.closes.load(),
-            heard.others.load(), heard.orderSent.load(), destroyed, CountDescriptors() - before);
+    dprintf(reportFd, "received %d %d %d %d %d %d order %x destroyed %x descriptors %d\n", received.starts.load(),
+            received.heartbeats.load(), received.abnormals.load(), received.answers.load(), received.closes.load(),
+            received.others.load(), received.orderSent.load(), destroyed, CountDescriptors() - before);
     return 0;
 }
 
@@ -261,6 +322,10 @@ int RunWorker()
 {
     const int before = CountDescriptors();
     const int init = ppcInit();
+    CallOnOtherThread([] {
+        GakHeartbeatSend(kDeviceOfStuckThread, kCompute);
+        GakDestory(kDeviceOfStuckThread, kCompute);
+    });
     uint32_t waited = 0xFFFFFFFF;
     std::thread waiter;
     try {
@@ -283,6 +348,12 @@ int RunWorker()
 }
 
 }  // namespace
+
+// Called by the log.
+extern "C" void OnStuck()
+{
+    otherThread.set_value();
+}
 
 int main(int argc, char** argv)
 {

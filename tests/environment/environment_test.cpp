@@ -20,8 +20,10 @@
 #include <csignal>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <functional>
 #include <memory>
+#include <regex>
 #include <stdexcept>
 #include <string>
 #include <thread>
@@ -43,7 +45,7 @@ constexpr int kReportFd = 100;
 constexpr int kControlFd = 101;
 
 enum Role { kDaemon, kWorker };
-enum class Expected { kWorks, kWorksOrSaysWhy };
+enum class Expected { kWorks, kWorksOrSaysWhy, kSaysWhy };
 
 struct Environment {
     const char* name;
@@ -207,20 +209,20 @@ struct Outcome {
     ExitStatus worker;
     std::string created;
     std::string sent;
-    std::string heard;
+    std::string received;
     std::string log;  // of both
 };
 
 std::ostream& operator<<(std::ostream& out, const Outcome& outcome)
 {
-    return out << "daemon " << outcome.daemon << ": " << outcome.created << ", " << outcome.heard << "\nworker "
+    return out << "daemon " << outcome.daemon << ": " << outcome.created << ", " << outcome.received << "\nworker "
                << outcome.worker << ": " << outcome.sent << "\n"
                << outcome.log;
 }
 
 constexpr char kCreated[] = "created 0 1011000";
 constexpr char kSent[] = "sent 0 0 0 0 0 waited 0 descriptors 0";
-constexpr char kHeard[] = "heard 1 3 1 1 1 0 order 1011000 destroyed 1011000 descriptors 0";
+constexpr char kReceived[] = "received 1 3 1 1 1 0 order 1011000 destroyed 1011000 descriptors 0";
 
 std::string ListenFor(Program& program, const std::string& head)
 {
@@ -267,7 +269,7 @@ Outcome Converse(const Environment& environment, const Refusal* ofDaemon = nullp
         ListenFor(daemon, "closed");
     }
     daemon.EndInput();
-    outcome.heard = ListenFor(daemon, "heard");
+    outcome.received = ListenFor(daemon, "received");
     outcome.daemon = daemon.WaitExit();
     outcome.log = daemon.Log() + worker.Log();
     return outcome;
@@ -275,7 +277,7 @@ Outcome Converse(const Environment& environment, const Refusal* ofDaemon = nullp
 
 bool Works(const Outcome& outcome)
 {
-    return outcome.created == kCreated && outcome.sent == kSent && outcome.heard == kHeard;
+    return outcome.created == kCreated && outcome.sent == kSent && outcome.received == kReceived;
 }
 
 // The numbers of a report that are not those of a conversation that works.
@@ -288,8 +290,8 @@ void ExpectDescribedFailure(const Outcome& outcome)
         testing::MatchesRegex(
             "sent (0|-1) (0|1093031) (0|1093031) (0|1093031) (0|1093031) waited (0|1093031|ffffffff) descriptors 0"));
     EXPECT_THAT(
-        outcome.heard,
-        testing::MatchesRegex("heard [01] [0-3] [01] [01] [01] 0 order [0-9a-f]+ destroyed 1011000 descriptors 0"));
+        outcome.received,
+        testing::MatchesRegex("received [01] [0-3] [01] [01] [01] 0 order [0-9a-f]+ destroyed 1011000 descriptors 0"));
 }
 
 void Judge(const Outcome& outcome, Expected expected)
@@ -300,8 +302,11 @@ void Judge(const Outcome& outcome, Expected expected)
     if (expected == Expected::kWorks) {
         EXPECT_EQ(outcome.created, kCreated);
         EXPECT_EQ(outcome.sent, kSent);
-        EXPECT_EQ(outcome.heard, kHeard);
-    } else if (!Works(outcome)) {
+        EXPECT_EQ(outcome.received, kReceived);
+        return;
+    }
+    EXPECT_FALSE(expected == Expected::kSaysWhy && Works(outcome));
+    if (!Works(outcome)) {
         ExpectDescribedFailure(outcome);
     }
 }
@@ -355,26 +360,53 @@ void SetLocale()
     setenv("MALLOC_PERTURB_", "165", 1);
 }
 
-void LoadLog(const char* mode)
+void LoadLog(const std::string& mode)
 {
     setenv("LD_PRELOAD", GAKPPC_HOSTILE_LOG, 1);
-    setenv("HOSTILE_LOG", mode, 1);
+    setenv("HOSTILE_LOG", mode.c_str(), 1);
+}
+
+void LimitFiles(rlim_t bytes)
+{
+    const rlimit limit = {bytes, bytes};
+    Check(setrlimit(RLIMIT_FSIZE, &limit) == 0, "setrlimit");
+}
+
+// Only a daemon that ignores the signal of the limit outlives what its own log writes.
+void LimitFilesAtTheLog(rlim_t bytes)
+{
+    signal(SIGXFSZ, SIG_IGN);
+    LimitFiles(bytes);
+}
+
+void MakeFolder(const char* path)
+{
+    std::filesystem::create_directories(path);
 }
 
 const Environment kUnusual[] = {
-    {"SigpipeIgnored", [](Role) { signal(SIGPIPE, SIG_IGN); }, {}, {}},
-    {"SigpipeBlocked", [](Role) { BlockSigpipe(false); }, {}, {}},
-    {"SigpipePending", [](Role) { BlockSigpipe(true); }, {}, {}},
+    {"SigpipeAsItIsByDefault", nullptr, {"send=gone"}, {"send=gone"}},
+    {"SigpipeIgnored", [](Role) { signal(SIGPIPE, SIG_IGN); }, {"send=gone"}, {"send=gone"}},
+    {"SigpipeHandled", nullptr, {"sigpipe=handled", "send=gone"}, {"sigpipe=handled", "send=gone"}},
+    {"SigpipeBlocked", [](Role) { BlockSigpipe(false); }, {"send=gone"}, {"send=gone"}},
+    {"SigpipePending", [](Role) { BlockSigpipe(true); }, {"send=gone"}, {"send=gone"}},
     {"ThreadStacksOf64KiB", [](Role) { LimitStack(); }, {}, {}},
     {"NoProc", [](Role) { HideProc(); }, {}, {}},
     {"LogDiskFull", [](Role) { LogTo("/dev/full"); }, {}, {}},
     {"NoEnvironmentVariables", [](Role) { ForgetEnvironment(); }, {}, {}},
     {"UnknownLocale", [](Role) { SetLocale(); }, {}, {}},
     {"UmaskThatTakesAll", [](Role) { umask(0777); }, {}, {}},
-    {"AnotherRoot", nullptr, {"root=/home/.."}, {"root=/home/.."}},
+    {"AnotherRoot", [](Role) { MakeFolder("/home/root/home/KrovaUser"); }, {"root=/home/root"}, {"root=/home/root"}},
+    {"AnotherRootWithoutTheFolder",
+     [](Role) { MakeFolder("/home/empty"); },
+     {"root=/home/empty"},
+     {"root=/home/empty"},
+     Expected::kSaysWhy},
+    {"NoFileMayGrow", [](Role) { LogTo("/dev/null"), LimitFiles(0); }, {}, {}},
     {"LogChangesErrno", [](Role) { LoadLog("errno"); }, {}, {}},
     {"LogIsSlow", [](Role) { LoadLog("slow"); }, {}, {}},
     {"LogCallsBack", [](Role) { LoadLog("calls-back"); }, {}, {}},
+    {"LogBlocksEachThreadForAWhile", [](Role) { LoadLog("blocks"); }, {}, {}},
 };
 
 class UnusualEnvironmentTest : public testing::TestWithParam<Environment> {};
@@ -429,6 +461,35 @@ TEST(LimitTest, OfThreadsIsReportedAtItsEdge)
         const std::string limit = "threads=" + std::to_string(left);
         Judge(Converse({"", nullptr, {user, limit}, {user}}), Expected::kWorksOrSaysWhy);
         Judge(Converse({"", nullptr, {user}, {user, limit}}), Expected::kWorksOrSaysWhy);
+    }
+}
+
+// Nothing but the log itself writes to a file.
+TEST(LimitTest, OfFileSizesCutsTheLogAndNothingElse)
+{
+    for (const rlim_t bytes : {0, 1, 50, 100, 150, 200, 500, 1000}) {
+        SCOPED_TRACE(bytes);
+        const Outcome outcome = Converse({"", [bytes](Role) { LimitFilesAtTheLog(bytes); }, {}, {}});
+        Judge(outcome, Expected::kWorks);
+        EXPECT_LE(outcome.log.size(), 2 * bytes);
+    }
+}
+
+// Whatever a thread holds while it logs, others need not wait for. A descriptor stays open while its call is stuck.
+TEST(StuckLogTest, HoldsUpOnlyTheThreadThatLogs)
+{
+    constexpr int kMoreThanAnyThreadLogs = 20;
+    for (int line = 1; line <= kMoreThanAnyThreadLogs; ++line) {
+        for (const Role role : {kDaemon, kWorker}) {
+            SCOPED_TRACE("line " + std::to_string(line) + " of a thread of the " +
+                         (role == kDaemon ? "daemon" : "worker"));
+            const auto load = [line](Role) { LoadLog(std::to_string(line)); };
+            const std::vector<std::string> stuck = {"stuck=call"};
+            const std::vector<std::string> none;
+            Outcome outcome = Converse({"", load, role == kDaemon ? stuck : none, role == kWorker ? stuck : none});
+            outcome.sent = std::regex_replace(outcome.sent, std::regex("descriptors 1$"), "descriptors 0");
+            Judge(outcome, Expected::kWorks);
+        }
     }
 }
 
