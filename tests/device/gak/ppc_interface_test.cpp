@@ -767,6 +767,8 @@ TEST_F(PpcInterfaceTest, NoMemoryForTheDecodedMessageIsReturnedAndNotRaised)
     });
     Balance balance;
     EXPECT_EQ(ReceivePayload({0, 0, 0, 0}), 0x1013007u);
+    EXPECT_THAT(CodecLines(log_),
+                ElementsAre(WithStatus(0x1013007, "RecvMsg", "[GAKPPCIF] RecvMsg() no memory for the message")));
 }
 
 }  // namespace

@@ -860,6 +860,7 @@ TEST_F(PpcServerTest, CreateServerInsideAHandlerDuringDestroyIsRefused)
     entered.get_future().wait();
     EXPECT_EQ(server_.Destroy(), kOk);
     EXPECT_EQ(result, 0x109303Du);
+    EXPECT_EQ(log_.Count(LogSink::kError, "CreateServer() called inside a handler"), 1u);
     EXPECT_FALSE(server_.IsPPCServerRunning());
 }
 
