@@ -55,6 +55,11 @@ struct Environment {
     Expected expected = Expected::kWorks;
 };
 
+void PrintTo(const Environment& environment, std::ostream* out)
+{
+    *out << environment.name;
+}
+
 void Check(bool holds, const char* what)
 {
     if (!holds) {
