@@ -119,7 +119,7 @@ public:
             } else if (signal == SIGCHLD) {
                 Reap();
             } else if (signal == SIGALRM) {
-                KillRest();
+                KillRemaining();
             } else if (!stopping_) {
                 Shutdown();
             }
@@ -158,7 +158,7 @@ private:
             worker.waitsForCustom = true;
             ProvideCustom(worker.device);
         } else if (message.type() == PPCMessage::START_RSP && worker.type == PPCMessage::CUSTOM_COMPUTE) {
-            TellThoseWhoWait(worker.device);
+            AnswerWaiting(worker.device);
         }
     }
 
@@ -172,11 +172,11 @@ private:
         if (custom == workers_.end()) {
             StartWorker(device, PPCMessage::CUSTOM_COMPUTE);
         } else if (custom->second.connected) {
-            TellThoseWhoWait(device);
+            AnswerWaiting(device);
         }
     }
 
-    void TellThoseWhoWait(uint32_t device)
+    void AnswerWaiting(uint32_t device)
     {
         for (auto& [pid, worker] : workers_) {
             if (worker.device == device && std::exchange(worker.waitsForCustom, false)) {
@@ -212,7 +212,7 @@ private:
         }
     }
 
-    void KillRest()
+    void KillRemaining()
     {
         late_ = true;
         for (const auto& [pid, worker] : workers_) {

@@ -34,8 +34,8 @@ TEST(StatusTest, TextOfTwoNumbersGivesBoth)
 {
     const Outcome outcome = Ctl({"status", "memory copy failed"});
     EXPECT_EQ(CountOf(outcome.out, "\n"), 2u);
-    EXPECT_NE(outcome.out.find("0x11230cb"), std::string::npos);
-    EXPECT_NE(outcome.out.find("0x11730f0"), std::string::npos);
+    EXPECT_NE(outcome.out.find("0x11230CB"), std::string::npos);
+    EXPECT_NE(outcome.out.find("0x11730F0"), std::string::npos);
 }
 
 TEST(StatusTest, PartOfATextFindsAllThatContainIt)
@@ -74,7 +74,7 @@ TEST(StatusTest, ConstantGivesItsNumber)
 TEST(StatusTest, NumberWithoutAConstantStandsAlone)
 {
     const std::string unnamed = Ctl({"status", "0x11230cb"}).out;
-    EXPECT_EQ(unnamed.rfind("0x11230cb decimal 17969355 system 0x01 module 0x12 ", 0), 0U) << unnamed;
+    EXPECT_EQ(unnamed.rfind("0x11230CB decimal 17969355 system 0x01 module 0x12 ", 0), 0U) << unnamed;
 }
 
 TEST(StatusTest, JsonFitsItsSchema)

@@ -169,6 +169,9 @@ TEST(WorkerStandaloneTest, WrongArgumentsAreWrongUsage)
     EXPECT_TRUE(Ctl({"worker", "--device", "4"}).status.ExitedWith(2));
     EXPECT_TRUE(Ctl({"worker", "--type", "OTHER"}).status.ExitedWith(2));
     EXPECT_TRUE(Ctl({"worker", "--count", "0"}).status.ExitedWith(2));
+    const Outcome libs = Ctl({"worker", "--type", "zolt", "--libs", "liba.so"});
+    EXPECT_TRUE(libs.status.ExitedWith(2));
+    EXPECT_NE(libs.err.find("only a COMPUTE worker can ask"), std::string::npos) << libs.err;
 }
 
 }  // namespace

@@ -47,7 +47,7 @@ std::string StatusLabel(uint32_t number)
 {
     const Status* const status = FindStatus(number);
     const std::string digits =
-        status != nullptr && status->isDriverCode ? std::to_string(number) : fmt::format("{:#x}", number);
+        status != nullptr && status->isDriverCode ? std::to_string(number) : fmt::format("0x{:X}", number);
     return status != nullptr && status->constant != nullptr ? fmt::format("{} ({})", status->constant, digits) : digits;
 }
 

@@ -1,4 +1,4 @@
-"""Runs a daemon, a tap and twelve workers, interferes twice, stops everything in order and says what happened.
+"""Runs a daemon, a tap and twelve workers, makes two workers fail, shuts everything down and reports what happened.
 
 The programs tell what they do in JSON. Every step that is shown as done has been seen: by the daemon, by the tap on
 its socket or in the exit status of a process. The exit status is 0 when all of them are done.
@@ -34,7 +34,7 @@ LOG_LINES_SHOWN = 10
 
 
 class Place:
-    """The socket's folder. What was not there before is removed at the end."""
+    """The socket's directory. What was not there before is removed at the end."""
 
     def __init__(self):
         self._made = []
@@ -108,7 +108,7 @@ class Demonstration:
 
         return {
             "serving": (f"the daemon serves {SOCKET}", 1, lambda: int("SERVING" in self.daemon_said)),
-            "tapped": ("the tap stands in its place", 1,
+            "tapped": ("the tap has replaced its socket", 1,
                        lambda: int(self.tap_socket not in (None, self.daemon_socket))),
             "started": ("START_RSP from each worker", WORKERS, heard("START_RSP")),
             "beating": (f"{HEARTBEATS} heartbeats and more from each worker", WORKERS,
@@ -126,7 +126,7 @@ class Demonstration:
             "answered": ("SHUTDOWN_RSP from each of them", LEFT, heard("SHUTDOWN_RSP")),
             "left": ("each of them leaves with status 0", LEFT,
                      lambda: fleet.count(lambda worker: worker.end == "exit 0")),
-            "returned": ("the tap gives the place back and ends with status 0", 1,
+            "returned": ("the tap restores the socket and ends with status 0", 1,
                          lambda: int(self.tap.end == "exit 0" and self.final_socket == self.daemon_socket)),
             "same": ("tap and daemon saw the same messages", 1,
                      lambda: int(self.received == self.carried and sum(self.received.values()) > 0)),
@@ -224,7 +224,7 @@ class Demonstration:
         return True
 
     def listen(self):
-        self.screen.begin("2 A tap takes the socket's place: from now on every message passes through it.")
+        self.screen.begin("2 A tap replaces the socket: from now on every message passes through it.")
         self.tap = self.start(["gakppctl", "tap", "--json"], self.on_tap_line, self.on_tap_error_line)
         self.wait(lambda: "in place" in self.tap_tells or self.something_went_wrong())
         self.tap_socket = identity(SOCKET)
@@ -250,7 +250,7 @@ class Demonstration:
         self.screen.table()
         return reached
 
-    def interfere(self):
+    def make_workers_fail(self):
         victim = self.workers[KILLED_DEVICE, "ZOLT"]
         self.screen.begin(f"4 Device {KILLED_DEVICE} ZOLT, pid {victim.pid}, is killed; device {ABNORMAL_DEVICE} ZOLT "
                           "fails by itself; the others go on.")
@@ -267,7 +267,7 @@ class Demonstration:
 
     def stop(self):
         """Also after a failure: everything that was started ends."""
-        self.screen.begin("6 The tap gives the place back, the daemon ends.")
+        self.screen.begin("6 The tap restores the daemon's socket, the daemon ends.")
         if self.daemon.runs() and any(program.runs() for program in self.workers.values()):
             self.order_daemon("quit")
             self.wait(lambda: bool(self.daemon.end), STOP_SECONDS)
@@ -285,7 +285,7 @@ class Demonstration:
 
     def play(self):
         try:
-            if self.serve() and self.listen() and self.work() and self.interfere():
+            if self.serve() and self.listen() and self.work() and self.make_workers_fail():
                 self.shut_down()
         except OSError as error:
             print(f"demo: {error}", file=sys.stderr)
@@ -317,7 +317,7 @@ class Demonstration:
 
 def parse_options():
     parser = argparse.ArgumentParser(prog="demo", description=__doc__.splitlines()[0])
-    parser.add_argument("--tools", required=True, help="the folder of gakppcd and gakppctl")
+    parser.add_argument("--tools", required=True, help="the directory of gakppcd and gakppctl")
     parser.add_argument("--log", metavar="FILE", help="keep the programs' log lines")
     parser.add_argument("--picture", metavar="FILE", help="write a picture (SVG) of the run")
     parser.add_argument("--compare", metavar="FILE", help="fail when the run has not the form of this picture")

@@ -235,7 +235,7 @@ void AddOptions(CLI::App& app, Options& options)
         ->transform(CLI::IsMember({"ZOLT", "COMPUTE", "CUSTOM_COMPUTE"}, CLI::ignore_case).description(""))
         ->type_name("TYPE");
     AddSeconds(app, "--heartbeat", options.heartbeat, "Time between two heartbeats; 0: none (1)");
-    app.add_option("--libs", options.libs, "Ask for the custom compute process with these libraries")
+    app.add_option("--libs", options.libs, "Ask for the custom compute process with these libraries; only as COMPUTE")
         ->delimiter(',')
         ->type_name("NAME[,NAME...]");
     app.add_option("--host-pid", options.hostPid, "The host process to name when asking (0)")->type_name("PID");
@@ -255,6 +255,12 @@ Subcommand AddWorker(CLI::App& program)
         "worker", "Be a worker: report the start, send heartbeats, end when the daemon orders the shutdown");
     auto options = std::make_shared<Options>();
     AddOptions(*app, *options);
+    app->callback([options] {
+        // The request and its answer go over the session of a compute process.
+        if (!options->libs.empty() && options->type != "COMPUTE") {
+            throw CLI::ValidationError("--libs", "only a COMPUTE worker can ask for the custom process");
+        }
+    });
     AddStandardOptions(*app,
                        "  $ gakppctl worker --device 0 --type ZOLT --heartbeat 0.5\n"
                        "  $ gakppctl worker --device 1 --libs libfirst.so,libsecond.so --host-pid 4711\n"
