@@ -56,6 +56,9 @@ const char* Objection(const PPCMessage& msg)
     return nullptr;
 }
 
+// For functions that catch abi::__forced_unwind. There is no exception object, and no reference to it is used.
+#define GAKPPC_CATCHES_FORCED_UNWIND __attribute__((no_sanitize("null")))
+
 }  // namespace
 
 // ---- Receiving ----
@@ -85,6 +88,7 @@ private:
     uint32_t lastProcessType_ = kNoProcessType;
 };
 
+GAKPPC_CATCHES_FORCED_UNWIND
 void PpcServer::RecvData(void* const& session, uint64_t threadNumber)
 {
     Receiver receiver(*this, session, threadNumber);
@@ -164,6 +168,7 @@ void PpcServer::Receiver::End()
 
 // ---- Handlers ----
 
+GAKPPC_CATCHES_FORCED_UNWIND
 void PpcServer::PPCSerMsgProc(const PPCMessage& msg)
 {
     const auto type = static_cast<uint32_t>(msg.type());
