@@ -133,6 +133,7 @@ __attribute__((noinline, format(printf, 2, 0))) void WriteLine(const LineParts& 
     // Only the first byte is cleared: nothing reads past the terminating zero.
     char message[kMessageSize + 1];
     char line[kLineSize + 1];
+    static_assert(sizeof(message) >= kMessageSize && sizeof(line) >= kLineSize, "the formatters fill these sizes");
     message[0] = '\0';
     line[0] = '\0';
     if (vsnprintf_s(message, kMessageSize, kMessageLimit, fmt, args) == -1 || ComposeLine(line, parts, message) == -1) {
