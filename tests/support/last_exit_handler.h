@@ -5,9 +5,9 @@
 
 namespace gaktest {
 
-// Ends a forked child that has set `code` or `decide` as soon as the library's exit handlers have run. What comes after them is the
-// leak checker of a sanitizer, which takes what the parent's threads hold for leaked, because their stacks are not in
-// the child.
+// Ends a forked child that has set `code` or `decide` as soon as the library's exit handlers have run. What comes after
+// them is the leak checker of a sanitizer, which takes what the parent's threads hold for leaked, because their stacks
+// are not in the child.
 class LastExitHandler {
 public:
     ~LastExitHandler()
