@@ -46,7 +46,7 @@ public:
 
     // Likewise, for a process that waits for no other one and never longer than a tenth of a second for time to pass.
     // It hangs when all its threads sleep and none has run for a second, however busy the machine is; one that runs
-    // without end is given up at the deadline.
+    // without end is given up at the deadline. So is one under a sanitizer, whose own thread runs all the time.
     ExitStatus WaitExitUnlessItHangs(Deadline deadline);
 
     // Does nothing when the child's end has been waited for.
