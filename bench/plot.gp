@@ -22,6 +22,8 @@ series(pairs, key, candidate) = sprintf( \
     "< awk -F '\t' 'BEGIN { n = split(\"%s\", p, \" \"); for (i = 1; i < n; i += 2) x[p[i]] = p[i + 1] } \
     $1 in x && $2 == \"%s\" && $3 == \"%s\" { print x[$1] \"\t\" $4 }' results.tsv | sort -n", pairs, key, candidate)
 
+set key outside
+
 set output "round_trip.svg"
 set title "Round trip of a heartbeat and its answer, median"
 set ylabel "microseconds"
@@ -45,7 +47,6 @@ set xlabel "payload, bytes"
 set logscale xy
 set xrange [800:2e6]
 set yrange [*:*]
-set key outside
 plot series(sizes, "bytes", "floor") using 1:($2 / 1e6) with lines lc rgb "black" dt 2 title "FLOOR", \
     for [i=1:words(candidates)] series(sizes, "bytes", word(candidates, i)) using 1:($2 / 1e6) with linespoints \
     lc rgb color(word(candidates, i), i) lw width(word(candidates, i)) pt i title word(candidates, i)
