@@ -28,17 +28,6 @@ Fd NewSocket(int type)
     return Fd(socket(AF_UNIX, type | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
 }
 
-// 0 or the errno.
-int ConnectTo(const Fd& socket, const char* path)
-{
-    const sockaddr_un address = AddressOf(path);
-    int result = -1;
-    do {
-        result = connect(socket.get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address));
-    } while (result == -1 && errno == EINTR);
-    return result == 0 ? 0 : errno;
-}
-
 bool WaitFor(int fd, short events, const Deadline& deadline)
 {
     pollfd wanted{fd, events, 0};
@@ -59,6 +48,16 @@ Peer PeerOf(const Fd& socket)
         return {};
     }
     return {credentials.pid, credentials.uid};
+}
+
+int ConnectTo(const Fd& socket, const char* path)
+{
+    const sockaddr_un address = AddressOf(path);
+    int result = -1;
+    do {
+        result = connect(socket.get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address));
+    } while (result == -1 && errno == EINTR);
+    return result == 0 ? 0 : errno;
 }
 
 Fd TryConnect(const char* path)

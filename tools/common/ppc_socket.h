@@ -28,6 +28,9 @@ struct Peer {
 };
 Peer PeerOf(const Fd& socket);
 
+// connect() to the socket at `path`, also when a signal interrupts it: 0 or the errno.
+int ConnectTo(const Fd& socket, const char* path);
+
 // A new non-blocking connection to the socket at `path`. Invalid, with errno set, when that fails; EAGAIN
 // means that the listener's queue is full.
 Fd TryConnect(const char* path);

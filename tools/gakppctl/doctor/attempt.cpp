@@ -27,24 +27,6 @@ struct Results {
     int enterHome, enterParent, enterDirectory, writeSocket, makeDirectory, connect;
 };
 
-sockaddr_un AddressOf(const char* path)
-{
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    strncpy(address.sun_path, path, sizeof(address.sun_path) - 1);
-    return address;
-}
-
-int ConnectTo(const Fd& socket, const char* path)
-{
-    const sockaddr_un address = AddressOf(path);
-    int result = -1;
-    do {
-        result = connect(socket.get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address));
-    } while (result == -1 && errno == EINTR);
-    return result == 0 ? 0 : errno;
-}
-
 // A queue may be full for a moment; nothing tells when it has room.
 int ConnectToDaemonSocket(const Fd& socket)
 {
