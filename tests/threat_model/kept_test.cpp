@@ -28,11 +28,6 @@
 namespace {
 
 using namespace gaktest;
-using gaktest::ChildProcess;
-using gaktest::CountingHook;
-using gaktest::Fd;
-using gaktest::PpcFrame;
-using gaktest::WaitUntil;
 using qel::PPCMessage;
 using testing::IsEmpty;
 namespace calls = gaktest::calls;

@@ -21,14 +21,6 @@
 namespace {
 
 using namespace gaktest;
-using gaktest::Bytes;
-using gaktest::Fd;
-using gaktest::FrameBytes;
-using gaktest::kUnderSanitizer;
-using gaktest::PpcFrame;
-using gaktest::RawMessage;
-using gaktest::ReadPpcFrame;
-using gaktest::WaitUntil;
 using qel::PPCMessage;
 using testing::ElementsAre;
 

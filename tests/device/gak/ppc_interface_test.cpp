@@ -22,11 +22,6 @@ namespace {
 
 using namespace std::chrono_literals;
 using namespace gaktest;
-using gaktest::Bytes;
-using gaktest::CountingHook;
-using gaktest::Fd;
-using gaktest::Hex;
-using gaktest::RawMessage;
 using qel::PpcInterface;
 using qel::PPCMessage;
 using testing::ElementsAre;

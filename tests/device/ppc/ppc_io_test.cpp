@@ -14,12 +14,6 @@
 namespace {
 
 using namespace gaktest;
-using gaktest::ExpectEof;
-using gaktest::FrameBytes;
-using gaktest::Hex;
-using gaktest::ReadExactly;
-using gaktest::WaitReadable;
-using gaktest::WriteAll;
 using testing::ElementsAre;
 using testing::IsEmpty;
 

@@ -22,15 +22,6 @@
 namespace {
 
 using namespace gaktest;
-using gaktest::ChildProcess;
-using gaktest::ExpectEof;
-using gaktest::FrameBytes;
-using gaktest::RawAccept;
-using gaktest::RawConnect;
-using gaktest::RawListen;
-using gaktest::ReadFrame;
-using gaktest::WaitReadable;
-using gaktest::WriteAll;
 using testing::Contains;
 using testing::ElementsAre;
 using testing::IsEmpty;
@@ -64,6 +55,29 @@ bool EndsInTime(const std::future<int>& result)
 {
     return result.wait_for(Stretched(10s)) == std::future_status::ready;
 }
+
+// A thread that waits inside recv for a frame of the session.
+class BlockedReceiver {
+public:
+    explicit BlockedReceiver(PpcSession* session)
+    {
+        recvCalls_.OnCall([this](uint64_t number, int, void*, size_t, int) -> std::optional<ssize_t> {
+            if (number == 1) {
+                entered_.set_value();
+            }
+            return std::nullopt;
+        });
+        result_ = InThread([session] { return ReceiveAny(session); });
+    }
+    bool IsInside() { return entered_.get_future().wait_for(Stretched(10s)) == std::future_status::ready; }
+    bool EndsInTime() const { return ::EndsInTime(result_); }
+    int Result() { return result_.get(); }
+
+private:
+    std::promise<void> entered_;
+    CountingHook<calls::Recv> recvCalls_;
+    std::future<int> result_;
+};
 
 // Whether the session carries a frame in both directions.
 void ExpectUsable(PpcSession* session, const Fd& peer)
@@ -181,17 +195,11 @@ TEST_F(InFlightTest, PeerSeesTheEndAtOnceThoughACallIsInFlight)
 TEST_F(InFlightTest, BlockedReceiverReturnsWhenTheSessionIsEnded)
 {
     Connection connection;
-    CountingHook<calls::Recv> recvCalls;
-    std::promise<void> entered;
-    recvCalls.OnCall([&](uint64_t, int, void*, size_t, int) -> std::optional<ssize_t> {
-        entered.set_value();
-        return std::nullopt;
-    });
-    std::future<int> receiver = InThread([&] { return ReceiveAny(connection.session); });
-    ASSERT_EQ(entered.get_future().wait_for(Stretched(10s)), std::future_status::ready);
+    BlockedReceiver receiver(connection.session);
+    ASSERT_TRUE(receiver.IsInside());
     connection.End();
-    ASSERT_TRUE(EndsInTime(receiver));
-    EXPECT_EQ(receiver.get(), PPC_ERR_SOCKET_CLOSED);
+    ASSERT_TRUE(receiver.EndsInTime());
+    EXPECT_EQ(receiver.Result(), PPC_ERR_SOCKET_CLOSED);
 }
 
 TEST_F(InFlightTest, SenderBlockedOnAFullSocketReturnsWhenTheSessionIsEnded)
@@ -624,16 +632,8 @@ TEST_F(ProcessTest, ChildThatEndsASessionDoesNotShutItDown)
 TEST_F(ProcessTest, ChildClosesItsCopyAtOnceThoughAParentsThreadReceives)
 {
     const Connection connection;
-    CountingHook<calls::Recv> recvCalls;
-    std::promise<void> entered;
-    recvCalls.OnCall([&](uint64_t number, int, void*, size_t, int) -> std::optional<ssize_t> {
-        if (number == 1) {
-            entered.set_value();
-        }
-        return std::nullopt;
-    });
-    std::future<int> receiver = InThread([&] { return ReceiveAny(connection.session); });
-    ASSERT_EQ(entered.get_future().wait_for(Stretched(10s)), std::future_status::ready);
+    BlockedReceiver receiver(connection.session);
+    ASSERT_TRUE(receiver.IsInside());
     ChildProcess child([&] {
         const int fd = connection.FdNumber();
         EXPECT_EQ(drvPpcSessionDestroy(connection.session), PPC_OK);
@@ -642,7 +642,7 @@ TEST_F(ProcessTest, ChildClosesItsCopyAtOnceThoughAParentsThreadReceives)
     });
     EXPECT_TRUE(child.WaitExit(10s).ExitedWith(0));
     EXPECT_TRUE(WriteAll(connection.peer, FrameBytes({9})));
-    EXPECT_EQ(receiver.get(), PPC_OK) << "the parent's connection is undisturbed";
+    EXPECT_EQ(receiver.Result(), PPC_OK) << "the parent's connection is undisturbed";
 }
 
 // A thread of the parent holds the directory's mutex when the process forks.
@@ -953,20 +953,12 @@ TEST_F(WholeFrameTest, FramesOfSeveralSendersDoNotMix)
 TEST_F(WholeFrameTest, ReceiverBlockedOnASessionDoesNotHoldUpItsSender)
 {
     const Connection connection;
-    CountingHook<calls::Recv> recvCalls;
-    std::promise<void> entered;
-    recvCalls.OnCall([&](uint64_t number, int, void*, size_t, int) -> std::optional<ssize_t> {
-        if (number == 1) {
-            entered.set_value();
-        }
-        return std::nullopt;
-    });
-    std::future<int> receiver = InThread([&] { return ReceiveAny(connection.session); });
-    ASSERT_EQ(entered.get_future().wait_for(Stretched(10s)), std::future_status::ready);
+    BlockedReceiver receiver(connection.session);
+    ASSERT_TRUE(receiver.IsInside());
     EXPECT_EQ(SendBytes(connection.session, 3, 0x55), PPC_OK);
     EXPECT_EQ(ReadFrame(connection.peer, 5s), Bytes(3, 0x55));
     EXPECT_TRUE(WriteAll(connection.peer, FrameBytes({9})));
-    EXPECT_EQ(receiver.get(), PPC_OK);
+    EXPECT_EQ(receiver.Result(), PPC_OK);
 }
 
 // ---- Stopping accept, as the server does it before it destroys the endpoint ----

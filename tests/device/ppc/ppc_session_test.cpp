@@ -12,13 +12,6 @@
 namespace {
 
 using namespace gaktest;
-using gaktest::ExpectEof;
-using gaktest::RawAccept;
-using gaktest::RawConnect;
-using gaktest::RawListen;
-using gaktest::SocketPath;
-using gaktest::WaitReadable;
-using gaktest::WriteAll;
 using testing::Each;
 using testing::ElementsAre;
 using testing::IsEmpty;
