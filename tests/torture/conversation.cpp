@@ -58,7 +58,7 @@ private:
     void Seen(const PPCMessage& msg);
     void Await(const char* what, const std::function<bool()>& condition);
     void AwaitMessages(const char* what, PPCMessage::MsgType type, int count);
-    void Complain(const std::string& what);
+    void NoteFailure(const std::string& what);
     template <typename Call>
     void CallGak(const char* function, const Call& call);
 
@@ -73,7 +73,7 @@ private:
     std::array<int, PPCMessage::SOCKET_CLOSE + 1> seen_{};
     int returned_ = 0;  // threads whose call into the library has returned
     bool customStartReturned_ = false;
-    std::string complaint_;
+    std::string failure_;
 };
 
 Conversation* current = nullptr;
@@ -85,11 +85,11 @@ auto InsideLibrary(const Call& call)
     return call();
 }
 
-void Conversation::Complain(const std::string& what)
+void Conversation::NoteFailure(const std::string& what)
 {
     std::lock_guard<std::mutex> lock(mutex_);
-    if (complaint_.empty()) {
-        complaint_ = what;
+    if (failure_.empty()) {
+        failure_ = what;
     }
 }
 
@@ -105,7 +105,7 @@ void Conversation::Await(const char* what, const std::function<bool()>& conditio
         }
         if (limit.Passed()) {
             lock.unlock();
-            Complain(std::string("never happened: ") + what);
+            NoteFailure(std::string("never happened: ") + what);
             return;
         }
     }
@@ -123,7 +123,7 @@ void Conversation::CallGak(const char* function, const Call& call)
     if (result != 0 && (result != kGakFailed || !HasFailed())) {
         std::ostringstream text;
         text << function << " returned 0x" << std::hex << result;
-        Complain(text.str());
+        NoteFailure(text.str());
     }
 }
 
@@ -159,7 +159,7 @@ void Conversation::CheckMessage(const PPCMessage& msg)
                  names[0] == kLibNames[0] && names[1] == kLibNames[1];
     }
     if (!intact) {
-        Complain("damaged message: " + msg.ShortDebugString());
+        NoteFailure("damaged message: " + msg.ShortDebugString());
     }
 }
 
@@ -173,7 +173,7 @@ void Conversation::StartDaemon()
         return server_->CreateServer(kServerId);
     });
     if (status != kOk && !HasFailed()) {
-        Complain("CreateServer failed");
+        NoteFailure("CreateServer failed");
     }
 }
 
@@ -182,7 +182,7 @@ void Conversation::Order(PPCMessage::MsgType type, uint32_t device, PPCMessage::
     const PPCMessage msg = MessageTo(device, static_cast<uint32_t>(getpid()), type, procType);
     const uint32_t status = InsideLibrary([&] { return server_->SendData(msg); });
     if (status != kOk && !HasFailed()) {
-        Complain("SendData failed");
+        NoteFailure("SendData failed");
     }
 }
 
@@ -288,7 +288,7 @@ std::string Conversation::Run()
     current = this;
     client_ = InsideLibrary(&qel::PpcClient::GetInstance);
     if (InsideLibrary(&ppcInit) != 0 && !HasFailed()) {
-        Complain("ppcInit failed");
+        NoteFailure("ppcInit failed");
     }
     StartDaemon();
     StartComputeWorker();
@@ -299,12 +299,12 @@ std::string Conversation::Run()
     ShutDown(kCustomDevice, PPCMessage::CUSTOM_COMPUTE, 2);
     TearDown(threads);
     if (!gaktest::WaitUntil([&] { return gaktest::ThreadCount() == threads; }, 2s)) {
-        Complain("threads are left: " + std::to_string(gaktest::ThreadCount() - threads));
+        NoteFailure("threads are left: " + std::to_string(gaktest::ThreadCount() - threads));
     }
     if (gaktest::OpenDescriptors() != descriptors) {
-        Complain("descriptors are left: " + std::to_string(gaktest::OpenDescriptors() - descriptors));
+        NoteFailure("descriptors are left: " + std::to_string(gaktest::OpenDescriptors() - descriptors));
     }
-    return complaint_;
+    return failure_;
 }
 
 }  // namespace

@@ -108,10 +108,10 @@ std::string RunRound(Mode mode, const Site& site, Counted* counted, bool verbose
     vlog_setlevel(kEverything);
     gaktest::InstallHooks(verbose);
     gaktest::Arm(mode, site, counted != nullptr ? counted->sites : nullptr, counted != nullptr ? kMaxSites : 0);
-    std::string complaint = gaktest::RunConversation();
+    std::string failure = gaktest::RunConversation();
     const size_t calls = gaktest::Disarm();
-    if (!complaint.empty()) {
-        return complaint;
+    if (!failure.empty()) {
+        return failure;
     }
     if (mode == Mode::kCount) {
         counted->calls = calls;
@@ -119,9 +119,9 @@ std::string RunRound(Mode mode, const Site& site, Counted* counted, bool verbose
         return "the call was not met";
     }
     gaktest::Forget();
-    complaint = gaktest::RunConversation();
-    if (!complaint.empty()) {
-        return "in the next conversation: " + complaint;
+    failure = gaktest::RunConversation();
+    if (!failure.empty()) {
+        return "in the next conversation: " + failure;
     }
     vlog_setlevel(kWarnings);
     if (!gaktest::FloodRecords()) {

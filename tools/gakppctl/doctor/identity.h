@@ -26,7 +26,7 @@ Identity IdentityOfUser(const std::string& name);
 // The same for the user that has this uid. Only uid and gid when the system has no name for it.
 Identity IdentityAtLogin(uid_t uid, gid_t gid);
 
-// Makes this process that user's, for good. False when it may not.
+// Makes this process that user's, irrevocably. False when it may not.
 bool Become(const Identity& user);
 
 // What the mode of a file permits to a user: bits of 7, as in its last digit.
