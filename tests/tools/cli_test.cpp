@@ -30,15 +30,6 @@ std::vector<std::string> Arguments(const Command& command, std::vector<std::stri
     return arguments;
 }
 
-// Whether a process waits in a system call.
-bool IsAsleep(pid_t pid)
-{
-    std::ifstream in("/proc/" + std::to_string(pid) + "/stat");
-    std::string id, name, state;
-    in >> id >> name >> state;
-    return state == "S";
-}
-
 class EveryCommand : public testing::TestWithParam<Command> {};
 
 TEST_P(EveryCommand, HelpShowsExamplesAndExitStatuses)
@@ -186,6 +177,23 @@ TEST(GakppctlTest, UnknownCommandIsAnsweredWithTheNearestOne)
                              "status, doctor, help"));
     EXPECT_TRUE(IsWrongUsage(Ctl({""}), "unknown command"));
     EXPECT_TRUE(IsWrongUsage(Ctl({std::string(300, 'x')}), "unknown command xxx"));
+}
+
+TEST(GakppctlTest, HelpListsEachCommandInOneLine)
+{
+    const std::string help = Ctl({"--help"}).out;
+    const std::string title = "\nSubcommands:\n";
+    const size_t begin = help.find(title);
+    ASSERT_NE(begin, std::string::npos) << help;
+    std::istringstream list(help.substr(begin + title.size()));
+    size_t commands = 0;
+    for (std::string line; std::getline(list, line) && !line.empty(); ++commands) {
+        EXPECT_EQ(line.rfind("  ", 0), 0U) << line;
+        EXPECT_NE(line[2], ' ') << line;
+        EXPECT_LE(line.size(), 120U) << line;
+    }
+    EXPECT_EQ(commands, 8U);
+    EXPECT_NE(Ctl({"doctor", "--help"}).out.find("repaired\n\nThe connection is closed at once"), std::string::npos);
 }
 
 TEST(GakppctlTest, HelpOfACommand)

@@ -191,6 +191,14 @@ bool MapsOtherUsers()
     return count > 1;
 }
 
+bool IsAsleep(pid_t pid)
+{
+    std::ifstream in("/proc/" + std::to_string(pid) + "/stat");
+    std::string id, name, state;
+    in >> id >> name >> state;
+    return state == "S";
+}
+
 size_t CountOf(const std::string& text, const std::string& part)
 {
     size_t count = 0;

@@ -82,6 +82,9 @@ testing::AssertionResult FitsSchema(const std::string& text, const std::string& 
 // Whether files can be given to other users: not in the user namespace of an ordinary user's test run.
 bool MapsOtherUsers();
 
+// Whether the main thread of a process waits in a system call.
+bool IsAsleep(pid_t pid);
+
 size_t CountOf(const std::string& text, const std::string& part);
 
 // A worker's message to the daemon.

@@ -135,6 +135,19 @@ void ExitOnSignals()
     }
 }
 
+// A list of subcommands shows the first line of what each says of itself.
+class FirstLines : public CLI::Formatter {
+public:
+    std::string make_subcommand(const CLI::App* subcommand) const override
+    {
+        const std::string text = subcommand->get_description();
+        std::ostringstream out;
+        CLI::detail::format_help(out, subcommand->get_display_name(true), text.substr(0, text.find('\n')),
+                                 get_column_width());
+        return out.str();
+    }
+};
+
 std::string VersionText(const std::string& program)
 {
     return fmt::format("{} (libgakppc) {}\nprotobuf {}\nschema {}, message {}", program, GAKPPC_VERSION,
@@ -147,6 +160,7 @@ std::string VersionText(const std::string& program)
 void AddStandardOptions(CLI::App& app, const std::string& examples, OnSignal onSignal)
 {
     const CLI::App& program = app.get_parent() != nullptr ? *app.get_parent() : app;
+    app.formatter(std::make_shared<FirstLines>());
     app.set_version_flag("-V,--version", VersionText(program.get_name()), "Print the versions and exit");
     app.footer("Examples:\n" + examples + "\n\nExit status:\n" +
                (onSignal == OnSignal::kDone ? kStatusesOfServices : kStatusesOfTasks));

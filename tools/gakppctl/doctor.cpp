@@ -114,11 +114,11 @@ Subcommand AddDoctor(CLI::App& program)
 {
     CLI::App* app = program.add_subcommand(
         "doctor",
-        "Try to connect to the daemon, and say what keeps the user from it and how that is repaired. Nothing is "
-        "changed. The connection is closed at once: the daemon sees a session that ends before its first message "
-        "(SOCKET_CLOSE of device 4). What could not be read is called unknown. A repair is printed only when it is "
-        "known to repair that fault and to harm nothing that works. Exit status: 0 the user connects and there is no "
-        "fault, 1 faults, 3 no fault, but no daemon listens");
+        "Say whether a user can connect to the daemon, what prevents it, and how that is repaired\n\n"
+        "The connection is closed at once: the daemon sees a session that ends before its first message (SOCKET_CLOSE "
+        "of device 4). Nothing is changed. What could not be read is called unknown. A repair is printed only when it "
+        "is known to repair that fault and to harm nothing that works. Exit status: 0 the user connects and there is "
+        "no fault, 1 faults, 3 no fault, but no daemon listens");
     auto options = std::make_shared<Options>();
     app->add_option("--user", options->user, "Answer for this user; needs root (default: who runs the doctor)")
         ->type_name("NAME");

@@ -262,9 +262,9 @@ Subcommand AddTap(CLI::App& program)
 {
     CLI::App* app = program.add_subcommand(
         "tap",
-        "Show the messages of all workers that connect from now on. The tap replaces the daemon's socket by its own "
-        "and forwards everything. It restores the socket on SIGINT, SIGTERM and SIGHUP, at its limits and on errors, "
-        "and then stays until the connections through it have ended");
+        "Show the messages of all workers that connect from now on\n\n"
+        "The tap replaces the daemon's socket by its own and forwards everything. It restores the socket on SIGINT, "
+        "SIGTERM and SIGHUP, at its limits and on errors, and then stays until the connections through it have ended");
     auto options = std::make_shared<Options>();
     app->add_flag("--json", options->style.json, "Print one JSON object per line");
     app->add_flag("--hex", options->style.hex, "Print the bytes as well");
