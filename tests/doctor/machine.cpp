@@ -182,6 +182,17 @@ int Listen(const std::string& path, int type, mode_t mask)
     return bound && (type == SOCK_DGRAM || listen(fd, 10) == 0) ? fd : -1;
 }
 
+void Suspend(Tool& tool)
+{
+    tool.Kill(SIGSTOP);
+    const auto isStopped = [&tool] {
+        siginfo_t info{};
+        return waitid(P_PID, static_cast<id_t>(tool.pid()), &info, WSTOPPED | WNOHANG | WNOWAIT) == 0 &&
+               info.si_pid == tool.pid();
+    };
+    Check(WaitUntil(isStopped, kLimit), "a process does not stop");
+}
+
 }  // namespace
 
 std::string ReasonToSkip()
@@ -303,13 +314,7 @@ void Machine::StopDaemon(int signal)
 
 void Machine::StopProcess()
 {
-    daemon_->Kill(SIGSTOP);
-    const auto isStopped = [this] {
-        siginfo_t info{};
-        return waitid(P_PID, static_cast<id_t>(DaemonPid()), &info, WSTOPPED | WNOHANG | WNOWAIT) == 0 &&
-               info.si_pid == DaemonPid();
-    };
-    Check(WaitUntil(isStopped, kLimit), "the daemon does not stop");
+    Suspend(*daemon_);
 }
 
 void Machine::StartTap(const User& user)
@@ -323,6 +328,16 @@ void Machine::StopTap(int signal)
     tap_->Kill(signal);
     Check(tap_->Finish().ended, "the tap does not end");
     tap_.reset();
+}
+
+void Machine::StopTapProcess()
+{
+    Suspend(*tap_);
+}
+
+void Machine::WaitForTap(const std::string& text)
+{
+    Check(tap_->WaitForErr(text), "the tap does not say: " + text);
 }
 
 void Machine::StartListener(const User& user, const std::string& path, int type, mode_t mask)

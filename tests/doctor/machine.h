@@ -71,6 +71,9 @@ public:
     void ForgetDaemon() { others_.push_back(std::move(daemon_)); }
     void StartTap(const User& user);
     void StopTap(int signal);
+    void StopTapProcess();
+    // Until it says this.
+    void WaitForTap(const std::string& text);
     // A process that listens, or only binds, with plain system calls.
     void StartListener(const User& user, const std::string& path, int type, mode_t mask);
     void StopListeners() { listeners_.clear(); }

@@ -644,6 +644,20 @@ const std::vector<Scenario> kFaultyScenarios{
          StartKrovasDaemon(m);
          m.StartTap(kRoot);
          m.StopDaemon(SIGTERM);
+         m.WaitForTap("the daemon has ended");
+     },
+     "root krova member     | 3 note:connection note:tap\n"
+     "root:krova root:member| 3 note:connection note:tap\n"
+     "outsider              | 1 fault:connection\n"
+     "root:outsider         | 1 fault:connection note:tap | usermod -aG krova outsider => 3 note:connection "
+     "note:tap\n"},
+
+    {"StoppedTapWithoutItsDaemon",
+     [](Machine& m) {
+         StartKrovasDaemon(m);
+         m.StartTap(kRoot);
+         m.StopTapProcess();
+         m.StopDaemon(SIGTERM);
      },
      "root krova member     | 3 note:tap\n"
      "root:krova root:member| 3 note:tap\n"

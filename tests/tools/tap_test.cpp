@@ -212,6 +212,25 @@ TEST_F(TapTest, SecondTapIsRefusedAlsoWhenTheDaemonHasEnded)
     EXPECT_TRUE(SocketIsRestored());
 }
 
+// The listener stays shut down in the loop of the tap, which must not spin.
+TEST_F(TapTest, WorkersFindNoDaemonOnceTheDaemonBehindItHasEnded)
+{
+    ASSERT_NO_FATAL_FAILURE(Start());
+    Connect();
+    Disconnect();
+    listener_.Reset();
+    ASSERT_TRUE(tap_->WaitForErr("the daemon has ended; workers that connect are refused, as without a tap\n"));
+    EXPECT_FALSE(RawConnect(kServer).valid());
+    const Outcome worker = Ctl({"worker", "--timeout", "60"});
+    EXPECT_TRUE(worker.status.ExitedWith(3)) << worker.status << worker.err;
+    EXPECT_TRUE(WaitUntil([this] { return IsAsleep(tap_->pid()); }, kLimit)) << "it spins";
+    tap_->Kill(SIGTERM);
+    EXPECT_TRUE(tap_->Finish().ExitedWith(0));
+    EXPECT_EQ(CountOf(tap_->err(), "the daemon has ended"), 1U);
+    EXPECT_EQ(CountOf(tap_->err(), "no daemon: "), 0U);
+    EXPECT_TRUE(SocketIsRestored());
+}
+
 class KilledTapTest : public TapTest {
 protected:
     void SetUp() override
@@ -311,6 +330,16 @@ TEST_F(FollowTest, TakesTheSocketOfEachNewDaemon)
     tap_->Kill(SIGTERM);
     EXPECT_TRUE(tap_->Finish().ExitedWith(0)) << tap_->err();
     EXPECT_TRUE(SocketIsRestored());
+}
+
+TEST_F(FollowTest, ServesAgainAfterItHasRefused)
+{
+    listener_.Reset();
+    ASSERT_TRUE(tap_->WaitForErr("the daemon has ended"));
+    EXPECT_FALSE(RawConnect(kServer).valid());
+    ASSERT_NO_FATAL_FAILURE(StartDaemonAgain());
+    ASSERT_NO_FATAL_FAILURE(Connect());
+    Disconnect();
 }
 
 TEST_F(FollowTest, EndsOrderlyWhileNoDaemonRuns)

@@ -52,7 +52,16 @@ void Relay::SetListener(int listener)
     AcceptAll();
     PauseAccepting(true);
     listener_ = listener;
+    refusing_ = false;
     PauseAccepting(false);
+}
+
+void Relay::Refuse()
+{
+    shutdown(listener_, SHUT_RD);
+    AcceptAll();
+    PauseAccepting(true);
+    refusing_ = true;
 }
 
 bool Relay::Step(int timeoutMs)
@@ -61,7 +70,7 @@ bool Relay::Step(int timeoutMs)
     const int wait = pendingConnects_ > 0 ? kRetryMs : acceptingPaused_ ? kResumeMs : timeoutMs;
     const int count = epoll_wait(epoll_.get(), events, kEvents, std::min(wait, timeoutMs));
     bool woken = count <= 0;
-    bool accept = acceptingPaused_;
+    bool accept = acceptingPaused_ && !refusing_;
     for (int i = 0; i < count; ++i) {
         void* const mark = events[i].data.ptr;
         if (mark == &listener_) {
@@ -243,7 +252,7 @@ FrameStream::Sink Relay::ReportItems(const Connection& connection, Direction dir
     };
 }
 
-// Without a free descriptor the listener would stay readable and Step would spin.
+// Without a free descriptor, and when it is shut down, the listener stays readable and Step would spin.
 void Relay::PauseAccepting(bool pause)
 {
     if (pause == acceptingPaused_) {

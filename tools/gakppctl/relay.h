@@ -33,6 +33,10 @@ public:
     // Accepts on this one from now on, after those that wait at the former one, which must still be open.
     void SetListener(int listener);
 
+    // Workers that connect from now on are refused, as where nobody listens, until there is another listener.
+    void Refuse();
+    bool IsRefusing() const { return refusing_; }
+
     // Waits up to `timeoutMs` for events and handles them. True when the time has passed or a descriptor of WakeOn is
     // readable.
     bool Step(int timeoutMs);
@@ -73,6 +77,7 @@ private:
     Fd epoll_;
     uint32_t lastNumber_ = 0;
     bool acceptingPaused_ = false;
+    bool refusing_ = false;
     size_t pendingConnects_ = 0;
     bool someClosed_ = false;
     std::list<std::unique_ptr<Connection>> connections_;

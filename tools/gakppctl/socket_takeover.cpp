@@ -109,6 +109,11 @@ bool SocketTakeover::IsInPlace() const
     return IsAt(ours_, kSocketPath);
 }
 
+bool SocketTakeover::HasLostDaemon() const
+{
+    return IsInPlace() && IsHeld(kSavedSocketPath) == Held::kNo;
+}
+
 Fd SocketTakeover::TakeOverAgain()
 {
     if (IsInPlace() || IsHeld(kSocketPath) != Held::kYes) {

@@ -24,6 +24,9 @@ public:
     // Whether our socket is still at the daemon's path. A daemon that starts replaces it.
     bool IsInPlace() const;
 
+    // Whether nobody listens behind us any more. That stays so: the next daemon makes a socket of its own.
+    bool HasLostDaemon() const;
+
     // Replaces the socket of a daemon that has replaced ours. The former listener; none when nobody listens at the
     // path yet. Throws as the constructor does for everything else.
     Fd TakeOverAgain();

@@ -136,6 +136,10 @@ bool Tap::ShouldStop()
         return true;
     }
     Drain(directoryChanged_);
+    if (!relay_.IsRefusing() && takeover_.HasLostDaemon()) {
+        relay_.Refuse();
+        PrintError("the daemon has ended; workers that connect are refused, as without a tap");
+    }
     if (!takeover_.IsInPlace() && !StaysDisplaced()) {
         exit_ = kExitFailed;
         return true;
