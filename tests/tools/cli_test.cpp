@@ -237,17 +237,20 @@ INSTANTIATE_TEST_SUITE_P(
                     WrongValue{"tap", "--count", kLongNumber}, WrongValue{"tap", "--linger", "nan"},
                     WrongValue{"tap", "--device", "x"}, WrongValue{"tap", "--device", "-1"},
                     WrongValue{"tap", "--device", kLongNumber}, WrongValue{"tap", "--pid", "4711,x"},
-                    WrongValue{"tap", "--type", "HEARTBEAT"}, WrongValue{"tap", "--message", "ZOLT"},
-                    WrongValue{"decode", "--device", kLongNumber}, WrongValue{"decode", "--type", ""},
-                    WrongValue{"decode", "--pid", "-4"}, WrongValue{"worker", "--device", kLongNumber},
-                    WrongValue{"worker", "--count", "0"}, WrongValue{"worker", "--count", kLongNumber},
+                    WrongValue{"tap", "--pid", "4711x"}, WrongValue{"tap", "--type", "HEARTBEAT"},
+                    WrongValue{"tap", "--message", "ZOLT"}, WrongValue{"decode", "--device", kLongNumber},
+                    WrongValue{"decode", "--type", ""}, WrongValue{"decode", "--pid", "-4"},
+                    WrongValue{"worker", "--device", kLongNumber}, WrongValue{"worker", "--count", "0"},
+                    WrongValue{"worker", "--count", kLongNumber}, WrongValue{"worker", "--count", "10001"},
                     WrongValue{"worker", "--host-pid", kLongNumber}, WrongValue{"worker", "--type", "dance"},
                     WrongValue{"worker", "--heartbeat", "nan"}, WrongValue{"send", "--count", "0"},
                     WrongValue{"send", "--count", kLongNumber}, WrongValue{"send", "--pid", kLongNumber},
                     WrongValue{"send", "--interval", "nan"}, WrongValue{"replay", "--speed", "nan"},
                     WrongValue{"replay", "--speed", kLongNumber}, WrongValue{"replay", "--connection", "0"},
                     WrongValue{"", "--for", "nan"}, WrongValue{"", "--grace", kLongNumber},
-                    WrongValue{"", "--spawn", "0:ZOLT:" + kLongNumber}, WrongValue{"", "--spawn", kLongNumber}));
+                    WrongValue{"", "--spawn", "0:ZOLT:" + kLongNumber}, WrongValue{"", "--spawn", kLongNumber},
+                    WrongValue{"", "--spawn", "0:ZOLT:10001"}, WrongValue{"", "--spawn", "0:ZOLT:0"},
+                    WrongValue{"", "--spawn", kLongNumber + ":ZOLT"}));
 
 TEST(GakppctlTest, LongStatusQueryIsAnsweredInOneLine)
 {

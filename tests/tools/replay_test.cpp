@@ -108,6 +108,8 @@ TEST_F(ReplayTest, SpeedStretchesThePauses)
     EXPECT_EQ(ReadPpcFrame(only, kLimit), FromWorker(0, 0));
     EXPECT_EQ(ReadPpcFrame(only, kLimit), FromWorker(2, 0));
     EXPECT_GE(std::chrono::steady_clock::now() - begin, 4 * Stretched(kPause));
+    EXPECT_TRUE(replay.Finish().ExitedWith(0));
+    EXPECT_EQ(replay.out(), "1 connection(s), 2 message(s) sent, 0 received\n") << "the second one as well";
 }
 
 TEST_F(ReplayTest, NoDaemonIsTold)
