@@ -221,6 +221,26 @@ void ExpectVerdict(const Machine& machine, const Cell& cell)
     EXPECT_EQ(report.output.find("restart"), std::string::npos) << report.output;
 }
 
+// Whether a finding says so in one of its texts.
+bool Says(const Report& report, const std::string& part)
+{
+    return std::any_of(report.findings.begin(), report.findings.end(), [&part](const Json& finding) {
+        const std::string advice = finding["advice"].is_null() ? "" : finding["advice"];
+        return finding["text"].get<std::string>().find(part) != std::string::npos ||
+               advice.find(part) != std::string::npos;
+    });
+}
+
+void ExpectTexts(const Machine& machine, const char* texts)
+{
+    std::istringstream lines(texts);
+    for (std::string line; std::getline(lines, line);) {
+        const std::vector<std::string> parts = Split(line, "|");
+        const Report report = RunDoctor(machine, parts.at(0));
+        EXPECT_TRUE(Says(report, Expanded(parts.at(1), machine.DaemonPid()))) << line << "\n" << report.output;
+    }
+}
+
 TEST_P(DoctorTable, VerdictIsRightAndRepairsRepair)
 {
     const Scenario& scenario = GetParam();
@@ -234,6 +254,7 @@ TEST_P(DoctorTable, VerdictIsRightAndRepairsRepair)
                 SCOPED_TRACE(cell.viewpoint);
                 ExpectVerdict(machine, cell);
             }
+            ExpectTexts(machine, scenario.texts);
         }
         for (const auto& [repairs, sameRepairs] : ByRepairs(cells)) {
             SCOPED_TRACE(sameRepairs.front().viewpoint + ", repairs");

@@ -7,6 +7,7 @@
 #include <sched.h>
 #include <sys/mount.h>
 #include <sys/prctl.h>
+#include <sys/ptrace.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
@@ -37,6 +38,7 @@ const User kKrova{"krova", 3001, 4001};
 const User kMember{"member", 3002, 4002};
 const User kOutsider{"outsider", 3003, 4003};
 const User kStaff{"staff", 3004, 4004};
+const User kNameless{"nobody", 3005, 4005};
 
 namespace {
 
@@ -315,6 +317,16 @@ void Machine::StopDaemon(int signal)
 void Machine::StopProcess()
 {
     Suspend(*daemon_);
+}
+
+void Machine::TraceProcess()
+{
+    if (ptrace(PTRACE_SEIZE, DaemonPid(), nullptr, nullptr) == -1) {
+        throw NotPossible("tracing another process is not permitted here");
+    }
+    Check(ptrace(PTRACE_INTERRUPT, DaemonPid(), nullptr, nullptr) == 0, "PTRACE_INTERRUPT");
+    int status = 0;
+    Check(waitpid(DaemonPid(), &status, __WALL) == DaemonPid() && WIFSTOPPED(status), "the daemon does not stop");
 }
 
 void Machine::StartTap(const User& user)

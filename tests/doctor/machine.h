@@ -33,6 +33,7 @@ struct User {
     gid_t gid;
 };
 extern const User kRoot, kKrova, kMember, kOutsider, kStaff;
+extern const User kNameless;  // the system has no name for this user and its group
 
 // Why no such machine can be made here. Empty when it can.
 std::string ReasonToSkip();
@@ -67,6 +68,8 @@ public:
     void StopDaemon(int signal);
     // As by Ctrl-Z: it stays, and does nothing.
     void StopProcess();
+    // As by a debugger, which this process is.
+    void TraceProcess();
     // It runs on, unnoticed.
     void ForgetDaemon() { others_.push_back(std::move(daemon_)); }
     void StartTap(const User& user);

@@ -70,7 +70,10 @@ const std::vector<Scenario> kHealthyScenarios{
     {"Group", [](Machine& m) { StartKrovasDaemon(m); },
      "root krova            | 0\n"
      "root:krova root:member| 0\n"
-     "member                | 0 unknown:daemon\n" OUTSIDER_STAYS_OUT},
+     "member                | 0 unknown:daemon\n" OUTSIDER_STAYS_OUT,
+     "member | unknown of the daemon: its descriptors, its library\n"
+     "outsider | the mode of $SOCK is unknown; root is told more: gakppctl doctor --user outsider\n"
+     "root:outsider | the group counts for processes that the user starts after logging in anew\n"},
 
     {"GroupOfAnOtherwiseForeignDirectory",
      [](Machine& m) {
@@ -99,7 +102,8 @@ const std::vector<Scenario> kHealthyScenarios{
      },
      "root                  | 0\n"
      "krova member outsider | 1 fault:connection\n"
-     "root:krova root:member root:outsider | 1 fault:connection\n"},
+     "root:krova root:member root:outsider | 1 fault:connection\n",
+     "root:krova | which nobody should join\n"},
 
     {"Everybody",
      [](Machine& m) {
@@ -120,6 +124,28 @@ const std::vector<Scenario> kHealthyScenarios{
      "root:krova root:member root:outsider | 0\n"
      "member outsider       | 0 unknown:daemon\n"},
 
+    {"AccessControlListOfTheDirectory",
+     [](Machine& m) {
+         StartKrovasDaemon(m, "0022");
+         Machine::AddAcl(kDir, kOutsider, 1);
+     },
+     "root krova root:krova | 0\n"
+     "member                | 1 fault:connection unknown:daemon\n"
+     "outsider              | 1 fault:connection unknown:daemon\n"
+     "root:member root:outsider | 1 fault:connection\n"},
+
+    {"EverybodyButTheMember",
+     [](Machine& m) {
+         Machine::Make(kDir, 0755, kKrova, kKrova);
+         StartKrovasDaemon(m, "0000");
+         Machine::AddAcl(kSock, kMember, 0);
+     },
+     "root krova            | 0\n"
+     "root:krova root:outsider | 0\n"
+     "member                | 1 fault:connection unknown:daemon\n"
+     "root:member           | 1 fault:connection\n"
+     "outsider              | 0 unknown:daemon\n"},
+
     {"BeforeTheFirstStart", [](Machine&) {},
      "root krova root:krova | 3 note:connection note:directory\n"
      "member root:member    | 1 note:connection fault:directory | install -d -m 0350 -o krova -g krova $DIR "
@@ -139,7 +165,8 @@ const std::vector<Scenario> kHealthyScenarios{
      },
      "root krova member     | 3 note:connection\n"
      "root:krova root:member| 3 note:connection\n"
-     "outsider root:outsider| 1 fault:connection\n"},
+     "outsider root:outsider| 1 fault:connection\n",
+     "root:outsider | no daemon listens; the directory has to belong to the daemon's user\n"},
 
     {"KilledDaemon",
      [](Machine& m) {
@@ -159,7 +186,8 @@ const std::vector<Scenario> kHealthyScenarios{
      "root:krova root:member| 0 note:tap\n"
      "member                | 0 note:tap unknown:daemon\n"
      "outsider              | 1 fault:connection\n"
-     "root:outsider         | 1 fault:connection note:tap | usermod -aG krova outsider => 0 note:tap\n"},
+     "root:outsider         | 1 fault:connection note:tap | usermod -aG krova outsider => 0 note:tap\n",
+     "root | a tap passes everything on\n"},
 
     {"TapHasEnded",
      [](Machine& m) {
@@ -188,7 +216,8 @@ const std::vector<Scenario> kHealthyScenarios{
      "root krova member     | 0 unknown:daemon\n"
      "root:krova root:member| 0 unknown:daemon\n"
      "outsider              | 1 fault:connection\n"
-     "root:outsider         | 1 fault:connection unknown:daemon | usermod -aG krova outsider => 0 unknown:daemon\n"},
+     "root:outsider         | 1 fault:connection unknown:daemon | usermod -aG krova outsider => 0 unknown:daemon\n",
+     "root | unknown of the daemon: its process, its umask, its descriptors, its library\n"},
 
     {"OverlayFileSystem",
      [](Machine& m) {
@@ -256,7 +285,8 @@ const std::vector<Scenario> kHealthyScenarios{
      "root krova            | 0\n"
      "root:krova root:member| 0\n"
      "member                | 0 unknown:daemon\n"
-     "outsider root:outsider| 1 fault:connection\n"},
+     "outsider root:outsider| 1 fault:connection\n",
+     "root:outsider | $DIR is a symbolic link: look at what it leads to\n"},
 
     {"LeftoverOfAnOldTap",
      [](Machine& m) {
@@ -315,7 +345,8 @@ const std::vector<Scenario> kFaultyScenarios{
      "outsider              | 1 fault:connection\n"
      "root:member           | 1 fault:connection note:access | chmod g+w $SOCK => 0 note:umask\n"
      "root:outsider         | 1 fault:connection note:access | usermod -aG krova outsider && chmod g+w $SOCK "
-     "=> 0 note:umask\n"},
+     "=> 0 note:umask\n",
+     "root:member | the daemon makes the socket anew at each start\n"},
 
     {"TapInFrontOfADaemonWithUmask0022",
      [](Machine& m) {
@@ -326,7 +357,8 @@ const std::vector<Scenario> kFaultyScenarios{
      "member                | 1 fault:connection note:tap note:access unknown:daemon\n"
      "outsider              | 1 fault:connection\n"
      "root:member           | 1 fault:connection note:tap note:access\n"
-     "root:outsider         | 1 fault:connection note:tap note:access\n"},
+     "root:outsider         | 1 fault:connection note:tap note:access\n",
+     "root:member | a tap is in place: ask again when it has ended\n"},
 
     {"StoppedDaemonWithUmask0022",
      [](Machine& m) {
@@ -336,7 +368,8 @@ const std::vector<Scenario> kFaultyScenarios{
      "root krova root:krova | 3 note:connection\n"
      "member outsider       | 1 fault:connection\n"
      "root:member           | 1 fault:connection\n"
-     "root:outsider         | 1 fault:connection\n"},
+     "root:outsider         | 1 fault:connection\n",
+     "root:member | the daemon makes the socket anew at each start\n"},
 
     {"SessionOlderThanTheMembership",
      [](Machine& m) {
@@ -345,7 +378,8 @@ const std::vector<Scenario> kFaultyScenarios{
      },
      "root krova            | 0\n"
      "root:krova root:member| 0\n"
-     "member                | 1 fault:connection\n" OUTSIDER_STAYS_OUT},
+     "member                | 1 fault:connection\n" OUTSIDER_STAYS_OUT,
+     "member | the user has joined the group after this session began: log in anew\n"},
 
     {"SocketOfAnotherGroup", [](Machine& m) { m.StartDaemon(kKrova, kOutsider, "0007"); },
      "root root:krova       | 0\n"
@@ -366,6 +400,35 @@ const std::vector<Scenario> kFaultyScenarios{
      "root:member           | 1 fault:connection | usermod -aG staff member => 0\n"
      "outsider              | 1 fault:connection\n"
      "root:outsider         | 1 fault:connection | usermod -aG krova,staff outsider => 0\n"},
+
+    {"GroupThatHasNoName",
+     [](Machine& m) {
+         Machine::Make(kDir, 0350, kKrova, kNameless);
+         m.StartDaemon(kKrova, kNameless, "0007");
+     },
+     "root root:krova       | 0\n"
+     "krova                 | 0 unknown:daemon\n"
+     "member outsider       | 1 fault:connection\n"
+     "root:member root:outsider | 1 fault:connection\n",
+     "root:outsider | outsider has to join the group 4005\n"},
+
+    {"CallerThatHasNoName",
+     [](Machine& m) {
+         Machine::Make(kDir, 0350, kKrova, kKrova);
+         m.StartDaemon(kKrova, kStaff, "0007");
+         m.SetGroups(kMember, "--groups=4001");
+         m.SetWrapper({"unshare", "--mount", "sh", "-c",
+                       "grep -v ^member: /etc/passwd > /etc/others && mount --bind /etc/others /etc/passwd && "
+                       "exec \"$@\"",
+                       "sh"});
+     },
+     "root root:krova       | 0\n"
+     "krova                 | 0 unknown:daemon\n"
+     "member                | 1 fault:connection unknown:daemon\n"
+     "root:member           | 2\n"
+     "outsider              | 1 fault:connection\n"
+     "root:outsider         | 1 fault:connection unknown:daemon | usermod -aG krova,staff outsider => 0\n",
+     "member | 3002 has to join the group staff\n"},
 
     {"RootsDaemonInTheUsersDirectory",
      [](Machine& m) {
@@ -408,7 +471,8 @@ const std::vector<Scenario> kFaultyScenarios{
 
     {"DanglingLink", [](Machine&) { fs::create_symlink("/home/elsewhere", kDir); },
      "root krova member outsider            | 1 note:connection fault:directory\n"
-     "root:krova root:member root:outsider  | 1 note:connection fault:directory\n"},
+     "root:krova root:member root:outsider  | 1 note:connection fault:directory\n",
+     "root | is a symbolic link that leads to nothing\n"},
 
     {"LinkToItself", [](Machine&) { fs::create_symlink(kDir, kDir); },
      "root krova member outsider            | 1 fault:connection\n"
@@ -495,6 +559,20 @@ const std::vector<Scenario> kFaultyScenarios{
      "root:outsider         | 1 fault:connection fault:directory "
      "| usermod -aG krova outsider | chmod u+wx $DIR => 0\n"},
 
+    {"DirectoryClosedToItsOwnerWhoIsNotInItsGroup",
+     [](Machine& m) {
+         Machine::Make(kDir, 0350, kKrova, kStaff);
+         StartKrovasDaemon(m);
+         Machine::Chmod(kDir, 0050);
+     },
+     "root                  | 1 fault:directory | chmod u+wx $DIR => 0\n"
+     "krova member outsider | 1 fault:connection\n"
+     "root:krova            | 1 fault:connection fault:directory | chmod u+x $DIR | chmod u+wx $DIR => 0\n"
+     "root:member           | 1 fault:connection fault:directory "
+     "| usermod -aG staff member | chmod u+wx $DIR => 0\n"
+     "root:outsider         | 1 fault:connection fault:directory "
+     "| usermod -aG staff,krova outsider | chmod u+wx $DIR => 0\n"},
+
     {"DirectoryThatItsOwnerMayNotWriteTo",
      [](Machine& m) {
          StartKrovasDaemon(m);
@@ -517,6 +595,18 @@ const std::vector<Scenario> kFaultyScenarios{
      "root:member           | 1 fault:connection | chmod g+x $HOME => 0\n"
      "root:outsider         | 1 fault:connection | usermod -aG krova outsider && chmod g+x $HOME => 0\n"},
 
+    {"TapBelowAParentThatMayNotBeEntered",
+     [](Machine& m) {
+         StartKrovasDaemon(m);
+         m.StartTap(kRoot);
+         Machine::Chmod(kHome, 0700);
+     },
+     "root krova root:krova | 0 note:tap\n"
+     "member outsider       | 1 fault:connection\n"
+     "root:member           | 1 fault:connection note:tap | chmod g+x $HOME => 0 note:tap\n"
+     "root:outsider         | 1 fault:connection note:tap | usermod -aG krova outsider && chmod g+x $HOME "
+     "=> 0 note:tap\n"},
+
     {"HomeThatMayNotBeEntered",
      [](Machine& m) {
          StartKrovasDaemon(m);
@@ -524,7 +614,9 @@ const std::vector<Scenario> kFaultyScenarios{
      },
      "root                  | 0\n"
      "krova member outsider | 1 fault:connection\n"
-     "root:krova root:member root:outsider | 1 fault:connection\n"},
+     "root:krova root:member root:outsider | 1 fault:connection\n",
+     "root:krova | it may not enter /home\n"
+     "root:krova | it is not the modes of these files that refuse: a folder above them\n"},
 
     {"ParentThatAnybodyMayWriteTo",
      [](Machine& m) {
@@ -590,7 +682,9 @@ const std::vector<Scenario> kFaultyScenarios{
      "root krova root:krova | 0\n"
      "member                | 1 fault:connection unknown:daemon\n"
      "root:member           | 1 fault:connection\n"
-     "outsider root:outsider| 1 fault:connection\n"},
+     "outsider root:outsider| 1 fault:connection\n",
+     "root:member | $SOCK has an access control list: see getfacl\n"
+     "member | $SOCK has an access control list: see getfacl\n"},
 
     {"StoppedProcess",
      [](Machine& m) {
@@ -601,7 +695,20 @@ const std::vector<Scenario> kFaultyScenarios{
      "root:krova root:member| 1 fault:daemon | kill -CONT $PID => 0\n"
      "member                | 1 fault:daemon unknown:daemon\n"
      "outsider              | 1 fault:connection\n"
-     "root:outsider         | 1 fault:connection fault:daemon | usermod -aG krova outsider | kill -CONT $PID => 0\n"},
+     "root:outsider         | 1 fault:connection fault:daemon | usermod -aG krova outsider | kill -CONT $PID => 0\n",
+     "root | is stopped: it answers nobody\n"},
+
+    {"ProcessInADebugger",
+     [](Machine& m) {
+         StartKrovasDaemon(m);
+         m.TraceProcess();
+     },
+     "root krova            | 1 fault:daemon\n"
+     "root:krova root:member| 1 fault:daemon\n"
+     "member                | 1 fault:daemon unknown:daemon\n"
+     "outsider              | 1 fault:connection\n"
+     "root:outsider         | 1 fault:connection fault:daemon | usermod -aG krova outsider => 1 fault:daemon\n",
+     "root | is stopped by a debugger\n"},
 
     {"StoppedProcessWithAFullQueue",
      [](Machine& m) {
@@ -613,7 +720,9 @@ const std::vector<Scenario> kFaultyScenarios{
      "root:krova root:member| 1 fault:connection fault:daemon | kill -CONT $PID => 0\n"
      "member                | 1 fault:connection unknown:daemon\n"
      "outsider              | 1 fault:connection\n"
-     "root:outsider         | 1 fault:connection fault:daemon | usermod -aG krova outsider | kill -CONT $PID => 0\n"},
+     "root:outsider         | 1 fault:connection fault:daemon | usermod -aG krova outsider | kill -CONT $PID => 0\n",
+     "root | accepts no connections: 11 connections wait in the queue\n"
+     "outsider | whether a daemon listens is unknown\n"},
 
     {"DaemonWithoutDescriptors",
      [](Machine& m) {
@@ -650,7 +759,8 @@ const std::vector<Scenario> kFaultyScenarios{
      "root:krova root:member| 3 note:connection note:tap\n"
      "outsider              | 1 fault:connection\n"
      "root:outsider         | 1 fault:connection note:tap | usermod -aG krova outsider => 3 note:connection "
-     "note:tap\n"},
+     "note:tap\n",
+     "root | a tap stands in the place of a daemon that has ended\n"},
 
     {"StoppedTapWithoutItsDaemon",
      [](Machine& m) {
@@ -673,7 +783,8 @@ const std::vector<Scenario> kFaultyScenarios{
      "root:krova root:member| 1 note:connection fault:other daemon\n"
      "member                | 3 note:connection unknown:other daemon\n"
      "outsider              | 1 fault:connection\n"
-     "root:outsider         | 1 fault:connection fault:other daemon\n"},
+     "root:outsider         | 1 fault:connection fault:other daemon\n",
+     "root | workers reach it again after its next start\n"},
 
     {"SocketReplacedByAFile",
      [](Machine& m) {
@@ -710,7 +821,8 @@ const std::vector<Scenario> kFaultyScenarios{
      "member                | 0 unknown:daemon unknown:other daemon\n"
      "outsider              | 1 fault:connection\n"
      "root:outsider         | 1 fault:connection fault:other daemon | usermod -aG krova outsider "
-     "=> 1 fault:other daemon\n"},
+     "=> 1 fault:other daemon\n",
+     "root | see to it that there is one daemon\n"},
 
     {"DirectoryInTheSocketsPlace",
      [](Machine&) {
@@ -729,7 +841,8 @@ const std::vector<Scenario> kFaultyScenarios{
      },
      "root krova member     | 1 fault:connection\n"
      "root:krova root:member| 1 fault:connection\n"
-     "outsider root:outsider| 1 fault:connection\n"},
+     "outsider root:outsider| 1 fault:connection\n",
+     "root | the socket at $SOCK is of another kind\n"},
 };
 
 }  // namespace gaktest

@@ -16,10 +16,15 @@ namespace gaktest {
 // FINDING is severity:check, for all that is not ok, in their order. The repairs are all that are printed; the verdict
 // behind the arrow is what the same doctor says after all of them. $HOME, $DIR, $SOCK, $SAVED and $PID (the daemon's)
 // stand for themselves.
+//
+// Each line of `texts`, where findings of the same severity differ in what they say:
+//
+//     WHO | PART OF A FINDING'S TEXT OR ADVICE
 struct Scenario {
     const char* name;
     void (*make)(Machine& machine);
     const char* verdicts;
+    const char* texts = "";
 };
 
 inline std::ostream& operator<<(std::ostream& out, const Scenario& scenario)

@@ -151,7 +151,6 @@ Facts GatherFacts(const Identity& user, bool isCaller)
 {
     Facts facts;
     facts.user = user;
-    facts.isCaller = isCaller;
     facts.callerIsRoot = geteuid() == 0;
     facts.attempt = TryToConnect(user, isCaller);
     facts.parent = LookAt(kHomeDir);

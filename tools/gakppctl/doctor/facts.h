@@ -16,8 +16,7 @@ namespace tools {
 
 // All that the diagnosis rests on.
 struct Facts {
-    Identity user;         // who wants to connect
-    bool isCaller = true;  // that is who runs this program
+    Identity user;  // who wants to connect
     bool callerIsRoot = false;
     Attempt attempt;
     FileInfo parent, directory, socket, saved;
