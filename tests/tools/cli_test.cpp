@@ -238,7 +238,8 @@ INSTANTIATE_TEST_SUITE_P(
                     WrongValue{"tap", "--device", "x"}, WrongValue{"tap", "--device", "-1"},
                     WrongValue{"tap", "--device", kLongNumber}, WrongValue{"tap", "--pid", "4711,x"},
                     WrongValue{"tap", "--pid", "4711x"}, WrongValue{"tap", "--type", "HEARTBEAT"},
-                    WrongValue{"tap", "--message", "ZOLT"}, WrongValue{"decode", "--device", kLongNumber},
+                    WrongValue{"tap", "--message", "ZOLT"}, WrongValue{"tap", "--message", "5x"},
+                    WrongValue{"tap", "--type", "1x"}, WrongValue{"decode", "--device", kLongNumber},
                     WrongValue{"decode", "--type", ""}, WrongValue{"decode", "--pid", "-4"},
                     WrongValue{"worker", "--device", kLongNumber}, WrongValue{"worker", "--count", "0"},
                     WrongValue{"worker", "--count", kLongNumber}, WrongValue{"worker", "--count", "10001"},
@@ -307,6 +308,21 @@ TEST(GakppctlTest, ClosedOutputIsAFailure)
 {
     Tool tool("sh", {"-c", "exec \"$0\" status --list >&-", kGakppctl});
     EXPECT_TRUE(tool.Finish().ExitedWith(1)) << tool.err();
+}
+
+TEST(GakppctlTest, ReaderThatLeavesIsNotTold)
+{
+    Tool tool("sh", {"-c", "exec 3>&1; { \"$0\" status --list; echo $? >&3; } | :", kGakppctl});
+    EXPECT_TRUE(tool.WaitForOut("1\n"));
+    EXPECT_TRUE(tool.Finish().ExitedWith(0));
+    EXPECT_EQ(tool.err(), "");
+}
+
+TEST(GakppctlTest, OptionWithoutItsValueIsTold)
+{
+    EXPECT_TRUE(IsWrongUsage(Ctl({"worker", "--device"}), "gakppctl: --device needs a value N; see "));
+    EXPECT_TRUE(IsWrongUsage(Ctl({"doctor", "--user"}), "gakppctl: --user needs a value NAME; see "));
+    EXPECT_TRUE(IsWrongUsage(Ctl({"tap", "--pid"}), "gakppctl: --pid needs a value PID; see "));
 }
 
 TEST(GakppctlTest, ColoursOnlyOnATerminalThatWantsThem)

@@ -117,6 +117,8 @@ TEST(Gakppcd, WrongOrdersAreExplained)
     EXPECT_TRUE(daemon->WaitForErr("a device and a process id are needed, not \"shutdown 0\"\n"));
     EXPECT_TRUE(daemon->WaitForErr("no worker with device 0 and pid 77"));
     EXPECT_TRUE(daemon->WaitForErr("no worker with device 0 and pid 78"));
+    daemon->Write("help\n");
+    EXPECT_TRUE(daemon->WaitForErr("gakppcd: commands:\n  shutdown DEVICE PID "));
 }
 
 TEST(Gakppcd, QuitEndsItAlsoWithoutANewline)

@@ -102,6 +102,7 @@ TEST_F(TapTest, ReaderThatLeavesEndsIt)
     EXPECT_TRUE(WaitUntil([this] { return SocketIsRestored(); }, kLimit));
     Disconnect();
     EXPECT_TRUE(tap_->Finish().ExitedWith(1));
+    EXPECT_EQ(tap_->err().find("Broken pipe"), std::string::npos) << "the reader knows that it has left";
 }
 
 TEST_F(TapTest, ReaderThatPausesHoldsNobodyUp)
@@ -362,7 +363,11 @@ TEST_F(FollowTest, EndsOrderlyWhileItsPlaceIsEmpty)
 
 TEST(TapStandaloneTest, NoDaemonIsTold)
 {
-    EXPECT_TRUE(Ctl({"tap"}).status.ExitedWith(3));
+    const Outcome outcome = Ctl({"tap"});
+    EXPECT_TRUE(outcome.status.ExitedWith(3));
+    EXPECT_EQ(outcome.err, "gakppctl: no daemon listens at " + kSock + ": No such file or directory\n");
+    EXPECT_EQ(RawListen(kServer).valid(), true);  // and closes it
+    EXPECT_EQ(Ctl({"tap"}).err, "gakppctl: no daemon listens at " + kSock + "\n");
 }
 
 TEST_F(TapTest, FileThatCannotBeWrittenIsTold)

@@ -161,7 +161,9 @@ TEST_F(WorkerTest, CountStartsSoManyProcesses)
 
 TEST(WorkerStandaloneTest, NoDaemonIsTold)
 {
-    EXPECT_TRUE(Ctl({"worker"}).status.ExitedWith(3));
+    const Outcome outcome = Ctl({"worker"});
+    EXPECT_TRUE(outcome.status.ExitedWith(3));
+    EXPECT_NE(outcome.err.find("gakppctl: no connection to a daemon (see gakppctl doctor)\n"), std::string::npos);
 }
 
 TEST(WorkerStandaloneTest, WrongArgumentsAreWrongUsage)

@@ -94,13 +94,25 @@ std::string Shorten(const std::string& text)
     return result;
 }
 
+// CLI11 says of an option without its value "--user: 1 required NAME missing".
+std::string TextOf(const CLI::ParseError& error)
+{
+    std::istringstream words(error.what());
+    std::string option, number, required, value, missing;
+    words >> option >> number >> required >> value >> missing;
+    const bool isValueMissing =
+        error.get_name() == "ArgumentMismatch" && required == "required" && missing == "missing";
+    return isValueMissing ? fmt::format("{} needs a value {}", option.substr(0, option.find(':')), value)
+                          : error.what();
+}
+
 // CLI11 has a code of its own for each kind of wrong command line.
 int ExitOfParse(const CLI::App& app, const CLI::ParseError& error, bool hasOutput)
 {
     if (error.get_exit_code() != 0) {
         const auto parsed = app.get_subcommands();
         const std::string name = app.get_name() + (parsed.empty() ? "" : " " + parsed.front()->get_name());
-        PrintError(Shorten(fmt::format("{}; see {} --help", error.what(), name)));
+        PrintError(Shorten(fmt::format("{}; see {} --help", TextOf(error), name)));
         return kExitUsage;
     }
     std::ostringstream out;

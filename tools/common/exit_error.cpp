@@ -19,6 +19,9 @@ std::string& ProgramName()
 
 void PrintError(const std::string& text)
 {
+    if (text.empty()) {
+        return;
+    }
     // fmt::print would throw where standard error cannot be written.
     static_cast<void>(fputs(fmt::format("{}: {}\n", ProgramName(), Printable(text)).c_str(), stderr));
 }

@@ -16,7 +16,7 @@ enum ExitCode {
     kExitSignal = 128,  // and the number of the signal
 };
 
-// Ends the program: the text goes to standard error, `code` becomes the exit status.
+// Ends the program: the text, unless it is empty, goes to standard error, `code` becomes the exit status.
 class ExitError : public std::runtime_error {
 public:
     ExitError(ExitCode code, const std::string& text) : std::runtime_error(text), code_(code) {}
@@ -26,7 +26,7 @@ private:
     ExitCode code_;
 };
 
-// Writes "<program>: <text>" to standard error.
+// Writes "<program>: <text>" to standard error; nothing when there is no text.
 void PrintError(const std::string& text);
 
 // The name that PrintError writes.

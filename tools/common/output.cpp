@@ -58,7 +58,7 @@ bool WriteOut(const std::string& text)
 void Print(const std::string& text)
 {
     if (!WriteOut(text)) {
-        throw ExitError(kExitFailed, fmt::format("standard output: {}", strerror(errno)));
+        throw ExitError(kExitFailed, errno == EPIPE ? "" : fmt::format("standard output: {}", strerror(errno)));
     }
 }
 

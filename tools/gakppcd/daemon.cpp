@@ -186,7 +186,7 @@ void Daemon::OnCommand(const std::string& line)
         if (command.kind == CommandKind::kQuit) {
             BeginStop();
         } else if (command.kind == CommandKind::kHelp) {
-            view_.Answer(kCommandHelp);
+            view_.Answer(std::string("commands:\n") + kCommandHelp);
         } else {
             controller_.Execute(command);
         }

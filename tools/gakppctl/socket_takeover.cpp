@@ -25,13 +25,13 @@ struct stat SocketFile()
 {
     struct stat file {};
     if (lstat(kSocketPath, &file) == -1) {
-        throw ExitError(kExitNoDaemon, fmt::format("{}: {}", kSocketPath, strerror(errno)));
+        throw ExitError(kExitNoDaemon, fmt::format("no daemon listens at {}: {}", kSocketPath, strerror(errno)));
     }
     if (!S_ISSOCK(file.st_mode)) {
         throw ExitError(kExitFailed, fmt::format("{} is no socket", kSocketPath));
     }
     if (ListenersAt(kSocketPath).empty()) {
-        throw ExitError(kExitNoDaemon, fmt::format("nobody listens at {}", kSocketPath));
+        throw ExitError(kExitNoDaemon, fmt::format("no daemon listens at {}", kSocketPath));
     }
     return file;
 }

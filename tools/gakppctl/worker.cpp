@@ -96,7 +96,7 @@ void Worker::Connect()
 {
     const auto type = static_cast<qel::PPCMessage::ProcessType>(type_);
     if (ppcInit() != 0 || qel::PpcClient::GetInstance()->GetPpcSession(options_.device, type) == nullptr) {
-        throw ExitError(kExitNoDaemon, "no connection to a daemon");
+        throw ExitError(kExitNoDaemon, "no connection to a daemon (see gakppctl doctor)");
     }
 }
 
