@@ -746,7 +746,8 @@ const std::vector<Scenario> kFaultyScenarios{
      "root:krova root:member| 1 note:connection fault:tap | mv -fT $SAVED $SOCK => 0\n"
      "member                | 1 note:connection fault:tap | mv -fT $SAVED $SOCK => 0 unknown:daemon\n"
      "outsider              | 1 fault:connection\n"
-     "root:outsider         | 1 fault:connection fault:tap | mv -fT $SAVED $SOCK => 1 fault:connection\n"},
+     "root:outsider         | 1 fault:connection fault:tap | mv -fT $SAVED $SOCK => 1 fault:connection\n",
+     "root | of at most\n"},
 
     {"TapWithoutItsDaemon",
      [](Machine& m) {
@@ -809,6 +810,21 @@ const std::vector<Scenario> kFaultyScenarios{
      "member                | 3 note:connection unknown:other daemon\n"
      "outsider              | 1 fault:connection\n"
      "root:outsider         | 1 fault:connection fault:other daemon\n"},
+
+    {"DirectoryRemovedUnderARunningDaemon",
+     [](Machine& m) {
+         StartKrovasDaemon(m);
+         fs::rename(kDir, kDir + ".old");
+     },
+     "root krova root:krova | 1 note:connection note:directory fault:other daemon\n"
+     "member                | 1 note:connection fault:directory unknown:other daemon "
+     "| install -d -m 0350 -o krova -g krova $DIR => 3 note:connection unknown:other daemon\n"
+     "root:member           | 1 note:connection fault:directory fault:other daemon "
+     "| install -d -m 0350 -o krova -g krova $DIR => 1 note:connection fault:other daemon\n"
+     "outsider              | 1 note:connection fault:directory unknown:other daemon "
+     "| install -d -m 0350 -o krova -g krova $DIR => 1 fault:connection\n"
+     "root:outsider         | 1 note:connection fault:directory fault:other daemon "
+     "| install -d -m 0350 -o krova -g krova $DIR => 1 fault:connection fault:other daemon\n"},
 
     {"SecondDaemon",
      [](Machine& m) {

@@ -105,5 +105,14 @@ TEST(StatusTest, NeedsAQueryOrTheListButNotBoth)
     EXPECT_TRUE(Ctl({"status", "--list", "0x1093036"}).status.ExitedWith(2));
 }
 
+TEST(StatusTest, NumberWithMoreBehindItIsNoNumber)
+{
+    for (const char* query : {"25x", "0x1093036x", "17379382."}) {
+        const Outcome outcome = Ctl({"status", query});
+        EXPECT_TRUE(outcome.status.ExitedWith(1)) << query;
+        EXPECT_EQ(outcome.out, "") << query;
+    }
+}
+
 }  // namespace
 }  // namespace gaktest
