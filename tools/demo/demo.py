@@ -1,6 +1,6 @@
 """Runs a daemon, a tap and twelve workers, makes two workers fail, shuts everything down and reports what happened.
 
-The programs tell what they do in JSON. Every step that is shown as done has been seen: by the daemon, by the tap on
+The programs report what they do in JSON. Every step that is shown as done has been seen: by the daemon, by the tap on
 its socket or in the exit status of a process. The exit status is 0 when all of them are done.
 """
 
@@ -33,8 +33,8 @@ STOP_SECONDS = 8 * STRETCH  # more than the daemon gives its workers
 LOG_LINES_SHOWN = 10
 
 
-class Place:
-    """The socket's directory. What was not there before is removed at the end."""
+class SocketDirectory:
+    """What was not there before is removed at the end."""
 
     def __init__(self):
         self._made = []
@@ -45,7 +45,7 @@ class Place:
 
     def clear(self):
         for path in self._made:
-            with contextlib.suppress(OSError):  # is_clear tells
+            with contextlib.suppress(OSError):  # is_clear notices
                 (os.rmdir if os.path.isdir(path) else os.unlink)(path)
 
     def is_clear(self):
@@ -53,7 +53,7 @@ class Place:
 
 
 def identity(path):
-    """Tells a file from another one that takes its place. None when none is to be seen."""
+    """Which file it is, to notice when another one takes its place. None when there is none."""
     try:
         status = os.lstat(path)
         return status.st_dev, status.st_ino
@@ -66,20 +66,20 @@ class Demonstration:
         self.tools = options.tools
         self.limit = options.time_limit * STRETCH
         self.began = time.monotonic()
-        self.place = Place()
+        self.directory = SocketDirectory()
         self.log = open(options.log, "w+b") if options.log else tempfile.TemporaryFile()
         self.programs = Programs(self.log)
         self.fleet = Fleet()
         self.screen = Screen(self.fleet)
         self.daemon = Program()
         self.tap = Program()
-        self.workers = {}  # device and process type: those that were started here
-        self.daemon_said = {}  # of itself, by event: the detail
-        self.tap_said = Counter()
+        self.workers = {}  # by device and process type: those that were started here
+        self.daemon_events = {}  # about itself: the detail of each event
+        self.tapped_texts = Counter()
         self.custom_ready = set()
         self.received = Counter()  # by the daemon, by type and pid
-        self.carried = Counter()  # to the daemon by the tap
-        self.tap_tells = ""
+        self.forwarded = Counter()  # to the daemon by the tap
+        self.tap_notice = ""
         self.daemon_socket = None
         self.tap_socket = None
         self.final_socket = None
@@ -107,46 +107,46 @@ class Demonstration:
                                and (worker.device, worker.kind) not in others)
 
         return {
-            "serving": (f"the daemon serves {SOCKET}", 1, lambda: int("SERVING" in self.daemon_said)),
+            "serving": (f"the daemon serves {SOCKET}", 1, lambda: int("SERVING" in self.daemon_events)),
             "tapped": ("the tap has replaced its socket", 1,
                        lambda: int(self.tap_socket not in (None, self.daemon_socket))),
             "started": ("START_RSP from each worker", WORKERS, heard("START_RSP")),
-            "beating": (f"{HEARTBEATS} heartbeats and more from each worker", WORKERS,
+            "beating": (f"at least {HEARTBEATS} heartbeats from each worker", WORKERS,
                         lambda: fleet.count(lambda worker: worker.heartbeats >= HEARTBEATS)),
             "asked": ("NOTIFY_VEXOINFO with two libraries from each compute worker", 4,
-                      lambda: self.tap_said[" ".join(["NOTIFY_VEXOINFO", *LIBRARIES])]),
+                      lambda: self.tapped_texts[" ".join(["NOTIFY_VEXOINFO", *LIBRARIES])]),
             "told": ("its custom worker is started, and its call of CreateOrFindCustPid returns", 4,
                      lambda: len(self.custom_ready)),
-            "abnormal": (f"ABNORMAL from device {ABNORMAL_DEVICE} ZOLT, which leaves with status 1", 1,
+            "abnormal": (f"ABNORMAL from device {ABNORMAL_DEVICE} ZOLT, which exits with status 1", 1,
                          ended(ABNORMAL_DEVICE, "ABNORMAL", "exit 1")),
             "killed": (f"SOCKET_CLOSE of device {KILLED_DEVICE} ZOLT, which is killed with SIGKILL", 1,
                        ended(KILLED_DEVICE, "SOCKET_CLOSE", "signal 9")),
             "going on": ("the others go on: another heartbeat from each", LEFT, beats_after_the_kill),
             "ordered": ("SHUTDOWN to each worker that is left", LEFT, heard("SENT_SHUTDOWN")),
             "answered": ("SHUTDOWN_RSP from each of them", LEFT, heard("SHUTDOWN_RSP")),
-            "left": ("each of them leaves with status 0", LEFT,
+            "left": ("each of them exits with status 0", LEFT,
                      lambda: fleet.count(lambda worker: worker.end == "exit 0")),
             "returned": ("the tap restores the socket and ends with status 0", 1,
                          lambda: int(self.tap.end == "exit 0" and self.final_socket == self.daemon_socket)),
             "same": ("tap and daemon saw the same messages", 1,
-                     lambda: int(self.received == self.carried and sum(self.received.values()) > 0)),
+                     lambda: int(self.received == self.forwarded and sum(self.received.values()) > 0)),
             "ended": ("the daemon ends in order", 1,
-                      lambda: int(self.daemon.end == "exit 0" and self.daemon_said.get("ENDED") == "in order")),
+                      lambda: int(self.daemon.end == "exit 0" and self.daemon_events.get("ENDED") == "in order")),
             "clear": ("no process and no file is left", 1,
-                      lambda: int(self.programs.childless and self.place.is_clear())),
+                      lambda: int(self.programs.childless and self.directory.is_clear())),
         }
 
     def is_done(self, name):
         _, want, have = self.steps[name]
         return have() == want
 
-    # ---- What the programs say ----
+    # ---- What the programs report ----
 
     def on_daemon_line(self, line):
         event = json.loads(line)
         name = event["event"]
         if "device" not in event:
-            self.daemon_said[name] = event.get("detail", "")
+            self.daemon_events[name] = event.get("detail", "")
             self.screen.event(self.now(), "daemon", f"{name} {event.get('detail', '')}".rstrip())
         if name in ("START_RSP", "SHUTDOWN_RSP", "HEARTBEAT", "NOTIFY_VEXOINFO", "ABNORMAL"):
             self.received[name, event["pid"]] += 1
@@ -165,10 +165,10 @@ class Demonstration:
         device = message["src_id" if to_daemon else "dest_id"]
         libraries = message.get("lib_names", {}).get("lib_name", [])
         text = " ".join([message["type"], *libraries])
-        self.tap_said[text] += 1
+        self.tapped_texts[text] += 1
         if to_daemon:
-            self.carried[message["type"], record["claimed_pid"]] += 1
-        later_heartbeat = message["type"] == "HEARTBEAT" and self.carried["HEARTBEAT", record["claimed_pid"]] > 1
+            self.forwarded[message["type"], record["claimed_pid"]] += 1
+        later_heartbeat = message["type"] == "HEARTBEAT" and self.forwarded["HEARTBEAT", record["claimed_pid"]] > 1
         if (device == 0 and not later_heartbeat) or message["type"] == "ABNORMAL":
             arrow = "->" if to_daemon else "<-"
             self.screen.event(self.now(), "tap", f"device {device}  pid {record['pid']:<8}  {arrow}  "
@@ -176,7 +176,7 @@ class Demonstration:
 
     def on_tap_error_line(self, line):
         self.programs.log(line)
-        self.tap_tells = self.tap_tells or line.partition(": ")[2]
+        self.tap_notice = self.tap_notice or line.partition(": ")[2]
 
     def on_worker_line(self, line):
         event = json.loads(line)
@@ -186,7 +186,7 @@ class Demonstration:
     # ---- Waiting ----
 
     def something_went_wrong(self):
-        """There is no use in waiting on."""
+        """Whether waiting any longer is pointless."""
         may_end = (self.workers.get((ABNORMAL_DEVICE, "ZOLT")), self.workers.get((KILLED_DEVICE, "ZOLT")))
         too_early = [program for program in self.workers.values() if program.end and program not in may_end]
         return self.programs.interrupted_by is not None or bool(self.daemon.end or self.tap.end or too_early)
@@ -207,7 +207,7 @@ class Demonstration:
         self.wait(lambda: all(map(self.is_done, names)) or self.something_went_wrong())
         return all(map(self.is_done, names))
 
-    # ---- The parts ----
+    # ---- The scenes ----
 
     def start(self, words, *listeners, show=True, **settings):
         if show:
@@ -216,8 +216,8 @@ class Demonstration:
 
     def serve(self):
         self.screen.begin("1 The daemon serves the socket.")
-        self.place.prepare()
-        self.daemon = self.start(["gakppcd", "--json", "--auto-custom"], self.on_daemon_line, takes_orders=True)
+        self.directory.prepare()
+        self.daemon = self.start(["gakppcd", "--json", "--auto-custom"], self.on_daemon_line, has_input=True)
         if not self.reach("serving"):
             return False
         self.daemon_socket = identity(SOCKET)
@@ -226,14 +226,14 @@ class Demonstration:
     def listen(self):
         self.screen.begin("2 A tap replaces the socket: from now on every message passes through it.")
         self.tap = self.start(["gakppctl", "tap", "--json"], self.on_tap_line, self.on_tap_error_line)
-        self.wait(lambda: "in place" in self.tap_tells or self.something_went_wrong())
+        self.wait(lambda: "in place" in self.tap_notice or self.something_went_wrong())
         self.tap_socket = identity(SOCKET)
-        self.screen.event(self.now(), "tap", self.tap_tells)
+        self.screen.event(self.now(), "tap", self.tap_notice)
         return self.reach("tapped")
 
-    def order_daemon(self, text):
+    def command_daemon(self, text):
         self.screen.remark(f"standard input of gakppcd: {text}")
-        self.daemon.order(text)
+        self.daemon.write_line(text)
 
     def start_worker(self, device, kind, *more):
         words = ["gakppctl", "worker", "--json", "--device", str(device), "--type", kind, *more]
@@ -260,7 +260,7 @@ class Demonstration:
 
     def shut_down(self):
         self.screen.begin("5 The daemon orders the shutdown: each worker answers and leaves.")
-        self.order_daemon("shutdown all")
+        self.command_daemon("shutdown all")
         self.wait(lambda: all(map(self.is_done, ("ordered", "answered", "left")))
                   or self.programs.interrupted_by is not None or bool(self.daemon.end), STOP_SECONDS)
         self.screen.table()
@@ -269,7 +269,7 @@ class Demonstration:
         """Also after a failure: everything that was started ends."""
         self.screen.begin("6 The tap restores the daemon's socket, the daemon ends.")
         if self.daemon.runs() and any(program.runs() for program in self.workers.values()):
-            self.order_daemon("quit")
+            self.command_daemon("quit")
             self.wait(lambda: bool(self.daemon.end), STOP_SECONDS)
         self.tap.kill(signal.SIGTERM)
         self.wait(lambda: not self.tap.runs(), STOP_SECONDS)
@@ -277,11 +277,11 @@ class Demonstration:
         if self.tap.pid:
             self.screen.event(self.now(), "tap", f"has ended ({self.tap.end or 'not at all'})")
         if self.daemon.runs():
-            self.order_daemon("quit")
+            self.command_daemon("quit")
         if not self.wait(self.programs.is_over, STOP_SECONDS):
             self.programs.kill_rest()
             self.wait(self.programs.is_over, STOP_SECONDS)
-        self.place.clear()
+        self.directory.clear()
 
     def play(self):
         try:
@@ -293,7 +293,7 @@ class Demonstration:
             self.stop()
 
     def result(self):
-        """Prints what happened; whether all of it did."""
+        """Prints what happened. Returns whether every step did."""
         lines = []
         complete = True
         for name, (text, want, have) in self.steps.items():
@@ -301,9 +301,9 @@ class Demonstration:
             done = self.is_done(name)
             complete = complete and done
             lines.append(f"{'done' if done else 'MISSING':<9}{text}{number}")
-        messages = sum(self.carried.values())
+        messages = sum(self.forwarded.values())
         lines += ["", f"The demonstration {'is complete' if complete else 'FAILED'} after {self.now():.1f} s; "
-                      f"the tap carried {messages} messages to the daemon."]
+                      f"the tap forwarded {messages} messages to the daemon."]
         self.screen.result(lines)
         if not complete:
             self.show_log()

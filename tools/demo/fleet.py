@@ -1,4 +1,4 @@
-"""What is known of the workers, from the lines that the daemon prints."""
+"""What is known about the workers, from the lines that the daemon prints."""
 
 DEVICES = range(4)
 TYPES = ("ZOLT", "COMPUTE", "CUSTOM_COMPUTE")
@@ -26,7 +26,7 @@ class Fleet:
         self.workers = {(device, kind): Worker(device, kind) for device in DEVICES for kind in TYPES}
 
     def apply(self, event, now):
-        """Takes in one line of gakppcd --json. The worker that it speaks of, if any."""
+        """Applies one line of gakppcd --json. Returns the worker that it is about, if any."""
         worker = self.workers.get((event.get("device"), event.get("process_type")))
         if worker is None or worker.pid not in (None, event["pid"]):
             return None
@@ -48,7 +48,7 @@ class Fleet:
 
     def table(self):
         row = "  {:>6}  {:<14}  {:>8}  {:<9}  {:>10}  {:>12}  {}".format
-        lines = [row("DEVICE", "PROCESS TYPE", "PID", "STATE", "HEARTBEATS", "THE LAST AT", "END")]
+        lines = [row("DEVICE", "PROCESS TYPE", "PID", "STATE", "HEARTBEATS", "LAST BEAT AT", "END")]
         for worker in self.workers.values():
             last = "-" if worker.last_heartbeat is None else f"{worker.last_heartbeat:.1f} s"
             lines.append(row(worker.device, worker.kind, worker.pid or "-", worker.state, worker.heartbeats, last,

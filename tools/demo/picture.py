@@ -54,7 +54,7 @@ def form(lines):
 
 
 def differences(path, lines):
-    """What tells the run in `lines` from the picture, for people; empty when they have the same form."""
+    """How the run in `lines` differs from the picture, to be read; empty when they have the same form."""
     pictured, seen = form(read(path)), form(lines)
     return [f"only in {path}: {line}" for line in sorted(pictured - seen)] + \
         [f"only in this run: {line}" for line in sorted(seen - pictured)]

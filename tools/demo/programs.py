@@ -1,4 +1,4 @@
-"""The programs of the demonstration: started, listened to, waited for, and none left behind."""
+"""Starts the programs of the demonstration, reads their output and waits for them; none is left behind."""
 
 import contextlib
 import ctypes
@@ -32,15 +32,15 @@ class Program:
     """A process that was started here. `end` is "exit 0", "signal 9" or, while it runs, empty; it is empty and `pid` 0
     before the start."""
 
-    def __init__(self, pid=0, orders=None):
+    def __init__(self, pid=0, standard_input=None):
         self.pid = pid
         self.end = ""
-        self._orders = orders
+        self._input = standard_input
 
-    def order(self, text):
+    def write_line(self, text):
         """Writes a line to its standard input, if it still runs."""
         with contextlib.suppress(BrokenPipeError):
-            os.write(self._orders, text.encode() + b"\n")
+            os.write(self._input, text.encode() + b"\n")
 
     def runs(self):
         return self.pid != 0 and not self.end
@@ -67,10 +67,10 @@ class Programs:
             signal.signal(number, lambda *_: None)  # the byte in the pipe tells
         LIBC.prctl(PR_SET_CHILD_SUBREAPER, 1)
 
-    def start(self, words, on_line, on_error_line=None, takes_orders=False):
+    def start(self, words, on_line, on_error_line=None, has_input=False):
         out, child_out = os.pipe2(os.O_CLOEXEC)
         err, child_err = os.pipe2(os.O_CLOEXEC) if on_error_line else (None, self._log)
-        child_in, orders = os.pipe2(os.O_CLOEXEC) if takes_orders else (os.open(os.devnull, os.O_RDONLY), None)
+        child_in, standard_input = os.pipe2(os.O_CLOEXEC) if has_input else (os.open(os.devnull, os.O_RDONLY), None)
         parent = os.getpid()
         pid = os.fork()
         if pid == 0:
@@ -80,14 +80,14 @@ class Programs:
         self._listen(out, on_line)
         if on_error_line:
             self._listen(err, on_error_line)
-        self._programs[pid] = Program(pid, orders)
+        self._programs[pid] = Program(pid, standard_input)
         return self._programs[pid]
 
     def log(self, line):
         os.write(self._log, line.encode() + b"\n")
 
     def pump(self, seconds):
-        """Takes in what has happened, or waits for something so long."""
+        """Handles what has happened; waits for something as long as `seconds`."""
         for key, _ in self._selector.select(max(seconds, 0)):
             if key.fd == self._signals:
                 self._on_signals()
@@ -96,7 +96,7 @@ class Programs:
                 os.close(key.fd)
 
     def kill_rest(self):
-        """Also those that were adopted."""
+        """Kills all that is left, also what was adopted."""
         with open(f"/proc/self/task/{os.getpid()}/children", encoding="ascii") as children:
             for pid in children.read().split():
                 os.kill(int(pid), signal.SIGKILL)  # none of them can be reaped, and its number used again, meanwhile
@@ -129,7 +129,7 @@ class Programs:
 
 
 def _become(words, parent, files):
-    """In the child: ends with its parent, and Ctrl-C is the parent's."""
+    """In the child, which ends with its parent and does not get the parent's Ctrl-C."""
     try:
         LIBC.prctl(PR_SET_PDEATHSIG, signal.SIGTERM)
         os.setpgid(0, 0)

@@ -34,20 +34,20 @@ class Screen:
         self.draw()
 
     def command(self, words):
-        self._tell("  $ " + " ".join(words))
+        self._append("  $ " + " ".join(words))
 
     def remark(self, text):
-        self._tell(f"  ({text})")
+        self._append(f"  ({text})")
 
     def event(self, now, source, text):
-        self._tell(f"  {now:5.2f} s  {source:<6}  {text}")
+        self._append(f"  {now:5.2f} s  {source:<6}  {text}")
 
     def table(self):
         self._keep("", *self.fleet.table())
         self.draw()
 
     def draw(self):
-        """Puts the table over its former self."""
+        """Draws the table over the previous one."""
         if not self.live:
             return
         lines = [self.title, "", *self.fleet.table(), "", *self.recent]
@@ -58,11 +58,11 @@ class Screen:
         self.drawn = len(lines)
 
     def result(self, lines):
-        """What the demonstration ends with, on every kind of output."""
+        """Prints the last lines, on every kind of output."""
         self.live = False
         self._keep("", *lines)
 
-    def _tell(self, line):
+    def _append(self, line):
         self.recent = [*self.recent, line][-LINES_BELOW_THE_TABLE:]
         self._keep(line)
         self.draw()
