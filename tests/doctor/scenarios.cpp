@@ -469,6 +469,66 @@ const std::vector<Scenario> kFaultyScenarios{
      "outsider root:outsider| 1 note:connection fault:directory "
      "| mv -T $DIR $DIR.moved1 && install -d -m 0350 -o krova -g krova $DIR => 1 fault:connection\n"},
 
+    {"NoDirectoryBelowAParentThatPassesItsGroupOn",
+     [](Machine&) {
+         Machine::Chown(kHome, kKrova, kStaff);
+         Machine::Chmod(kHome, 02755);
+     },
+     "root krova root:krova | 3 note:connection note:directory\n"
+     "member root:member    | 1 note:connection fault:directory | install -d -m 0350 -o krova -g staff $DIR "
+     "=> 1 fault:connection\n"
+     "outsider root:outsider| 1 note:connection fault:directory | install -d -m 0350 -o krova -g staff $DIR "
+     "=> 1 fault:connection\n"},
+
+    {"NoDirectoryInAFullFileSystem",
+     [](Machine&) {
+         Machine::MountTmpfs(kHome, "mode=0755,uid=3001,gid=4001,nr_inodes=4");
+         FillWithFiles(kHome);
+     },
+     "root krova root:krova | 1 note:connection note:directory fault:file system\n"
+     "member outsider       | 1 note:connection fault:directory fault:file system\n"
+     "root:member root:outsider | 1 note:connection fault:directory fault:file system\n"},
+
+    {"FileInTheDirectorysPlaceAndRootsParent",
+     [](Machine&) {
+         Machine::Chown(kHome, kRoot, kRoot);
+         MakeEmptyFile(kDir, 0644);
+     },
+     "root                  | 1 note:connection fault:directory "
+     "| mv -T $DIR $DIR.moved1 && install -d -m 0350 -o root -g root $DIR => 3 note:connection\n"
+     "krova member outsider | 1 note:connection fault:directory\n"
+     "root:krova root:member root:outsider | 1 note:connection fault:directory\n"},
+
+    {"SecondFileInTheDirectorysPlace",
+     [](Machine&) {
+         MakeEmptyFile(kDir, 0644);
+         MakeEmptyFile(kDir + ".moved1", 0644);
+     },
+     "root krova member     | 1 note:connection fault:directory "
+     "| mv -T $DIR $DIR.moved2 && install -d -m 0350 -o krova -g krova $DIR => 3 note:connection\n"
+     "root:krova root:member| 1 note:connection fault:directory "
+     "| mv -T $DIR $DIR.moved2 && install -d -m 0350 -o krova -g krova $DIR => 3 note:connection\n"
+     "outsider root:outsider| 1 note:connection fault:directory "
+     "| mv -T $DIR $DIR.moved2 && install -d -m 0350 -o krova -g krova $DIR => 1 fault:connection\n"},
+
+    {"FileInTheDirectorysPlaceAndNoNameFree",
+     [](Machine&) {
+         MakeEmptyFile(kDir, 0644);
+         for (int i = 1; i < 10; ++i) {
+             MakeEmptyFile(kDir + ".moved" + std::to_string(i), 0644);
+         }
+     },
+     "root krova member outsider           | 1 note:connection fault:directory\n"
+     "root:krova root:member root:outsider | 1 note:connection fault:directory\n"},
+
+    {"LinkToAFileInTheDirectorysPlace",
+     [](Machine&) {
+         MakeEmptyFile("/home/elsewhere", 0644);
+         fs::create_symlink("/home/elsewhere", kDir);
+     },
+     "root krova member outsider           | 1 note:connection fault:directory\n"
+     "root:krova root:member root:outsider | 1 note:connection fault:directory\n"},
+
     {"DanglingLink", [](Machine&) { fs::create_symlink("/home/elsewhere", kDir); },
      "root krova member outsider            | 1 note:connection fault:directory\n"
      "root:krova root:member root:outsider  | 1 note:connection fault:directory\n",
@@ -507,6 +567,45 @@ const std::vector<Scenario> kFaultyScenarios{
      "root krova            | 1 fault:directory mode | chmod o-w $DIR => 0\n"
      "root:krova root:member| 1 fault:directory mode | chmod o-w $DIR => 0\n"
      "member                | 1 fault:directory mode unknown:daemon | chmod o-w $DIR => 0 unknown:daemon\n"
+     "outsider              | 1 fault:connection fault:directory mode unknown:daemon "
+     "| usermod -aG krova outsider | chmod o-w $DIR => 0 unknown:daemon\n"
+     "root:outsider         | 1 fault:connection fault:directory mode "
+     "| usermod -aG krova outsider | chmod o-w $DIR => 0\n"},
+
+    {"OwnDirectoryOfAnotherGroupThatAnybodyMayWriteTo",
+     [](Machine& m) {
+         Machine::Make(kDir, 0777, kKrova, kStaff);
+         StartKrovasDaemon(m);
+     },
+     "root krova            | 1 fault:directory mode | chmod o-w $DIR => 0\n"
+     "root:krova root:member| 1 fault:directory mode | chmod o-w $DIR => 0\n"
+     "member                | 1 fault:directory mode unknown:daemon | chmod o-w $DIR => 0 unknown:daemon\n"
+     "outsider              | 1 fault:connection fault:directory mode unknown:daemon "
+     "| usermod -aG krova outsider | chmod o-w $DIR => 0 unknown:daemon\n"
+     "root:outsider         | 1 fault:connection fault:directory mode "
+     "| usermod -aG krova outsider | chmod o-w $DIR => 0\n"},
+
+    {"DirectoryOfTheDaemonsGroupThatAnybodyMayWriteTo",
+     [](Machine& m) {
+         Machine::Make(kDir, 0777, kRoot, kKrova);
+         StartKrovasDaemon(m);
+     },
+     "root krova            | 1 fault:directory mode | chmod o-w $DIR => 0\n"
+     "root:krova root:member| 1 fault:directory mode | chmod o-w $DIR => 0\n"
+     "member                | 1 fault:directory mode unknown:daemon | chmod o-w $DIR => 0 unknown:daemon\n"
+     "outsider              | 1 fault:connection fault:directory mode unknown:daemon "
+     "| usermod -aG krova outsider | chmod o-w $DIR => 0 unknown:daemon\n"
+     "root:outsider         | 1 fault:connection fault:directory mode "
+     "| usermod -aG krova outsider | chmod o-w $DIR => 0\n"},
+
+    {"RootsDaemonInADirectoryThatAnybodyMayWriteTo",
+     [](Machine& m) {
+         Machine::Make(kDir, 0777, kKrova, kKrova);
+         m.StartDaemon(kRoot, kKrova, "0007");
+     },
+     "root                  | 1 fault:directory mode | chmod o-w $DIR => 0\n"
+     "root:krova root:member| 1 fault:directory mode | chmod o-w $DIR => 0\n"
+     "krova member          | 1 fault:directory mode unknown:daemon | chmod o-w $DIR => 0 unknown:daemon\n"
      "outsider              | 1 fault:connection fault:directory mode unknown:daemon "
      "| usermod -aG krova outsider | chmod o-w $DIR => 0 unknown:daemon\n"
      "root:outsider         | 1 fault:connection fault:directory mode "
