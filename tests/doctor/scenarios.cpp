@@ -124,6 +124,16 @@ const std::vector<Scenario> kHealthyScenarios{
      "root:krova root:member root:outsider | 0\n"
      "member outsider       | 0 unknown:daemon\n"},
 
+    {"AccessControlListThatLetsTheDaemonListen",
+     [](Machine& m) {
+         Machine::Make(kDir, 0350, kRoot, kRoot);
+         Machine::AddAcl(kDir, kKrova, 3);
+         StartKrovasDaemon(m);
+     },
+     "root krova root:krova | 0\n"
+     "member outsider       | 1 fault:connection\n"
+     "root:member root:outsider | 1 fault:connection\n"},
+
     {"AccessControlListOfTheDirectory",
      [](Machine& m) {
          StartKrovasDaemon(m, "0022");
@@ -548,6 +558,41 @@ const std::vector<Scenario> kFaultyScenarios{
      "root:krova            | 1 fault:connection fault:directory | chown krova $DIR => 0\n"
      "root:member           | 1 fault:connection fault:directory | chown krova $DIR => 1 fault:connection\n"
      "root:outsider         | 1 fault:connection fault:directory | chown krova $DIR => 1 fault:connection\n"},
+
+    {"DirectoryGivenToRootAfterTheDaemonHasEnded",
+     [](Machine& m) {
+         StartKrovasDaemon(m);
+         m.StopDaemon(SIGTERM);
+         Machine::Chown(kDir, kRoot, kRoot);
+     },
+     "root                  | 3 note:connection note:directory\n"
+     "krova member outsider | 1 fault:connection\n"
+     "root:krova root:member root:outsider | 1 fault:connection note:directory\n"},
+
+    {"DirectoryGivenToTheMember",
+     [](Machine& m) {
+         StartKrovasDaemon(m);
+         Machine::Chown(kDir, kMember, kMember);
+     },
+     "root root:member      | 1 fault:directory\n"
+     "member                | 1 fault:directory unknown:daemon\n"
+     "krova outsider        | 1 fault:connection\n"
+     "root:krova            | 1 fault:connection fault:directory | usermod -aG member krova => 1 fault:directory\n"
+     "root:outsider         | 1 fault:connection fault:directory | usermod -aG member,krova outsider "
+     "=> 1 fault:directory\n"},
+
+    {"DirectoryGivenToRootWhoseOwnBitsAreMissing",
+     [](Machine& m) {
+         StartKrovasDaemon(m);
+         Machine::Chown(kDir, kRoot, kKrova);
+         Machine::Chmod(kDir, 0050);
+     },
+     "root krova            | 1 fault:directory\n"
+     "root:krova root:member| 1 fault:directory\n"
+     "member                | 1 fault:directory unknown:daemon\n"
+     "outsider              | 1 fault:connection\n"
+     "root:outsider         | 1 fault:connection fault:directory | usermod -aG krova outsider "
+     "=> 1 fault:directory\n"},
 
     {"DirectoryMadeByAWorker",
      [](Machine&) {
