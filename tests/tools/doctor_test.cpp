@@ -152,6 +152,7 @@ TEST_F(Doctor, NameThatNobodyHasIsWrongUsage)
     EXPECT_TRUE(outcome.status.ExitedWith(2)) << outcome.status;
     EXPECT_EQ(outcome.err, "gakppctl: there is no user noboby\n");
     EXPECT_EQ(outcome.out, "");
+    EXPECT_LT(Ctl({"doctor", "--user", std::string(300, 'x')}).err.size(), 200U);
 }
 
 TEST_F(Doctor, OtherUserIsTriedAsThatUser)

@@ -370,6 +370,20 @@ TEST(TapStandaloneTest, NoDaemonIsTold)
     EXPECT_EQ(Ctl({"tap"}).err, "gakppctl: no daemon listens at " + kSock + "\n");
 }
 
+TEST_F(TapTest, UserWhoMayNotLookForADaemonIsToldSo)
+{
+    if (!MapsOtherUsers()) {
+        GTEST_SKIP() << "an ordinary user's namespace has no second user";
+    }
+    ASSERT_EQ(chmod("/home/KrovaUser/qel_ppc", 0350), 0);
+    // The program may lie where nobody comes to, so it is opened before the change of the user.
+    const std::string script =
+        "exec 9<\"$0\" && exec setpriv --reuid=65534 --regid=65534 --clear-groups /proc/self/fd/9 tap";
+    Tool tool("sh", {"-c", script, kGakppctl});
+    EXPECT_TRUE(tool.Finish().ExitedWith(1)) << "a daemon may well listen there";
+    EXPECT_EQ(tool.err(), "gakppctl: " + kSock + ": Permission denied\n");
+}
+
 TEST_F(TapTest, FileThatCannotBeWrittenIsTold)
 {
     EXPECT_TRUE(Ctl({"tap", "--write", "/nowhere/trace.cap"}).status.ExitedWith(1));

@@ -21,10 +21,18 @@ namespace {
 
 constexpr int kBacklog = 4096;
 
+[[noreturn]] void Fail(const char* path)
+{
+    throw ExitError(kExitFailed, fmt::format("{}: {}", path, strerror(errno)));
+}
+
 struct stat SocketFile()
 {
     struct stat file {};
     if (lstat(kSocketPath, &file) == -1) {
+        if (errno != ENOENT && errno != ENOTDIR) {
+            Fail(kSocketPath);
+        }
         throw ExitError(kExitNoDaemon, fmt::format("no daemon listens at {}: {}", kSocketPath, strerror(errno)));
     }
     if (!S_ISSOCK(file.st_mode)) {
@@ -34,11 +42,6 @@ struct stat SocketFile()
         throw ExitError(kExitNoDaemon, fmt::format("no daemon listens at {}", kSocketPath));
     }
     return file;
-}
-
-[[noreturn]] void Fail(const char* path)
-{
-    throw ExitError(kExitFailed, fmt::format("{}: {}", path, strerror(errno)));
 }
 
 void CopyAccess(const struct stat& from, const char* to)

@@ -54,7 +54,7 @@ Identity IdentityOfUser(const std::string& name)
 {
     const passwd* user = getpwnam(name.c_str());
     if (user == nullptr) {
-        throw ExitError(kExitUsage, fmt::format("there is no user {}", name));
+        throw ExitError(kExitUsage, fmt::format("there is no user {:.100}", name));
     }
     return IdentityOf(*user);
 }
