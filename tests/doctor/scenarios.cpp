@@ -759,7 +759,7 @@ const std::vector<Scenario> kFaultyScenarios{
      "root                  | 0\n"
      "krova member outsider | 1 fault:connection\n"
      "root:krova root:member root:outsider | 1 fault:connection\n",
-     "root:krova | it may not enter /home\n"
+     "krova | it may not enter /home; whether a daemon listens is unknown\n"
      "root:krova | it is not the modes of these files that refuse: a folder above them\n"},
 
     {"ParentThatAnybodyMayWriteTo",
