@@ -39,13 +39,15 @@ const User kMember{"member", 3002, 4002};
 const User kOutsider{"outsider", 3003, 4003};
 const User kStaff{"staff", 3004, 4004};
 const User kNameless{"nobody", 3005, 4005};
+const User kNogroup{"nogroup", 65534, 65534};
 
 namespace {
 
 constexpr char kPasswd[] =
     "root:x:0:0::/root:/bin/sh\nkrova:x:3001:4001::/home/KrovaUser:/bin/sh\nmember:x:3002:4002::/:/bin/sh\n"
     "outsider:x:3003:4003::/:/bin/sh\nstaff:x:3004:4004::/:/bin/sh\n";
-constexpr char kGroup[] = "root:x:0:staff\nkrova:x:4001:member\nmember:x:4002:\noutsider:x:4003:\nstaff:x:4004:\n";
+constexpr char kGroup[] =
+    "root:x:0:staff\nkrova:x:4001:member\nmember:x:4002:\noutsider:x:4003:\nstaff:x:4004:\nnogroup:x:65534:\n";
 const std::string kPrograms = "/etc/programs";  // where every user comes to
 
 void Check(bool ok, const std::string& what)

@@ -34,6 +34,7 @@ struct User {
 };
 extern const User kRoot, kKrova, kMember, kOutsider, kStaff;
 extern const User kNameless;  // the system has no name for this user and its group
+extern const User kNogroup;   // the group of those who have none
 
 // Why no such machine can be made here. Empty when it can.
 std::string ReasonToSkip();

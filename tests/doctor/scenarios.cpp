@@ -103,7 +103,7 @@ const std::vector<Scenario> kHealthyScenarios{
      "root                  | 0\n"
      "krova member outsider | 1 fault:connection\n"
      "root:krova root:member root:outsider | 1 fault:connection\n",
-     "root:krova | which nobody should join\n"},
+     "root:krova | these files belong to the group root, which nobody should join\n"},
 
     {"Everybody",
      [](Machine& m) {
@@ -410,6 +410,23 @@ const std::vector<Scenario> kFaultyScenarios{
      "root:member           | 1 fault:connection | usermod -aG staff member => 0\n"
      "outsider              | 1 fault:connection\n"
      "root:outsider         | 1 fault:connection | usermod -aG krova,staff outsider => 0\n"},
+
+    {"DaemonOfNogroup", [](Machine& m) { m.StartDaemon(kKrova, kNogroup, "0022"); },
+     "root root:krova       | 0\n"
+     "krova                 | 0 unknown:daemon\n"
+     "member outsider       | 1 fault:connection\n"
+     "root:member root:outsider | 1 fault:connection\n",
+     "root:member | these files belong to the group nogroup, which nobody should join\n"},
+
+    {"DirectoryOfNogroup",
+     [](Machine& m) {
+         Machine::Make(kDir, 0350, kKrova, kNogroup);
+         StartKrovasDaemon(m);
+     },
+     "root krova root:krova | 0\n"
+     "member outsider       | 1 fault:connection\n"
+     "root:member root:outsider | 1 fault:connection\n",
+     "root:outsider | these files belong to the group nogroup, which nobody should join\n"},
 
     {"GroupThatHasNoName",
      [](Machine& m) {
@@ -929,7 +946,9 @@ const std::vector<Scenario> kFaultyScenarios{
      "member                | 3 note:connection unknown:other daemon\n"
      "outsider              | 1 fault:connection\n"
      "root:outsider         | 1 fault:connection fault:other daemon\n",
-     "root | workers reach it again after its next start\n"},
+     "root | process $PID (gakppcd) listens on a socket that no worker reaches any more\n"
+     "root | workers reach it again after its next start\n"
+     "member | a process that cannot be seen from here listens on another socket\n"},
 
     {"SocketReplacedByAFile",
      [](Machine& m) {

@@ -11,6 +11,12 @@ std::string HexOf(const Bytes& bytes)
     return Hex(bytes);
 }
 
+void WriteFile(const std::string& path, const Bytes& bytes)
+{
+    std::ofstream(path, std::ios::binary)
+        .write(reinterpret_cast<const char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
+}
+
 TEST(DecodeTest, HexadecimalMessageIsShown)
 {
     const Outcome outcome = Ctl({"decode"}, HexOf(PpcFrame(FromWorker(2))));
@@ -97,6 +103,16 @@ TEST(DecodeTest, OddNumberOfDigitsFails)
     EXPECT_EQ(outcome.out, "");
 }
 
+TEST(DecodeTest, EmptyFileIsNoCapture)
+{
+    WriteFile("/home/nothing.cap", {});
+    for (const Outcome& outcome : {Ctl({"decode", "/home/nothing.cap"}), Ctl({"decode"}), Ctl({"decode"}, " \n")}) {
+        EXPECT_TRUE(outcome.status.ExitedWith(1)) << outcome.status;
+        EXPECT_EQ(outcome.err, "gakppctl: neither a capture nor hexadecimal digits: it is empty\n");
+        EXPECT_EQ(outcome.out, "");
+    }
+}
+
 TEST(DecodeTest, MissingFileFails)
 {
     const Outcome outcome = Ctl({"decode", "/nowhere/trace.cap"});
@@ -152,12 +168,6 @@ Bytes CaptureOfOneHeartbeat(uint8_t version)
     file.insert(file.end(), rest.begin(), rest.end());
     file.insert(file.end(), frame.begin(), frame.end());
     return file;
-}
-
-void WriteFile(const std::string& path, const Bytes& bytes)
-{
-    std::ofstream(path, std::ios::binary)
-        .write(reinterpret_cast<const char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
 }
 
 TEST(DecodeTest, CaptureIsShownAsRecorded)

@@ -21,19 +21,12 @@ namespace {
 constexpr size_t kLongestWord = 80;
 constexpr size_t kFarthestGuess = 2;
 
-constexpr char kStatusesOfTasks[] =
-    "  0    success\n"
+constexpr char kFailures[] =
     "  1    failed\n"
-    "  2    wrong usage\n"
-    "  3    no daemon\n"
-    "  124  time-out\n"
+    "  2    wrong usage\n";
+constexpr char kSignals[] =
     "  130  ended by SIGINT\n"
-    "  143  ended by SIGTERM";
-constexpr char kStatusesOfServices[] =
-    "  0    success, also when --for, SIGINT, SIGTERM or SIGHUP ends it\n"
-    "  1    failed\n"
-    "  2    wrong usage\n"
-    "  3    no daemon";
+    "  143  ended by SIGTERM\n";
 
 // How many letters have to be inserted, removed or replaced to make one text of the other.
 size_t EditDistance(const std::string& from, const std::string& to)
@@ -167,15 +160,28 @@ std::string VersionText(const std::string& program)
                        qel::PPCMessage::descriptor()->file()->name(), qel::PPCMessage::descriptor()->full_name());
 }
 
+std::string StatusesText(const std::vector<ExitCode>& others, OnSignal onSignal)
+{
+    const bool isService = onSignal == OnSignal::kDone;
+    std::string text =
+        isService ? "  0    success, also when --for, SIGINT, SIGTERM or SIGHUP ends it\n" : "  0    success\n";
+    text += kFailures;
+    for (const ExitCode status : others) {
+        text +=
+            fmt::format("  {:<3}  {}\n", static_cast<int>(status), status == kExitNoDaemon ? "no daemon" : "time-out");
+    }
+    return isService ? text : text + kSignals;
+}
+
 }  // namespace
 
-void AddStandardOptions(CLI::App& app, const std::string& examples, OnSignal onSignal)
+void AddStandardOptions(CLI::App& app, const std::string& examples, const std::vector<ExitCode>& statuses,
+                        OnSignal onSignal)
 {
     const CLI::App& program = app.get_parent() != nullptr ? *app.get_parent() : app;
     app.formatter(std::make_shared<FirstLines>());
     app.set_version_flag("-V,--version", VersionText(program.get_name()), "Print the versions and exit");
-    app.footer("Examples:\n" + examples + "\n\nExit status:\n" +
-               (onSignal == OnSignal::kDone ? kStatusesOfServices : kStatusesOfTasks));
+    app.footer("Examples:\n" + examples + "\n\nExit status:\n" + StatusesText(statuses, onSignal));
 }
 
 int RunProgram(CLI::App& app, const std::vector<Subcommand>& subcommands, int argc, char** argv)

@@ -23,8 +23,10 @@ enum class OnSignal {
     kDone,         // running until a signal comes is its task: exit status 0
 };
 
-// Gives `app` what every program and subcommand has: -V, and examples and exit statuses at the end of --help.
-void AddStandardOptions(CLI::App& app, const std::string& examples, OnSignal onSignal = OnSignal::kInterrupted);
+// Gives `app` what every program and subcommand has: -V, and examples and exit statuses at the end of --help. Besides
+// those that all of them have, `statuses` are its own: kExitNoDaemon, kExitTimeLimit.
+void AddStandardOptions(CLI::App& app, const std::string& examples, const std::vector<ExitCode>& statuses,
+                        OnSignal onSignal = OnSignal::kInterrupted);
 
 // Reads the command line and runs what it asks for: the subcommand that it names, or `run` of the only entry, whose app
 // is `app` itself. `help COMMAND` is the same as `COMMAND --help`. Returns the exit status.

@@ -89,6 +89,6 @@ int main(int argc, char** argv)
                                    "  $ echo 'shutdown all' | gakppcd --json --for 10\n\n"
                                    "Commands on standard input:\n") +
                            kCommandHelp,
-                       OnSignal::kDone);
+                       {}, OnSignal::kDone);
     return RunProgram(app, {{&app, [&options] { return Run(options); }, false}}, argc, argv);
 }

@@ -79,6 +79,9 @@ Bytes ParseHex(const std::string& content)
 void ShowHex(const std::string& content, Printer& printer)
 {
     const Bytes bytes = ParseHex(content);
+    if (bytes.empty()) {
+        throw ExitError(kExitFailed, "neither a capture nor hexadecimal digits: it is empty");
+    }
     FrameStream stream([&printer](StreamItem&& item) {
         Record record = RecordOf(std::move(item));
         record.connection = 1;
@@ -114,7 +117,8 @@ Subcommand AddDecode(CLI::App& program)
     AddStandardOptions(*app,
                        "  $ gakppctl decode trace.cap\n"
                        "  $ gakppctl decode trace.cap --pid 4711 --message heartbeat\n"
-                       "  $ echo '0000000D 09000000 0802 18D09601 28E724' | gakppctl decode");
+                       "  $ echo '0000000D 09000000 0802 18D09601 28E724' | gakppctl decode",
+                       {});
     return {app, [options] {
                 options->style.coloured = OutputIsColoured();
                 return Run(*options);

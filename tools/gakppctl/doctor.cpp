@@ -127,7 +127,8 @@ Subcommand AddDoctor(CLI::App& program)
     AddStandardOptions(*app,
                        "  $ gakppctl doctor\n"
                        "  # gakppctl doctor --user KrovaUser\n"
-                       "  $ gakppctl doctor --all --json");
+                       "  $ gakppctl doctor --all --json",
+                       {kExitNoDaemon});
     return {app, [options] { return Run(*options); }};
 }
 

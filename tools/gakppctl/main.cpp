@@ -15,6 +15,7 @@ int main(int argc, char** argv)
                        "  $ gakppctl worker --device 0 --type COMPUTE\n"
                        "  $ gakppctl tap --json\n"
                        "  $ gakppctl doctor\n"
-                       "  $ gakppctl help tap");
+                       "  $ gakppctl help tap",
+                       {kExitNoDaemon, kExitTimeLimit});
     return RunProgram(app, subcommands, argc, argv);
 }

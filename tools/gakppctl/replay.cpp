@@ -207,7 +207,8 @@ Subcommand AddReplay(CLI::App& program)
     app->add_flag("--json", options->json, "Print the summary as JSON");
     AddStandardOptions(*app,
                        "  $ gakppctl replay trace.cap\n"
-                       "  $ gakppctl replay trace.cap --speed 0 --connection 2");
+                       "  $ gakppctl replay trace.cap --speed 0 --connection 2",
+                       {kExitNoDaemon, kExitTimeLimit});
     return {app, [options] { return Run(*options); }};
 }
 

@@ -245,7 +245,8 @@ Subcommand AddSend(CLI::App& program)
                        "  $ gakppctl send START_RSP --expect SHUTDOWN --timeout 30\n"
                        "  $ gakppctl send SHUTDOWN --to-worker --device 0 --expect SHUTDOWN_RSP\n"
                        "  $ gakppctl send --message '{\"type\":\"ABNORMAL\",\"src_id\":1}'\n"
-                       "  $ gakppctl send --raw 0000 --wait 1");
+                       "  $ gakppctl send --raw 0000 --wait 1",
+                       {kExitNoDaemon, kExitTimeLimit});
     return {app, [options] {
                 options->style.coloured = OutputIsColoured();
                 return Run(*options);

@@ -162,7 +162,8 @@ Subcommand AddStatus(CLI::App& program)
                        "  $ gakppctl status 17379382\n"
                        "  $ gakppctl status PPC_ERR_RECV\n"
                        "  $ gakppctl status 'session is not existed'\n"
-                       "  $ gakppctl status --list --json");
+                       "  $ gakppctl status --list --json",
+                       {});
     return {app, [options] { return Run(*options); }};
 }
 

@@ -287,7 +287,7 @@ Subcommand AddTap(CLI::App& program)
                        "  $ gakppctl tap --json --for 10 | jq .message.type\n"
                        "  $ gakppctl tap --write trace.cap --count 100\n"
                        "  $ gakppctl tap --follow --device 1,2 --message ABNORMAL --message SHUTDOWN",
-                       OnSignal::kDone);
+                       {kExitNoDaemon}, OnSignal::kDone);
     return {app, [options] {
                 options->style.coloured = OutputIsColoured();
                 return Run(*options);

@@ -264,7 +264,8 @@ Subcommand AddWorker(CLI::App& program)
     AddStandardOptions(*app,
                        "  $ gakppctl worker --device 0 --type ZOLT --heartbeat 0.5\n"
                        "  $ gakppctl worker --device 1 --libs libfirst.so,libsecond.so --host-pid 4711\n"
-                       "  $ gakppctl worker --device 2 --count 8 --crash-after 5");
+                       "  $ gakppctl worker --device 2 --count 8 --crash-after 5",
+                       {kExitNoDaemon, kExitTimeLimit});
     return {app, [options] { return Run(*options); }, false};
 }
 

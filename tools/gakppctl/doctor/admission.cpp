@@ -5,7 +5,6 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <optional>
 #include <vector>
 
 #include "common/ppc_socket.h"
@@ -15,7 +14,6 @@ namespace {
 
 constexpr mode_t kSearch = 1;
 constexpr mode_t kWrite = 2;
-constexpr gid_t kRootGroup = 0;
 
 constexpr char kKeepUmask[] =
     "the daemon makes the socket anew at each start: start it with umask 0007 (UMask=0007 in its unit)";
@@ -71,9 +69,8 @@ std::string Obstacle(const Facts& facts, const Requirements& way)
 }
 
 // The groups that the user has to join because it is neither the owner of a file nor in its group, and the rest of the
-// world is kept out. Joining one may make it matter for another file, hence the repetition. Nothing when one of them is
-// root's.
-std::optional<std::vector<gid_t>> GroupsToJoin(const Requirements& way, Identity user)
+// world is kept out. Joining one may make it matter for another file, hence the repetition.
+std::vector<gid_t> GroupsToJoin(const Requirements& way, Identity user)
 {
     std::vector<gid_t> groups;
     for (;;) {
@@ -86,9 +83,6 @@ std::optional<std::vector<gid_t>> GroupsToJoin(const Requirements& way, Identity
             return groups;
         }
         const gid_t group = found->file->status.st_gid;
-        if (group == kRootGroup) {
-            return std::nullopt;
-        }
         groups.push_back(group);
         user.groups.push_back(group);
     }
@@ -121,22 +115,24 @@ Admission WithoutRepair(const std::string& advice)
 
 Admission CommandsFor(const Facts& facts, const Requirements& way)
 {
-    const auto groups = GroupsToJoin(way, facts.user);
-    if (!groups.has_value()) {
+    const std::vector<gid_t> groups = GroupsToJoin(way, facts.user);
+    const auto closed = std::find_if_not(groups.begin(), groups.end(), MayHaveMembers);
+    if (closed != groups.end()) {
         return WithoutRepair(
-            "these files belong to the group root, which nobody should join: give the directory and the daemon a group "
-            "of their own (Group= in its unit)");
+            fmt::format("these files belong to the group {}, which nobody should join: give the directory and the "
+                        "daemon a group of their own (Group= in its unit)",
+                        GroupName(*closed)));
     }
     std::vector<std::string> commands;
     std::vector<std::string> advice;
     Identity user = facts.user;
-    if (!groups->empty()) {
-        commands.push_back(JoinCommand(user, *groups));
+    if (!groups.empty()) {
+        commands.push_back(JoinCommand(user, groups));
         if (commands.back().empty()) {
             return WithoutRepair(
-                fmt::format("{} has to join the group {}", UserName(user.uid), GroupName(groups->front())));
+                fmt::format("{} has to join the group {}", UserName(user.uid), GroupName(groups.front())));
         }
-        user.groups.insert(user.groups.end(), groups->begin(), groups->end());
+        user.groups.insert(user.groups.end(), groups.begin(), groups.end());
         advice.emplace_back("the group counts for processes that the user starts after logging in anew");
     }
     for (const Requirement& requirement : way) {

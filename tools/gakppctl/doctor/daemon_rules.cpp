@@ -9,7 +9,6 @@ namespace tools {
 namespace {
 
 constexpr mode_t kGroupWrite = 0020;
-constexpr gid_t kRootGroup = 0;
 
 // The socket as the daemon's umask would make it at the next start, against what it is now.
 void JudgeUmask(const Facts& facts, Diagnosis& diagnosis)
@@ -46,7 +45,7 @@ void JudgeAccess(const Facts& facts, Diagnosis& diagnosis)
         diagnosis.Add(Severity::kNote, "access",
                       fmt::format("{} ({}): every user of this machine may connect, and is believed", kSocketPath,
                                   Describe(facts.socket)));
-    } else if (facts.directory.status.st_gid != kRootGroup && (directory & S_IXGRP) != 0 &&
+    } else if (MayHaveMembers(facts.directory.status.st_gid) && (directory & S_IXGRP) != 0 &&
                (socket & kGroupWrite) == 0) {
         diagnosis.Add(Severity::kNote, "access",
                       fmt::format("{} ({}): its group may not connect, although the group {} may enter the directory",
@@ -126,20 +125,19 @@ void AddUnknown(const Facts& facts, Diagnosis& diagnosis)
 void JudgeUnreachable(const Facts& facts, Diagnosis& diagnosis)
 {
     bool isHidden = false;
-    for (const pid_t pid : facts.unreachable) {
-        if (pid == 0) {
+    for (const ProcessInfo& process : facts.unreachable) {
+        if (process.pid == 0) {
             isHidden = true;
             continue;
         }
-        diagnosis.Add(
-            Severity::kFault, "other daemon",
-            fmt::format("process {} listens on a socket that no worker reaches any more: its file {} has been "
-                        "removed or replaced",
-                        pid, kSocketPath),
-            "",
-            facts.IsConnected() ? "see to it that there is one daemon"
-                                : "workers reach it again after its next start, which ends the sessions that "
-                                  "it has");
+        diagnosis.Add(Severity::kFault, "other daemon",
+                      fmt::format("{} listens on a socket that no worker reaches any more: its file {} has been "
+                                  "removed or replaced",
+                                  Describe(process), kSocketPath),
+                      "",
+                      facts.IsConnected() ? "see to it that there is one daemon"
+                                          : "workers reach it again after its next start, which ends the sessions that "
+                                            "it has");
     }
     if (isHidden) {
         diagnosis.Add(Severity::kUnknown, "other daemon",

@@ -36,17 +36,10 @@ const ListeningSocket* SocketBehind(const FileInfo& file, const Facts& facts, co
     return found == sockets.end() ? nullptr : &*found;
 }
 
+// A process may hold a socket and refuse connections: before it calls listen, or after a shutdown.
 Held HeldByDaemon(const Facts& facts)
 {
-    switch (facts.attempt.connect) {
-        case 0:
-        case EAGAIN:
-            return Held::kYes;
-        case ECONNREFUSED:
-            return Held::kNo;
-        default:
-            return IsHeld(kSocketPath);
-    }
+    return facts.attempt.connect == ECONNREFUSED ? Held::kNo : IsHeld(kSocketPath);
 }
 
 // What we may not try, the kernel's table may still tell.
@@ -141,7 +134,7 @@ void FindProcesses(Facts& facts, const Sockets& sockets)
         return;  // one of the rest may be the daemon
     }
     for (const BoundSocket& other : bound) {
-        facts.unreachable.push_back(other.processes.empty() ? 0 : other.processes.front());
+        facts.unreachable.push_back(DescribeProcess(other.processes.empty() ? 0 : other.processes.front()));
     }
 }
 

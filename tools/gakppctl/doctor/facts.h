@@ -31,9 +31,9 @@ struct Facts {
     std::optional<Identity> daemonUser;  // whose daemon listens, or was the last to
     std::optional<unsigned> waiting;     // connections in its queue
 
-    // Processes that listen on a socket that was bound to the daemon's path and cannot be reached there any more. 0:
-    // one that we may not see, which may as well belong to a container.
-    std::vector<pid_t> unreachable;
+    // Processes that listen on a socket that was bound to the daemon's path and cannot be reached there any more. One
+    // that we may not see, with the pid 0, may as well belong to a container.
+    std::vector<ProcessInfo> unreachable;
 
     bool IsConnected() const { return attempt.connect == 0; }
     // A tap was killed: the daemon listens at the saved path, and nobody in its place.

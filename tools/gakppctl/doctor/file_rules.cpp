@@ -197,7 +197,7 @@ void JudgeDirectory(const Facts& facts, Diagnosis& diagnosis)
     if (facts.directory.IsAbsent()) {
         JudgeMissingDirectory(facts, diagnosis);
     } else if (facts.directory.IsThere() && !facts.directory.IsDirectory()) {
-        return JudgeOtherThanDirectory(facts, diagnosis);
+        JudgeOtherThanDirectory(facts, diagnosis);
     } else if (facts.directory.IsThere()) {
         JudgeNextStart(facts, diagnosis);
         JudgeOpenDirectory(facts, diagnosis);

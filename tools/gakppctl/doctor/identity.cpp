@@ -15,6 +15,8 @@ namespace tools {
 namespace {
 
 constexpr mode_t kAllPermissions = 7;
+constexpr gid_t kRootGroup = 0;
+constexpr gid_t kNogroup = 65534;  // also what the kernel shows for a group that has no number here
 
 Identity IdentityOf(const passwd& user)
 {
@@ -39,6 +41,11 @@ bool IsPlain(const std::string& name)
 bool Identity::IsIn(gid_t group) const
 {
     return gid == group || std::find(groups.begin(), groups.end(), group) != groups.end();
+}
+
+bool MayHaveMembers(gid_t group)
+{
+    return group != kRootGroup && group != kNogroup;
 }
 
 Identity CallerIdentity()

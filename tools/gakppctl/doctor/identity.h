@@ -18,6 +18,10 @@ struct Identity {
     bool IsIn(gid_t group) const;
 };
 
+// Whether users may be made members of a group: not of root's, nor of nogroup, which services that have nothing to do
+// with each other share.
+bool MayHaveMembers(gid_t group);
+
 Identity CallerIdentity();
 
 // With the groups that the user gets when it logs in. Raises ExitError for a name that nobody has.
