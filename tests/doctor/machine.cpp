@@ -129,8 +129,10 @@ void RemoveHome()
         }
     }
     Machine::Chmod("/home", 0755);
-    for (const char* path : {"/home/KrovaUser", "/home/KrovaUser.moved1", "/home/elsewhere"}) {
-        fs::remove_all(path);
+    fs::remove_all("/home/elsewhere");
+    fs::remove_all(kHome);
+    for (int i = 1; i < 10; ++i) {
+        fs::remove_all(kHome + ".moved" + std::to_string(i));
     }
 }
 
@@ -176,14 +178,20 @@ void AddLines(const std::string& file, std::map<std::string, std::string>& snaps
     }
 }
 
-int Listen(const std::string& path, int type, mode_t mask)
+// The socket stays open.
+int Bind(const std::string& path, int type, mode_t mask)
 {
     umask(mask);
     unlink(path.c_str());
     const int fd = socket(AF_UNIX, type | SOCK_CLOEXEC, 0);
     const sockaddr_un address = AddressOf(path);
-    const bool bound = bind(fd, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) == 0;
-    return bound && (type == SOCK_DGRAM || listen(fd, 10) == 0) ? fd : -1;
+    return bind(fd, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) == 0 ? fd : -1;
+}
+
+bool Listen(const std::string& path, int type, mode_t mask)
+{
+    const int fd = Bind(path, type, mask);
+    return fd != -1 && (type == SOCK_DGRAM || listen(fd, 10) == 0);
 }
 
 void Suspend(Tool& tool)
@@ -354,11 +362,11 @@ void Machine::WaitForTap(const std::string& text)
     Check(tap_->WaitForErr(text), "the tap does not say: " + text);
 }
 
-void Machine::StartListener(const User& user, const std::string& path, int type, mode_t mask)
+void Machine::StartProcess(const User& user, const std::string& root, const std::function<bool()>& act)
 {
     const auto [out, in] = SocketPair();
-    listeners_.push_back(std::make_unique<ChildProcess>([&user, &path, type, mask, &ready = in] {
-        if (!Become(user) || Listen(path, type, mask) == -1 || write(ready.get(), "r", 1) != 1) {
+    listeners_.push_back(std::make_unique<ChildProcess>([&user, &root, &act, &ready = in] {
+        if ((root != "/" && chroot(root.c_str()) == -1) || !Become(user) || !act() || write(ready.get(), "r", 1) != 1) {
             return 1;
         }
         for (;;) {
@@ -366,7 +374,17 @@ void Machine::StartListener(const User& user, const std::string& path, int type,
         }
     }));
     char byte = 0;
-    Check(WaitReadable(out, kLimit) && read(out.get(), &byte, 1) == 1, "nobody listens at " + path);
+    Check(WaitReadable(out, kLimit) && read(out.get(), &byte, 1) == 1, "the process does not get as far as that");
+}
+
+void Machine::StartListener(const User& user, const std::string& path, int type, mode_t mask, const std::string& root)
+{
+    StartProcess(user, root, [&] { return Listen(path, type, mask); });
+}
+
+void Machine::StartBound(const User& user, const std::string& path, mode_t mask)
+{
+    StartProcess(user, "/", [&] { return Bind(path, SOCK_STREAM, mask) != -1; });
 }
 
 void Machine::FillQueue()

@@ -78,8 +78,10 @@ public:
     void StopTapProcess();
     // Until it says this.
     void WaitForTap(const std::string& text);
-    // A process that listens, or only binds, with plain system calls.
-    void StartListener(const User& user, const std::string& path, int type, mode_t mask);
+    // A process that listens, or only binds, with plain system calls; `root` is its root directory.
+    void StartListener(const User& user, const std::string& path, int type, mode_t mask, const std::string& root = "/");
+    // The same with a stream socket, as long as it has not called listen.
+    void StartBound(const User& user, const std::string& path, mode_t mask);
     void StopListeners() { listeners_.clear(); }
     // Connects until the daemon accepts no more and its queue is full.
     void FillQueue();
@@ -101,6 +103,8 @@ public:
     static std::vector<std::string> WhoMayConnect();
 
 private:
+    // A process that does this as `user`, below `root`, and then nothing.
+    void StartProcess(const User& user, const std::string& root, const std::function<bool()>& act);
     Tool* Start(const User& user, const User& group, const std::string& umask, const std::string& command,
                 const std::string& wrapper = "");
 

@@ -52,6 +52,17 @@ void FillWithFiles(const std::string& directory)
     throw std::runtime_error(directory + " does not get full");
 }
 
+void FillWithBytes(const std::string& path)
+{
+    std::ofstream file(path);
+    for (int i = 0; i < 1000 && file; ++i) {
+        file << std::string(4096, ' ') << std::flush;
+    }
+    if (file) {
+        throw std::runtime_error(path + " does not fill its file system");
+    }
+}
+
 // Those who may not connect to a daemon of krova with umask 0007, and what admits them.
 #define OUTSIDER_STAYS_OUT \
     "outsider              | 1 fault:connection\n" \
@@ -72,6 +83,7 @@ const std::vector<Scenario> kHealthyScenarios{
      "root:krova root:member| 0\n"
      "member                | 0 unknown:daemon\n" OUTSIDER_STAYS_OUT,
      "member | unknown of the daemon: its descriptors, its library\n"
+     "outsider | $SOCK (mode unknown)\n"
      "outsider | the mode of $SOCK is unknown; root is told more: gakppctl doctor --user outsider\n"
      "root:outsider | the group counts for processes that the user starts after logging in anew\n"},
 
@@ -84,6 +96,29 @@ const std::vector<Scenario> kHealthyScenarios{
      "root krova            | 0\n"
      "root:krova root:member| 0\n"
      "member                | 0 unknown:daemon\n" OUTSIDER_STAYS_OUT},
+
+    {"DirectoryOfTheGroupThatTheDaemonRunsIn",
+     [](Machine& m) {
+         Machine::Make(kDir, 0770, kRoot, kStaff);
+         m.StartDaemon(kKrova, kStaff, "0007");
+     },
+     "root                  | 0\n"
+     "krova member outsider | 1 fault:connection\n"
+     "root:krova            | 1 fault:connection | usermod -aG staff krova => 0\n"
+     "root:member           | 1 fault:connection | usermod -aG staff member => 0\n"
+     "root:outsider         | 1 fault:connection | usermod -aG staff outsider => 0\n"},
+
+    {"DirectoryOfASupplementaryGroupOfTheDaemon",
+     [](Machine& m) {
+         Machine::Make(kDir, 0770, kRoot, kKrova);
+         m.StartDaemon(kKrova, kStaff, "0007");
+     },
+     "root root:krova       | 0\n"
+     "krova                 | 0 unknown:daemon\n"
+     "member                | 1 fault:connection unknown:daemon | usermod -aG staff member => 0 unknown:daemon\n"
+     "root:member           | 1 fault:connection | usermod -aG staff member => 0\n"
+     "outsider              | 1 fault:connection\n"
+     "root:outsider         | 1 fault:connection | usermod -aG krova,staff outsider => 0\n"},
 
     {"RootsDaemonForAGroup",
      [](Machine& m) {
@@ -113,6 +148,17 @@ const std::vector<Scenario> kHealthyScenarios{
      "root krova            | 0 note:access\n"
      "root:krova root:member root:outsider | 0 note:access\n"
      "member outsider       | 0 note:access unknown:daemon\n"},
+
+    {"SocketGivenToAnotherUser",
+     [](Machine& m) {
+         Machine::Chown(kHome, kRoot, kRoot);
+         Machine::Make(kDir, 0755, kRoot, kRoot);
+         m.StartDaemon(kRoot, kRoot, "0000");
+         Machine::Chown(kSock, kKrova, kKrova);
+     },
+     "root                  | 0 note:access\n"
+     "root:krova root:member root:outsider | 0 note:access\n"
+     "krova member outsider | 0 note:access unknown:daemon\n"},
 
     {"AccessControlListAdmitsTheOutsider",
      [](Machine& m) {
@@ -161,12 +207,23 @@ const std::vector<Scenario> kHealthyScenarios{
      "member root:member    | 1 note:connection fault:directory | install -d -m 0350 -o krova -g krova $DIR "
      "=> 3 note:connection\n"
      "outsider root:outsider| 1 note:connection fault:directory | install -d -m 0350 -o krova -g krova $DIR "
-     "=> 1 fault:connection\n"},
+     "=> 1 fault:connection\n",
+     "root | $DIR (not there), $SOCK (not there)\n"},
 
     {"DirectoryMadeByTheInstallation", [](Machine&) { Machine::Make(kDir, 0350, kKrova, kKrova); },
      "root krova member     | 3 note:connection\n"
      "root:krova root:member| 3 note:connection\n"
      "outsider root:outsider| 1 fault:connection\n"},
+
+    {"SocketThatDoesNotListenYet",
+     [](Machine& m) {
+         Machine::Make(kDir, 0350, kKrova, kKrova);
+         m.StartBound(kKrova, kSock, 0007);
+     },
+     "root krova member     | 3 note:connection\n"
+     "root:krova root:member| 3 note:connection\n"
+     "outsider              | 1 fault:connection\n"
+     "root:outsider         | 1 fault:connection unknown:daemon | usermod -aG krova outsider => 3 note:connection\n"},
 
     {"StoppedDaemon",
      [](Machine& m) {
@@ -197,6 +254,19 @@ const std::vector<Scenario> kHealthyScenarios{
      "member                | 0 note:tap unknown:daemon\n"
      "outsider              | 1 fault:connection\n"
      "root:outsider         | 1 fault:connection note:tap | usermod -aG krova outsider => 0 note:tap\n",
+     "root | a tap passes everything on\n"},
+
+    {"TapInPlaceSeenFromAContainer",
+     [](Machine& m) {
+         StartKrovasDaemon(m);
+         m.StartTap(kRoot);
+         m.SetWrapper({"unshare", "--pid", "--net", "--fork", "--kill-child", "--mount-proc"});
+     },
+     "root krova member     | 0 note:tap unknown:daemon\n"
+     "root:krova root:member| 0 note:tap unknown:daemon\n"
+     "outsider              | 1 fault:connection\n"
+     "root:outsider         | 1 fault:connection note:tap unknown:daemon | usermod -aG krova outsider "
+     "=> 0 note:tap unknown:daemon\n",
      "root | a tap passes everything on\n"},
 
     {"TapHasEnded",
@@ -285,6 +355,18 @@ const std::vector<Scenario> kHealthyScenarios{
      "outsider              | 1 fault:connection\n"
      "root:outsider         | 1 fault:connection\n"},
 
+    {"ListenerBelowAnotherRoot",
+     [](Machine& m) {
+         Machine::Make(kDir, 0350, kKrova, kKrova);
+         fs::create_directories("/home/elsewhere/home/KrovaUser");
+         Machine::Make("/home/elsewhere" + kDir, 0350, kKrova, kKrova);
+         m.StartListener(kKrova, kSock, SOCK_STREAM, 0007, "/home/elsewhere");
+     },
+     "root krova            | 3 note:connection\n"
+     "root:krova root:member| 3 note:connection\n"
+     "member                | 3 note:connection unknown:other daemon\n"
+     "outsider root:outsider| 1 fault:connection\n"},
+
     {"LinkedDirectory",
      [](Machine& m) {
          fs::create_directory("/home/elsewhere");
@@ -333,6 +415,19 @@ const std::vector<Scenario> kHealthyScenarios{
      "member                | 0 unknown:daemon\n"
      "outsider              | 1 fault:connection\n"
      "root:outsider         | 1 fault:connection note:library | usermod -aG krova outsider => 0 note:library\n"},
+
+    {"FileSystemWithoutASpareBlock",
+     [](Machine& m) {
+         MountDirectory(",size=64k");
+         StartKrovasDaemon(m);
+         FillWithBytes(kDir + "/file");
+     },
+     "root krova            | 0 note:file system\n"
+     "root:krova root:member| 0 note:file system\n"
+     "member                | 0 note:file system unknown:daemon\n"
+     "outsider              | 1 fault:connection note:file system\n"
+     "root:outsider         | 1 fault:connection note:file system | usermod -aG krova outsider "
+     "=> 0 note:file system\n"},
 
     {"FullFileSystemUnderARunningDaemon",
      [](Machine& m) {
@@ -390,6 +485,32 @@ const std::vector<Scenario> kFaultyScenarios{
      "root:krova root:member| 0\n"
      "member                | 1 fault:connection\n" OUTSIDER_STAYS_OUT,
      "member | the user has joined the group after this session began: log in anew\n"},
+
+    {"EverybodyButTheGroup",
+     [](Machine& m) {
+         Machine::Make(kDir, 0755, kKrova, kKrova);
+         StartKrovasDaemon(m, "0070");
+     },
+     "root krova            | 0 note:access\n"
+     "root:krova root:outsider | 0 note:access\n"
+     "member                | 1 fault:connection note:access unknown:daemon | chmod g+w $SOCK "
+     "=> 0 note:access note:umask unknown:daemon\n"
+     "root:member           | 1 fault:connection note:access | chmod g+w $SOCK => 0 note:access note:umask\n"
+     "outsider              | 0 note:access unknown:daemon\n"},
+
+    {"SessionInNoOtherThanItsOwnGroup",
+     [](Machine& m) {
+         m.StartDaemon(kKrova, kMember, "0022");
+         m.SetGroups(kMember, "--clear-groups");
+     },
+     "root root:krova       | 0 note:access\n"
+     "krova                 | 0 note:access unknown:daemon\n"
+     "member                | 1 fault:connection note:access unknown:daemon | chmod g+w $SOCK "
+     "=> 0 note:umask unknown:daemon\n"
+     "root:member           | 1 fault:connection note:access | chmod g+w $SOCK => 0 note:umask\n"
+     "outsider              | 1 fault:connection\n"
+     "root:outsider         | 1 fault:connection note:access | usermod -aG member outsider && chmod g+w $SOCK "
+     "=> 0 note:umask\n"},
 
     {"SocketOfAnotherGroup", [](Machine& m) { m.StartDaemon(kKrova, kOutsider, "0007"); },
      "root root:krova       | 0\n"
@@ -483,6 +604,34 @@ const std::vector<Scenario> kFaultyScenarios{
      "krova member outsider | 1 note:connection fault:parent\n"
      "root:krova root:member root:outsider | 1 note:connection fault:parent\n"},
 
+    {"FileInTheParentsPlaceAndNoNameFree",
+     [](Machine&) {
+         fs::remove(kHome);
+         MakeEmptyFile(kHome, 0644);
+         for (int i = 1; i < 10; ++i) {
+             MakeEmptyFile(kHome + ".moved" + std::to_string(i), 0644);
+         }
+     },
+     "root krova member outsider           | 1 note:connection fault:parent\n"
+     "root:krova root:member root:outsider | 1 note:connection fault:parent\n"},
+
+    {"LinkToAFileInTheParentsPlace",
+     [](Machine&) {
+         fs::remove(kHome);
+         MakeEmptyFile("/home/elsewhere", 0644);
+         fs::create_symlink("/home/elsewhere", kHome);
+     },
+     "root krova member outsider           | 1 note:connection fault:parent\n"
+     "root:krova root:member root:outsider | 1 note:connection fault:parent\n"},
+
+    {"DanglingLinkInTheParentsPlace",
+     [](Machine&) {
+         fs::remove(kHome);
+         fs::create_symlink("/home/elsewhere", kHome);
+     },
+     "root krova member outsider           | 1 note:connection fault:parent\n"
+     "root:krova root:member root:outsider | 1 note:connection fault:parent\n"},
+
     {"NoDirectoryAndRootsParent", [](Machine&) { Machine::Chown(kHome, kRoot, kRoot); },
      "root                  | 3 note:connection note:directory\n"
      "krova member outsider | 1 note:connection fault:directory\n"
@@ -494,7 +643,8 @@ const std::vector<Scenario> kFaultyScenarios{
      "root:krova root:member| 1 note:connection fault:directory "
      "| mv -T $DIR $DIR.moved1 && install -d -m 0350 -o krova -g krova $DIR => 3 note:connection\n"
      "outsider root:outsider| 1 note:connection fault:directory "
-     "| mv -T $DIR $DIR.moved1 && install -d -m 0350 -o krova -g krova $DIR => 1 fault:connection\n"},
+     "| mv -T $DIR $DIR.moved1 && install -d -m 0350 -o krova -g krova $DIR => 1 fault:connection\n",
+     "root | $SOCK (not there)\n"},
 
     {"NoDirectoryBelowAParentThatPassesItsGroupOn",
      [](Machine&) {
@@ -673,6 +823,18 @@ const std::vector<Scenario> kFaultyScenarios{
      "root:outsider         | 1 fault:connection fault:directory mode "
      "| usermod -aG krova outsider | chmod o-w $DIR => 0\n"},
 
+    {"DirectoryWithAnAccessControlListThatAnybodyMayWriteTo",
+     [](Machine& m) {
+         Machine::Make(kDir, 0777, kKrova, kKrova);
+         StartKrovasDaemon(m);
+         Machine::AddAcl(kDir, kOutsider, 1);
+     },
+     "root krova            | 1 fault:directory mode\n"
+     "root:krova root:member| 1 fault:directory mode\n"
+     "member                | 1 fault:directory mode unknown:daemon\n"
+     "outsider              | 1 fault:connection fault:directory mode unknown:daemon\n"
+     "root:outsider         | 1 fault:connection fault:directory mode\n"},
+
     {"DirectoryThatAnybodyMayWriteToAndNoDaemon", [](Machine&) { Machine::Make(kDir, 0777, kRoot, kRoot); },
      "root krova member outsider           | 1 note:connection fault:directory mode\n"
      "root:krova root:member root:outsider | 1 note:connection fault:directory mode\n"},
@@ -746,6 +908,20 @@ const std::vector<Scenario> kFaultyScenarios{
      "root:outsider         | 1 fault:connection fault:directory "
      "| usermod -aG krova outsider | chmod u+wx $DIR => 0\n"},
 
+    {"TapInADirectoryThatItsOwnerMayNotWriteTo",
+     [](Machine& m) {
+         StartKrovasDaemon(m);
+         m.StartTap(kRoot);
+         Machine::Chmod(kDir, 0150);
+     },
+     "root krova            | 1 fault:directory note:tap | chmod u+wx $DIR => 0 note:tap\n"
+     "root:krova root:member| 1 fault:directory note:tap | chmod u+wx $DIR => 0 note:tap\n"
+     "member                | 1 fault:directory note:tap unknown:daemon | chmod u+wx $DIR => 0 note:tap "
+     "unknown:daemon\n"
+     "outsider              | 1 fault:connection\n"
+     "root:outsider         | 1 fault:connection fault:directory note:tap "
+     "| usermod -aG krova outsider | chmod u+wx $DIR => 0 note:tap\n"},
+
     {"ParentThatMayNotBeEntered",
      [](Machine& m) {
          StartKrovasDaemon(m);
@@ -795,6 +971,17 @@ const std::vector<Scenario> kFaultyScenarios{
      "root krova member outsider           | 1 note:connection fault:parent note:directory\n"
      "root:krova root:member root:outsider | 1 note:connection fault:parent note:directory\n"},
 
+    {"ParentWithAnAccessControlListThatAnybodyMayWriteTo",
+     [](Machine& m) {
+         StartKrovasDaemon(m);
+         Machine::Chmod(kHome, 0777);
+         Machine::AddAcl(kHome, kOutsider, 1);
+     },
+     "root krova            | 1 fault:parent\n"
+     "root:krova root:member| 1 fault:parent\n"
+     "member                | 1 fault:parent unknown:daemon\n"
+     "outsider root:outsider| 1 fault:connection fault:parent\n"},
+
     {"ReadOnlyFileSystemUnderARunningDaemon",
      [](Machine& m) {
          MountDirectory("");
@@ -816,6 +1003,15 @@ const std::vector<Scenario> kFaultyScenarios{
      "root krova member     | 1 note:connection fault:file system\n"
      "root:krova root:member| 1 note:connection fault:file system\n"
      "outsider root:outsider| 1 fault:connection fault:file system\n"},
+
+    {"FileInTheDirectorysPlaceOfAReadOnlyFileSystem",
+     [](Machine&) {
+         Machine::MountTmpfs(kHome, "mode=0755,uid=3001,gid=4001");
+         MakeEmptyFile(kDir, 0644);
+         Machine::RemountReadOnly(kHome);
+     },
+     "root krova member outsider           | 1 note:connection fault:directory fault:file system\n"
+     "root:krova root:member root:outsider | 1 note:connection fault:directory fault:file system\n"},
 
     {"ReadOnlyParent",
      [](Machine&) {
@@ -910,6 +1106,50 @@ const std::vector<Scenario> kFaultyScenarios{
      "root:outsider         | 1 fault:connection fault:tap | mv -fT $SAVED $SOCK => 1 fault:connection\n",
      "root | of at most\n"},
 
+    {"KilledTapWhoseSocketHasBeenRemoved",
+     [](Machine& m) {
+         StartKrovasDaemon(m);
+         m.StartTap(kRoot);
+         m.StopTap(SIGKILL);
+         fs::remove(kSock);
+     },
+     "root krova            | 1 note:connection fault:tap | mv -fT $SAVED $SOCK => 0\n"
+     "root:krova root:member| 1 note:connection fault:tap | mv -fT $SAVED $SOCK => 0\n"
+     "member                | 1 note:connection fault:tap | mv -fT $SAVED $SOCK => 0 unknown:daemon\n"
+     "outsider              | 1 fault:connection\n"
+     "root:outsider         | 1 fault:connection fault:tap | mv -fT $SAVED $SOCK => 1 fault:connection\n"},
+
+    {"KilledTapAndADirectoryInTheSocketsPlace",
+     [](Machine& m) {
+         StartKrovasDaemon(m);
+         m.StartTap(kRoot);
+         m.StopTap(SIGKILL);
+         fs::remove(kSock);
+         Machine::Make(kSock, 0777, kKrova, kKrova);
+     },
+     "root krova member     | 1 note:connection fault:socket fault:tap | mv -T $SOCK $SOCK.moved1 "
+     "=> 1 note:connection fault:tap\n"
+     "root:krova root:member| 1 note:connection fault:socket fault:tap | mv -T $SOCK $SOCK.moved1 "
+     "=> 1 note:connection fault:tap\n"
+     "outsider              | 1 fault:connection\n"
+     "root:outsider         | 1 fault:connection fault:socket fault:tap | mv -T $SOCK $SOCK.moved1 "
+     "=> 1 fault:connection fault:tap\n"},
+
+    {"KilledTapOfADaemonInAnotherNetwork",
+     [](Machine& m) {
+         StartKrovasDaemon(m);
+         m.ForgetDaemon();
+         m.StartDaemon(kKrova, kKrova, "0007", "unshare --net");
+         m.StartTap(kRoot);
+         m.StopTap(SIGKILL);
+     },
+     "root krova            | 1 note:connection fault:tap | mv -fT $SAVED $SOCK => 0\n"
+     "root:krova root:member| 1 note:connection fault:tap | mv -fT $SAVED $SOCK => 0\n"
+     "member                | 1 note:connection fault:tap | mv -fT $SAVED $SOCK => 0 unknown:daemon\n"
+     "outsider              | 1 fault:connection\n"
+     "root:outsider         | 1 fault:connection fault:tap | mv -fT $SAVED $SOCK "
+     "=> 1 fault:connection unknown:daemon\n"},
+
     {"TapWithoutItsDaemon",
      [](Machine& m) {
          StartKrovasDaemon(m);
@@ -923,6 +1163,22 @@ const std::vector<Scenario> kFaultyScenarios{
      "root:outsider         | 1 fault:connection note:tap | usermod -aG krova outsider => 3 note:connection "
      "note:tap\n",
      "root | a tap stands in the place of a daemon that has ended\n"},
+
+    {"TapWithoutItsDaemonAndAnUnreachableOne",
+     [](Machine& m) {
+         StartKrovasDaemon(m);
+         m.ForgetDaemon();
+         StartKrovasDaemon(m);
+         m.StartTap(kRoot);
+         m.StopDaemon(SIGTERM);
+         m.WaitForTap("the daemon has ended");
+     },
+     "root krova            | 1 note:connection note:tap fault:other daemon\n"
+     "root:krova root:member| 1 note:connection note:tap fault:other daemon\n"
+     "member                | 3 note:connection note:tap unknown:other daemon\n"
+     "outsider              | 1 fault:connection\n"
+     "root:outsider         | 1 fault:connection note:tap | usermod -aG krova outsider "
+     "=> 1 note:connection note:tap fault:other daemon\n"},
 
     {"StoppedTapWithoutItsDaemon",
      [](Machine& m) {
@@ -1012,6 +1268,17 @@ const std::vector<Scenario> kFaultyScenarios{
      "root:krova root:member| 1 note:connection fault:socket | mv -T $SOCK $SOCK.moved1 => 3 note:connection\n"
      "outsider              | 1 fault:connection\n"
      "root:outsider         | 1 fault:connection fault:socket | mv -T $SOCK $SOCK.moved1 => 1 fault:connection\n"},
+
+    {"LinkToADirectoryInTheSocketsPlace",
+     [](Machine&) {
+         Machine::Make(kDir, 0350, kKrova, kKrova);
+         Machine::Make("/home/elsewhere", 0777, kKrova, kKrova);
+         fs::create_symlink("/home/elsewhere", kSock);
+     },
+     "root krova member     | 1 note:connection fault:socket\n"
+     "root:krova root:member| 1 note:connection fault:socket\n"
+     "outsider              | 1 fault:connection\n"
+     "root:outsider         | 1 fault:connection fault:socket\n"},
 
     {"DatagramSocket",
      [](Machine& m) {

@@ -200,6 +200,8 @@ TEST(GakppctlTest, UnknownCommandIsAnsweredWithTheNearestOne)
     EXPECT_TRUE(IsWrongUsage(Ctl({"dance"}),
                              "unknown command dance, commands are worker, send, tap, replay, decode, "
                              "status, doctor, help"));
+    EXPECT_TRUE(IsWrongUsage(Ctl({"doc"}), "unknown command doc, commands are worker, "))
+        << "three letters are missing";
     EXPECT_TRUE(IsWrongUsage(Ctl({""}), "unknown command"));
     EXPECT_TRUE(IsWrongUsage(Ctl({std::string(300, 'x')}), "unknown command xxx"));
 }

@@ -46,6 +46,15 @@ TEST_F(Doctor, ConnectionIsTheFirstLineAndAllOfWhatIsOk)
     EXPECT_EQ(CountOf(outcome.out, "ok "), 1U) << outcome.out;
 }
 
+TEST_F(Doctor, TerminalShowsGreenAndRed)
+{
+    ASSERT_EQ(chmod(kDir.c_str(), 0777), 0);
+    Tool tool(kGakppctl, {"doctor"}, Tool::Output::kTerminal, {"TERM=xterm", "NO_COLOR="});
+    tool.Finish();
+    EXPECT_NE(tool.out().find("\033[32mok     \033[0m connection"), std::string::npos) << tool.out();
+    EXPECT_NE(tool.out().find("\033[31mfault  \033[0m directory mode"), std::string::npos) << tool.out();
+}
+
 TEST_F(Doctor, AllShowsWhatElseIsOk)
 {
     EXPECT_NE(Ctl({"doctor", "--all"}).out.find("ok      limits: process "), std::string::npos);
@@ -185,10 +194,13 @@ TEST_F(Doctor, OnlyRootAnswersForOthers)
     // The program may lie where nobody comes to, so it is opened before the change of the user.
     const std::string script =
         "exec 9<\"$0\" && exec setpriv --reuid=65534 --regid=65534 --clear-groups "
-        "/proc/self/fd/9 doctor --user root";
-    Tool tool("sh", {"-c", script, kGakppctl});
+        "/proc/self/fd/9 doctor --user $1";
+    Tool tool("sh", {"-c", script, kGakppctl, "root"});
     EXPECT_TRUE(tool.Finish().ExitedWith(2)) << tool.out();
     EXPECT_EQ(tool.err(), "gakppctl: only root can find out what another user gets\n");
+    Tool own("sh", {"-c", script, kGakppctl, "nobody"});
+    EXPECT_TRUE(own.Finish().ExitedWith(1)) << own.err();
+    EXPECT_EQ(own.out().find("fault   connection: user nobody may not connect"), 0U) << own.out();
 }
 
 }  // namespace

@@ -153,6 +153,12 @@ TEST(Gakppcd, SpawnsWorkersAndShutsThemDown)
     EXPECT_TRUE(FitsSchema(daemon->out(), "daemon"));
 }
 
+TEST(Gakppcd, TypeOfASpawnedWorkerIsAcceptedInAnyCase)
+{
+    const auto daemon = StartDaemon({"--json", "--spawn", "0:Compute"});
+    EXPECT_TRUE(daemon->WaitForOut("\"START_RSP\",\"device\":0,\"process_type\":\"COMPUTE\""));
+}
+
 TEST(Gakppcd, NoticesTheDeathOfASpawnedWorker)
 {
     const auto daemon = StartDaemon({"--json", "--spawn", "0:COMPUTE"});

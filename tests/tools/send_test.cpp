@@ -77,6 +77,9 @@ TEST_F(SendTest, NamesAreAcceptedInAnyCase)
     abnormal.type = 4;
     EXPECT_EQ(Hex(SentBy({"--message", "{\"type\":\"abnormal\"}"}, PpcFrame(abnormal).size())),
               Hex(PpcFrame(abnormal)));
+    const Fd worker = Start({"START_RSP", "--expect", "shutdown"});
+    ASSERT_TRUE(WriteAll(worker, PpcFrame(FromWorker(5))));
+    EXPECT_TRUE(tool_->Finish().ExitedWith(0)) << tool_->err();
 }
 
 TEST_F(SendTest, MessageInJsonIsSent)

@@ -73,8 +73,12 @@ std::optional<Identity> DaemonUser(const Facts& facts)
         return facts.attempt.listener->user;
     }
     const FileInfo& file = DaemonFile(facts);
-    return file.IsSocket() ? std::optional<Identity>(IdentityAtLogin(file.status.st_uid, file.status.st_gid))
-                           : std::nullopt;
+    if (!file.IsSocket()) {
+        return std::nullopt;
+    }
+    Identity user = IdentityAtLogin(file.status.st_uid, file.status.st_gid);
+    user.groups.push_back(file.status.st_gid);  // of which it is a member when it runs, as a unit's Group= may say
+    return user;
 }
 
 // Those of other mount namespaces and of other file systems are left out, as far as that can be told.
