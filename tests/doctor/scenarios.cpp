@@ -225,6 +225,11 @@ const std::vector<Scenario> kHealthyScenarios{
      "outsider              | 1 fault:connection\n"
      "root:outsider         | 1 fault:connection unknown:daemon | usermod -aG krova outsider => 3 note:connection\n"},
 
+    {"FileSystemWithoutLimits", [](Machine&) { MountDirectory(",nr_inodes=0,size=0"); },
+     "root krova member     | 3 note:connection\n"
+     "root:krova root:member| 3 note:connection\n"
+     "outsider root:outsider| 1 fault:connection\n"},
+
     {"StoppedDaemon",
      [](Machine& m) {
          StartKrovasDaemon(m);
@@ -451,7 +456,8 @@ const std::vector<Scenario> kFaultyScenarios{
      "root:member           | 1 fault:connection note:access | chmod g+w $SOCK => 0 note:umask\n"
      "root:outsider         | 1 fault:connection note:access | usermod -aG krova outsider && chmod g+w $SOCK "
      "=> 0 note:umask\n",
-     "root:member | the daemon makes the socket anew at each start\n"},
+     "root:member | the daemon makes the socket anew at each start\n"
+     "root | umask of the daemon 0022\n"},
 
     {"TapInFrontOfADaemonWithUmask0022",
      [](Machine& m) {
@@ -548,6 +554,18 @@ const std::vector<Scenario> kFaultyScenarios{
      "member outsider       | 1 fault:connection\n"
      "root:member root:outsider | 1 fault:connection\n",
      "root:outsider | these files belong to the group nogroup, which nobody should join\n"},
+
+    {"GroupWhoseNameNeedsQuotes",
+     [](Machine& m) {
+         std::ofstream("/etc/group", std::ios::app) << "qel workers:x:4005:\n";
+         Machine::Make(kDir, 0350, kKrova, kNameless);
+         m.StartDaemon(kKrova, kNameless, "0007");
+     },
+     "root root:krova       | 0\n"
+     "krova                 | 0 unknown:daemon\n"
+     "member outsider       | 1 fault:connection\n"
+     "root:member root:outsider | 1 fault:connection\n",
+     "root:outsider | outsider has to join the group qel workers\n"},
 
     {"GroupThatHasNoName",
      [](Machine& m) {
@@ -656,6 +674,25 @@ const std::vector<Scenario> kFaultyScenarios{
      "=> 1 fault:connection\n"
      "outsider root:outsider| 1 note:connection fault:directory | install -d -m 0350 -o krova -g staff $DIR "
      "=> 1 fault:connection\n"},
+
+    {"NoDirectoryBelowAParentOfAUserThatHasNoName", [](Machine&) { Machine::Chown(kHome, kNameless, kNameless); },
+     "root                  | 3 note:connection note:directory\n"
+     "krova member outsider | 1 note:connection fault:directory | install -d -m 0350 -o 3005 -g 4005 $DIR "
+     "=> 1 fault:connection\n"
+     "root:krova root:member root:outsider | 1 note:connection fault:directory "
+     "| install -d -m 0350 -o 3005 -g 4005 $DIR => 1 fault:connection\n"},
+
+    {"NoDirectoryAndNamesThatNeedQuotes",
+     [](Machine&) {
+         std::ofstream("/etc/passwd", std::ios::app) << "qel daemon:x:3005:4005::/:/bin/sh\n";
+         std::ofstream("/etc/group", std::ios::app) << "qel workers:x:4005:\n";
+         Machine::Chown(kHome, kNameless, kNameless);
+     },
+     "root                  | 3 note:connection note:directory\n"
+     "krova member outsider | 1 note:connection fault:directory | install -d -m 0350 -o 3005 -g 4005 $DIR "
+     "=> 1 fault:connection\n"
+     "root:krova root:member root:outsider | 1 note:connection fault:directory "
+     "| install -d -m 0350 -o 3005 -g 4005 $DIR => 1 fault:connection\n"},
 
     {"NoDirectoryInAFullFileSystem",
      [](Machine&) {

@@ -75,6 +75,7 @@ TEST_F(Doctor, TapSeesNothingAtTheSavedPath)
     ASSERT_TRUE(tap.WaitForErr("in place"));
     const Outcome outcome = Ctl({"doctor"});
     EXPECT_TRUE(outcome.status.ExitedWith(0)) << outcome.out;
+    EXPECT_NE(outcome.out.find("note    tap: a tap passes everything on"), std::string::npos) << outcome.out;
     EXPECT_TRUE(RawAccept(listener_, kLimit).valid()) << "the tap passes the connection on";
     EXPECT_FALSE(WaitReadable(listener_, 0s)) << "a second connection";
 }
