@@ -10,8 +10,6 @@
 #include <cerrno>
 #include <csignal>
 #include <cstring>
-#include <fstream>
-#include <sstream>
 
 #include "sanitizer_options.h"
 #include "tool.h"
@@ -120,16 +118,7 @@ TEST(DoctorAlone, QueueThatIsFullForAMomentIsNoFault)
     const Fd listener = RawListen(kServer, 0);
     const Fd waiting = RawConnect(kServer);
     Tool doctor(kGakppctl, {"doctor"});
-    const std::string status = "/proc/" + std::to_string(doctor.pid()) + "/status";
-    ASSERT_TRUE(WaitUntil(
-        [&status] {
-            std::stringstream text;
-            text << std::ifstream(status).rdbuf();
-            const std::string key = "voluntary_ctxt_switches:";
-            const size_t at = text.str().find(key);
-            return at != std::string::npos && std::stoi(text.str().substr(at + key.size())) > 20;
-        },
-        kLimit));
+    ASSERT_TRUE(WaitUntil([&doctor] { return TimesAsleep(doctor.pid()) > 20; }, kLimit));
     EXPECT_TRUE(RawAccept(listener, kLimit).valid());
     EXPECT_TRUE(doctor.Finish().ExitedWith(0)) << doctor.out();
 }

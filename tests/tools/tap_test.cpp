@@ -224,7 +224,8 @@ TEST_F(TapTest, WorkersFindNoDaemonOnceTheDaemonBehindItHasEnded)
     EXPECT_FALSE(RawConnect(kServer).valid());
     const Outcome worker = Ctl({"worker", "--timeout", "60"});
     EXPECT_TRUE(worker.status.ExitedWith(3)) << worker.status << worker.err;
-    EXPECT_TRUE(WaitUntil([this] { return IsAsleep(tap_->pid()); }, kLimit)) << "it spins";
+    const long before = TimesAsleep(tap_->pid());
+    EXPECT_TRUE(WaitUntil([&] { return TimesAsleep(tap_->pid()) > before + 3; }, kLimit)) << "it spins";
     tap_->Kill(SIGTERM);
     EXPECT_TRUE(tap_->Finish().ExitedWith(0));
     EXPECT_EQ(CountOf(tap_->err(), "the daemon has ended"), 1U);
@@ -341,6 +342,8 @@ TEST_F(FollowTest, ServesAgainAfterItHasRefused)
     ASSERT_NO_FATAL_FAILURE(StartDaemonAgain());
     ASSERT_NO_FATAL_FAILURE(Connect());
     Disconnect();
+    listener_.Reset();
+    EXPECT_TRUE(tap_->WaitUntilOutput([&] { return CountOf(tap_->err(), "the daemon has ended") == 2; }, kLimit));
 }
 
 TEST_F(FollowTest, EndsOrderlyWhileNoDaemonRuns)
@@ -382,6 +385,24 @@ TEST_F(TapTest, UserWhoMayNotLookForADaemonIsToldSo)
     Tool tool("sh", {"-c", script, kGakppctl});
     EXPECT_TRUE(tool.Finish().ExitedWith(1)) << "a daemon may well listen there";
     EXPECT_EQ(tool.err(), "gakppctl: " + kSock + ": Permission denied\n");
+}
+
+TEST_F(TapTest, DaemonThatCannotBeLookedForHasNotEnded)
+{
+    if (!MapsOtherUsers()) {
+        GTEST_SKIP() << "an ordinary user's namespace has no second user";
+    }
+    ASSERT_EQ(chown("/home/KrovaUser/qel_ppc", 65534, 65534), 0);
+    ASSERT_EQ(chown(kSock.c_str(), 65534, 65534), 0);
+    const std::string script =
+        "exec 9<\"$0\" && exec setpriv --reuid=65534 --regid=65534 --clear-groups /proc/self/fd/9 tap";
+    Tool tool("sh", {"-c", script, kGakppctl});
+    ASSERT_TRUE(tool.WaitForErr("in place"));
+    ASSERT_EQ(chown(kSavedSock.c_str(), 0, 0), 0);
+    const long before = TimesAsleep(tool.pid());
+    ASSERT_TRUE(WaitUntil([&] { return TimesAsleep(tool.pid()) > before + 3; }, kLimit)) << "it has looked";
+    EXPECT_TRUE(RawConnect(kServer).valid()) << "workers are refused";
+    EXPECT_TRUE(tool.WaitForErr("no daemon: Permission denied"));
 }
 
 TEST_F(TapTest, FileThatCannotBeWrittenIsTold)

@@ -199,6 +199,18 @@ bool IsAsleep(pid_t pid)
     return state == "S";
 }
 
+long TimesAsleep(pid_t pid)
+{
+    std::ifstream in("/proc/" + std::to_string(pid) + "/status");
+    const std::string key = "voluntary_ctxt_switches:";
+    for (std::string line; std::getline(in, line);) {
+        if (line.rfind(key, 0) == 0) {
+            return std::stol(line.substr(key.size()));
+        }
+    }
+    return 0;
+}
+
 size_t CountOf(const std::string& text, const std::string& part)
 {
     size_t count = 0;

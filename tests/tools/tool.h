@@ -85,6 +85,9 @@ bool MapsOtherUsers();
 // Whether the main thread of a process waits in a system call.
 bool IsAsleep(pid_t pid);
 
+// How often it has begun to wait in one.
+long TimesAsleep(pid_t pid);
+
 size_t CountOf(const std::string& text, const std::string& part);
 
 // A worker's message to the daemon.
