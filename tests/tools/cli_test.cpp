@@ -197,6 +197,7 @@ TEST(GakppctlTest, UnknownCommandIsAnsweredWithTheNearestOne)
     EXPECT_TRUE(IsWrongUsage(Ctl({"tpa"}), "unknown command tpa, did you mean tap?"));
     EXPECT_TRUE(IsWrongUsage(Ctl({"wroker", "--device", "1"}), "unknown command wroker, did you mean worker?"));
     EXPECT_TRUE(IsWrongUsage(Ctl({"replays"}), "did you mean replay?"));
+    EXPECT_TRUE(IsWrongUsage(Ctl({"workr"}), "did you mean worker?"));
     EXPECT_TRUE(IsWrongUsage(Ctl({"dance"}),
                              "unknown command dance, commands are worker, send, tap, replay, decode, "
                              "status, doctor, help"));

@@ -110,6 +110,9 @@ TEST(DoctorAlone, NoDaemonAndNoFaultHasAnExitStatusOfItsOwn)
     const Outcome outcome = Ctl({"doctor"});
     EXPECT_TRUE(outcome.status.ExitedWith(3)) << outcome.status;
     EXPECT_EQ(outcome.out, "note    connection: nobody listens at " + kSock + ": No such file or directory\n");
+    Tool tool(kGakppctl, {"doctor"}, Tool::Output::kTerminal, {"TERM=xterm", "NO_COLOR="});
+    tool.Finish();
+    EXPECT_EQ(tool.out().rfind("note    connection: ", 0), 0U) << tool.out();
 }
 
 // The listener accepts only when the doctor has found the queue full for a while.
