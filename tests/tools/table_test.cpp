@@ -205,6 +205,19 @@ TEST_F(TableTest, CommandsWorkAfterAnEndOfInputOnTheTerminal)
     EXPECT_TRUE(daemon_->Finish().ExitedWith(0));
 }
 
+TEST_F(TableTest, DaemonOutlivesItsTerminalAndEndsInOrder)
+{
+    ASSERT_NO_FATAL_FAILURE(Start({24, 80}));
+    daemon_->CloseInput();
+    daemon_->CloseOutput();
+    const Fd& worker = Join(1000);
+    EXPECT_FALSE(WaitReadable(worker, std::chrono::milliseconds(100))) << "it is served without a terminal";
+    daemon_->Kill(SIGHUP);
+    EXPECT_EQ(ReadPpcFrame(worker, kLimit).value_or(RawMessage{}).type, 5U);
+    EXPECT_TRUE(ExpectEof(worker, kLimit));
+    EXPECT_TRUE(daemon_->Finish().ExitedWith(1)) << "the worker has not answered; " << daemon_->err();
+}
+
 TEST_F(TableTest, PromptSaysThatTheInputHasEnded)
 {
     ASSERT_NO_FATAL_FAILURE(Start({24, 80}, Tool::Output::kTerminal));

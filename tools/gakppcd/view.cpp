@@ -54,7 +54,7 @@ View::~View()
 {
     if (drawnSize_.rows > 0) {
         Refresh();
-        WriteOut("\r\n");
+        Draw("\r\n");
     }
 }
 
@@ -106,23 +106,28 @@ void View::SetPrompt(const std::string& text)
 
 void View::Refresh()
 {
-    if (mode_ != Mode::kTable) {
+    if (mode_ != Mode::kTable || terminalIsGone_) {
         return;
     }
     const ScreenSize size = TerminalSize();
     if (size.rows != drawnSize_.rows || size.columns != drawnSize_.columns) {
         drawnSize_ = size;
         promptIsDrawn_ = false;
-        Print(kClearScreen);
+        Draw(kClearScreen);
     }
     if (!std::exchange(promptIsDrawn_, true)) {
-        Print(fmt::format("\033[{};1H{}{}", size.rows, Cut(prompt_, size.columns - 1), kClearLine));
+        Draw(fmt::format("\033[{};1H{}{}", size.rows, Cut(prompt_, size.columns - 1), kClearLine));
     }
     std::string text;
     for (const std::string& line : Lines(size.rows - 1, size.columns - 1)) {
         text += line + kClearLineRest;
     }
-    Print(kSaveCursorAndHome + text + kRestoreCursor);
+    Draw(kSaveCursorAndHome + text + kRestoreCursor);
+}
+
+void View::Draw(const std::string& text)
+{
+    terminalIsGone_ = terminalIsGone_ || !WriteOut(text);
 }
 
 std::string View::Line(const std::string& event, const Worker* worker, const std::string& detail) const

@@ -40,7 +40,8 @@ public:
     // What stands in the bottom row, in front of what is typed. Only seen with a table.
     void SetPrompt(const std::string& text);
 
-    // Redraws the table, in the terminal's present size. Does nothing in the other modes.
+    // Redraws the table, in the terminal's present size. Does nothing in the other modes, or when the terminal has
+    // gone.
     void Refresh();
 
 private:
@@ -52,6 +53,9 @@ private:
     // The whole screen but its bottom row: the title, the table and the bottom lines.
     std::vector<std::string> Lines(size_t height, size_t width) const;
     void Remember(const std::string& text);
+    // Writes to the terminal as long as there is one. Its hanging up is no failure of the daemon, which SIGHUP ends in
+    // order, or not at all where it is ignored.
+    void Draw(const std::string& text);
 
     const Mode mode_;
     const WorkerTable& workers_;
@@ -59,6 +63,7 @@ private:
     std::deque<std::string> answer_;
     std::string prompt_ = "> ";
     bool promptIsDrawn_ = false;
+    bool terminalIsGone_ = false;
     ScreenSize drawnSize_;
 };
 
