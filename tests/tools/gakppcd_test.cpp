@@ -286,6 +286,20 @@ TEST(Gakppcd, TimeEndsIt)
     EXPECT_NE(outcome.out.find("STOPPING"), std::string::npos);
 }
 
+TEST(Gakppcd, ShutsItsWorkersDownWhenNobodyReadsItsEvents)
+{
+    const auto daemon = StartDaemon({"--grace", "0.1"});
+    const Fd worker = RawConnect(kServer);
+    ASSERT_TRUE(WriteAll(worker, PpcFrame(FromWorker(0, 1))));
+    ASSERT_TRUE(daemon->WaitForOut("STARTED"));
+    daemon->CloseOutput();
+    ASSERT_TRUE(WriteAll(worker, PpcFrame(FromWorker(2, 1))));
+    EXPECT_EQ(ReadOrder(worker).type, 5U);
+    EXPECT_TRUE(ExpectEof(worker, kLimit));
+    EXPECT_TRUE(daemon->Finish().ExitedWith(1));
+    EXPECT_EQ(daemon->err().find("standard output"), std::string::npos) << daemon->err();
+}
+
 TEST(Gakppcd, LogGoesToAFile)
 {
     const Outcome outcome = RunTool(kGakppcd, {"--for", "0.1", "--log", "/home/daemon.log"});

@@ -101,7 +101,7 @@ int Daemon::Run()
         OnMessage(message);
     }
     view_.Event("ENDED", nullptr, orderly_ ? "in order" : "not in order");
-    return orderly_ ? kExitOk : kExitFailed;
+    return orderly_ && !view_.HasLostEvents() ? kExitOk : kExitFailed;
 }
 
 int Daemon::StepTimeoutMs() const
@@ -127,7 +127,7 @@ void Daemon::Step(LineReader& input)
     if (events[2].revents != 0) {
         OnInput(input);
     }
-    if (HasPassed(end_)) {
+    if (HasPassed(end_) || view_.HasLostEvents()) {
         BeginStop();
     }
     PpcServer::GetInstance().JoinAllPPCRcvThreads();

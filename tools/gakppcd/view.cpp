@@ -5,6 +5,8 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
+#include <cstring>
 #include <iterator>
 #include <nlohmann/json.hpp>
 #include <sstream>
@@ -54,7 +56,7 @@ View::~View()
 {
     if (drawnSize_.rows > 0) {
         Refresh();
-        Draw("\r\n");
+        Write("\r\n");
     }
 }
 
@@ -68,10 +70,10 @@ void View::Event(const std::string& event, const Worker* worker, const std::stri
             }
             break;
         case Mode::kLines:
-            Print(Line(event, worker, detail) + "\n");
+            Write(Line(event, worker, detail) + "\n");
             break;
         case Mode::kJson:
-            Print(JsonEvent(event, worker, detail));
+            Write(JsonEvent(event, worker, detail));
             break;
     }
 }
@@ -106,28 +108,34 @@ void View::SetPrompt(const std::string& text)
 
 void View::Refresh()
 {
-    if (mode_ != Mode::kTable || terminalIsGone_) {
+    if (mode_ != Mode::kTable || outputIsGone_) {
         return;
     }
     const ScreenSize size = TerminalSize();
     if (size.rows != drawnSize_.rows || size.columns != drawnSize_.columns) {
         drawnSize_ = size;
         promptIsDrawn_ = false;
-        Draw(kClearScreen);
+        Write(kClearScreen);
     }
     if (!std::exchange(promptIsDrawn_, true)) {
-        Draw(fmt::format("\033[{};1H{}{}", size.rows, Cut(prompt_, size.columns - 1), kClearLine));
+        Write(fmt::format("\033[{};1H{}{}", size.rows, Cut(prompt_, size.columns - 1), kClearLine));
     }
     std::string text;
     for (const std::string& line : Lines(size.rows - 1, size.columns - 1)) {
         text += line + kClearLineRest;
     }
-    Draw(kSaveCursorAndHome + text + kRestoreCursor);
+    Write(kSaveCursorAndHome + text + kRestoreCursor);
 }
 
-void View::Draw(const std::string& text)
+void View::Write(const std::string& text)
 {
-    terminalIsGone_ = terminalIsGone_ || !WriteOut(text);
+    if (outputIsGone_ || WriteOut(text)) {
+        return;
+    }
+    outputIsGone_ = true;
+    if (mode_ != Mode::kTable && errno != EPIPE) {
+        PrintError(fmt::format("standard output: {}", strerror(errno)));
+    }
 }
 
 std::string View::Line(const std::string& event, const Worker* worker, const std::string& detail) const

@@ -27,6 +27,10 @@ public:
 
     Mode mode() const { return mode_; }
 
+    // Whether events could not be written. A table whose terminal has hung up is no reason to end: SIGHUP comes of
+    // that, unless it is ignored.
+    bool HasLostEvents() const { return outputIsGone_ && mode_ != Mode::kTable; }
+
     // Something has happened, to a worker or, with null, to the daemon itself.
     void Event(const std::string& event, const Worker* worker = nullptr, const std::string& detail = "");
 
@@ -53,9 +57,8 @@ private:
     // The whole screen but its bottom row: the title, the table and the bottom lines.
     std::vector<std::string> Lines(size_t height, size_t width) const;
     void Remember(const std::string& text);
-    // Writes to the terminal as long as there is one. Its hanging up is no failure of the daemon, which SIGHUP ends in
-    // order, or not at all where it is ignored.
-    void Draw(const std::string& text);
+    // Writes as long as there is somebody to read.
+    void Write(const std::string& text);
 
     const Mode mode_;
     const WorkerTable& workers_;
@@ -63,7 +66,7 @@ private:
     std::deque<std::string> answer_;
     std::string prompt_ = "> ";
     bool promptIsDrawn_ = false;
-    bool terminalIsGone_ = false;
+    bool outputIsGone_ = false;
     ScreenSize drawnSize_;
 };
 
