@@ -184,16 +184,12 @@ TEST_F(Doctor, OnlyRootAnswersForOthers)
     if (!MapsOtherUsers()) {
         GTEST_SKIP() << "an ordinary user's namespace has no second user";
     }
-    // The program may lie where nobody comes to, so it is opened before the change of the user.
-    const std::string script =
-        "exec 9<\"$0\" && exec setpriv --reuid=65534 --regid=65534 --clear-groups "
-        "/proc/self/fd/9 doctor --user $1";
-    Tool tool("sh", {"-c", script, kGakppctl, "root"});
-    EXPECT_TRUE(tool.Finish().ExitedWith(2)) << tool.out();
-    EXPECT_EQ(tool.err(), "gakppctl: only root can find out what another user gets\n");
-    Tool own("sh", {"-c", script, kGakppctl, "nobody"});
-    EXPECT_TRUE(own.Finish().ExitedWith(1)) << own.err();
-    EXPECT_EQ(own.out().find("fault   connection: user nobody may not connect"), 0U) << own.out();
+    const auto other = StartCtlAsNobody({"doctor", "--user", "root"});
+    EXPECT_TRUE(other->Finish().ExitedWith(2)) << other->out();
+    EXPECT_EQ(other->err(), "gakppctl: only root can find out what another user gets\n");
+    const auto own = StartCtlAsNobody({"doctor", "--user", "nobody"});
+    EXPECT_TRUE(own->Finish().ExitedWith(1)) << own->err();
+    EXPECT_EQ(own->out().find("fault   connection: user nobody may not connect"), 0U) << own->out();
 }
 
 }  // namespace

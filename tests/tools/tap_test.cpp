@@ -379,12 +379,9 @@ TEST_F(TapTest, UserWhoMayNotLookForADaemonIsToldSo)
         GTEST_SKIP() << "an ordinary user's namespace has no second user";
     }
     ASSERT_EQ(chmod("/home/KrovaUser/qel_ppc", 0350), 0);
-    // The program may lie where nobody comes to, so it is opened before the change of the user.
-    const std::string script =
-        "exec 9<\"$0\" && exec setpriv --reuid=65534 --regid=65534 --clear-groups /proc/self/fd/9 tap";
-    Tool tool("sh", {"-c", script, kGakppctl});
-    EXPECT_TRUE(tool.Finish().ExitedWith(1)) << "a daemon may well listen there";
-    EXPECT_EQ(tool.err(), "gakppctl: " + kSock + ": Permission denied\n");
+    const auto tap = StartCtlAsNobody({"tap"});
+    EXPECT_TRUE(tap->Finish().ExitedWith(1)) << "a daemon may well listen there";
+    EXPECT_EQ(tap->err(), "gakppctl: " + kSock + ": Permission denied\n");
 }
 
 TEST_F(TapTest, DaemonThatCannotBeLookedForHasNotEnded)
@@ -394,15 +391,13 @@ TEST_F(TapTest, DaemonThatCannotBeLookedForHasNotEnded)
     }
     ASSERT_EQ(chown("/home/KrovaUser/qel_ppc", 65534, 65534), 0);
     ASSERT_EQ(chown(kSock.c_str(), 65534, 65534), 0);
-    const std::string script =
-        "exec 9<\"$0\" && exec setpriv --reuid=65534 --regid=65534 --clear-groups /proc/self/fd/9 tap";
-    Tool tool("sh", {"-c", script, kGakppctl});
-    ASSERT_TRUE(tool.WaitForErr("in place"));
+    const auto tap = StartCtlAsNobody({"tap"});
+    ASSERT_TRUE(tap->WaitForErr("in place"));
     ASSERT_EQ(chown(kSavedSock.c_str(), 0, 0), 0);
-    const long before = TimesAsleep(tool.pid());
-    ASSERT_TRUE(WaitUntil([&] { return TimesAsleep(tool.pid()) > before + 3; }, kLimit)) << "it has looked";
+    const long before = TimesAsleep(tap->pid());
+    ASSERT_TRUE(WaitUntil([&] { return TimesAsleep(tap->pid()) > before + 3; }, kLimit)) << "it has looked";
     EXPECT_TRUE(RawConnect(kServer).valid()) << "workers are refused";
-    EXPECT_TRUE(tool.WaitForErr("no daemon: Permission denied"));
+    EXPECT_TRUE(tap->WaitForErr("no daemon: Permission denied"));
 }
 
 TEST_F(TapTest, FileThatCannotBeWrittenIsTold)

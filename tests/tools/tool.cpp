@@ -174,6 +174,17 @@ Outcome Ctl(const std::vector<std::string>& arguments, const std::string& input)
     return RunTool(kGakppctl, arguments, input);
 }
 
+std::unique_ptr<Tool> StartCtlAsNobody(const std::vector<std::string>& arguments)
+{
+    const std::string script =
+        "mkdir -p /home/copy && cd /home/copy && "
+        "cp \"$0\" $(LD_TRACE_LOADED_OBJECTS=1 \"$0\" | sed -n 's/.* => \\(.*\\) (.*/\\1/p') . && "
+        "exec setpriv --reuid=65534 --regid=65534 --clear-groups env LD_LIBRARY_PATH=. ./gakppctl \"$@\"";
+    std::vector<std::string> words{"-c", script, kGakppctl};
+    words.insert(words.end(), arguments.begin(), arguments.end());
+    return std::make_unique<Tool>("sh", words);
+}
+
 testing::AssertionResult FitsSchema(const std::string& text, const std::string& name)
 {
     const std::string schema = std::string(GAKPPC_SCHEMA_DIR) + "/" + name + ".json";
