@@ -5,20 +5,16 @@
 // through the tap are forwarded until they end, because cutting them would end their workers.
 
 #include <fmt/format.h>
-#include <sys/eventfd.h>
 #include <sys/inotify.h>
 #include <sys/resource.h>
 #include <unistd.h>
 
-#include <algorithm>
-#include <cstdio>
 #include <memory>
 #include <optional>
 #include <utility>
 
 #include "common/signals.h"
-#include "record_filter.h"
-#include "record_printer.h"
+#include "record_output.h"
 #include "relay.h"
 #include "socket_takeover.h"
 #include "subcommands.h"
@@ -32,14 +28,9 @@ constexpr std::chrono::milliseconds kTick{kTickMs};
 constexpr int kSoonMs = 5;
 constexpr std::chrono::seconds kHurryTime{1};
 constexpr std::chrono::milliseconds kGraceForLateWorkers{20};
-constexpr std::chrono::seconds kPrintTime{5};
 
 struct Options {
-    RecordStyle style;
-    RecordFilter filter;
-    std::string capture;
-    double duration = -1;
-    uint64_t count = 0;
+    RecordOptions records;
     double linger = -1;
     bool follow = false;
 };
@@ -50,24 +41,19 @@ public:
     int Run();
 
 private:
-    void OnRecord(Record&& record);
     void Serve();
     void Linger();
     bool ShouldStop();
     bool StaysDisplaced();
     int StepTimeoutMs() const;
-    int Finish();
 
     const Options& options_;
     SignalFd signals_{SIGINT, SIGTERM, SIGHUP};
-    Fd outputFailed_{eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)};
     Fd directoryChanged_;
-    RecordPrinter printer_;
+    RecordOutput output_;
     SocketTakeover takeover_;
     Relay relay_;
-    std::optional<Deadline> end_;
     std::optional<Deadline> hurry_;  // set while another socket is in our place
-    uint64_t messages_ = 0;
     int exit_ = kExitOk;
 };
 
@@ -88,51 +74,29 @@ void Drain(const Fd& watch)
     }
 }
 
-std::unique_ptr<CaptureWriter> OpenCapture(const std::string& path)
-{
-    return path.empty() ? nullptr : std::make_unique<CaptureWriter>(path);
-}
-
 Tap::Tap(const Options& options)
     : options_(options),
-      printer_(options.style, OpenCapture(options.capture), [this] { eventfd_write(outputFailed_.get(), 1); }),
-      relay_(takeover_.Listener().get(), kSavedSocketPath, [this](Record&& record) { OnRecord(std::move(record)); })
+      output_(options.records),
+      relay_(takeover_.Listener().get(), kSavedSocketPath, [this](Record&& record) { output_.Push(std::move(record)); })
 {
     relay_.WakeOn(signals_.get());
-    relay_.WakeOn(outputFailed_.get());
+    relay_.WakeOn(output_.FailedFd());
     if (options.follow) {
         directoryChanged_ = WatchSocketDirectory();
     }
     if (directoryChanged_.valid()) {
         relay_.WakeOn(directoryChanged_.get());
     }
-    if (options.duration >= 0) {
-        end_.emplace(Seconds(options.duration));
-    }
-}
-
-bool CountsAsMessage(const Record& record)
-{
-    return record.kind == RecordKind::kFrame || record.kind == RecordKind::kFragment;
-}
-
-void Tap::OnRecord(Record&& record)
-{
-    if ((options_.count > 0 && messages_ >= options_.count) || !options_.filter.Accepts(record)) {
-        return;
-    }
-    messages_ += CountsAsMessage(record) ? 1 : 0;
-    printer_.Push(std::move(record));
+    output_.StartTime();
 }
 
 bool Tap::ShouldStop()
 {
-    eventfd_t failed = 0;
-    if (eventfd_read(outputFailed_.get(), &failed) == 0) {
+    if (output_.HasFailed()) {
         exit_ = kExitFailed;
         return true;
     }
-    if (signals_.Next() != 0 || HasPassed(end_)) {
+    if (signals_.Next() != 0 || output_.IsTimeOver()) {
         return true;
     }
     Drain(directoryChanged_);
@@ -173,8 +137,7 @@ bool Tap::StaysDisplaced()
 
 int Tap::StepTimeoutMs() const
 {
-    const int timeout = hurry_.has_value() && !hurry_->Passed() ? kSoonMs : kTickMs;
-    return end_.has_value() ? std::min(timeout, end_->RemainingMs()) : timeout;
+    return output_.TimeoutMs(hurry_.has_value() && !hurry_->Passed() ? kSoonMs : kTickMs);
 }
 
 void Tap::Serve()
@@ -183,7 +146,7 @@ void Tap::Serve()
     Deadline check(kTick);
     for (bool stop = false; !stop;) {
         const bool woken = relay_.Step(StepTimeoutMs());
-        stop = options_.count > 0 && messages_ >= options_.count;
+        stop = output_.IsFull();
         // Not for every message: each check costs system calls.
         if (woken || check.Passed()) {
             stop = stop || ShouldStop();
@@ -219,28 +182,12 @@ void Tap::Linger()
     }
 }
 
-int Tap::Finish()
-{
-    const bool shown = printer_.Finish(Deadline(kPrintTime));
-    if (printer_.Dropped() > 0) {
-        PrintError(fmt::format("{} message(s) were forwarded but not shown: the output is read too slowly",
-                               printer_.Dropped()));
-        exit_ = kExitFailed;
-    }
-    if (!shown) {
-        PrintError("the output is not read; the rest is not shown");
-        fflush(stderr);
-        _exit(kExitFailed);  // the printing thread cannot be joined
-    }
-    return exit_;
-}
-
 int Tap::Run()
 {
     Serve();
     takeover_.Restore();
     Linger();
-    return Finish();
+    return output_.Finish() ? exit_ : kExitFailed;
 }
 
 // Each worker needs two descriptors.
@@ -270,15 +217,10 @@ Subcommand AddTap(CLI::App& program)
         "The tap replaces the daemon's socket by its own and forwards everything. It restores the socket on SIGINT, "
         "SIGTERM and SIGHUP, at its limits and on errors, and then stays until the connections through it have ended");
     auto options = std::make_shared<Options>();
-    app->add_flag("--json", options->style.json, "Print one JSON object per line");
-    app->add_flag("--hex", options->style.hex, "Print the bytes as well");
-    app->add_option("--write", options->capture, "Write a capture of what is shown, for replay and decode")
-        ->type_name("FILE");
-    AddCount(*app, "--count", options->count, "Stop after so many messages have been shown");
-    AddSeconds(*app, "--for", options->duration, "Stop after this time");
+    AddRecordOptions(*app, options->records);
     AddSeconds(*app, "--linger", options->linger,
                "After stopping, cut connections that are still open after this time (default: wait for their end)");
-    AddFilterOptions(*app, options->filter);
+    AddFilterOptions(*app, options->records.filter);
     app->add_flag(
         "--follow", options->follow,
         "Stay when the daemon is started again, and take its new socket's place (default: end with status 1)");
@@ -289,7 +231,7 @@ Subcommand AddTap(CLI::App& program)
                        "  $ gakppctl tap --follow --device 1,2 --message ABNORMAL --message SHUTDOWN",
                        {kExitNoDaemon}, OnSignal::kDone);
     return {app, [options] {
-                options->style.coloured = OutputIsColoured();
+                options->records.style.coloured = OutputIsColoured();
                 return Run(*options);
             }};
 }
