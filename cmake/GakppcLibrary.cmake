@@ -24,6 +24,7 @@ add_library(gakppc SHARED
             "${GAKPPC_COMMON_DIR}/own_pid.cpp"
             "${GAKPPC_COMMON_DIR}/status_factory.cpp"
             "${GAKPPC_COMMON_DIR}/string_util.cpp"
+            "${GAKPPC_COMMON_DIR}/tracepoints.cpp"
             "${GAKPPC_PPC_DIR}/ppc_io.cpp"
             "${GAKPPC_PPC_DIR}/ppc_msg.cpp"
             "${GAKPPC_PPC_DIR}/ppc_path.cpp"
@@ -62,6 +63,9 @@ target_compile_options(gakppc PRIVATE -fsemantic-interposition)
 target_compile_options(gakppc PRIVATE -ftls-model=initial-exec)
 # Threads of the library may run until the process ends: dlclose must not unmap their code.
 target_link_options(gakppc PRIVATE LINKER:--version-script=${GAKPPC_EXPORT_LIST} LINKER:-z,nodelete)
+if(GAKPPC_TRACEPOINTS_ARE_BUILT)
+    target_compile_definitions(gakppc PRIVATE GAKPPC_HAS_TRACEPOINTS)
+endif()
 target_compile_features(gakppc PUBLIC cxx_std_17)
 target_link_libraries(gakppc
                       PUBLIC protobuf::libprotobuf Threads::Threads

@@ -2,19 +2,34 @@
 
 #include <utility>
 
+#include "tracepoints.h"
+
 namespace qel {
 namespace {
 
 thread_local bool insideHandler = false;
 
+tracepoint::Handled Traced(const PPCMessage& msg)
+{
+    return {msg.type(), msg.src_id(), msg.sub_proc_pid()};
+}
+
 class InsideHandler {
 public:
-    InsideHandler() : outer_(std::exchange(insideHandler, true)) {}
-    ~InsideHandler() { insideHandler = outer_; }
+    explicit InsideHandler(const PPCMessage& msg) : msg_(msg), outer_(std::exchange(insideHandler, true))
+    {
+        GAKPPC_TRACE(handler_entered, Traced(msg_));
+    }
+    ~InsideHandler()
+    {
+        insideHandler = outer_;
+        GAKPPC_TRACE(handler_left, Traced(msg_));
+    }
     InsideHandler(const InsideHandler&) = delete;
     InsideHandler& operator=(const InsideHandler&) = delete;
 
 private:
+    const PPCMessage& msg_;
     const bool outer_;
 };
 
@@ -28,13 +43,14 @@ bool HandlerTable::Register(uint32_t type, Handler handler)
 
 bool HandlerTable::Dispatch(const PPCMessage& msg)
 {
+    GAKPPC_TRACE(handler_waiting, Traced(msg));
     MutexLock lock(mutex_);
     const auto found = handlers_.find(static_cast<uint32_t>(msg.type()));
     if (found == handlers_.end()) {
         return false;
     }
     if (found->second != nullptr) {
-        const InsideHandler inside;
+        const InsideHandler inside(msg);
         found->second(msg);
     }
     return true;

@@ -14,6 +14,7 @@
 #include "ppc_record.h"
 #include "process_devices.h"
 #include "status_table.h"
+#include "tracepoints.h"
 
 namespace qel {
 namespace {
@@ -340,11 +341,13 @@ uint32_t PpcClient::CreateOrFindCustPid(std::vector<std::string>& libNames, uint
     if (!AddLibNames(libNames, msg)) {
         return kStatusPpcCreateFail;
     }
+    GAKPPC_TRACE(custom_process_asked, deviceId, msg.sub_proc_pid());
     // Over the compute process's session: the custom process has none yet.
     const ppc::PpcSessionRef held = state_.GetSession(deviceId, PPCMessage::COMPUTE);
     void* session = held.Get();
     const uint32_t status = SendData(session, msg);
     state_.customStart.Wait();
+    GAKPPC_TRACE(custom_process_found, deviceId, msg.sub_proc_pid());
     return status;
 }
 

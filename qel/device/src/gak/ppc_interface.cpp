@@ -7,10 +7,13 @@
 #include <new>
 #include <utility>
 
+#include "gak_limits.h"
 #include "gak_log.h"
 #include "memguard.h"
 #include "ppc.h"
+#include "ppc_record.h"
 #include "status_table.h"
+#include "tracepoints.h"
 
 namespace qel {
 namespace {
@@ -67,8 +70,19 @@ std::unique_ptr<uint8_t[]> AllocPayload(uint32_t size)
     return payload;
 }
 
-// The payload stays the caller's.
-uint32_t SendPayload(PpcSession* session, uint8_t* payload, uint32_t size)
+// As a tracer is told of it: the daemon's id is no device's.
+tracepoint::Message Traced(const PPCMessage& msg, PpcSession* session, const void* payload, uint32_t size)
+{
+    const uint32_t device = msg.dest_id() == kPpcServerId ? msg.src_id() : msg.dest_id();
+    return {msg.type(),
+            device,
+            msg.sub_proc_pid(),
+            ppc::PpcOriginalFd(session),
+            {payload, size, msg.src_id(), msg.dest_id(), static_cast<uint32_t>(msg.proc_type())}};
+}
+
+// The payload, which is that of the message, stays the caller's.
+uint32_t SendPayload(PpcSession* session, const PPCMessage& msg, uint8_t* payload, uint32_t size)
 {
     Descriptor descriptor;
     descriptor.Alloc(session);
@@ -80,7 +94,10 @@ uint32_t SendPayload(PpcSession* session, uint8_t* payload, uint32_t size)
         GAK_STATUS_AS("SendMsg", kStatusPpcMsgBufferFail, "[GAKPPCIF] SendMsg() add msg buffer fail");
         return kStatusPpcMsgBufferFail;
     }
-    if (drvPpcSend(session, descriptor.Get(), 0) != PPC_OK) {
+    GAKPPC_TRACE(message_sending, Traced(msg, session, payload, size));
+    const bool isSent = drvPpcSend(session, descriptor.Get(), 0) == PPC_OK;
+    GAKPPC_TRACE(message_sent, Traced(msg, session, payload, size), isSent ? kStatusOk : kStatusPpcSendRecvFail);
+    if (!isSent) {
         GAK_STATUS_AS("SendMsg", kStatusPpcSendRecvFail, "[GAKPPCIF] SendMsg() Send message buffer fail");
         return kStatusPpcSendRecvFail;
     }
@@ -188,16 +205,21 @@ uint32_t PpcInterface::SendMsg(void* session, const PPCMessage& msg)
     }
     memcpy(payload.get(), &encodedSize, kInnerLengthSize);
     msg.SerializePartialToArray(payload.get() + kInnerLengthSize, static_cast<int>(encodedSize));
-    return SendPayload(static_cast<PpcSession*>(session), payload.get(), size);
+    return SendPayload(static_cast<PpcSession*>(session), msg, payload.get(), size);
 }
 
 uint32_t PpcInterface::RecvMsg(void* session, PPCMessage& msg)
 {
     Descriptor descriptor;
     Received received;
-    uint32_t status = ReceivePayload(static_cast<PpcSession*>(session), descriptor, &received);
+    auto* const ppcSession = static_cast<PpcSession*>(session);
+    uint32_t status = ReceivePayload(ppcSession, descriptor, &received);
     if (status == kStatusOk) {
         status = Decode(received, msg);
+        GAKPPC_TRACE(message_received,
+                     Traced(status == kStatusOk ? msg : PPCMessage::default_instance(), ppcSession, received.payload,
+                            received.size),
+                     status);
     }
     if (status != kStatusOk) {
         return status;

@@ -15,6 +15,7 @@
 #include "ppc_record.h"
 #include "ppc_server_state.h"
 #include "status_table.h"
+#include "tracepoints.h"
 
 namespace qel {
 
@@ -90,6 +91,7 @@ uint32_t PpcServer::State::StartAccepting(PpcServer& ppcServer)
         return kStatusPpcCreateFail;
     }
     GAK_INFO_AS("CreateServer", "[GAKPPCSER] [serverId=%u] ppcserver receive thread started succ", serverId.load());
+    GAKPPC_TRACE(server_created, serverId.load());
     return kStatusOk;
 }
 
@@ -123,6 +125,7 @@ uint32_t PpcServer::Destroy()
     }
     state_.handlers.Clear();
     state_.sessionTable.Clear();
+    GAKPPC_TRACE(server_destroyed, state_.serverId.load());
     state_.server = nullptr;  // last: from now on other calls of Destroy return at once
     return kStatusOk;
 }

@@ -212,6 +212,12 @@ void PpcRecord::CloseDescriptor()
     Release();
 }
 
+int PpcOriginalFd(void* session)
+{
+    const PpcRecordRef record = PpcRecord::Acquire(PpcRecord::Kind::kSession, session);
+    return record ? record->OriginalFd() : -1;
+}
+
 void PpcStopAccept(void* server)
 {
     const PpcRecordRef record = PpcRecord::Acquire(PpcRecord::Kind::kServer, server);

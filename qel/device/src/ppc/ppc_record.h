@@ -257,6 +257,9 @@ private:
     PpcRecordRef record_;
 };
 
+// The descriptor that a session was created with, open or not. -1 for one that the driver did not make.
+int PpcOriginalFd(void* session);
+
 // Wakes every thread that waits in drvPpcSessionAccept on `server` and makes it return PPC_ERR_SOCKET_CLOSED, without
 // destroying the endpoint. Does nothing for an endpoint that the driver did not create.
 void PpcStopAccept(void* server);

@@ -11,6 +11,7 @@
 #include "ppc_log.h"
 #include "ppc_record.h"
 #include "ppc_types.h"
+#include "tracepoints.h"
 
 // NOLINTBEGIN(concurrency-mt-unsafe): what it finds is strerror, whose text glibc keeps for each thread
 
@@ -97,6 +98,21 @@ void LogRecordFailure(int code, int error, const char* mallocText, ppc::CallSite
     }
 }
 
+// The process at the other end when the connection was made; 0 when it cannot be told.
+pid_t PeerPid(int fd)
+{
+    ucred peer = {};
+    socklen_t length = sizeof(peer);
+    return getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &peer, &length) == 0 ? peer.pid : 0;
+}
+
+// Of a session whose descriptor may be closed at any time.
+pid_t PeerPid(PpcRecord* record)
+{
+    const PpcCall call(record);
+    return PeerPid(call.Fd());
+}
+
 // Ends a session for its owner, whose reference passes to the caller. Empty when it is not open.
 PpcRecordRef EndSession(PpcSession* session, ppc::CallSite site)
 {
@@ -107,7 +123,9 @@ PpcRecordRef EndSession(PpcSession* session, ppc::CallSite site)
     PpcRecordRef record = PpcRecord::MarkEnded(PpcRecord::Kind::kSession, session);
     if (!record) {
         PPC_ERROR(PPC_TEXT_AT(site, "session %p is not open"), static_cast<void*>(session));
+        return record;
     }
+    GAKPPC_TRACE(session_ended, record->OriginalFd(), PeerPid(record.Get()));
     return record;
 }
 
@@ -183,8 +201,11 @@ int drvPpcSessionAccept(PpcServerHead* server, PpcSession** ppSession)
         return PPC_ERR_SOCKET_ACCEPT;
     }
     PPC_INFO(PPC_TEXT("Ppc Accept Session %d, Server fd %d, pid %d"), fd.Get(), call.Fd(), getpid());
+    const int sessionFd = fd.Get();
     const int code = CreateRecord(PpcRecord::Kind::kSession, fd, ppSession);
-    if (code != PPC_OK) {
+    if (code == PPC_OK) {
+        GAKPPC_TRACE(session_opened, sessionFd, PeerPid(sessionFd));
+    } else {
         if (code == PPC_ERR_INVALID_VALUE) {
             fd = OwnFd();  // unlike the others, this failure is logged after the close
         }
@@ -247,6 +268,7 @@ int drvPpcSessionConnect(int serverId, PpcSession** ppSession)
         return code;
     }
     PPC_INFO(PPC_TEXT("Ppc connect session %d, pid %d"), sessionFd, getpid());
+    GAKPPC_TRACE(session_opened, sessionFd, PeerPid(sessionFd));
     *ppSession = session;
     return PPC_OK;
 }
