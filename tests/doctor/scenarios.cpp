@@ -68,6 +68,65 @@ void FillWithBytes(const std::string& path)
     "outsider              | 1 fault:connection\n" \
     "root:outsider         | 1 fault:connection | usermod -aG krova outsider => 0\n"
 
+// A daemon of krova with umask 0007 in a directory that anybody may write to.
+constexpr char kOnlyTheDirectoryIsOpen[] =
+    "root krova            | 1 fault:directory mode | chmod o-w $DIR => 0\n"
+    "root:krova root:member| 1 fault:directory mode | chmod o-w $DIR => 0\n"
+    "member                | 1 fault:directory mode unknown:daemon | chmod o-w $DIR => 0 unknown:daemon\n"
+    "outsider              | 1 fault:connection fault:directory mode unknown:daemon "
+    "| usermod -aG krova outsider | chmod o-w $DIR => 0 unknown:daemon\n"
+    "root:outsider         | 1 fault:connection fault:directory mode "
+    "| usermod -aG krova outsider | chmod o-w $DIR => 0\n";
+
+// The same daemon in order, with a file of a tap.
+constexpr char kOnlyATapIsNoted[] =
+    "root krova            | 0 note:tap\n"
+    "root:krova root:member| 0 note:tap\n"
+    "member                | 0 note:tap unknown:daemon\n"
+    "outsider              | 1 fault:connection\n"
+    "root:outsider         | 1 fault:connection note:tap | usermod -aG krova outsider => 0 note:tap\n";
+
+// The same daemon in order, but for what it has loaded.
+constexpr char kOnlyTheLibraryIsNoted[] =
+    "root krova            | 0 note:library\n"
+    "root:krova root:member| 0 note:library\n"
+    "member                | 0 unknown:daemon\n"
+    "outsider              | 1 fault:connection\n"
+    "root:outsider         | 1 fault:connection note:library | usermod -aG krova outsider => 0 note:library\n";
+
+// A daemon of krova with a socket of the group staff, in a directory of the group krova.
+constexpr char kDirectoryAndSocketOfDifferentGroups[] =
+    "root root:krova       | 0\n"
+    "krova                 | 0 unknown:daemon\n"
+    "member                | 1 fault:connection unknown:daemon | usermod -aG staff member => 0 unknown:daemon\n"
+    "root:member           | 1 fault:connection | usermod -aG staff member => 0\n"
+    "outsider              | 1 fault:connection\n"
+    "root:outsider         | 1 fault:connection | usermod -aG krova,staff outsider => 0\n";
+
+// No directory below a parent of a user whose name stands in no command.
+constexpr char kDirectoryIsMadeForANamelessUser[] =
+    "root                  | 3 note:connection note:directory\n"
+    "krova member outsider | 1 note:connection fault:directory | install -d -m 0350 -o 3005 -g 4005 $DIR "
+    "=> 1 fault:connection\n"
+    "root:krova root:member root:outsider | 1 note:connection fault:directory "
+    "| install -d -m 0350 -o 3005 -g 4005 $DIR => 1 fault:connection\n";
+
+// A daemon at the saved path, and nobody in its place.
+constexpr char kDaemonIsBehindAKilledTap[] =
+    "root krova            | 1 note:connection fault:tap | mv -fT $SAVED $SOCK => 0\n"
+    "root:krova root:member| 1 note:connection fault:tap | mv -fT $SAVED $SOCK => 0\n"
+    "member                | 1 note:connection fault:tap | mv -fT $SAVED $SOCK => 0 unknown:daemon\n"
+    "outsider              | 1 fault:connection\n"
+    "root:outsider         | 1 fault:connection fault:tap | mv -fT $SAVED $SOCK => 1 fault:connection\n";
+
+// A daemon whose socket nobody finds at its path.
+constexpr char kDaemonIsOutOfReach[] =
+    "root krova            | 1 note:connection fault:other daemon\n"
+    "root:krova root:member| 1 note:connection fault:other daemon\n"
+    "member                | 3 note:connection unknown:other daemon\n"
+    "outsider              | 1 fault:connection\n"
+    "root:outsider         | 1 fault:connection fault:other daemon\n";
+
 }  // namespace
 
 const std::vector<Scenario> kHealthyScenarios{
@@ -113,12 +172,7 @@ const std::vector<Scenario> kHealthyScenarios{
          Machine::Make(kDir, 0770, kRoot, kKrova);
          m.StartDaemon(kKrova, kStaff, "0007");
      },
-     "root root:krova       | 0\n"
-     "krova                 | 0 unknown:daemon\n"
-     "member                | 1 fault:connection unknown:daemon | usermod -aG staff member => 0 unknown:daemon\n"
-     "root:member           | 1 fault:connection | usermod -aG staff member => 0\n"
-     "outsider              | 1 fault:connection\n"
-     "root:outsider         | 1 fault:connection | usermod -aG krova,staff outsider => 0\n"},
+     kDirectoryAndSocketOfDifferentGroups},
 
     {"RootsDaemonForAGroup",
      [](Machine& m) {
@@ -254,12 +308,7 @@ const std::vector<Scenario> kHealthyScenarios{
          StartKrovasDaemon(m);
          m.StartTap(kRoot);
      },
-     "root krova            | 0 note:tap\n"
-     "root:krova root:member| 0 note:tap\n"
-     "member                | 0 note:tap unknown:daemon\n"
-     "outsider              | 1 fault:connection\n"
-     "root:outsider         | 1 fault:connection note:tap | usermod -aG krova outsider => 0 note:tap\n",
-     "root | a tap passes everything on\n"},
+     kOnlyATapIsNoted, "root | a tap passes everything on\n"},
 
     {"TapInPlaceSeenFromAContainer",
      [](Machine& m) {
@@ -390,11 +439,7 @@ const std::vector<Scenario> kHealthyScenarios{
          StartKrovasDaemon(m);
          LeaveSocket(m, kSavedSock);
      },
-     "root krova            | 0 note:tap\n"
-     "root:krova root:member| 0 note:tap\n"
-     "member                | 0 note:tap unknown:daemon\n"
-     "outsider              | 1 fault:connection\n"
-     "root:outsider         | 1 fault:connection note:tap | usermod -aG krova outsider => 0 note:tap\n"},
+     kOnlyATapIsNoted},
 
     {"ReplacedLibrary",
      [](Machine& m) {
@@ -404,22 +449,14 @@ const std::vector<Scenario> kHealthyScenarios{
          fs::copy(library, library + ".new");
          fs::rename(library + ".new", library);
      },
-     "root krova            | 0 note:library\n"
-     "root:krova root:member| 0 note:library\n"
-     "member                | 0 unknown:daemon\n"
-     "outsider              | 1 fault:connection\n"
-     "root:outsider         | 1 fault:connection note:library | usermod -aG krova outsider => 0 note:library\n"},
+     kOnlyTheLibraryIsNoted},
 
     {"OtherProgramOfTheDaemonsUser",
      [](Machine& m) {
          Machine::Make(kDir, 0350, kKrova, kKrova);
          m.StartListener(kKrova, kSock, SOCK_STREAM, 0007);
      },
-     "root krova            | 0 note:library\n"
-     "root:krova root:member| 0 note:library\n"
-     "member                | 0 unknown:daemon\n"
-     "outsider              | 1 fault:connection\n"
-     "root:outsider         | 1 fault:connection note:library | usermod -aG krova outsider => 0 note:library\n"},
+     kOnlyTheLibraryIsNoted},
 
     {"FileSystemWithoutASpareBlock",
      [](Machine& m) {
@@ -531,12 +568,7 @@ const std::vector<Scenario> kFaultyScenarios{
          Machine::Make(kDir, 0350, kKrova, kKrova);
          m.StartDaemon(kKrova, kStaff, "0007");
      },
-     "root root:krova       | 0\n"
-     "krova                 | 0 unknown:daemon\n"
-     "member                | 1 fault:connection unknown:daemon | usermod -aG staff member => 0 unknown:daemon\n"
-     "root:member           | 1 fault:connection | usermod -aG staff member => 0\n"
-     "outsider              | 1 fault:connection\n"
-     "root:outsider         | 1 fault:connection | usermod -aG krova,staff outsider => 0\n"},
+     kDirectoryAndSocketOfDifferentGroups},
 
     {"DaemonOfNogroup", [](Machine& m) { m.StartDaemon(kKrova, kNogroup, "0022"); },
      "root root:krova       | 0\n"
@@ -676,11 +708,7 @@ const std::vector<Scenario> kFaultyScenarios{
      "=> 1 fault:connection\n"},
 
     {"NoDirectoryBelowAParentOfAUserThatHasNoName", [](Machine&) { Machine::Chown(kHome, kNameless, kNameless); },
-     "root                  | 3 note:connection note:directory\n"
-     "krova member outsider | 1 note:connection fault:directory | install -d -m 0350 -o 3005 -g 4005 $DIR "
-     "=> 1 fault:connection\n"
-     "root:krova root:member root:outsider | 1 note:connection fault:directory "
-     "| install -d -m 0350 -o 3005 -g 4005 $DIR => 1 fault:connection\n"},
+     kDirectoryIsMadeForANamelessUser},
 
     {"NoDirectoryAndNamesThatNeedQuotes",
      [](Machine&) {
@@ -688,11 +716,7 @@ const std::vector<Scenario> kFaultyScenarios{
          std::ofstream("/etc/group", std::ios::app) << "qel workers:x:4005:\n";
          Machine::Chown(kHome, kNameless, kNameless);
      },
-     "root                  | 3 note:connection note:directory\n"
-     "krova member outsider | 1 note:connection fault:directory | install -d -m 0350 -o 3005 -g 4005 $DIR "
-     "=> 1 fault:connection\n"
-     "root:krova root:member root:outsider | 1 note:connection fault:directory "
-     "| install -d -m 0350 -o 3005 -g 4005 $DIR => 1 fault:connection\n"},
+     kDirectoryIsMadeForANamelessUser},
 
     {"NoDirectoryInAFullFileSystem",
      [](Machine&) {
@@ -813,39 +837,21 @@ const std::vector<Scenario> kFaultyScenarios{
          Machine::Make(kDir, 0777, kKrova, kKrova);
          StartKrovasDaemon(m);
      },
-     "root krova            | 1 fault:directory mode | chmod o-w $DIR => 0\n"
-     "root:krova root:member| 1 fault:directory mode | chmod o-w $DIR => 0\n"
-     "member                | 1 fault:directory mode unknown:daemon | chmod o-w $DIR => 0 unknown:daemon\n"
-     "outsider              | 1 fault:connection fault:directory mode unknown:daemon "
-     "| usermod -aG krova outsider | chmod o-w $DIR => 0 unknown:daemon\n"
-     "root:outsider         | 1 fault:connection fault:directory mode "
-     "| usermod -aG krova outsider | chmod o-w $DIR => 0\n"},
+     kOnlyTheDirectoryIsOpen},
 
     {"OwnDirectoryOfAnotherGroupThatAnybodyMayWriteTo",
      [](Machine& m) {
          Machine::Make(kDir, 0777, kKrova, kStaff);
          StartKrovasDaemon(m);
      },
-     "root krova            | 1 fault:directory mode | chmod o-w $DIR => 0\n"
-     "root:krova root:member| 1 fault:directory mode | chmod o-w $DIR => 0\n"
-     "member                | 1 fault:directory mode unknown:daemon | chmod o-w $DIR => 0 unknown:daemon\n"
-     "outsider              | 1 fault:connection fault:directory mode unknown:daemon "
-     "| usermod -aG krova outsider | chmod o-w $DIR => 0 unknown:daemon\n"
-     "root:outsider         | 1 fault:connection fault:directory mode "
-     "| usermod -aG krova outsider | chmod o-w $DIR => 0\n"},
+     kOnlyTheDirectoryIsOpen},
 
     {"DirectoryOfTheDaemonsGroupThatAnybodyMayWriteTo",
      [](Machine& m) {
          Machine::Make(kDir, 0777, kRoot, kKrova);
          StartKrovasDaemon(m);
      },
-     "root krova            | 1 fault:directory mode | chmod o-w $DIR => 0\n"
-     "root:krova root:member| 1 fault:directory mode | chmod o-w $DIR => 0\n"
-     "member                | 1 fault:directory mode unknown:daemon | chmod o-w $DIR => 0 unknown:daemon\n"
-     "outsider              | 1 fault:connection fault:directory mode unknown:daemon "
-     "| usermod -aG krova outsider | chmod o-w $DIR => 0 unknown:daemon\n"
-     "root:outsider         | 1 fault:connection fault:directory mode "
-     "| usermod -aG krova outsider | chmod o-w $DIR => 0\n"},
+     kOnlyTheDirectoryIsOpen},
 
     {"RootsDaemonInADirectoryThatAnybodyMayWriteTo",
      [](Machine& m) {
@@ -1136,12 +1142,7 @@ const std::vector<Scenario> kFaultyScenarios{
          m.StartTap(kRoot);
          m.StopTap(SIGKILL);
      },
-     "root krova            | 1 note:connection fault:tap | mv -fT $SAVED $SOCK => 0\n"
-     "root:krova root:member| 1 note:connection fault:tap | mv -fT $SAVED $SOCK => 0\n"
-     "member                | 1 note:connection fault:tap | mv -fT $SAVED $SOCK => 0 unknown:daemon\n"
-     "outsider              | 1 fault:connection\n"
-     "root:outsider         | 1 fault:connection fault:tap | mv -fT $SAVED $SOCK => 1 fault:connection\n",
-     "root | of at most\n"},
+     kDaemonIsBehindAKilledTap, "root | of at most\n"},
 
     {"KilledTapWhoseSocketHasBeenRemoved",
      [](Machine& m) {
@@ -1150,11 +1151,7 @@ const std::vector<Scenario> kFaultyScenarios{
          m.StopTap(SIGKILL);
          fs::remove(kSock);
      },
-     "root krova            | 1 note:connection fault:tap | mv -fT $SAVED $SOCK => 0\n"
-     "root:krova root:member| 1 note:connection fault:tap | mv -fT $SAVED $SOCK => 0\n"
-     "member                | 1 note:connection fault:tap | mv -fT $SAVED $SOCK => 0 unknown:daemon\n"
-     "outsider              | 1 fault:connection\n"
-     "root:outsider         | 1 fault:connection fault:tap | mv -fT $SAVED $SOCK => 1 fault:connection\n"},
+     kDaemonIsBehindAKilledTap},
 
     {"KilledTapAndADirectoryInTheSocketsPlace",
      [](Machine& m) {
@@ -1234,11 +1231,7 @@ const std::vector<Scenario> kFaultyScenarios{
          StartKrovasDaemon(m);
          fs::remove(kSock);
      },
-     "root krova            | 1 note:connection fault:other daemon\n"
-     "root:krova root:member| 1 note:connection fault:other daemon\n"
-     "member                | 3 note:connection unknown:other daemon\n"
-     "outsider              | 1 fault:connection\n"
-     "root:outsider         | 1 fault:connection fault:other daemon\n",
+     kDaemonIsOutOfReach,
      "root | process $PID (gakppcd) listens on a socket that no worker reaches any more\n"
      "root | workers reach it again after its next start\n"
      "member | a process that cannot be seen from here listens on another socket\n"},
@@ -1261,11 +1254,7 @@ const std::vector<Scenario> kFaultyScenarios{
          fs::rename(kDir, kDir + ".old");
          Machine::Make(kDir, 0350, kKrova, kKrova);
      },
-     "root krova            | 1 note:connection fault:other daemon\n"
-     "root:krova root:member| 1 note:connection fault:other daemon\n"
-     "member                | 3 note:connection unknown:other daemon\n"
-     "outsider              | 1 fault:connection\n"
-     "root:outsider         | 1 fault:connection fault:other daemon\n"},
+     kDaemonIsOutOfReach},
 
     {"DirectoryRemovedUnderARunningDaemon",
      [](Machine& m) {
