@@ -76,8 +76,9 @@ int main(int argc, char** argv)
 {
     using namespace tools;
     CLI::App app(
-        "Serves the workers' socket. Shows the workers in a table on a terminal, as lines in a pipe; ends in order on "
-        "SIGINT, SIGTERM and SIGHUP, at once when a second one comes.",
+        "Serves the workers' socket. Shows the workers in a table on a terminal, as lines in a pipe. Ends in order on "
+        "SIGINT, SIGTERM and SIGHUP, at once when a second one comes, and with status 1 when its lines or JSON objects "
+        "cannot be written any more: when nobody reads them, or the disk is full.",
         "gakppcd");
     DaemonOptions options;
     options.workerProgram = DefaultWorkerProgram();

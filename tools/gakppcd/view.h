@@ -27,8 +27,8 @@ public:
 
     Mode mode() const { return mode_; }
 
-    // Whether events could not be written. A table whose terminal has hung up is no reason to end: SIGHUP comes of
-    // that, unless it is ignored.
+    // Whether events could not be written, which ends the daemon. A table has none to lose: when its terminal hangs up,
+    // the kernel sends SIGHUP, which ends the daemon unless it is ignored.
     bool HasLostEvents() const { return outputIsGone_ && mode_ != Mode::kTable; }
 
     // Something has happened, to a worker or, with null, to the daemon itself.
