@@ -41,7 +41,7 @@ bool IsTapInPlace()
     if (!sockets.has_value()) {
         return !ListenersAt(kSavedSocketPath).empty();
     }
-    return std::any_of(sockets->begin(), sockets->end(), [&file](const ListeningSocket& socket) {
+    return std::any_of(sockets->begin(), sockets->end(), [&file](const UnixSocket& socket) {
         return socket.path == kSavedSocketPath && socket.device == file.st_dev &&
                socket.inode == static_cast<uint32_t>(file.st_ino);
     });

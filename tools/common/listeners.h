@@ -22,6 +22,9 @@ std::vector<ListeningProcess> ListenersAt(const std::string& path);
 // The processes that have a socket open, as far as we may look into them. `number` is the kernel's.
 std::vector<pid_t> ProcessesWithSocket(uint32_t number);
 
+// Whether a process, whose descriptors we may see, lives in another mount namespace or below another root directory.
+bool SeesOtherFiles(pid_t pid);
+
 // The value of one line "key:  value" of a file, empty when it is missing.
 std::string ValueInFile(const std::string& file, const std::string& key);
 

@@ -1,30 +1,39 @@
 #include "socket_diag.h"
 
+#include <fcntl.h>
+#include <fmt/format.h>
 #include <linux/netlink.h>
 #include <linux/rtnetlink.h>
 #include <linux/sock_diag.h>
 #include <linux/unix_diag.h>
+#include <sched.h>
 #include <sys/socket.h>
 #include <sys/sysmacros.h>
 
 #include <algorithm>
 #include <array>
+#include <cerrno>
 #include <cstring>
+#include <functional>
 
 #include "deadline.h"
-#include "fd.h"
+#include "exit_error.h"
 #include "ppc_socket.h"
 
 namespace tools {
 namespace {
 
-constexpr uint32_t kListenState = 10;  // TCP_LISTEN, which Unix sockets use as well
-constexpr unsigned kMinorBits = 20;    // of a device number inside the kernel
+constexpr uint32_t kEstablishedState = 1;  // TCP_ESTABLISHED and TCP_LISTEN, which Unix sockets use as well
+constexpr uint32_t kListenState = 10;
+constexpr uint32_t kAnyCookie = ~0U;
+constexpr unsigned kMinorBits = 20;  // of a device number inside the kernel
 constexpr std::chrono::seconds kAnswerTime{2};
 
-using Sockets = std::vector<ListeningSocket>;
+using Sockets = std::vector<UnixSocket>;
+using TakeSocket = std::function<void(const nlmsghdr*)>;
+using TakeAttribute = std::function<void(const rtattr*)>;
 
-bool Ask(const Fd& netlink)
+bool Ask(const Fd& netlink, const unix_diag_req& request, uint16_t flags)
 {
     struct {
         nlmsghdr header;
@@ -32,11 +41,69 @@ bool Ask(const Fd& netlink)
     } question{};
     question.header.nlmsg_len = sizeof(question);
     question.header.nlmsg_type = SOCK_DIAG_BY_FAMILY;
-    question.header.nlmsg_flags = NLM_F_REQUEST | NLM_F_DUMP;
+    question.header.nlmsg_flags = static_cast<uint16_t>(NLM_F_REQUEST | flags);
+    question.request = request;
     question.request.sdiag_family = AF_UNIX;
-    question.request.udiag_states = 1U << kListenState;
-    question.request.udiag_show = UDIAG_SHOW_NAME | UDIAG_SHOW_VFS | UDIAG_SHOW_RQLEN;
     return send(netlink.get(), &question, sizeof(question), 0) == static_cast<ssize_t>(sizeof(question));
+}
+
+enum class Answer { kMore, kEnd, kRefused };
+
+int ErrorIn(const nlmsghdr* header)
+{
+    const bool isError = header->nlmsg_type == NLMSG_ERROR && header->nlmsg_len >= NLMSG_LENGTH(sizeof(nlmsgerr));
+    return isError ? -static_cast<const nlmsgerr*>(NLMSG_DATA(header))->error : EPROTO;
+}
+
+Answer ReadAnswer(const char* bytes, size_t size, const TakeSocket& take)
+{
+    const auto* header = reinterpret_cast<const nlmsghdr*>(bytes);
+    for (; NLMSG_OK(header, size); header = NLMSG_NEXT(header, size)) {
+        if (header->nlmsg_type == NLMSG_DONE) {
+            return Answer::kEnd;
+        }
+        if (header->nlmsg_type != SOCK_DIAG_BY_FAMILY) {
+            errno = ErrorIn(header);
+            return Answer::kRefused;
+        }
+        take(header);
+        if ((header->nlmsg_flags & NLM_F_MULTI) == 0) {
+            return Answer::kEnd;
+        }
+    }
+    return Answer::kMore;
+}
+
+// Asks the kernel; each socket of its answer goes to `take`. False, with errno set, when it gives none.
+bool Query(const Fd& netlink, const unix_diag_req& request, uint16_t flags, const TakeSocket& take)
+{
+    if (!netlink.valid() || !Ask(netlink, request, flags)) {
+        return false;
+    }
+    alignas(nlmsghdr) std::array<char, 32768> buffer{};
+    const Deadline deadline(kAnswerTime);
+    while (WaitReadable(netlink.get(), deadline)) {
+        const ssize_t size = recv(netlink.get(), buffer.data(), buffer.size(), MSG_DONTWAIT);
+        if (size <= 0) {
+            return false;
+        }
+        const Answer answer = ReadAnswer(buffer.data(), static_cast<size_t>(size), take);
+        if (answer != Answer::kMore) {
+            return answer == Answer::kEnd;
+        }
+    }
+    errno = ETIMEDOUT;
+    return false;
+}
+
+void ForEachAttribute(const nlmsghdr* header, const TakeAttribute& take)
+{
+    const auto* message = static_cast<const unix_diag_msg*>(NLMSG_DATA(header));
+    auto length = static_cast<int>(header->nlmsg_len - NLMSG_LENGTH(sizeof(*message)));
+    const auto* attribute = reinterpret_cast<const rtattr*>(message + 1);
+    for (; RTA_OK(attribute, length); attribute = RTA_NEXT(attribute, length)) {
+        take(attribute);
+    }
 }
 
 template <typename T>
@@ -47,73 +114,109 @@ T ValueOf(const rtattr* attribute)
     return value;
 }
 
-void TakeAttribute(const rtattr* attribute, ListeningSocket& socket)
+void SetFile(const rtattr* attribute, UnixSocket& socket)
 {
-    if (attribute->rta_type == UNIX_DIAG_NAME) {
-        socket.path.assign(static_cast<const char*>(RTA_DATA(attribute)), RTA_PAYLOAD(attribute));
-        socket.path.resize(strnlen(socket.path.c_str(), socket.path.size()));
-    } else if (attribute->rta_type == UNIX_DIAG_VFS) {
-        const auto file = ValueOf<unix_diag_vfs>(attribute);
-        const uint32_t device = file.udiag_vfs_dev;
-        socket.device = makedev(device >> kMinorBits, device & ((1U << kMinorBits) - 1));
-        socket.inode = file.udiag_vfs_ino;
-    } else if (attribute->rta_type == UNIX_DIAG_RQLEN) {
-        socket.waiting = ValueOf<unix_diag_rqlen>(attribute).udiag_rqueue;
+    const auto file = ValueOf<unix_diag_vfs>(attribute);
+    const uint32_t device = file.udiag_vfs_dev;
+    socket.device = makedev(device >> kMinorBits, device & ((1U << kMinorBits) - 1));
+    socket.inode = file.udiag_vfs_ino;
+}
+
+void SetAttribute(const rtattr* attribute, UnixSocket& socket)
+{
+    switch (attribute->rta_type) {
+        case UNIX_DIAG_NAME:
+            socket.path.assign(static_cast<const char*>(RTA_DATA(attribute)), RTA_PAYLOAD(attribute));
+            socket.path.resize(strnlen(socket.path.c_str(), socket.path.size()));
+            break;
+        case UNIX_DIAG_VFS:
+            SetFile(attribute, socket);
+            break;
+        case UNIX_DIAG_PEER:
+            socket.peer = ValueOf<uint32_t>(attribute);
+            break;
+        case UNIX_DIAG_RQLEN:
+            socket.waiting = ValueOf<unix_diag_rqlen>(attribute).udiag_rqueue;
+            socket.sendMemory = ValueOf<unix_diag_rqlen>(attribute).udiag_wqueue;
+            break;
+        case UNIX_DIAG_UID:
+            socket.user = ValueOf<uint32_t>(attribute);
+            break;
+        default:
+            break;
     }
 }
 
-void TakeSocket(const nlmsghdr* header, Sockets& sockets)
+UnixSocket SocketOf(const nlmsghdr* header)
 {
     const auto* message = static_cast<const unix_diag_msg*>(NLMSG_DATA(header));
-    ListeningSocket socket;
+    UnixSocket socket;
     socket.number = message->udiag_ino;
-    auto length = static_cast<int>(header->nlmsg_len - NLMSG_LENGTH(sizeof(*message)));
-    const auto* attribute = reinterpret_cast<const rtattr*>(message + 1);
-    for (; RTA_OK(attribute, length); attribute = RTA_NEXT(attribute, length)) {
-        TakeAttribute(attribute, socket);
-    }
-    sockets.push_back(socket);
+    socket.listens = message->udiag_state == kListenState;
+    ForEachAttribute(header, [&socket](const rtattr* attribute) { SetAttribute(attribute, socket); });
+    return socket;
 }
 
-enum class Answer { kMore, kEnd, kRefused };
-
-Answer TakeAnswer(const char* bytes, size_t size, Sockets& sockets)
+std::optional<Sockets> SocketsInStates(const Fd& diag, uint32_t states)
 {
-    const auto* header = reinterpret_cast<const nlmsghdr*>(bytes);
-    for (; NLMSG_OK(header, size); header = NLMSG_NEXT(header, size)) {
-        if (header->nlmsg_type == NLMSG_DONE) {
-            return Answer::kEnd;
-        }
-        if (header->nlmsg_type != SOCK_DIAG_BY_FAMILY) {
-            return Answer::kRefused;
-        }
-        TakeSocket(header, sockets);
-    }
-    return Answer::kMore;
+    unix_diag_req request{};
+    request.udiag_states = states;
+    request.udiag_show = UDIAG_SHOW_NAME | UDIAG_SHOW_VFS | UDIAG_SHOW_PEER | UDIAG_SHOW_RQLEN | UDIAG_SHOW_UID;
+    Sockets sockets;
+    const bool answered =
+        Query(diag, request, NLM_F_DUMP, [&sockets](const nlmsghdr* header) { sockets.push_back(SocketOf(header)); });
+    return answered ? std::optional<Sockets>(std::move(sockets)) : std::nullopt;
 }
 
 }  // namespace
 
 std::optional<Sockets> ListeningSockets()
 {
-    const Fd netlink(socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC, NETLINK_SOCK_DIAG));
-    if (!netlink.valid() || !Ask(netlink)) {
-        return std::nullopt;
+    return SocketsInStates(OpenSocketDiag(), 1U << kListenState);
+}
+
+Fd OpenSocketDiag()
+{
+    return Fd(socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC, NETLINK_SOCK_DIAG));
+}
+
+// A socket stays in the namespace in which it was made.
+Fd OpenSocketDiagIn(const Fd& network)
+{
+    const Fd ours(open("/proc/thread-self/ns/net", O_RDONLY | O_CLOEXEC));
+    if (!ours.valid() || setns(network.get(), CLONE_NEWNET) == -1) {
+        return Fd();
     }
-    Sockets sockets;
-    alignas(nlmsghdr) std::array<char, 32768> buffer{};
-    const Deadline deadline(kAnswerTime);
-    while (WaitReadable(netlink.get(), deadline)) {
-        const ssize_t size = recv(netlink.get(), buffer.data(), buffer.size(), MSG_DONTWAIT);
-        if (size <= 0) {
-            return std::nullopt;
-        }
-        const Answer answer = TakeAnswer(buffer.data(), static_cast<size_t>(size), sockets);
-        if (answer != Answer::kMore) {
-            return answer == Answer::kEnd ? std::optional<Sockets>(sockets) : std::nullopt;
-        }
+    Fd diag = OpenSocketDiag();
+    const int error = errno;
+    if (setns(ours.get(), CLONE_NEWNET) == -1) {
+        throw ExitError(kExitFailed, fmt::format("setns: {}", strerror(errno)));
     }
-    return std::nullopt;
+    errno = error;
+    return diag;
+}
+
+std::optional<Sockets> ListeningAndConnectedSockets(const Fd& diag)
+{
+    return SocketsInStates(diag, 1U << kListenState | 1U << kEstablishedState);
+}
+
+std::optional<std::vector<uint32_t>> PendingClients(const Fd& diag, uint32_t listener)
+{
+    unix_diag_req request{};
+    request.udiag_ino = listener;
+    request.udiag_show = UDIAG_SHOW_ICONS;
+    request.udiag_cookie[0] = request.udiag_cookie[1] = kAnyCookie;
+    std::vector<uint32_t> clients;
+    const bool answered = Query(diag, request, 0, [&clients](const nlmsghdr* header) {
+        ForEachAttribute(header, [&clients](const rtattr* attribute) {
+            if (attribute->rta_type == UNIX_DIAG_ICONS) {
+                clients.resize(RTA_PAYLOAD(attribute) / sizeof(uint32_t));
+                memcpy(clients.data(), RTA_DATA(attribute), clients.size() * sizeof(uint32_t));
+            }
+        });
+    });
+    return answered ? std::optional<std::vector<uint32_t>>(clients) : std::nullopt;
 }
 
 }  // namespace tools

@@ -12,25 +12,25 @@
 namespace tools {
 namespace {
 
-using Sockets = std::vector<ListeningSocket>;
+using Sockets = std::vector<UnixSocket>;
 
 // A socket that was bound to the daemon's path, with the processes that have it open. None: we may not see them.
 struct BoundSocket {
-    ListeningSocket socket;
+    UnixSocket socket;
     std::vector<pid_t> processes;
 };
 
 // The kernel numbers files as stat does, but for the device, which some file systems make up for everything except
 // directories.
-bool IsBehind(const ListeningSocket& socket, const FileInfo& file, const FileInfo& directory)
+bool IsBehind(const UnixSocket& socket, const FileInfo& file, const FileInfo& directory)
 {
     return file.IsThere() && directory.IsThere() && socket.device == directory.status.st_dev &&
            socket.inode == static_cast<uint32_t>(file.status.st_ino);
 }
 
-const ListeningSocket* SocketBehind(const FileInfo& file, const Facts& facts, const Sockets& sockets)
+const UnixSocket* SocketBehind(const FileInfo& file, const Facts& facts, const Sockets& sockets)
 {
-    const auto found = std::find_if(sockets.begin(), sockets.end(), [&](const ListeningSocket& socket) {
+    const auto found = std::find_if(sockets.begin(), sockets.end(), [&](const UnixSocket& socket) {
         return IsBehind(socket, file, facts.directory);
     });
     return found == sockets.end() ? nullptr : &*found;
@@ -43,15 +43,15 @@ Held HeldByDaemon(const Facts& facts)
 }
 
 // What we may not try, the kernel's table may still tell.
-Held OrListed(Held held, const ListeningSocket* listed)
+Held OrListed(Held held, const UnixSocket* listed)
 {
     return held == Held::kUnknown && listed != nullptr ? Held::kYes : held;
 }
 
 void FindHolders(Facts& facts, const Sockets& sockets)
 {
-    const ListeningSocket* socket = SocketBehind(facts.socket, facts, sockets);
-    const ListeningSocket* saved = SocketBehind(facts.saved, facts, sockets);
+    const UnixSocket* socket = SocketBehind(facts.socket, facts, sockets);
+    const UnixSocket* saved = SocketBehind(facts.saved, facts, sockets);
     facts.socketHeld = OrListed(HeldByDaemon(facts), socket);
     facts.savedHeld = OrListed(IsHeld(kSavedSocketPath), saved);
     if (facts.IsConnected()) {
@@ -85,7 +85,7 @@ std::optional<Identity> DaemonUser(const Facts& facts)
 std::vector<BoundSocket> SocketsBoundToDaemonPath(const Sockets& sockets, const FileInfo& directory)
 {
     std::vector<BoundSocket> bound;
-    for (const ListeningSocket& socket : sockets) {
+    for (const UnixSocket& socket : sockets) {
         if (socket.path != kSocketPath) {
             continue;
         }

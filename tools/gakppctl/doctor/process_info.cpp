@@ -47,13 +47,6 @@ std::optional<std::string> LoadedLibrary(const fs::path& process)
     return "";
 }
 
-bool IsSameLink(const std::string& link, const std::string& other)
-{
-    std::error_code error;
-    const fs::path target = fs::read_symlink(link, error);
-    return !target.empty() && target == fs::read_symlink(other, error);
-}
-
 }  // namespace
 
 ProcessInfo DescribeProcess(pid_t pid)
@@ -77,12 +70,6 @@ ProcessInfo DescribeProcess(pid_t pid)
     process.descriptorLimit = NumberIn(ValueInFile(folder + "/limits", "Max open files"), 10);
     process.loadedLibrary = LoadedLibrary(folder);
     return process;
-}
-
-bool SeesOtherFiles(pid_t pid)
-{
-    const std::string folder = fmt::format("/proc/{}", pid);
-    return !IsSameLink(folder + "/ns/mnt", "/proc/self/ns/mnt") || !IsSameLink(folder + "/root", "/proc/self/root");
 }
 
 }  // namespace tools

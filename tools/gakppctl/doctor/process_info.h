@@ -20,9 +20,6 @@ struct ProcessInfo {
 };
 ProcessInfo DescribeProcess(pid_t pid);
 
-// Whether a process, whose descriptors we may see, lives in another mount namespace or below another root directory.
-bool SeesOtherFiles(pid_t pid);
-
 }  // namespace tools
 
 #endif
