@@ -7,6 +7,7 @@
 
 #include "client_fixture.h"
 #include "log.h"
+#include "tracer.h"
 
 namespace gaktest {
 namespace {
@@ -431,6 +432,26 @@ TEST_F(GakTest, CustPidAsksOverTheComputeSessionOfTheLastDevice)
     expected.lib_names = {"libone.so", "libtwo.so", "libone.so"};
     EXPECT_EQ(ReadPpcFrame(compute, kWait), expected);
     EXPECT_EQ(Lines().back(), Line("CreateOrFindCustPid", "CreateOrFindCustPid exit"));
+}
+
+TEST_F(GakTest, CustPidIsTracedBeforeItsMessageAndAfterTheAnswer)
+{
+    GAKPPC_SKIP_WITHOUT_TRACEPOINTS();
+    const Fd zolt = SendFirstHeartbeat(0, kZolt);
+    const Fd compute = SendFirstHeartbeat(3, kCompute);
+    const TracepointLog traced({"custom_process_asked", "message_sending", "custom_process_found"});
+    BackgroundCall call([] { return CreateOrFindCustPid(0, nullptr, 4711); });
+    EXPECT_TRUE(ReadPpcFrame(compute, kWait).has_value());
+    EXPECT_EQ(traced.Hits().size(), 2u);
+    ReportCustomStart();
+    EXPECT_EQ(call.Result(), 0u);
+    const std::vector<TracepointHit> hits = traced.Hits();
+    ASSERT_EQ(hits.size(), 3u);
+    EXPECT_EQ(hits[0].name, "custom_process_asked");
+    EXPECT_EQ(hits[1].name, "message_sending");
+    EXPECT_EQ(hits[2].name, "custom_process_found");
+    EXPECT_THAT(hits[0].arguments, ElementsAre(3, OwnPid()));
+    EXPECT_EQ(hits[2].arguments, hits[0].arguments);
 }
 
 TEST_F(GakTest, CustPidReadsNoMoreNamesThanTheCount)

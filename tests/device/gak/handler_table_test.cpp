@@ -10,8 +10,10 @@
 #include <thread>
 #include <vector>
 
+#include "held_mutexes.h"
 #include "server_fixture.h"
 #include "server_lines.h"
+#include "tracer.h"
 
 namespace {
 
@@ -278,5 +280,52 @@ INSTANTIATE_TEST_SUITE_P(
                                     server.CreateServer(kServerId);
                                 }}),
     [](const testing::TestParamInfo<HandlerCase>& param) { return param.param.name; });
+
+// ---- Tracepoints ----
+
+class HandlerTracepointTest : public HandlerTableTest {
+protected:
+    void SetUp() override { GAKPPC_SKIP_WITHOUT_TRACEPOINTS(); }
+
+    static const std::vector<std::string>& Names()
+    {
+        static const std::vector<std::string> names = {"handler_waiting", "handler_entered", "handler_left"};
+        return names;
+    }
+};
+
+TEST_F(HandlerTracepointTest, MessageIsTracedBeforeInsideAndAfterItsTurn)
+{
+    Handle(4);
+    const HeldMutexes held;
+    std::vector<std::string> seen;
+    Inbox::OnMessage([&](const PPCMessage&) { seen.emplace_back("handler"); });
+    const Tracer tracer(Names(), [&](const TracepointHit& hit) {
+        const bool isItsTurn = HeldMutexes::OfThisThread() == 1;
+        seen.push_back(hit.name + (isItsTurn ? ", its turn" : ""));
+        EXPECT_THAT(hit.arguments, ElementsAre(4, 1, 4242));
+        EXPECT_EQ(hit.thread, gettid());
+    });
+    server_.PPCSerMsgProc(Message(Report(1, 4242, 4)));
+    EXPECT_THAT(seen, ElementsAre("handler_waiting", "handler_entered, its turn", "handler", "handler_left, its turn"));
+}
+
+TEST_F(HandlerTracepointTest, HandlerThatRaisesIsLeft)
+{
+    Handle(2);
+    Inbox::OnMessage([](const PPCMessage&) { throw std::runtime_error("no such worker"); });
+    const TracepointLog traced(Names());
+    server_.PPCSerMsgProc(Message(Report(3, 7, 2)));
+    EXPECT_THAT(traced.Lines(), ElementsAre("handler_waiting 2 3 7", "handler_entered 2 3 7", "handler_left 2 3 7"));
+}
+
+TEST_F(HandlerTracepointTest, MessageWithoutAHandlerOnlyWaits)
+{
+    server_.RegPPCSerMsgProcFunc(78, nullptr);
+    const TracepointLog traced(Names());
+    server_.PPCSerMsgProc(Message(Report(1, 7, 77)));
+    server_.PPCSerMsgProc(Message(Report(1, 8, 78)));
+    EXPECT_THAT(traced.Lines(), ElementsAre("handler_waiting 77 1 7", "handler_waiting 78 1 8"));
+}
 
 }  // namespace

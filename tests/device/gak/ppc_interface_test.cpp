@@ -17,6 +17,7 @@
 #include "log_lines.h"
 #include "process.h"
 #include "raw_peer.h"
+#include "tracer.h"
 
 namespace {
 
@@ -763,6 +764,165 @@ TEST_F(PpcInterfaceTest, NoMemoryForTheDecodedMessageIsReturnedAndNotRaised)
     EXPECT_EQ(ReceivePayload({0, 0, 0, 0}), 0x1013007u);
     EXPECT_THAT(CodecLines(log_),
                 ElementsAre(WithStatus(0x1013007, "RecvMsg", "[GAKPPCIF] RecvMsg() no memory for the message")));
+}
+
+// ---- Tracepoints ----
+
+constexpr uint32_t kSendFailed = 0x1093037;
+
+// A message at a tracepoint.
+struct TracedHit {
+    std::string line;  // "NAME TYPE DEVICE PID FD [STATUS]"
+    TracedMessage message;
+    Bytes payload;
+    bool peerCanRead;
+};
+
+class PpcInterfaceTracepointTest : public PpcInterfaceTest {
+protected:
+    void SetUp() override
+    {
+        GAKPPC_SKIP_WITHOUT_TRACEPOINTS();
+        PpcInterfaceTest::SetUp();
+        memcpy(&fd_, reinterpret_cast<const char*>(session_) + sizeof(uint32_t), sizeof(fd_));
+        tracer_.emplace(std::vector<std::string>{"message_sending", "message_sent", "message_received"},
+                        [this](const TracepointHit& hit) { Take(hit); });
+    }
+    void TearDown() override
+    {
+        tracer_.reset();
+        if (session_ != nullptr) {
+            PpcInterfaceTest::TearDown();
+        }
+    }
+
+    std::vector<std::string> Lines() const
+    {
+        std::vector<std::string> lines;
+        for (const TracedHit& hit : hits_) {
+            lines.push_back(hit.line);
+        }
+        return lines;
+    }
+
+    // The line of a message that says "TYPE DEVICE PID" of itself.
+    std::string Sending(const std::string& message) const
+    {
+        return "message_sending " + message + " " + std::to_string(fd_);
+    }
+    std::string Sent(const std::string& message, uint32_t status = kOk) const
+    {
+        return "message_sent " + message + " " + std::to_string(fd_) + " " + std::to_string(status);
+    }
+    std::string Traced(const std::string& message, uint32_t status = kOk) const
+    {
+        return "message_received " + message + " " + std::to_string(fd_) + " " + std::to_string(status);
+    }
+
+    std::vector<TracedHit> hits_;
+    int fd_ = -1;
+
+private:
+    void Take(const TracepointHit& hit)
+    {
+        TracedHit taken{hit.name, {}, {}, gaktest::WaitReadable(peer_, 0s)};
+        for (size_t index = 0; index < hit.arguments.size(); ++index) {
+            taken.line += index == 4 ? "" : " " + std::to_string(hit.arguments[index]);
+        }
+        // NOLINTNEXTLINE(performance-no-int-to-ptr): the argument is an address
+        memcpy(&taken.message, reinterpret_cast<const void*>(hit.arguments.at(4)), sizeof(taken.message));
+        // NOLINTNEXTLINE(performance-no-int-to-ptr): likewise
+        const auto* payload = reinterpret_cast<const uint8_t*>(taken.message.payload);
+        taken.payload.assign(payload, payload + taken.message.length);
+        hits_.push_back(taken);
+    }
+
+    std::optional<Tracer> tracer_;
+};
+
+std::string Ids(const TracedMessage& message)
+{
+    return std::to_string(message.src_id) + " " + std::to_string(message.dest_id) + " " +
+           std::to_string(message.proc_type);
+}
+
+TEST_F(PpcInterfaceTracepointTest, SentMessageIsTracedBeforeAndAfterTheWrite)
+{
+    EXPECT_EQ(Send(kFullMessage), kOk);
+    EXPECT_THAT(Lines(), ElementsAre(Sending("3 2 4242"), Sent("3 2 4242")));
+    EXPECT_FALSE(hits_[0].peerCanRead);
+    EXPECT_TRUE(hits_[1].peerCanRead);
+    for (const TracedHit& hit : hits_) {
+        EXPECT_EQ(Ids(hit.message), "2 19280 1");
+        EXPECT_EQ(Hex(hit.payload), Hex(Joined({29, 0, 0, 0}, kFullEncoding)));
+    }
+}
+
+TEST_F(PpcInterfaceTracepointTest, DeviceOfAMessageToAWorkerIsItsDestination)
+{
+    EXPECT_EQ(Send({5, 1, 3, 2, 4242, 0, {}}), kOk);
+    EXPECT_THAT(Lines(), ElementsAre(Sending("5 3 4242"), Sent("5 3 4242")));
+    EXPECT_EQ(Ids(hits_[0].message), "1 3 2");
+}
+
+TEST_F(PpcInterfaceTracepointTest, FailedSendIsTracedWithItsStatus)
+{
+    peer_.Reset();
+    EXPECT_EQ(Send(kFullMessage), kSendFailed);
+    EXPECT_THAT(Lines(), ElementsAre(Sending("3 2 4242"), Sent("3 2 4242", kSendFailed)));
+}
+
+TEST_F(PpcInterfaceTracepointTest, EndedSessionIsTracedByItsFormerDescriptor)
+{
+    ASSERT_EQ(drvPpcSessionClose(session_), PPC_OK);
+    EXPECT_EQ(Send(kFullMessage), kSendFailed);
+    EXPECT_THAT(Lines(), ElementsAre(Sending("3 2 4242"), Sent("3 2 4242", kSendFailed)));
+}
+
+TEST_F(PpcInterfaceTracepointTest, SessionOfAnotherTransportHasNoDescriptor)
+{
+    struct {
+        uint32_t magic = PPC_SESSION_MAGIC;
+        uint32_t fields[7] = {};
+    } foreign;
+    CountingHook<DriverSend> send;
+    send.FailCall(1, PPC_OK, 0);
+    EXPECT_EQ(codec_.SendMsg(&foreign, Message(kFullMessage)), kOk);
+    fd_ = -1;
+    EXPECT_THAT(Lines(), ElementsAre(Sending("3 2 4242"), Sent("3 2 4242")));
+}
+
+TEST_F(PpcInterfaceTracepointTest, RefusedMessageIsNotTraced)
+{
+    EXPECT_NE(codec_.SendMsg(nullptr, Message(kFullMessage)), kOk);
+    const FailingHook<DriverAddMsgBuffer> add(PPC_ERR_NO_RESOURCE);
+    EXPECT_NE(Send(kFullMessage), kOk);
+    EXPECT_THAT(Lines(), testing::IsEmpty());
+}
+
+TEST_F(PpcInterfaceTracepointTest, ReceivedMessageIsTraced)
+{
+    EXPECT_EQ(ReceivePayload(gaktest::PpcPayload(kFullMessage)), kOk);
+    EXPECT_THAT(Lines(), ElementsAre(Traced("3 2 4242")));
+    EXPECT_EQ(Ids(hits_[0].message), "2 19280 1");
+    EXPECT_EQ(Hex(hits_[0].payload), Hex(Joined({29, 0, 0, 0}, kFullEncoding)));
+}
+
+TEST_F(PpcInterfaceTracepointTest, ReceivedNoMessageIsTracedWithItsBytesOnly)
+{
+    received_ = Message(kFullMessage);
+    EXPECT_EQ(ReceivePayload({9, 0, 0, 0, 0x08, 0x01}), 0x109303Au);
+    EXPECT_THAT(Lines(), ElementsAre(Traced("0 0 0", 0x109303A)));
+    EXPECT_EQ(Ids(hits_[0].message), "0 0 0");
+    EXPECT_EQ(Hex(hits_[0].payload), "09 00 00 00 08 01");
+}
+
+TEST_F(PpcInterfaceTracepointTest, UnfinishedFrameIsNotTraced)
+{
+    EXPECT_TRUE(WriteAll(peer_, {0, 0, 0, 8, 1}));
+    peer_.Reset();
+    EXPECT_NE(Receive(), kOk);
+    EXPECT_THAT(Lines(), testing::IsEmpty());
 }
 
 }  // namespace

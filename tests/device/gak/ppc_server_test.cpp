@@ -11,6 +11,7 @@
 #include <cstdlib>
 #include <future>
 #include <memory>
+#include <mutex>
 #include <new>
 #include <optional>
 #include <string>
@@ -24,6 +25,7 @@
 #include "last_exit_handler.h"
 #include "server_fixture.h"
 #include "server_lines.h"
+#include "tracer.h"
 
 namespace {
 
@@ -1132,6 +1134,46 @@ TEST_F(PpcServerTest, DestroyInAForkedChildDoesNothing)
     EXPECT_TRUE(child.WaitExit(20s).ExitedWith(0));
     EXPECT_EQ(server_.SendData(Order(1, 7)), kOk);
     const Fd another = ConnectAs(1, 8);
+}
+
+// ---- Tracepoints ----
+
+class PpcServerTracepointTest : public PpcServerTest {
+protected:
+    void SetUp() override { GAKPPC_SKIP_WITHOUT_TRACEPOINTS(); }
+};
+
+TEST_F(PpcServerTracepointTest, ServerIsTracedWhenItListensAndWhenItsSessionsHaveEnded)
+{
+    std::mutex mutex;
+    std::vector<std::string> seen;
+    const Tracer tracer({"server_created", "server_destroyed", "session_ended"}, [&](const TracepointHit& hit) {
+        const std::lock_guard<std::mutex> lock(mutex);
+        seen.push_back(hit.name);
+        if (hit.name != "session_ended") {
+            EXPECT_THAT(hit.arguments, ElementsAre(kServerId));
+            EXPECT_EQ(Dial().valid(), hit.name == "server_created");
+        }
+    });
+    Create();
+    EXPECT_EQ(server_.CreateServer(kServerId), kOk);
+    ASSERT_TRUE(WaitForExits(1));  // of the connection above
+    const Fd worker = Connect();
+    EXPECT_EQ(server_.Destroy(), kOk);
+    EXPECT_EQ(server_.Destroy(), kOk);
+    EXPECT_THAT(seen, ElementsAre("server_created", "session_ended", "session_ended", "server_destroyed"));
+}
+
+TEST_F(PpcServerTracepointTest, ServerThatDoesNotComeAboutIsNotTraced)
+{
+    const TracepointLog traced({"server_created", "server_destroyed"});
+    {
+        CountingHook<calls::StdThreadCreate> threads;
+        threads.FailFrom(1, EAGAIN, 0);
+        EXPECT_NE(server_.CreateServer(kServerId), kOk);
+    }
+    EXPECT_EQ(server_.Destroy(), kOk);
+    EXPECT_THAT(traced.Lines(), IsEmpty());
 }
 
 }  // namespace

@@ -8,6 +8,7 @@
 #include <optional>
 
 #include "driver_test.h"
+#include "tracer.h"
 
 namespace {
 
@@ -883,6 +884,97 @@ TEST_F(SessionAcceptTest, WithoutAnotherNumberThanAStandardOneEachCallFails)
     EXPECT_EQ(session_, kNoSession);
     EXPECT_EQ(server, kNoServer);
     EXPECT_EQ(OpenDescriptors(), before);
+}
+
+// ---- Tracepoints ----
+
+std::string SessionHit(const char* name, int fd, pid_t peer)
+{
+    return std::string(name) + " " + std::to_string(fd) + " " + std::to_string(peer);
+}
+
+class SessionTracepointTest : public DriverTest {
+protected:
+    void SetUp() override { GAKPPC_SKIP_WITHOUT_TRACEPOINTS(); }
+
+    static const std::vector<std::string>& Names()
+    {
+        static const std::vector<std::string> names = {"session_opened", "session_ended"};
+        return names;
+    }
+};
+
+TEST_F(SessionTracepointTest, AcceptedSessionIsTracedWithItsRealPeer)
+{
+    Endpoint endpoint;
+    ChildProcess worker([] {
+        const Fd socket = RawConnect(kServerId);
+        return ExpectEof(socket, 20s) ? 0 : 1;
+    });
+    const TracepointLog traced(Names());
+    PpcSession* session = nullptr;
+    ASSERT_EQ(drvPpcSessionAccept(endpoint.server, &session), PPC_OK);
+    const int fd = ViewOf(session).fd;
+    EXPECT_THAT(traced.Lines(), ElementsAre(SessionHit("session_opened", fd, worker.pid())));
+    EXPECT_EQ(drvPpcSessionClose(session), PPC_OK);
+    EXPECT_NE(drvPpcSessionClose(session), PPC_OK);
+    EXPECT_THAT(traced.Lines(), ElementsAre(SessionHit("session_opened", fd, worker.pid()),
+                                            SessionHit("session_ended", fd, worker.pid())));
+    EXPECT_TRUE(worker.WaitExit(20s).ExitedWith(0));
+}
+
+TEST_F(SessionTracepointTest, ConnectedSessionIsTracedWithTheProcessThatListens)
+{
+    const TracepointLog traced(Names());
+    Connection connection;
+    const int fd = connection.FdNumber();
+    EXPECT_THAT(traced.Lines(), ElementsAre(SessionHit("session_opened", fd, getpid())));
+    connection.End();
+    EXPECT_THAT(traced.Lines(),
+                ElementsAre(SessionHit("session_opened", fd, getpid()), SessionHit("session_ended", fd, getpid())));
+}
+
+TEST_F(SessionTracepointTest, EndIsTracedBeforeTheSocketIsShutDown)
+{
+    Connection connection;
+    bool wasConnected = false;
+    const Tracer tracer({"session_ended"},
+                        [&](const TracepointHit&) { wasConnected = !WaitReadable(connection.peer, 0s); });
+    connection.End();
+    EXPECT_TRUE(wasConnected);
+    EXPECT_TRUE(ExpectEof(connection.peer, 5s));
+}
+
+TEST_F(SessionTracepointTest, SessionThatDoesNotComeAboutIsNotTraced)
+{
+    const Endpoint endpoint;
+    const Fd peer = RawConnect(kServerId);
+    const TracepointLog traced(Names());
+    PpcSession* session = nullptr;
+    {
+        const auto failing = Fail<calls::Malloc>(static_cast<void*>(nullptr), ENOMEM);
+        EXPECT_EQ(drvPpcSessionAccept(endpoint.server, &session), PPC_ERR_NO_MEMORY);
+        EXPECT_EQ(drvPpcSessionConnect(kServerId, &session), PPC_ERR_NO_MEMORY);
+    }
+    EXPECT_EQ(drvPpcSessionConnect(kServerId + 1, &session), PPC_ERR_SOCKET_CONNECT);
+    EXPECT_THAT(traced.Lines(), IsEmpty());
+}
+
+TEST_F(SessionTracepointTest, PeerOfASessionThatLostItsSocketIsUnknown)
+{
+    Connection connection;
+    const int fd = connection.FdNumber();
+    {
+        const Message message(connection.session);
+        EXPECT_TRUE(WriteAll(connection.peer, FrameBytes({1})));
+        const auto failing = Fail<calls::Malloc>(static_cast<void*>(nullptr), ENOMEM);
+        uint32_t count = 0;
+        EXPECT_EQ(drvPpcRecv(connection.session, message.msg, 0, 0, &count), PPC_ERR_NO_MEMORY);
+    }
+    const Fd other(dup2(connection.peer.get(), fd));  // the number is used again
+    const TracepointLog traced(Names());
+    connection.End();
+    EXPECT_THAT(traced.Lines(), ElementsAre(SessionHit("session_ended", fd, 0)));
 }
 
 }  // namespace
