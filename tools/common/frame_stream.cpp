@@ -16,7 +16,11 @@ uint32_t DecodeBigEndian(const uint8_t* bytes)
 
 Bytes FrameOf(const Bytes& payload)
 {
-    const auto length = static_cast<uint32_t>(payload.size());
+    return FrameBeginning(static_cast<uint32_t>(payload.size()), payload);
+}
+
+Bytes FrameBeginning(uint32_t length, const Bytes& payload)
+{
     Bytes frame;
     frame.reserve(kFrameHeaderSize + payload.size());
     for (int shift = 24; shift >= 0; shift -= 8) {

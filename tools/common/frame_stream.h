@@ -16,6 +16,8 @@ constexpr size_t kMaxStored = size_t{16} * 1024 * 1024;
 
 uint32_t DecodeBigEndian(const uint8_t* bytes);
 Bytes FrameOf(const Bytes& payload);
+// The same for a payload of `length` bytes of which only the first are there.
+Bytes FrameBeginning(uint32_t length, const Bytes& payload);
 
 // What a stream of bytes consists of.
 enum class StreamItemKind : uint8_t {

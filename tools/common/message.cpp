@@ -18,6 +18,8 @@ namespace {
 using qel::PPCMessage;
 
 constexpr size_t kInnerLengthSize = 4;
+// The encoded fields of a message that are numbers: a byte each, and up to 5 or, where it may be negative, 10.
+constexpr size_t kLongestNumbers = 6 + 4 * 5 + 2 * 10;
 
 // The inner length has the host's byte order, little-endian on every host of the system.
 uint32_t DecodeLittleEndian(const uint8_t* bytes)
@@ -51,6 +53,23 @@ std::string DescribeFragment(const StreamItem& item)
     }
     return fmt::format("no frame: {} byte(s) where a length of {} was announced", item.wireLength - kFrameHeaderSize,
                        length);
+}
+
+// The library sends the numbers of a message before its names, so a beginning of this size has them all.
+Decoded DecodeCut(const StreamItem& item)
+{
+    const std::string problem = fmt::format("only {} of {} bytes were kept", item.bytes.size(), item.wireLength);
+    constexpr size_t kHeaders = kFrameHeaderSize + kInnerLengthSize;
+    if (item.bytes.size() < kHeaders + kLongestNumbers ||
+        DecodeLittleEndian(item.bytes.data() + kFrameHeaderSize) != item.wireLength - kHeaders) {
+        return {std::nullopt, problem};
+    }
+    PPCMessage message;
+    const google::protobuf::LogSilencer silencer;
+    // False, because it ends inside a field.
+    static_cast<void>(
+        message.ParsePartialFromArray(item.bytes.data() + kHeaders, static_cast<int>(item.bytes.size() - kHeaders)));
+    return {message, "", true};
 }
 
 }  // namespace
@@ -147,7 +166,7 @@ Decoded DecodeItem(const StreamItem& item)
         return {std::nullopt, DescribeFragment(item)};
     }
     if (item.IsTruncated()) {
-        return {std::nullopt, fmt::format("only {} of {} bytes were kept", item.bytes.size(), item.wireLength)};
+        return DecodeCut(item);
     }
     const size_t payload = item.bytes.size() - kFrameHeaderSize;
     if (payload == 0) {

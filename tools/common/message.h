@@ -33,10 +33,12 @@ qel::PPCMessage FromJson(const std::string& text);
 // The whole frame of a message.
 Bytes FrameOfMessage(const qel::PPCMessage& message);
 
-// What is in one item of a stream: a message, or the reason why there is none.
+// What is in one item of a stream: a message, or the reason why there is none. Of a frame that is cut the message is
+// what could be decoded of it: the fields behind the cut are missing.
 struct Decoded {
     std::optional<qel::PPCMessage> message;
     std::string problem;
+    bool isCut = false;
 };
 Decoded DecodeItem(const StreamItem& item);
 

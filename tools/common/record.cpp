@@ -5,6 +5,8 @@
 
 #include <nlohmann/json.hpp>
 
+#include "statuses.h"
+
 namespace tools {
 namespace {
 
@@ -43,6 +45,12 @@ std::string ShowJson(const Record& record, const Decoded& decoded, bool hex)
         if (!decoded.problem.empty()) {
             json["problem"] = decoded.problem;
         }
+        if (decoded.isCut) {
+            json["cut"] = true;
+        }
+        if (record.sendStatus.has_value()) {
+            json["not_sent"] = StatusLabel(*record.sendStatus);
+        }
         if (hex) {
             json["hex"] = ToHex(record.bytes);
         }
@@ -58,6 +66,20 @@ std::string ClaimedPid(const Record& record, const qel::PPCMessage& message)
     return differs && record.peer.pid != 0 ? fmt::format(" (claims pid {})", message.sub_proc_pid()) : "";
 }
 
+// What is wrong with a record that has a message.
+std::string Marks(const Record& record, const Decoded& decoded, bool coloured)
+{
+    const auto style = coloured ? fg(fmt::terminal_color::red) : fmt::text_style();
+    std::string text;
+    if (decoded.isCut) {
+        text += fmt::format(style, " CUT ({} of {} bytes)", record.bytes.size(), record.wireLength);
+    }
+    if (record.sendStatus.has_value()) {
+        text += fmt::format(style, " NOT SENT ({})", StatusLabel(*record.sendStatus));
+    }
+    return text;
+}
+
 std::string Body(const Record& record, const Decoded& decoded, bool coloured)
 {
     if (!HasBytes(record)) {
@@ -66,8 +88,9 @@ std::string Body(const Record& record, const Decoded& decoded, bool coloured)
     std::string text;
     if (decoded.message.has_value()) {
         const auto style = coloured ? fmt::emphasis::bold : fmt::text_style();
-        text = fmt::format("{}{} {}", fmt::format(style, "{}", TypeName(decoded.message->type())),
-                           ClaimedPid(record, *decoded.message), JsonText(ToJson(*decoded.message)));
+        text = fmt::format("{}{}{} {}", fmt::format(style, "{}", TypeName(decoded.message->type())),
+                           ClaimedPid(record, *decoded.message), Marks(record, decoded, coloured),
+                           JsonText(ToJson(*decoded.message)));
     }
     if (!decoded.problem.empty()) {
         const auto style = coloured ? fg(fmt::terminal_color::red) : fmt::text_style();
@@ -111,7 +134,13 @@ Decoded DecodeRecord(const Record& record)
     item.kind = static_cast<StreamItemKind>(record.kind);
     item.wireLength = record.wireLength;
     item.bytes = record.bytes;
-    return DecodeItem(item);
+    Decoded decoded = DecodeItem(item);
+    if (item.IsTruncated() && record.known.has_value()) {
+        qel::PPCMessage message = decoded.message.value_or(qel::PPCMessage());
+        message.MergeFrom(*record.known);
+        decoded = {message, "", true};
+    }
+    return decoded;
 }
 
 std::string Show(const Record& record, const RecordStyle& style, bool* malformed)

@@ -2,6 +2,7 @@
 #define GAKPPC_RECORD_H
 
 #include <cstdint>
+#include <optional>
 #include <string>
 
 #include "frame_stream.h"
@@ -29,7 +30,11 @@ struct Record {
     Direction direction = Direction::kToDaemon;
     Peer peer;
     uint64_t wireLength = 0;
-    Bytes bytes;
+    Bytes bytes;  // fewer than `wireLength`: the frame is cut
+
+    // From a source that knows more than the bytes; captures do not have these.
+    std::optional<qel::PPCMessage> known;  // the message's numbers, for a frame that is cut
+    std::optional<uint32_t> sendStatus;    // why the message was not sent
 };
 Record RecordOf(StreamItem&& item);
 
