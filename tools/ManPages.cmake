@@ -35,6 +35,7 @@ gakppc_man_page(gakppctl gakppctl "works on control messages between a daemon an
 gakppc_man_page(gakppctl-worker gakppctl "be a worker process" worker)
 gakppc_man_page(gakppctl-send gakppctl "send any control message by hand" send)
 gakppc_man_page(gakppctl-tap gakppctl "show the control messages that cross the daemon's socket" tap)
+gakppc_man_page(gakppctl-watch gakppctl "show the control messages of a process that runs" watch)
 gakppc_man_page(gakppctl-replay gakppctl "send recorded control messages once more" replay)
 gakppc_man_page(gakppctl-decode gakppctl "show recorded control messages" decode)
 gakppc_man_page(gakppctl-status gakppctl "explain status numbers" status)

@@ -114,11 +114,14 @@ TEST_P(EveryCommand, EveryOptionIsUsedByATest)
         ContentOf(GAKPPC_TOOL_TEST_DIR "/" + (subcommand.empty() ? "gakppcd" : subcommand) + "_test.cpp");
     std::istringstream help(RunTool(GetParam().program, Arguments(GetParam(), {"--help"})).out);
     size_t found = 0;
-    for (std::string word, line; std::getline(help, line);) {
-        std::istringstream(line) >> word;
-        if (line.rfind("  --", 0) == 0 && word != "--version" && word != "-V,--version") {
-            ++found;
-            EXPECT_NE(tests.find("\"" + word + "\""), std::string::npos) << word;
+    for (std::string words, line; std::getline(help, line);) {
+        std::istringstream(line) >> words;
+        if (line.rfind("  --", 0) != 0 || words == "--version") {
+            continue;
+        }
+        std::istringstream names(words);
+        for (std::string name; std::getline(names, name, ','); ++found) {
+            EXPECT_NE(tests.find("\"" + name + "\""), std::string::npos) << name;
         }
     }
     EXPECT_EQ(found == 0, subcommand.empty() && std::string(GetParam().program) == kGakppctl)
@@ -181,6 +184,7 @@ INSTANTIATE_TEST_SUITE_P(Commands, EveryCommand,
                                          Command{kGakppctl, "worker", {0, 1, 2, 3, 124, 130, 143}},
                                          Command{kGakppctl, "send", {0, 1, 2, 3, 124, 130, 143}},
                                          Command{kGakppctl, "tap", {0, 1, 2, 3}},
+                                         Command{kGakppctl, "watch", {0, 1, 2, 3}},
                                          Command{kGakppctl, "replay", {0, 1, 2, 3, 124, 130, 143}},
                                          Command{kGakppctl, "decode", {0, 1, 2, 130, 143}},
                                          Command{kGakppctl, "status", {0, 1, 2, 130, 143}},
@@ -199,7 +203,7 @@ TEST(GakppctlTest, UnknownCommandIsAnsweredWithTheNearestOne)
     EXPECT_TRUE(IsWrongUsage(Ctl({"replays"}), "did you mean replay?"));
     EXPECT_TRUE(IsWrongUsage(Ctl({"workr"}), "did you mean worker?"));
     EXPECT_TRUE(IsWrongUsage(Ctl({"dance"}),
-                             "unknown command dance, commands are worker, send, tap, replay, decode, "
+                             "unknown command dance, commands are worker, send, tap, watch, replay, decode, "
                              "status, doctor, help"));
     EXPECT_TRUE(IsWrongUsage(Ctl({"doc"}), "unknown command doc, commands are worker, "))
         << "three letters are missing";
@@ -220,14 +224,14 @@ TEST(GakppctlTest, HelpListsEachCommandInOneLine)
         EXPECT_NE(line[2], ' ') << line;
         EXPECT_LE(line.size(), 120U) << line;
     }
-    EXPECT_EQ(commands, 8U);
+    EXPECT_EQ(commands, 9U);
     EXPECT_NE(Ctl({"doctor", "--help"}).out.find("repaired\n\nThe connection is closed at once"), std::string::npos);
 }
 
 TEST(GakppctlTest, HelpOfACommand)
 {
     EXPECT_EQ(Ctl({"help"}).out, Ctl({"--help"}).out);
-    for (const char* name : {"worker", "send", "tap", "replay", "decode", "status", "doctor"}) {
+    for (const char* name : {"worker", "send", "tap", "watch", "replay", "decode", "status", "doctor"}) {
         const Outcome outcome = Ctl({"help", name});
         EXPECT_TRUE(outcome.status.ExitedWith(0)) << name;
         EXPECT_EQ(outcome.out, Ctl({name, "--help"}).out);
@@ -266,6 +270,8 @@ INSTANTIATE_TEST_SUITE_P(
                     WrongValue{"tap", "--device", "x"}, WrongValue{"tap", "--device", "-1"},
                     WrongValue{"tap", "--device", kLongNumber}, WrongValue{"tap", "--pid", "4711,x"},
                     WrongValue{"tap", "--pid", "4711x"}, WrongValue{"tap", "--type", "HEARTBEAT"},
+                    WrongValue{"watch", "--pid", "0"}, WrongValue{"watch", "--pid", "4711,4712"},
+                    WrongValue{"watch", "--pid", kLongNumber}, WrongValue{"watch", "--worker", "-4"},
                     WrongValue{"tap", "--message", "ZOLT"}, WrongValue{"tap", "--message", "5x"},
                     WrongValue{"tap", "--type", "1x"}, WrongValue{"decode", "--device", kLongNumber},
                     WrongValue{"decode", "--type", ""}, WrongValue{"decode", "--pid", "-4"},
@@ -388,6 +394,7 @@ TEST(Completion, OffersSubcommands)
 TEST(Completion, OffersOptionsOfTheSubcommand)
 {
     EXPECT_EQ(Completions("gakppctl", std::string(kGakppctl) + " tap --li"), " --linger \n");
+    EXPECT_EQ(Completions("gakppctl", std::string(kGakppctl) + " watch --pi"), " --pid \n");
     EXPECT_EQ(Completions("gakppctl", std::string(kGakppctl) + " worker --cr"), " --crash-after \n");
 }
 

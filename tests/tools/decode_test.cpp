@@ -326,7 +326,7 @@ INSTANTIATE_TEST_SUITE_P(
         Filtered{{"--message", "5,start_rsp"}, {"START_RSP", "SHUTDOWN"}, 0},
         Filtered{{"--pid", "7"}, {"open", "START_RSP", "(claims pid 99)", "SHUTDOWN", "close"}, 0},
         Filtered{{"--pid", "99"}, {"(claims pid 99)"}, 0}, Filtered{{"--pid", "3"}, {}, 0},
-        Filtered{{"--pid", "9"}, {"MALFORMED"}, 1}, Filtered{{"--pid", "9", "--device", "1"}, {}, 0},
+        Filtered{{"--worker", "9"}, {"MALFORMED"}, 1}, Filtered{{"--pid", "9", "--device", "1"}, {}, 0},
         Filtered{{"--pid", "8,7", "--message", "HEARTBEAT"}, {"(claims pid 99)", "pid 8"}, 0},
         Filtered{{"--device", "1", "--message", "HEARTBEAT", "--type", "compute", "--pid", "7"}, {"claims"}, 0}));
 

@@ -174,8 +174,9 @@ TEST_F(TapTest, SocketOfARestartedDaemonStays)
 
 TEST_F(TapTest, FiltersDecideWhatIsShownWrittenAndCounted)
 {
-    ASSERT_NO_FATAL_FAILURE(Start({"--count", "2", "--write", "/home/trace.cap", "--device", "1", "--pid", "4711",
-                                   "--type", "Compute", "--message", "heartbeat", "--message", "ABNORMAL"}));
+    ASSERT_NO_FATAL_FAILURE(
+        Start({"--count", "2", "--write", "/home/trace.cap", "--device", "1", "--pid", "4711", "--worker", "5",
+               "--type", "Compute", "--message", "heartbeat", "--message", "ABNORMAL"}));
     ASSERT_NO_FATAL_FAILURE(Connect());
     for (const RawMessage& message : {FromWorker(0, 1), FromWorker(2, 0), FromWorker(2, 1), FromWorker(2, 1, 4712),
                                       FromWorker(4, 1), FromWorker(2, 1)}) {

@@ -71,7 +71,7 @@ bool RecordFilter::Accepts(const Record& record) const
            (isWorkersPid || Agrees(pids, message.sub_proc_pid()));
 }
 
-void AddFilterOptions(CLI::App& app, RecordFilter& filter)
+void AddFilterOptions(CLI::App& app, RecordFilter& filter, const std::string& pidOption)
 {
     const auto parseType = [](const std::string& text) { return static_cast<uint32_t>(ParseProcess(text)); };
     const auto parseMessage = [](const std::string& text) { return static_cast<uint32_t>(ParseType(text)); };
@@ -79,7 +79,7 @@ void AddFilterOptions(CLI::App& app, RecordFilter& filter)
             filter.devices, ParseNumber);
     AddList(app, "--type", "TYPE", "Only messages with this process type: ZOLT, COMPUTE, CUSTOM_COMPUTE or a number",
             filter.types, parseType);
-    AddList(app, "--pid", "PID",
+    AddList(app, pidOption, "PID",
             "Only what concerns this worker process, the one that is connected or is named in the message; the other "
             "filters hide what cannot be decoded, and the begin and end of connections",
             filter.pids, ParseNumber);

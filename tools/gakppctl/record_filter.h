@@ -3,6 +3,7 @@
 
 #include <CLI/CLI.hpp>
 #include <cstdint>
+#include <string>
 #include <vector>
 
 #include "common/record.h"
@@ -20,8 +21,8 @@ struct RecordFilter {
     bool Accepts(const Record& record) const;
 };
 
-// Adds --device, --type, --pid and --message, each of which may be given several times.
-void AddFilterOptions(CLI::App& app, RecordFilter& filter);
+// Adds --device, --type, --message and the option for process ids, each of which may be given several times.
+void AddFilterOptions(CLI::App& app, RecordFilter& filter, const std::string& pidOption = "--pid,--worker");
 
 }  // namespace tools
 

@@ -9,6 +9,7 @@ namespace tools {
 Subcommand AddWorker(CLI::App& program);
 Subcommand AddSend(CLI::App& program);
 Subcommand AddTap(CLI::App& program);
+Subcommand AddWatch(CLI::App& program);
 Subcommand AddReplay(CLI::App& program);
 Subcommand AddDecode(CLI::App& program);
 Subcommand AddStatus(CLI::App& program);
