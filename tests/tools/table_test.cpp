@@ -1,5 +1,7 @@
 // What gakppcd shows on a terminal.
 
+#include <sys/socket.h>
+
 #include <csignal>
 
 #include "screen.h"
@@ -216,6 +218,75 @@ TEST_F(TableTest, DaemonOutlivesItsTerminalAndEndsInOrder)
     EXPECT_EQ(ReadPpcFrame(worker, kLimit).value_or(RawMessage{}).type, 5U);
     EXPECT_TRUE(ExpectEof(worker, kLimit));
     EXPECT_TRUE(daemon_->Finish().ExitedWith(1)) << "the worker has not answered; " << daemon_->err();
+}
+
+// The process that listens.
+pid_t ServerPid()
+{
+    ucred server{};
+    socklen_t size = sizeof(server);
+    const Fd connection = RawConnect(kServer);
+    return getsockopt(connection.get(), SOL_SOCKET, SO_PEERCRED, &server, &size) == 0 ? server.pid : 0;
+}
+
+// The terminal is an interactive shell's, which starts gakppcd.
+class ShellTest : public TableTest {
+protected:
+    void StartShell()
+    {
+        size_ = {24, 80};
+        daemon_ = std::make_unique<Tool>(
+            "setsid", std::vector<std::string>{"--ctty", "sh", "-c", "exec sh -i 2>&1"}, Tool::Output::kInteractive,
+            std::vector<std::string>{"TERM=xterm", "NO_COLOR=", "PS1=shell>", "ENV="}, size_);
+        ASSERT_TRUE(daemon_->WaitForOut("shell>"));
+    }
+
+    void Quit()
+    {
+        daemon_->Write("quit\n");
+        ASSERT_TRUE(Shows("ENDED: in order"));
+        daemon_->Write("exit\n");
+        EXPECT_TRUE(daemon_->Finish().ended);
+    }
+};
+
+TEST_F(ShellTest, BackgroundShowsNothingAndForegroundTakesCommands)
+{
+    ASSERT_NO_FATAL_FAILURE(StartShell());
+    daemon_->Write(std::string(kGakppcd) + " &\n");
+    ASSERT_TRUE(WaitUntil([] { return RawConnect(kServer).valid(); }, kLimit));
+    const pid_t server = ServerPid();
+    ASSERT_TRUE(daemon_->WaitUntilOutput([&] { return CountOf(daemon_->out(), "shell>") > 1; }));
+    const long before = TimesAsleep(server);
+    daemon_->Write("sleep 1000\n");
+    daemon_->Write("what nobody reads\n");
+    ASSERT_TRUE(WaitUntil([&] { return TimesAsleep(server) > before + 3; }, kLimit)) << "it spins";
+    EXPECT_EQ(daemon_->out().find(kRestoreCursor), std::string::npos) << daemon_->out();
+    daemon_->Write("\x03");
+    ASSERT_TRUE(daemon_->WaitUntilOutput([&] { return CountOf(daemon_->out(), "shell>") > 2; }));
+    daemon_->Write("fg\n");
+    ASSERT_TRUE(daemon_->WaitForOut(kRestoreCursor));
+    EXPECT_EQ(Now().rows().back(), ">");
+    daemon_->Write("help\n");
+    EXPECT_TRUE(Shows("  quit "));
+    Quit();
+}
+
+TEST_F(ShellTest, TableIsDrawnAnewAfterAStop)
+{
+    ASSERT_NO_FATAL_FAILURE(StartShell());
+    daemon_->Write(std::string(kGakppcd) + "\n");
+    ASSERT_TRUE(daemon_->WaitForOut(kRestoreCursor));
+    daemon_->Write("\x1a");
+    ASSERT_TRUE(daemon_->WaitUntilOutput([&] { return CountOf(daemon_->out(), "shell>") > 1; }));
+    const size_t stopped = daemon_->out().size();
+    daemon_->Write("fg\n");
+    EXPECT_TRUE(daemon_->WaitUntilOutput([&] {
+        const size_t cleared = daemon_->out().find("\033[2J", stopped);
+        return cleared != std::string::npos && daemon_->out().find(kRestoreCursor, cleared) != std::string::npos;
+    }));
+    EXPECT_EQ(Now().rows().back(), ">") << Now().Text();
+    Quit();
 }
 
 TEST_F(TableTest, PromptSaysThatTheInputHasEnded)

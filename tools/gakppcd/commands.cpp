@@ -60,6 +60,12 @@ Command ParseCommand(const std::string& line)
     throw std::invalid_argument(fmt::format("unknown command \"{}\"\n{}", line, kCommandHelp));
 }
 
+bool IsInBackground(int terminal)
+{
+    const pid_t foreground = tcgetpgrp(terminal);
+    return foreground != -1 && foreground != getpgrp();
+}
+
 // On a terminal Ctrl-D ends a line, not the input, as long as the terminal is there.
 bool LineReader::IsEnd(ssize_t count) const
 {
@@ -67,7 +73,7 @@ bool LineReader::IsEnd(ssize_t count) const
         pollfd terminal{fd_, 0, 0};
         return isatty(fd_) == 0 || (poll(&terminal, 1, 0) == 1 && (terminal.revents & POLLHUP) != 0);
     }
-    return count == -1 && errno != EINTR && errno != EAGAIN;
+    return count == -1 && errno != EINTR && errno != EAGAIN && !IsInBackground(fd_);
 }
 
 std::vector<std::string> LineReader::Take()

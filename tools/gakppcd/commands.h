@@ -29,6 +29,10 @@ struct Command {
 // Throws std::invalid_argument for anything that is no command.
 Command ParseCommand(const std::string& line);
 
+// Whether `terminal` controls this process, which a shell has in the background: reading fails then, and what is
+// written stands across the shell's own lines.
+bool IsInBackground(int terminal);
+
 // Reads lines from a descriptor that poll(2) has reported. Lines that are longer than any command are cut.
 class LineReader {
 public:
@@ -38,6 +42,7 @@ public:
     std::vector<std::string> Take();
 
     bool AtEnd() const { return atEnd_; }
+    bool CanRead() const { return !atEnd_ && !IsInBackground(fd_); }
 
 private:
     bool IsEnd(ssize_t count) const;

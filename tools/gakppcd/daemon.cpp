@@ -118,7 +118,7 @@ void Daemon::Step(LineReader& input)
     view_.Refresh();
     pollfd events[] = {{signals_.get(), POLLIN, 0},
                        {ReceivedMessages().Descriptor(), POLLIN, 0},
-                       {input.AtEnd() ? -1 : STDIN_FILENO, POLLIN, 0}};
+                       {input.CanRead() ? STDIN_FILENO : -1, POLLIN, 0}};
     poll(events, 3, StepTimeoutMs());
     for (const PPCMessage& message : ReceivedMessages().PopAll()) {
         OnMessage(message);
@@ -140,6 +140,8 @@ void Daemon::OnSignals()
             Reap();
         } else if (signal == SIGWINCH) {
             continue;  // the next step redraws the table
+        } else if (signal == SIGCONT) {
+            view_.Redraw();  // a shell has written to the terminal meanwhile
         } else if (stopLimit_.has_value()) {
             stopLimit_.emplace(Clock::duration::zero());  // the second one cuts the grace short
         } else {

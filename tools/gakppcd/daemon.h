@@ -52,7 +52,7 @@ private:
     void KillRemaining();
 
     const DaemonOptions& options_;
-    SignalFd signals_{SIGINT, SIGTERM, SIGHUP, SIGCHLD, SIGWINCH};
+    SignalFd signals_{SIGINT, SIGTERM, SIGHUP, SIGCHLD, SIGWINCH, SIGCONT};
     Spawner spawner_;
     WorkerTable workers_;
     View view_;

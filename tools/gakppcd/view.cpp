@@ -12,6 +12,7 @@
 #include <sstream>
 #include <utility>
 
+#include "commands.h"
 #include "common/exit_error.h"
 #include "common/message.h"
 #include "common/output.h"
@@ -108,7 +109,7 @@ void View::SetPrompt(const std::string& text)
 
 void View::Refresh()
 {
-    if (mode_ != Mode::kTable || outputIsGone_) {
+    if (mode_ != Mode::kTable || outputIsGone_ || IsInBackground(STDOUT_FILENO)) {
         return;
     }
     const ScreenSize size = TerminalSize();

@@ -45,8 +45,11 @@ public:
     void SetPrompt(const std::string& text);
 
     // Redraws the table, in the terminal's present size. Does nothing in the other modes, or when the terminal has
-    // gone.
+    // gone, or while a shell has this process in the background.
     void Refresh();
+
+    // The next Refresh clears the terminal, where somebody else has written, and draws everything.
+    void Redraw() { drawnSize_ = {}; }
 
 private:
     std::string Line(const std::string& event, const Worker* worker, const std::string& detail) const;
