@@ -269,6 +269,50 @@ TEST_F(WatchTest, DaemonIsUnharmedByTwentyWatchesTwoAtATime)
     EXPECT_TRUE(daemon_->Finish().ExitedWith(0)) << daemon_->err();
 }
 
+class WatchedProgramTest : public WatchTest {
+protected:
+    void SetUp() override
+    {
+        ASSERT_NO_FATAL_FAILURE(WatchTest::SetUp());
+        if (IsSkipped()) {
+            return;
+        }
+        ASSERT_TRUE(program_.WaitForOut("READY"));
+        watch_ = Watch({"--pid", std::to_string(program_.pid())});
+    }
+
+    void Tell(const std::string& word)
+    {
+        program_.Write(word + "\n");
+        EXPECT_TRUE(program_.WaitForOut("DONE " + word + "\n"));
+    }
+
+    Tool program_{GAKPPC_WATCHED_PROGRAM, {}};
+    std::unique_ptr<Tool> watch_;
+};
+
+TEST_F(WatchedProgramTest, ForkedChildGoesItsOwnWay)
+{
+    Tell("fork");
+    ASSERT_TRUE(daemon_->WaitForOut("HEARTBEAT"));
+    Tell("report");
+    ASSERT_TRUE(watch_->WaitForOut("HEARTBEAT"));
+    ExpectOrderlyEnd(*watch_);
+    EXPECT_EQ(CountOf(watch_->out(), " HEARTBEAT {"), 1U) << watch_->out();
+    EXPECT_EQ(CountOf(watch_->out(), " HEARTBEAT {"), CountOf(watch_->out(), "->" + SentBy(program_.pid())));
+}
+
+TEST_F(WatchedProgramTest, ProgramThatExecutesAnotherOneEndsIt)
+{
+    Tell("report");
+    program_.Write("exec\n");
+    EXPECT_TRUE(watch_->Finish(kAttachLimit).ExitedWith(0));
+    EXPECT_NE(watch_->err().find("process " + std::to_string(program_.pid()) + " has executed another program"),
+              std::string::npos)
+        << watch_->err();
+    EXPECT_EQ(CountOf(watch_->out(), " HEARTBEAT {"), 1U) << watch_->out();
+}
+
 TEST_F(WatchTest, TapInFrontOfTheDaemonIsNotTakenForIt)
 {
     Tool tap(kGakppctl, {"tap"});
@@ -365,6 +409,19 @@ TEST(WatchRefusal, ProcessWithoutTheLibrary)
                           " (cat) has not loaded libgakppc: there is nothing to watch\n"));
 }
 
+// As in a container: root, but not of the machine.
+TEST(WatchRefusal, RootOfAUserNamespace)
+{
+    Tool daemon(kGakppcd, {});
+    ASSERT_TRUE(daemon.WaitForOut("SERVING"));
+    if (!RunTool("unshare", {"--user", "--map-root-user", "true"}).status.ExitedWith(0)) {
+        GTEST_SKIP() << "nobody may make a user namespace here";
+    }
+    const Outcome watch = RunTool("unshare", {"--user", "--map-root-user", kGakppctl, "watch"});
+    EXPECT_TRUE(watch.status.ExitedWith(1)) << watch.status;
+    EXPECT_NE(watch.err.find("watch has to run as root"), std::string::npos) << watch.err;
+}
+
 TEST(WatchRefusal, UserWhoIsNotRoot)
 {
     if (!MapsOtherUsers()) {
@@ -376,7 +433,8 @@ TEST(WatchRefusal, UserWhoIsNotRoot)
                                   std::vector<std::string>{"watch", "--pid", std::to_string(daemon.pid())}}) {
         const auto watch = StartCtlAsNobody(arguments);
         EXPECT_TRUE(watch->Finish().ExitedWith(1));
-        EXPECT_NE(watch->err().find("watch has to run as root; without it: gakppctl tap "), std::string::npos)
+        EXPECT_NE(watch->err().find("watch has to run as root of the machine; without it: gakppctl tap "),
+                  std::string::npos)
             << watch->err();
     }
 }

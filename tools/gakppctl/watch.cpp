@@ -129,12 +129,11 @@ bool Watch::Step(int timeoutMs)
 
 bool Watch::IsGone() const
 {
-    pollfd end{process_.EndFd(), POLLIN, 0};
-    if (poll(&end, 1, 0) > 0) {
+    if (process_.HasEnded()) {
         PrintError(fmt::format("process {} has ended", process_.pid()));
         return true;
     }
-    if (!process_.HasLibrary()) {
+    if (process_.HasReplacedItself()) {
         PrintError(
             fmt::format("process {} has executed another program: there is nothing left to watch", process_.pid()));
         return true;

@@ -2,6 +2,7 @@
 
 #include <fmt/format.h>
 #include <fmt/ranges.h>
+#include <poll.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
@@ -29,12 +30,17 @@ namespace fs = std::filesystem;
 constexpr char kInstead[] =
     "without it: gakppctl tap shows the messages of workers that connect from now on, gakppctl list who is connected";
 
+[[noreturn]] void ThrowNotRoot()
+{
+    throw ExitError(kExitFailed, fmt::format("watch has to run as root of the machine; {}", kInstead));
+}
+
 std::string Folder(pid_t pid)
 {
     return fmt::format("/proc/{}", pid);
 }
 
-// Debian 12's C library has no wrappers that a program built on an older one could use.
+// glibc has wrappers for the system calls of process descriptors since 2.36.
 Fd OpenPid(pid_t pid)
 {
     return Fd(static_cast<int>(syscall(SYS_pidfd_open, pid, 0)));
@@ -44,6 +50,14 @@ Fd OpenPid(pid_t pid)
 bool IsPlain(char c)
 {
     return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || strchr("/._+-", c) != nullptr;
+}
+
+bool IsSameFile(const std::string& path, const std::string& other)
+{
+    struct stat file {
+    }, otherFile{};
+    return stat(path.c_str(), &file) == 0 && stat(other.c_str(), &otherFile) == 0 && file.st_dev == otherFile.st_dev &&
+           file.st_ino == otherFile.st_ino;
 }
 
 // One line of /proc/PID/maps: "7f10-7f20 r-xp 00001000 fe:00 57 /usr/lib/libgakppc.so.1". Nothing for other files.
@@ -57,7 +71,8 @@ std::optional<LoadedLibrary> LibraryIn(const std::string& line, pid_t pid)
     LoadedLibrary library;
     library.path = line.substr(slash);
     library.file = fmt::format("{}/map_files/{}", Folder(pid), line.substr(0, line.find(' ')));
-    library.isAtPath = std::all_of(library.path.begin(), library.path.end(), IsPlain);
+    library.isAtPath = std::all_of(library.path.begin(), library.path.end(), IsPlain) &&
+                       IsSameFile(library.file, Folder(pid) + "/root" + library.path);
     return library;
 }
 
@@ -78,6 +93,9 @@ bool HasTracepoints(const std::string& file)
 {
     constexpr char kNote[] = "gakppc\0message_received";
     std::ifstream in(file, std::ios::binary);
+    if (!in) {
+        ThrowNotRoot();
+    }
     const std::string content{std::istreambuf_iterator<char>(in), {}};
     return content.find(std::string(kNote, sizeof(kNote))) != std::string::npos;
 }
@@ -108,7 +126,7 @@ bool Listens(const Fd& socket)
 pid_t TheOnly(const std::vector<pid_t>& daemons, bool isHidden)
 {
     if (daemons.empty() && isHidden) {
-        throw ExitError(kExitFailed, fmt::format("watch has to run as root; {}", kInstead));
+        ThrowNotRoot();
     }
     if (daemons.empty()) {
         throw ExitError(
@@ -132,7 +150,7 @@ WatchedProcess::WatchedProcess(pid_t pid) : name_(Printable(ValueInFile(Folder(p
         throw ExitError(kExitFailed, fmt::format("process {}: {}", pid, strerror(errno)));
     }
     if (geteuid() != 0) {
-        throw ExitError(kExitFailed, fmt::format("watch has to run as root; {}", kInstead));
+        ThrowNotRoot();
     }
     self_ = {pid, folder.st_uid};
     library_ = FindLibrary(pid, name_);
@@ -147,6 +165,24 @@ bool WatchedProcess::SharesPids() const
 {
     std::error_code error;
     return fs::read_symlink(Folder(pid()) + "/ns/pid", error) == fs::read_symlink("/proc/self/ns/pid", error);
+}
+
+// A process that ends loses its memory before it becomes known that it has ended.
+bool WatchedProcess::HasEnded() const
+{
+    pollfd end{pidfd_.get(), POLLIN, 0};
+    return poll(&end, 1, 0) > 0 || (!HasLibrary() && !HasProgram());
+}
+
+bool WatchedProcess::HasReplacedItself() const
+{
+    return !HasLibrary() && HasProgram();
+}
+
+bool WatchedProcess::HasProgram() const
+{
+    struct stat file {};
+    return stat((Folder(pid()) + "/exe").c_str(), &file) == 0;
 }
 
 bool WatchedProcess::HasLibrary() const

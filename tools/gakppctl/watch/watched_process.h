@@ -46,13 +46,16 @@ public:
     // Readable when it has ended.
     int EndFd() const { return pidfd_.get(); }
 
-    // Whether it still has the library: not when it executes another program.
-    bool HasLibrary() const;
+    // Whether it has ended, or is about to; whether it executes another program, without the library.
+    bool HasEnded() const;
+    bool HasReplacedItself() const;
 
     // Nothing when there is no such connection any more.
     std::optional<WatchedEnd> EndOf(int descriptor) const;
 
 private:
+    bool HasLibrary() const;
+    bool HasProgram() const;
     Fd Duplicate(int descriptor) const;
     bool ListensAtDaemonsPath() const;
 
