@@ -346,7 +346,11 @@ TEST(GakppctlTest, ClosedOutputIsAFailure)
 
 TEST(GakppctlTest, ReaderThatLeavesIsNotTold)
 {
-    Tool tool("sh", {"-c", "exec 3>&1; { \"$0\" status --list; echo $? >&3; } | :", kGakppctl});
+    // The reader alone holds the fifo open to write, so the tool starts when the reader has ended.
+    Tool tool("sh", {"-c",
+                     "mkfifo /home/left; exec 3>&1; { read end </home/left; \"$0\" status --list; echo $? >&3; } | "
+                     "exec 9>/home/left",
+                     kGakppctl});
     EXPECT_TRUE(tool.WaitForOut("1\n"));
     EXPECT_TRUE(tool.Finish().ExitedWith(0));
     EXPECT_EQ(tool.err(), "");
