@@ -1,7 +1,8 @@
 """Runs a daemon, a tap and twelve workers, makes two workers fail, shuts everything down and reports what happened.
 
 The programs report what they do in JSON. Every step that is shown as done has been seen: by the daemon, by the tap on
-its socket or in the exit status of a process. The exit status is 0 when all of them are done.
+its socket or in the exit status of a process. The exit status is 0 when all of them are done. What needs the privileges
+of root and bpftrace is skipped, with the reason, where these are missing.
 """
 
 import argparse
@@ -16,7 +17,7 @@ from collections import Counter
 
 import picture
 from fleet import DEVICES, Fleet
-from programs import Program, Programs
+from programs import Program, Programs, mount_tracefs
 from screen import Screen
 
 HOME = "/home/KrovaUser"
@@ -24,11 +25,13 @@ FOLDER = HOME + "/qel_ppc"
 SOCKET = FOLDER + "/sock_server_19280"
 LIBRARIES = ["libops_a.so", "libops_b.so"]
 ABNORMAL_DEVICE = 3  # its ZOLT reports an abnormal end
+WATCHING = "watching process"  # how the watch says that it is attached
 KILLED_DEVICE = 2  # its ZOLT is killed
 WORKERS = 12
 LEFT = WORKERS - 2
 HEARTBEATS = 2
 STRETCH = int(os.environ.get("GAKPPC_TEST_TIME_SCALE") or 1)  # of all time limits, for slow machines
+WATCH_SECONDS = 10 * STRETCH
 STOP_SECONDS = 8 * STRETCH  # more than the daemon gives its workers
 LOG_LINES_SHOWN = 10
 
@@ -73,6 +76,7 @@ class Demonstration:
         self.screen = Screen(self.fleet)
         self.daemon = Program()
         self.tap = Program()
+        self.watch = Program()
         self.workers = {}  # by device and process type: those that were started here
         self.daemon_events = {}  # about itself: the detail of each event
         self.tapped_texts = Counter()
@@ -80,6 +84,9 @@ class Demonstration:
         self.received = Counter()  # by the daemon, by type and pid
         self.forwarded = Counter()  # to the daemon by the tap
         self.tap_notice = ""
+        self.watched = set()  # the process ids whose heartbeats the watch has shown
+        self.watch_notice = ""
+        self.skipped = set()  # steps that are not possible here
         self.daemon_socket = None
         self.tap_socket = None
         self.final_socket = None
@@ -96,6 +103,9 @@ class Demonstration:
 
         def heard(what):
             return lambda: fleet.count(lambda worker: what in worker.heard)
+
+        def watched():
+            return sum(worker.pid in self.watched for worker in fleet.others(ABNORMAL_DEVICE, "ZOLT"))
 
         def ended(device, what, end):
             worker = fleet.at(device, "ZOLT")
@@ -117,6 +127,9 @@ class Demonstration:
                       lambda: self.tapped_texts[" ".join(["NOTIFY_VEXOINFO", *LIBRARIES])]),
             "told": ("its custom worker is started, and its call of CreateOrFindCustPid returns", 4,
                      lambda: len(self.custom_ready)),
+            "watched": ("a watch on the daemon shows a heartbeat of each healthy worker, all older than itself",
+                        WORKERS - 1, watched),
+            "unwatched": ("the watch ends with status 0", 1, lambda: int(self.watch.end == "exit 0")),
             "abnormal": (f"ABNORMAL from device {ABNORMAL_DEVICE} ZOLT, which exits with status 1", 1,
                          ended(ABNORMAL_DEVICE, "ABNORMAL", "exit 1")),
             "killed": (f"SOCKET_CLOSE of device {KILLED_DEVICE} ZOLT, which is killed with SIGKILL", 1,
@@ -177,6 +190,20 @@ class Demonstration:
     def on_tap_error_line(self, line):
         self.programs.log(line)
         self.tap_notice = self.tap_notice or line.partition(": ")[2]
+
+    def on_watch_line(self, line):
+        record = json.loads(line)
+        message = record.get("message", {})
+        if message.get("type") != "HEARTBEAT" or record["claimed_pid"] in self.watched:
+            return
+        self.watched.add(record["claimed_pid"])
+        if message["src_id"] == 0:
+            self.screen.event(self.now(), "watch", f"device 0  pid {record['claimed_pid']:<8}  ->  "
+                                                   f"{message['proc_type']:<14}  HEARTBEAT")
+
+    def on_watch_error_line(self, line):
+        self.programs.log(line)
+        self.watch_notice = self.watch_notice or line.partition(": ")[2]
 
     def on_worker_line(self, line):
         event = json.loads(line)
@@ -242,7 +269,7 @@ class Demonstration:
     def work(self):
         self.screen.begin("3 Twelve workers, three on each device. Device 0's messages, as the tap sees them:")
         for device in DEVICES:
-            more = ["--abnormal-after", "3"] if device == ABNORMAL_DEVICE else []
+            more = ["--abnormal-after", "4"] if device == ABNORMAL_DEVICE else []
             self.start_worker(device, "ZOLT", "--heartbeat", "0.5", *more)
             self.start_worker(device, "COMPUTE", "--heartbeat", "0.5", "--libs", ",".join(LIBRARIES))
         self.screen.remark("and so on; each COMPUTE asks for a CUSTOM_COMPUTE, which the daemon starts")
@@ -250,16 +277,32 @@ class Demonstration:
         self.screen.table()
         return reached
 
+    def attach(self):
+        """True where it cannot be done here."""
+        self.screen.begin("4 A watch attaches to the daemon that runs. Device 0's workers, which were there before it:")
+        mount_tracefs()
+        self.watch = self.start(["gakppctl", "watch", "--json", "--pid", str(self.daemon.pid)], self.on_watch_line,
+                                self.on_watch_error_line)
+        self.wait(lambda: self.is_done("watched") or self.watch.end or self.something_went_wrong(), WATCH_SECONDS)
+        if self.watch.end and not self.watch_notice.startswith(WATCHING):
+            self.screen.remark(f"not here: {self.watch_notice.partition(';')[0]}")
+            self.skipped = {"watched", "unwatched"}
+            return True
+        self.watch.kill(signal.SIGINT)
+        self.wait(lambda: not self.watch.runs(), WATCH_SECONDS)
+        self.screen.event(self.now(), "watch", f"has ended ({self.watch.end or 'not at all'})")
+        return self.is_done("watched") and self.is_done("unwatched")
+
     def make_workers_fail(self):
         victim = self.workers[KILLED_DEVICE, "ZOLT"]
-        self.screen.begin(f"4 Device {KILLED_DEVICE} ZOLT, pid {victim.pid}, is killed; device {ABNORMAL_DEVICE} ZOLT "
+        self.screen.begin(f"5 Device {KILLED_DEVICE} ZOLT, pid {victim.pid}, is killed; device {ABNORMAL_DEVICE} ZOLT "
                           "fails by itself; the others go on.")
         self.killed_at = self.now()
         victim.kill(signal.SIGKILL)
         return self.reach("abnormal", "killed", "going on")
 
     def shut_down(self):
-        self.screen.begin("5 The daemon orders the shutdown: each worker answers and leaves.")
+        self.screen.begin("6 The daemon orders the shutdown: each worker answers and leaves.")
         self.command_daemon("shutdown all")
         self.wait(lambda: all(map(self.is_done, ("ordered", "answered", "left")))
                   or self.programs.interrupted_by is not None or bool(self.daemon.end), STOP_SECONDS)
@@ -267,7 +310,7 @@ class Demonstration:
 
     def stop(self):
         """Also after a failure: everything that was started ends."""
-        self.screen.begin("6 The tap restores the daemon's socket, the daemon ends.")
+        self.screen.begin("7 The tap restores the daemon's socket, the daemon ends.")
         if self.daemon.runs() and any(program.runs() for program in self.workers.values()):
             self.command_daemon("quit")
             self.wait(lambda: bool(self.daemon.end), STOP_SECONDS)
@@ -285,7 +328,7 @@ class Demonstration:
 
     def play(self):
         try:
-            if self.serve() and self.listen() and self.work() and self.make_workers_fail():
+            if self.serve() and self.listen() and self.work() and self.attach() and self.make_workers_fail():
                 self.shut_down()
         except OSError as error:
             print(f"demo: {error}", file=sys.stderr)
@@ -297,6 +340,9 @@ class Demonstration:
         lines = []
         complete = True
         for name, (text, want, have) in self.steps.items():
+            if name in self.skipped:
+                lines.append(f"{'skipped':<9}{text}")
+                continue
             number = f" ({have()} of {want})" if want > 1 else ""
             done = self.is_done(name)
             complete = complete and done

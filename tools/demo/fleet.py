@@ -43,6 +43,9 @@ class Fleet:
     def at(self, device, kind):
         return self.workers[device, kind]
 
+    def others(self, device, kind):
+        return [worker for key, worker in self.workers.items() if key != (device, kind)]
+
     def count(self, condition):
         return sum(1 for worker in self.workers.values() if condition(worker))
 

@@ -11,6 +11,12 @@ PR_SET_CHILD_SUBREAPER = 36
 LIBC = ctypes.CDLL(None, use_errno=True)
 
 
+def mount_tracefs():
+    """Where the machine has not done it, in a mount namespace of our own. A failure shows later, as a missing tracefs."""
+    if os.environ.get("GAKPPC_PRIVATE_HOME") == "1" and not os.path.exists("/sys/kernel/tracing/trace"):
+        LIBC.mount(b"tracefs", b"/sys/kernel/tracing", b"tracefs", 0, None)
+
+
 class Lines:
     """The reading end of a pipe. Every whole line goes to `on_line`."""
 
