@@ -9,8 +9,7 @@
 // One place for each tracepoint, out of line: a tracer finds one address, and arguments of the same widths in every
 // build.
 
-#define GAKPPC_DEFINE_SEMAPHORE(name) \
-    __attribute__((section(".probes"))) volatile unsigned short gakppc_##name##_semaphore = 0
+#define GAKPPC_DEFINE_SEMAPHORE(name) __attribute__((section(".probes"))) unsigned short gakppc_##name##_semaphore = 0
 GAKPPC_DEFINE_SEMAPHORE(server_created);
 GAKPPC_DEFINE_SEMAPHORE(server_destroyed);
 GAKPPC_DEFINE_SEMAPHORE(session_opened);

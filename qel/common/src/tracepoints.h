@@ -25,9 +25,10 @@
         } \
     } while (false)
 
-// The tracer, or the kernel for it, writes them. Their names are those by which <sys/sdt.h> finds them.
+// The tracer, or the kernel for it, writes them, unseen by the compiler; calls lie between any two tests, so each reads
+// anew. Their names are those by which <sys/sdt.h> finds them.
 #define GAKPPC_DECLARE_SEMAPHORE(name) \
-    extern "C" __attribute__((visibility("hidden"))) volatile unsigned short gakppc_##name##_semaphore
+    extern "C" __attribute__((visibility("hidden"))) unsigned short gakppc_##name##_semaphore
 GAKPPC_DECLARE_SEMAPHORE(server_created);
 GAKPPC_DECLARE_SEMAPHORE(server_destroyed);
 GAKPPC_DECLARE_SEMAPHORE(session_opened);

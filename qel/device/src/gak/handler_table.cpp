@@ -9,7 +9,7 @@ namespace {
 
 thread_local bool insideHandler = false;
 
-tracepoint::Handled Traced(const PPCMessage& msg)
+__attribute__((cold)) tracepoint::Handled Traced(const PPCMessage& msg)
 {
     return {msg.type(), msg.src_id(), msg.sub_proc_pid()};
 }
