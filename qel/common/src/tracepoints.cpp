@@ -61,19 +61,19 @@ void message_received(const Message& message, uint32_t status)
                 status);
 }
 
-void handler_waiting(const Handled& message)
+void handler_waiting(int32_t type, uint32_t device, uint32_t pid)
 {
-    STAP_PROBE3(gakppc, handler_waiting, message.type, message.device, message.pid);
+    STAP_PROBE3(gakppc, handler_waiting, type, device, pid);
 }
 
-void handler_entered(const Handled& message)
+void handler_entered(int32_t type, uint32_t device, uint32_t pid)
 {
-    STAP_PROBE3(gakppc, handler_entered, message.type, message.device, message.pid);
+    STAP_PROBE3(gakppc, handler_entered, type, device, pid);
 }
 
-void handler_left(const Handled& message)
+void handler_left(int32_t type, uint32_t device, uint32_t pid)
 {
-    STAP_PROBE3(gakppc, handler_left, message.type, message.device, message.pid);
+    STAP_PROBE3(gakppc, handler_left, type, device, pid);
 }
 
 void custom_process_asked(uint32_t device, uint32_t pid)

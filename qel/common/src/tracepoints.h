@@ -63,13 +63,6 @@ struct Message {
     MessageDetails details;
 };
 
-// A message for a handler.
-struct Handled {
-    int32_t type;
-    uint32_t device;
-    uint32_t pid;
-};
-
 void server_created(uint32_t serverId);
 void server_destroyed(uint32_t serverId);
 void session_opened(int32_t fd, int32_t peerPid);
@@ -77,9 +70,9 @@ void session_ended(int32_t fd, int32_t peerPid);
 void message_sending(const Message& message);
 void message_sent(const Message& message, uint32_t status);
 void message_received(const Message& message, uint32_t status);
-void handler_waiting(const Handled& message);
-void handler_entered(const Handled& message);
-void handler_left(const Handled& message);
+void handler_waiting(int32_t type, uint32_t device, uint32_t pid);
+void handler_entered(int32_t type, uint32_t device, uint32_t pid);
+void handler_left(int32_t type, uint32_t device, uint32_t pid);
 void custom_process_asked(uint32_t device, uint32_t pid);
 void custom_process_found(uint32_t device, uint32_t pid);
 

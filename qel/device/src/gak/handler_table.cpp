@@ -9,21 +9,16 @@ namespace {
 
 thread_local bool insideHandler = false;
 
-__attribute__((cold)) tracepoint::Handled Traced(const PPCMessage& msg)
-{
-    return {msg.type(), msg.src_id(), msg.sub_proc_pid()};
-}
-
 class InsideHandler {
 public:
     explicit InsideHandler(const PPCMessage& msg) : msg_(msg), outer_(std::exchange(insideHandler, true))
     {
-        GAKPPC_TRACE(handler_entered, Traced(msg_));
+        GAKPPC_TRACE(handler_entered, msg_.type(), msg_.src_id(), msg_.sub_proc_pid());
     }
     ~InsideHandler()
     {
         insideHandler = outer_;
-        GAKPPC_TRACE(handler_left, Traced(msg_));
+        GAKPPC_TRACE(handler_left, msg_.type(), msg_.src_id(), msg_.sub_proc_pid());
     }
     InsideHandler(const InsideHandler&) = delete;
     InsideHandler& operator=(const InsideHandler&) = delete;
@@ -43,7 +38,7 @@ bool HandlerTable::Register(uint32_t type, Handler handler)
 
 bool HandlerTable::Dispatch(const PPCMessage& msg)
 {
-    GAKPPC_TRACE(handler_waiting, Traced(msg));
+    GAKPPC_TRACE(handler_waiting, msg.type(), msg.src_id(), msg.sub_proc_pid());
     MutexLock lock(mutex_);
     const auto found = handlers_.find(static_cast<uint32_t>(msg.type()));
     if (found == handlers_.end()) {
