@@ -6,6 +6,10 @@
 #define _SDT_HAS_SEMAPHORES 1
 #include <sys/sdt.h>
 
+#ifdef __clang__
+#pragma clang diagnostic ignored "-Wgnu-zero-variadic-macro-arguments"  // in the header's macros
+#endif
+
 // One place for each tracepoint, out of line: a tracer finds one address, and arguments of the same widths in every
 // build.
 
