@@ -3,7 +3,8 @@
 set(GAKPPC_TOOLS_ARE_BUILT OFF)
 if(GAKPPC_BUILD_TOOLS STREQUAL "AUTO" OR GAKPPC_BUILD_TOOLS)
     set(missing "")
-    foreach(need IN ITEMS CLI11=libcli11-dev fmt=libfmt-dev nlohmann_json=nlohmann-json3-dev)
+    foreach(need IN ITEMS CLI11=libcli11-dev fmt=libfmt-dev nlohmann_json=nlohmann-json3-dev
+            PCAP=libpcap-dev)
         string(REGEX MATCH "^(.+)=(.+)$" need "${need}")
         set(package "${CMAKE_MATCH_1}")
         set(debian_package "${CMAKE_MATCH_2}")

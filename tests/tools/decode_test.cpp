@@ -1,6 +1,6 @@
 #include <algorithm>
-#include <fstream>
 
+#include "pcap_file.h"
 #include "tool.h"
 
 namespace gaktest {
@@ -9,12 +9,6 @@ namespace {
 std::string HexOf(const Bytes& bytes)
 {
     return Hex(bytes);
-}
-
-void WriteFile(const std::string& path, const Bytes& bytes)
-{
-    std::ofstream(path, std::ios::binary)
-        .write(reinterpret_cast<const char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
 }
 
 TEST(DecodeTest, HexadecimalMessageIsShown)
@@ -105,8 +99,8 @@ TEST(DecodeTest, OddNumberOfDigitsFails)
 
 TEST(DecodeTest, EmptyFileIsNoCapture)
 {
-    WriteFile("/home/nothing.cap", {});
-    for (const Outcome& outcome : {Ctl({"decode", "/home/nothing.cap"}), Ctl({"decode"}), Ctl({"decode"}, " \n")}) {
+    WriteFile("/home/nothing.pcap", {});
+    for (const Outcome& outcome : {Ctl({"decode", "/home/nothing.pcap"}), Ctl({"decode"}), Ctl({"decode"}, " \n")}) {
         EXPECT_TRUE(outcome.status.ExitedWith(1)) << outcome.status;
         EXPECT_EQ(outcome.err, "gakppctl: neither a capture nor hexadecimal digits: it is empty\n");
         EXPECT_EQ(outcome.out, "");
@@ -115,84 +109,136 @@ TEST(DecodeTest, EmptyFileIsNoCapture)
 
 TEST(DecodeTest, MissingFileFails)
 {
-    const Outcome outcome = Ctl({"decode", "/nowhere/trace.cap"});
+    const Outcome outcome = Ctl({"decode", "/nowhere/trace.pcap"});
     EXPECT_TRUE(outcome.status.ExitedWith(1));
     EXPECT_NE(outcome.err.find("No such file"), std::string::npos) << outcome.err;
 }
 
-// One heartbeat by the description of the format, byte by byte.
-Bytes CaptureOfOneHeartbeat(uint8_t version)
+PcapRecord Heartbeat(uint32_t connection = 7)
 {
-    const Bytes frame = PpcFrame(FromWorker(2));
-    Bytes file = ToBytes("GAKPPCAP");
-    const Bytes rest{version,
-                     0,
-                     0,
-                     0,  //
-                     0x40,
-                     0x42,
-                     0x0F,
-                     0,
-                     0,
-                     0,
-                     0,
-                     0,  // one second after the epoch
-                     7,
-                     0,
-                     0,
-                     0,  // connection
-                     1,
-                     0,
-                     0,
-                     0,  // frame, to the daemon
-                     0x67,
-                     0x12,
-                     0,
-                     0,
-                     0xE8,
-                     3,
-                     0,
-                     0,  // pid 4711, uid 1000
-                     static_cast<uint8_t>(frame.size()),
-                     0,
-                     0,
-                     0,
-                     0,
-                     0,
-                     0,
-                     0,
-                     static_cast<uint8_t>(frame.size()),
-                     0,
-                     0,
-                     0};
-    file.insert(file.end(), rest.begin(), rest.end());
-    file.insert(file.end(), frame.begin(), frame.end());
-    return file;
+    PcapRecord record;
+    record.connection = connection;
+    record.bytes = PpcFrame(FromWorker(2));
+    return record;
 }
+
+// What every capture of one heartbeat is decoded to.
+constexpr char kOneHeartbeat[] = "1970-01-01T00:00:01.000000Z #7 -> pid 4711 uid 1000 HEARTBEAT {";
 
 TEST(DecodeTest, CaptureIsShownAsRecorded)
 {
-    WriteFile("/home/one.cap", CaptureOfOneHeartbeat(1));
-    const Outcome outcome = Ctl({"decode", "/home/one.cap"});
+    WriteFile("/home/one.pcap", PcapFile().Add(Heartbeat()).bytes());
+    const Outcome outcome = Ctl({"decode", "/home/one.pcap"});
     EXPECT_TRUE(outcome.status.ExitedWith(0)) << outcome.err;
-    EXPECT_EQ(outcome.out.find("1970-01-01T00:00:01.000000Z #7 -> pid 4711 uid 1000 HEARTBEAT {"), 0u) << outcome.out;
+    EXPECT_EQ(outcome.out.find(kOneHeartbeat), 0u) << outcome.out;
+}
+
+TEST(DecodeTest, CaptureComesFromStandardInputAsWell)
+{
+    const Bytes file = PcapFile().Add(Heartbeat()).bytes();
+    const Outcome outcome = Ctl({"decode"}, std::string(file.begin(), file.end()));
+    EXPECT_TRUE(outcome.status.ExitedWith(0)) << outcome.err;
+    EXPECT_EQ(outcome.out.find(kOneHeartbeat), 0u) << outcome.out;
+}
+
+TEST(DecodeTest, CaptureIsShownWhileItIsWritten)
+{
+    Tool decode(kGakppctl, {"decode", "-"});
+    const Bytes file = PcapFile().Add(Heartbeat()).bytes();
+    decode.Write(std::string(file.begin(), file.end()));
+    EXPECT_TRUE(decode.WaitForOut("HEARTBEAT")) << "before the end of standard input";
+    EXPECT_TRUE(decode.Finish().ExitedWith(0));
+}
+
+TEST(DecodeTest, CapturesOfBothByteOrdersAndPrecisionsAreRead)
+{
+    for (const uint32_t magic : {kNanosecondMagic, kMicrosecondMagic}) {
+        for (const bool bigEndian : {false, true}) {
+            PcapRecord record = Heartbeat();
+            record.fraction = magic == kNanosecondMagic ? 123456789 : 123456;
+            WriteFile("/home/other.pcap", PcapFile({magic, bigEndian}).Add(record).bytes());
+            const Outcome outcome = Ctl({"decode", "/home/other.pcap"});
+            EXPECT_TRUE(outcome.status.ExitedWith(0)) << outcome.err;
+            EXPECT_EQ(outcome.out.find("1970-01-01T00:00:01.123456Z #7 -> pid 4711 uid 1000 HEARTBEAT"), 0u)
+                << std::hex << magic << bigEndian << outcome.out;
+        }
+    }
+}
+
+TEST(DecodeTest, TimesUpToTheYear2106AreRead)
+{
+    PcapRecord record = Heartbeat();
+    record.seconds = 0x7FFFFFFF;
+    WriteFile("/home/late.pcap", PcapFile().Add(record).bytes());
+    EXPECT_EQ(Ctl({"decode", "/home/late.pcap"}).out.find("2038-01-19T03:14:07.000000Z #7"), 0u);
 }
 
 TEST(DecodeTest, TruncatedCaptureShowsWholeRecordsAndFails)
 {
-    const Bytes whole = CaptureOfOneHeartbeat(1);
-    const size_t header = 12;
-    Bytes file = whole;
-    file.insert(file.end(), whole.begin() + header, whole.end());  // a second record
-    for (const size_t missing : {size_t{1}, size_t{8}, whole.size() - header - 1}) {
-        WriteFile("/home/cut.cap", Bytes(file.begin(), file.end() - static_cast<ptrdiff_t>(missing)));
-        const Outcome outcome = Ctl({"decode", "/home/cut.cap"});
+    const Bytes file = PcapFile().Add(Heartbeat()).Add(Heartbeat()).bytes();
+    const size_t record = (file.size() - kPcapHeaderSize) / 2;
+    for (const size_t missing : {size_t{1}, size_t{8}, record - kPacketHeaderSize, record - 1}) {
+        WriteFile("/home/cut.pcap", Bytes(file.begin(), file.end() - static_cast<ptrdiff_t>(missing)));
+        const Outcome outcome = Ctl({"decode", "/home/cut.pcap"});
         EXPECT_TRUE(outcome.status.ExitedWith(1)) << missing << ": " << outcome.status;
         EXPECT_EQ(outcome.err, "gakppctl: the capture ends inside a record: it is incomplete\n") << missing;
         EXPECT_EQ(CountOf(outcome.out, "\n"), 1u) << missing;
     }
-    WriteFile("/home/empty.cap", Bytes(whole.begin(), whole.begin() + header));
-    EXPECT_TRUE(Ctl({"decode", "/home/empty.cap"}).status.ExitedWith(0)) << "a capture without records is complete";
+    WriteFile("/home/empty.pcap", PcapFile().bytes());
+    EXPECT_TRUE(Ctl({"decode", "/home/empty.pcap"}).status.ExitedWith(0)) << "a capture without records is complete";
+}
+
+TEST(DecodeTest, CaptureThatEndsInsideItsHeaderIsNone)
+{
+    const Bytes header = PcapFile().bytes();
+    WriteFile("/home/cut.pcap", Bytes(header.begin(), header.end() - 1));
+    const Outcome outcome = Ctl({"decode", "/home/cut.pcap"});
+    EXPECT_TRUE(outcome.status.ExitedWith(1));
+    EXPECT_EQ(outcome.err.find("gakppctl: not a capture: truncated dump file"), 0u) << outcome.err;
+}
+
+TEST(DecodeTest, CutPacketsAreShownAsSuch)
+{
+    PcapRecord frame = Heartbeat();
+    frame.cut = 10;
+    PcapRecord fragment = Heartbeat();
+    fragment.kind = 2;
+    fragment.bytes = {0, 0};
+    fragment.cut = 5;
+    PcapRecord nothing = Heartbeat();
+    nothing.bytes.clear();
+    nothing.cut = 21;
+    WriteFile("/home/cut.pcap", PcapFile().Add(frame).Add(fragment).Add(nothing).bytes());
+    const Outcome outcome = Ctl({"decode", "--hex", "--json", "/home/cut.pcap"});
+    EXPECT_TRUE(outcome.status.ExitedWith(1));
+    const size_t whole = frame.bytes.size();
+    EXPECT_EQ(CountOf(outcome.out, "only " + std::to_string(whole) + " of " + std::to_string(whole + 10) + " bytes"),
+              1u);
+    EXPECT_EQ(CountOf(outcome.out, "\"problem\":\"only 2 of 7 bytes were kept\",\"hex\":\"0000\""), 1u) << outcome.out;
+    EXPECT_EQ(CountOf(outcome.out, "only 0 of 21 bytes were kept"), 1u);
+    EXPECT_TRUE(FitsSchema(outcome.out, "record"));
+}
+
+TEST(DecodeTest, PacketAboveTheSnapLengthIsCutThere)
+{
+    PcapFormat format;
+    format.snapLength = 20;
+    WriteFile("/home/snap.pcap", PcapFile(format).Add(Heartbeat()).Add(Heartbeat(8)).bytes());
+    const Outcome outcome = Ctl({"decode", "/home/snap.pcap"});
+    EXPECT_EQ(CountOf(outcome.out, "MALFORMED (only 4 of "), 2u) << outcome.out;
+    EXPECT_NE(outcome.out.find("#8"), std::string::npos);
+}
+
+TEST(DecodeTest, CaptureOfAnotherLinkTypeIsRefused)
+{
+    PcapFormat format;
+    format.linkType = 1;
+    WriteFile("/home/lan.pcap", PcapFile(format).Add(Heartbeat()).bytes());
+    const Outcome outcome = Ctl({"decode", "/home/lan.pcap"});
+    EXPECT_TRUE(outcome.status.ExitedWith(1));
+    EXPECT_EQ(outcome.err,
+              "gakppctl: not a capture of control messages: its link type is EN10MB (1) instead of USER0 (147)\n");
+    EXPECT_EQ(outcome.out, "");
 }
 
 TEST(DecodeTest, DirectoryIsRefused)
@@ -244,12 +290,15 @@ TEST(DecodeTest, ControlCharactersInAMessageAreEscaped)
     EXPECT_EQ(outcome.err, "");
 }
 
-struct Event {
-    uint8_t kind;       // 0 opened, 1 frame, 2 no frame, 3 closed
-    uint8_t direction;  // 1 to the worker
-    uint8_t pid;        // of the sender
-    Bytes bytes;
-};
+PcapRecord RecordOf(uint8_t kind, uint8_t direction, uint32_t pid, const Bytes& bytes)
+{
+    PcapRecord record;
+    record.kind = kind;
+    record.direction = direction;
+    record.pid = pid;
+    record.bytes = bytes;
+    return record;
+}
 
 // A capture of worker 7 on device 1, of which one message claims to be from 99, of worker 8 on device 2, and of a
 // process 9 that sends what is no frame.
@@ -259,27 +308,16 @@ Bytes CaptureOfAConversation()
     start.proc_type = 0;
     RawMessage order = FromWorker(5, 19280, 7);
     order.dest_id = 1;
-    const std::vector<Event> events{{0, 0, 7, {}},
-                                    {1, 0, 7, PpcFrame(start)},
-                                    {1, 0, 7, PpcFrame(FromWorker(2, 1, 99))},
-                                    {1, 1, 3, PpcFrame(order)},
-                                    {1, 1, 3, {0, 0, 0, 0}},
-                                    {1, 0, 8, PpcFrame(FromWorker(2, 2, 8))},
-                                    {2, 0, 9, {0, 0}},
-                                    {3, 0, 7, {}}};
-    Bytes file = ToBytes("GAKPPCAP");
-    file.insert(file.end(), {1, 0, 0, 0});
-    for (const Event& event : events) {
-        Bytes record(36);
-        record[8] = 1;
-        record[12] = event.kind;
-        record[13] = event.direction;
-        record[16] = event.pid;
-        record[24] = record[32] = static_cast<uint8_t>(event.bytes.size());
-        file.insert(file.end(), record.begin(), record.end());
-        file.insert(file.end(), event.bytes.begin(), event.bytes.end());
-    }
-    return file;
+    return PcapFile()
+        .Add(RecordOf(0, 0, 7, {}))
+        .Add(RecordOf(1, 0, 7, PpcFrame(start)))
+        .Add(RecordOf(1, 0, 7, PpcFrame(FromWorker(2, 1, 99))))
+        .Add(RecordOf(1, 1, 3, PpcFrame(order)))
+        .Add(RecordOf(1, 1, 3, {0, 0, 0, 0}))
+        .Add(RecordOf(1, 0, 8, PpcFrame(FromWorker(2, 2, 8))))
+        .Add(RecordOf(2, 0, 9, {0, 0}))
+        .Add(RecordOf(3, 0, 7, {}))
+        .bytes();
 }
 
 struct Filtered {
@@ -297,8 +335,8 @@ class DecodeFilter : public testing::TestWithParam<Filtered> {};
 
 TEST_P(DecodeFilter, ShowsWhatAgrees)
 {
-    WriteFile("/home/talk.cap", CaptureOfAConversation());
-    std::vector<std::string> arguments{"decode", "/home/talk.cap"};
+    WriteFile("/home/talk.pcap", CaptureOfAConversation());
+    std::vector<std::string> arguments{"decode", "/home/talk.pcap"};
     arguments.insert(arguments.end(), GetParam().arguments.begin(), GetParam().arguments.end());
     const Outcome outcome = Ctl(arguments);
     EXPECT_TRUE(outcome.status.ExitedWith(GetParam().status)) << outcome.status << outcome.err;
@@ -338,46 +376,59 @@ TEST(DecodeTest, DamagedMessageIsFilteredByWhatCouldBeDecoded)
     EXPECT_EQ(Ctl({"decode", "--device", "2"}, hex).out, "");
 }
 
-TEST(DecodeTest, CaptureOfAnotherVersionIsRefused)
+TEST(DecodeTest, PseudoHeaderOfAnotherVersionIsRefused)
 {
-    WriteFile("/home/new.cap", CaptureOfOneHeartbeat(2));
-    const Outcome outcome = Ctl({"decode", "/home/new.cap"});
+    PcapRecord record = Heartbeat();
+    record.version = 2;
+    WriteFile("/home/new.pcap", PcapFile().Add(Heartbeat()).Add(record).bytes());
+    const Outcome outcome = Ctl({"decode", "/home/new.pcap"});
     EXPECT_TRUE(outcome.status.ExitedWith(1));
-    EXPECT_NE(outcome.err.find("version 2"), std::string::npos);
+    EXPECT_EQ(outcome.err, "gakppctl: record 2 of the capture has a pseudo-header of version 2, which is not known\n");
+    EXPECT_EQ(CountOf(outcome.out, "\n"), 1u) << "what comes before it is shown";
 }
 
 TEST(DecodeTest, DamagedCaptureIsRefused)
 {
-    const size_t record = 8 + 4;
-    const Bytes whole = CaptureOfOneHeartbeat(1);
+    const Bytes whole = PcapFile().Add(Heartbeat()).bytes();
+    const size_t pseudo = kPacketHeaderSize;  // where the pseudo-header begins in the record
     struct Damage {
         const char* what;
         std::vector<std::pair<size_t, uint8_t>> bytes;  // offset in the record, value
     };
     const std::vector<Damage> damages{
-        {"a time that is out of range", {{7, 0x7F}}},
-        {"a time before 1970", {{7, 0xFF}}},
-        {"no connection number", {{8, 0}}},
-        {"an unknown kind", {{12, 9}}},
-        {"an unknown direction", {{13, 2}}},
-        {"a negative process id", {{19, 0x80}}},
-        {"more bytes than on the wire", {{24, 1}}},
-        {"fewer bytes than could be kept", {{32, 5}}},
-        {"more bytes than are ever kept", {{27, 0x7F}, {35, 0x7F}}},
-        {"a frame without its length field", {{24, 2}, {32, 2}}},
-        {"a fragment without bytes", {{12, 2}, {24, 0}, {32, 0}}},
+        {"a second of more than 10^9 nanoseconds", {{7, 0x7F}}},
+        {"a negative number of nanoseconds", {{7, 0xFF}}},
+        {"more bytes than on the wire", {{12, 1}}},
+        {"an unknown kind", {{pseudo + 1, 9}}},
+        {"an unknown direction", {{pseudo + 2, 2}}},
+        {"no connection number", {{pseudo + 7, 0}}},
+        {"a negative process id", {{pseudo + 8, 0x80}}},
+        {"no whole pseudo-header", {{8, 15}}},
+        {"a frame without its length field", {{8, 16}, {12, 19}}},
+        {"a fragment without bytes", {{8, 16}, {12, 16}, {pseudo + 1, 2}}},
     };
     for (const Damage& damage : damages) {
         Bytes file = whole;
         for (const auto& [offset, value] : damage.bytes) {
-            file[record + offset] = value;
+            file[kPcapHeaderSize + offset] = value;
         }
-        WriteFile("/home/damaged.cap", file);
-        const Outcome outcome = Ctl({"decode", "/home/damaged.cap"});
+        WriteFile("/home/damaged.pcap", file);
+        const Outcome outcome = Ctl({"decode", "/home/damaged.pcap"});
         EXPECT_TRUE(outcome.status.ExitedWith(1)) << damage.what;
         EXPECT_EQ(outcome.err, "gakppctl: record 1 of the capture is damaged\n") << damage.what;
         EXPECT_EQ(outcome.out, "") << damage.what;
     }
+}
+
+TEST(DecodeTest, ImpossibleLengthIsDamage)
+{
+    Bytes file = PcapFile().Add(Heartbeat()).bytes();
+    file[kPcapHeaderSize + 11] = 0x7F;
+    WriteFile("/home/damaged.pcap", file);
+    const Outcome outcome = Ctl({"decode", "/home/damaged.pcap"});
+    EXPECT_TRUE(outcome.status.ExitedWith(1));
+    EXPECT_EQ(outcome.err.find("gakppctl: record 1 of the capture is damaged: invalid packet capture length"), 0u)
+        << outcome.err;
 }
 
 }  // namespace

@@ -6,7 +6,7 @@
 namespace gaktest {
 namespace {
 
-constexpr char kCapture[] = "/home/trace.cap";
+constexpr char kCapture[] = "/home/trace.pcap";
 
 // At least so long is the pause in front of the last message of the first worker.
 constexpr std::chrono::milliseconds kPause{150};

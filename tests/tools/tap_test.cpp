@@ -172,7 +172,7 @@ TEST_F(TapTest, SocketOfARestartedDaemonStays)
 TEST_F(TapTest, FiltersDecideWhatIsShownWrittenAndCounted)
 {
     ASSERT_NO_FATAL_FAILURE(
-        Start({"--count", "2", "--write", "/home/trace.cap", "--device", "1", "--pid", "4711", "--worker", "5",
+        Start({"--count", "2", "--write", "/home/trace.pcap", "--device", "1", "--pid", "4711", "--worker", "5",
                "--type", "Compute", "--message", "heartbeat", "--message", "ABNORMAL"}));
     ASSERT_NO_FATAL_FAILURE(Connect());
     for (const RawMessage& message : {FromWorker(0, 1), FromWorker(2, 0), FromWorker(2, 1), FromWorker(2, 1, 4712),
@@ -186,7 +186,7 @@ TEST_F(TapTest, FiltersDecideWhatIsShownWrittenAndCounted)
     EXPECT_EQ(CountOf(tap_->out(), "\n"), 2U) << tap_->out();
     EXPECT_EQ(CountOf(tap_->out(), "HEARTBEAT (claims pid 4711)"), 1U) << tap_->out();
     EXPECT_EQ(CountOf(tap_->out(), "ABNORMAL (claims pid 4711)"), 1U);
-    EXPECT_EQ(Ctl({"decode", "/home/trace.cap"}).out, tap_->out());
+    EXPECT_EQ(Ctl({"decode", "/home/trace.pcap"}).out, tap_->out());
 }
 
 TEST_F(TapTest, SecondTapIsRefused)
@@ -400,13 +400,13 @@ TEST_F(TapTest, DaemonThatCannotBeLookedForHasNotEnded)
 
 TEST_F(TapTest, FileThatCannotBeWrittenIsTold)
 {
-    EXPECT_TRUE(Ctl({"tap", "--write", "/nowhere/trace.cap"}).status.ExitedWith(1));
+    EXPECT_TRUE(Ctl({"tap", "--write", "/nowhere/trace.pcap"}).status.ExitedWith(1));
     EXPECT_EQ(access(kSavedSock.c_str(), F_OK), -1);
 }
 
 TEST_F(TapTest, CaptureIsDecodedToTheSameLines)
 {
-    ASSERT_NO_FATAL_FAILURE(Start({"--write", "/home/trace.cap"}));
+    ASSERT_NO_FATAL_FAILURE(Start({"--write", "/home/trace.pcap"}));
     ASSERT_NO_FATAL_FAILURE(Connect());
     ASSERT_TRUE(WriteAll(worker_, PpcFrame(FromWorker(0))));
     ASSERT_TRUE(ReadPpcFrame(daemon_, kLimit).has_value());
@@ -415,7 +415,7 @@ TEST_F(TapTest, CaptureIsDecodedToTheSameLines)
     Disconnect();
     tap_->Kill(SIGTERM);
     ASSERT_TRUE(tap_->Finish().ExitedWith(0)) << tap_->err();
-    const Outcome decoded = Ctl({"decode", "/home/trace.cap"});
+    const Outcome decoded = Ctl({"decode", "/home/trace.pcap"});
     EXPECT_EQ(decoded.out, tap_->out());
     EXPECT_TRUE(decoded.status.ExitedWith(1)) << "the zero-length frame is malformed";
 }

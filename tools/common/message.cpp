@@ -42,10 +42,18 @@ std::optional<int> ParseNumber(const std::string& text)
     return result.ec == std::errc() && result.ptr == end ? std::optional<int>(number) : std::nullopt;
 }
 
+std::string DescribeCut(const StreamItem& item)
+{
+    return fmt::format("only {} of {} bytes were kept", item.bytes.size(), item.wireLength);
+}
+
 std::string DescribeFragment(const StreamItem& item)
 {
     if (item.wireLength < kFrameHeaderSize) {
         return fmt::format("length field of {} byte(s)", item.wireLength);
+    }
+    if (item.bytes.size() < kFrameHeaderSize) {
+        return DescribeCut(item);
     }
     const uint32_t length = DecodeBigEndian(item.bytes.data());
     if (length > PPC_MAX_MSG_LEN) {
@@ -58,11 +66,10 @@ std::string DescribeFragment(const StreamItem& item)
 // The library sends the numbers of a message before its names, so a beginning of this size has them all.
 Decoded DecodeCut(const StreamItem& item)
 {
-    const std::string problem = fmt::format("only {} of {} bytes were kept", item.bytes.size(), item.wireLength);
     constexpr size_t kHeaders = kFrameHeaderSize + kInnerLengthSize;
     if (item.bytes.size() < kHeaders + kLongestNumbers ||
         DecodeLittleEndian(item.bytes.data() + kFrameHeaderSize) != item.wireLength - kHeaders) {
-        return {std::nullopt, problem};
+        return {std::nullopt, DescribeCut(item)};
     }
     PPCMessage message;
     const google::protobuf::LogSilencer silencer;

@@ -2,14 +2,12 @@
 
 #include <fmt/format.h>
 
-#include <fstream>
-#include <iostream>
-#include <iterator>
+#include <cstdio>
 #include <memory>
-#include <sstream>
 #include <stdexcept>
+#include <utility>
 
-#include "capture.h"
+#include "common/capture.h"
 #include "record_filter.h"
 #include "subcommands.h"
 
@@ -22,13 +20,14 @@ struct Options {
     RecordFilter filter;
 };
 
-std::string ReadAll(const std::string& file)
+std::string ReadAll(FILE* file)
 {
-    if (file == "-") {
-        return {std::istreambuf_iterator<char>(std::cin), {}};
+    std::string content;
+    char part[4096];
+    for (size_t count = 0; (count = fread(part, 1, sizeof(part), file)) > 0;) {
+        content.append(part, count);
     }
-    std::ifstream in = OpenInput(file);
-    return {std::istreambuf_iterator<char>(in), {}};
+    return content;
 }
 
 // Shows the records that are asked for and remembers whether one of them was malformed.
@@ -54,10 +53,9 @@ private:
 };
 
 // Whether the capture is complete.
-bool ShowCapture(const std::string& content, Printer& printer)
+bool ShowCapture(File file, Printer& printer)
 {
-    std::istringstream in(content);
-    CaptureReader reader(in);
+    CaptureReader reader(std::move(file));
     for (Record record; reader.Next(record);) {
         printer.Print(record);
     }
@@ -93,13 +91,13 @@ void ShowHex(const std::string& content, Printer& printer)
 
 int Run(const Options& options)
 {
-    const std::string content = ReadAll(options.file);
+    File file = OpenInput(options.file);
     Printer printer(options);
     bool complete = true;
-    if (IsCapture(content)) {
-        complete = ShowCapture(content, printer);
+    if (IsCapture(file.get())) {
+        complete = ShowCapture(std::move(file), printer);
     } else {
-        ShowHex(content, printer);
+        ShowHex(ReadAll(file.get()), printer);
     }
     return complete && printer.AllWellFormed() ? kExitOk : kExitFailed;
 }
@@ -115,8 +113,8 @@ Subcommand AddDecode(CLI::App& program)
     app->add_flag("--hex", options->style.hex, "Print the bytes as well");
     AddFilterOptions(*app, options->filter);
     AddStandardOptions(*app,
-                       "  $ gakppctl decode trace.cap\n"
-                       "  $ gakppctl decode trace.cap --pid 4711 --message heartbeat\n"
+                       "  $ gakppctl decode trace.pcap\n"
+                       "  $ gakppctl decode trace.pcap --pid 4711 --message heartbeat\n"
                        "  $ echo '0000000D 09000000 0802 18D09601 28E724' | gakppctl decode",
                        {});
     return {app, [options] {

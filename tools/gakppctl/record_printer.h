@@ -10,7 +10,7 @@
 #include <thread>
 #include <vector>
 
-#include "capture.h"
+#include "common/capture.h"
 #include "common/deadline.h"
 #include "common/record.h"
 

@@ -7,13 +7,12 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
-#include <fstream>
 #include <map>
 #include <memory>
 #include <nlohmann/json.hpp>
 #include <optional>
 
-#include "capture.h"
+#include "common/capture.h"
 #include "subcommands.h"
 
 namespace tools {
@@ -169,8 +168,7 @@ void Player::PrintSummary() const
 
 int Run(const Options& options)
 {
-    std::ifstream in = OpenInput(options.file);
-    CaptureReader reader(in);
+    CaptureReader reader(OpenInput(options.file));
     Player player(options);
     bool found = options.connection == 0;
     for (Record record; reader.Next(record);) {
@@ -197,7 +195,8 @@ Subcommand AddReplay(CLI::App& program)
     CLI::App* app = program.add_subcommand(
         "replay", "Send the messages that a capture's workers sent to the daemon once more, as workers");
     auto options = std::make_shared<Options>();
-    app->add_option("FILE", options->file, "The capture, made by gakppctl tap --write")->required();
+    app->add_option("FILE", options->file, "The capture, made with --write by tap or gakppcd; -: standard input")
+        ->required();
     app->add_option("--speed", options->speed, "Times as fast as recorded; 0: without pauses (1)")
         ->check(NumberUpTo(kHighestSpeed))
         ->type_name("FACTOR");
@@ -206,8 +205,8 @@ Subcommand AddReplay(CLI::App& program)
     AddSeconds(*app, "--timeout", options->timeout, "Limit for each connecting and sending (5)");
     app->add_flag("--json", options->json, "Print the summary as JSON");
     AddStandardOptions(*app,
-                       "  $ gakppctl replay trace.cap\n"
-                       "  $ gakppctl replay trace.cap --speed 0 --connection 2",
+                       "  $ gakppctl replay trace.pcap\n"
+                       "  $ gakppctl replay trace.pcap --speed 0 --connection 2",
                        {kExitNoDaemon, kExitTimeLimit});
     return {app, [options] { return Run(*options); }};
 }

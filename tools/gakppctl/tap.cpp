@@ -227,7 +227,7 @@ Subcommand AddTap(CLI::App& program)
     AddStandardOptions(*app,
                        "  $ gakppctl tap\n"
                        "  $ gakppctl tap --json --for 10 | jq .message.type\n"
-                       "  $ gakppctl tap --write trace.cap --count 100\n"
+                       "  $ gakppctl tap --write trace.pcap --count 100\n"
                        "  $ gakppctl tap --follow --device 1,2 --message ABNORMAL --message SHUTDOWN",
                        {kExitNoDaemon}, OnSignal::kDone);
     return {app, [options] {
