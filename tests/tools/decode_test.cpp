@@ -200,7 +200,8 @@ TEST(DecodeTest, CaptureThatEndsInsideItsHeaderIsNone)
 TEST(DecodeTest, CutPacketsAreShownAsSuch)
 {
     PcapRecord frame = Heartbeat();
-    frame.cut = 10;
+    frame.bytes.resize(frame.bytes.size() - 3);
+    frame.cut = 3;
     PcapRecord fragment = Heartbeat();
     fragment.kind = 2;
     fragment.bytes = {0, 0};
@@ -212,7 +213,7 @@ TEST(DecodeTest, CutPacketsAreShownAsSuch)
     const Outcome outcome = Ctl({"decode", "--hex", "--json", "/home/cut.pcap"});
     EXPECT_TRUE(outcome.status.ExitedWith(1));
     const size_t whole = frame.bytes.size();
-    EXPECT_EQ(CountOf(outcome.out, "only " + std::to_string(whole) + " of " + std::to_string(whole + 10) + " bytes"),
+    EXPECT_EQ(CountOf(outcome.out, "only " + std::to_string(whole) + " of " + std::to_string(whole + 3) + " bytes"),
               1u);
     EXPECT_EQ(CountOf(outcome.out, "\"problem\":\"only 2 of 7 bytes were kept\",\"hex\":\"0000\""), 1u) << outcome.out;
     EXPECT_EQ(CountOf(outcome.out, "only 0 of 21 bytes were kept"), 1u);
@@ -288,6 +289,19 @@ TEST(DecodeTest, ControlCharactersInAMessageAreEscaped)
     EXPECT_TRUE(outcome.status.ExitedWith(1));
     EXPECT_NE(outcome.out.find("MALFORMED (the encoding is damaged"), std::string::npos) << outcome.out;
     EXPECT_EQ(outcome.err, "");
+}
+
+TEST(DecodeTest, StringsThatAreNoUtf8AreReplaced)
+{
+    for (const char* name : {"\xf0\x80\x84\x9e", "\xf0\x80", "a\xc3", "\xed\xa0\x80", "\xf8\x88\x80\x80\x80"}) {
+        RawMessage message = FromWorker(3);
+        message.lib_names = {{"before", name, "behind"}};
+        const Outcome outcome = Ctl({"decode", "--json"}, HexOf(PpcFrame(message)));
+        EXPECT_TRUE(outcome.status.ExitedWith(1)) << outcome.status;
+        EXPECT_EQ(outcome.err, "");
+        EXPECT_NE(outcome.out.find("the encoding is damaged"), std::string::npos) << outcome.out;
+        EXPECT_TRUE(FitsSchema(outcome.out, "record"));
+    }
 }
 
 PcapRecord RecordOf(uint8_t kind, uint8_t direction, uint32_t pid, const Bytes& bytes)
@@ -404,6 +418,7 @@ TEST(DecodeTest, DamagedCaptureIsRefused)
         {"no connection number", {{pseudo + 7, 0}}},
         {"a negative process id", {{pseudo + 8, 0x80}}},
         {"no whole pseudo-header", {{8, 15}}},
+        {"a frame of another length than it says", {{pseudo + 16 + 3, 99}}},
         {"a frame without its length field", {{8, 16}, {12, 19}}},
         {"a fragment without bytes", {{8, 16}, {12, 16}, {pseudo + 1, 2}}},
     };

@@ -64,6 +64,13 @@ bool IsSound(const pcap_pkthdr& header)
            header.caplen <= header.len;
 }
 
+// Whether a frame is as long as its length field says, as far as that is stored.
+bool AnnouncesItsLength(const Record& record)
+{
+    return record.kind != RecordKind::kFrame || record.bytes.size() < kFrameHeaderSize ||
+           DecodeBigEndian(record.bytes.data()) == record.wireLength - kFrameHeaderSize;
+}
+
 // Whether a capture of this system can hold this.
 bool IsSound(const Record& record)
 {
@@ -71,7 +78,7 @@ bool IsSound(const Record& record)
                               : record.kind == RecordKind::kFragment ? 1
                                                                      : 0;
     return record.connection > 0 && record.kind <= RecordKind::kClose && record.direction <= Direction::kToWorker &&
-           record.peer.pid >= 0 && record.wireLength >= shortest;
+           record.peer.pid >= 0 && record.wireLength >= shortest && AnnouncesItsLength(record);
 }
 
 Record Decode(const pcap_pkthdr& header, const uint8_t* packet)

@@ -42,6 +42,13 @@ std::optional<int> ParseNumber(const std::string& text)
     return result.ec == std::errc() && result.ptr == end ? std::optional<int>(number) : std::nullopt;
 }
 
+// The text with U+FFFD for what is no UTF-8.
+std::string WellFormed(const std::string& text)
+{
+    const std::string quoted = Json(text).dump(-1, ' ', true, Json::error_handler_t::replace);
+    return Json::parse(quoted).get<std::string>();
+}
+
 std::string DescribeCut(const StreamItem& item)
 {
     return fmt::format("only {} of {} bytes were kept", item.bytes.size(), item.wireLength);
@@ -141,7 +148,8 @@ Json ToJson(const PPCMessage& message)
     if (!google::protobuf::util::MessageToJsonString(message, &text, options).ok()) {
         return Json::object();
     }
-    return Json::parse(text);
+    const Json json = Json::parse(text, nullptr, false);
+    return json.is_discarded() ? Json::parse(WellFormed(text)) : json;
 }
 
 PPCMessage FromJson(const std::string& text)
