@@ -157,7 +157,7 @@ TEST_P(EveryCommand, UnknownOptionIsWrongUsageInOneLine)
     if (GetParam().program == kGakppctl && subcommand.empty()) {
         words.emplace_back("tap");
     } else if (subcommand == "replay") {
-        words.emplace_back("trace.cap");
+        words.emplace_back("trace.pcap");
     }
     const Outcome outcome = RunTool(GetParam().program, words);
     EXPECT_TRUE(IsWrongUsage(outcome, "--no-such-option"));

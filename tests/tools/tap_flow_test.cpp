@@ -206,7 +206,7 @@ TEST_F(TapFlow, RoundTripIsCompared)
     std::vector<double> without;
     std::vector<double> with;
     ASSERT_TRUE(RoundTrips(kCount, &without));
-    ASSERT_NO_FATAL_FAILURE(Start({"--write", "/home/trace.cap"}));
+    ASSERT_NO_FATAL_FAILURE(Start({"--write", "/home/trace.pcap"}));
     std::thread reader([this] { tap_->WaitForOut("#1 -- pid " + std::to_string(getpid()) + " uid 0 close"); });
     const auto result = RoundTrips(kCount, &with);
     reader.join();

@@ -67,6 +67,9 @@ void Daemon::Open()
     if (RemoveSavedSocket()) {
         view_.Note(fmt::format("removed {}, which a killed tap has left", kSavedSocketPath));
     }
+    if (!options_.capture.empty()) {
+        capture_.emplace(options_.capture);
+    }
     PpcServer& server = PpcServer::GetInstance();
     for (const auto type : {PPCMessage::START_RSP, PPCMessage::SHUTDOWN_RSP, PPCMessage::HEARTBEAT,
                             PPCMessage::NOTIFY_VEXOINFO, PPCMessage::ABNORMAL, PPCMessage::SOCKET_CLOSE}) {
@@ -100,6 +103,7 @@ int Daemon::Run()
     for (const PPCMessage& message : ReceivedMessages().PopAll()) {
         OnMessage(message);
     }
+    orderly_ = FinishCapture() && orderly_;
     view_.Event("ENDED", nullptr, orderly_ ? "in order" : "not in order");
     return orderly_ && !view_.HasLostEvents() ? kExitOk : kExitFailed;
 }
@@ -130,7 +134,24 @@ void Daemon::Step(LineReader& input)
     if (HasPassed(end_) || view_.HasLostEvents()) {
         BeginStop();
     }
+    NoteCaptureProblem();
     PpcServer::GetInstance().JoinAllPPCRcvThreads();
+}
+
+void Daemon::NoteCaptureProblem()
+{
+    const std::string problem = capture_.has_value() ? capture_->TakeProblem() : "";
+    if (!problem.empty()) {
+        view_.Note(problem);
+    }
+}
+
+// Whether the capture, if there is one, is complete.
+bool Daemon::FinishCapture()
+{
+    const bool complete = !capture_.has_value() || capture_->Finish();
+    NoteCaptureProblem();
+    return complete;
 }
 
 void Daemon::OnSignals()

@@ -11,6 +11,7 @@
 #include "controller.h"
 #include "spawner.h"
 #include "view.h"
+#include "wire_capture.h"
 #include "workers.h"
 
 namespace tools {
@@ -24,6 +25,7 @@ struct DaemonOptions {
     double grace = 3;
     double duration = -1;
     std::string log;
+    std::string capture;
 };
 
 // The daemon: serves the socket until a signal, a command or its time limit ends it. All decisions are taken on the
@@ -49,6 +51,8 @@ private:
 
     void BeginStop();
     bool IsStopped() const;
+    void NoteCaptureProblem();
+    bool FinishCapture();
     void KillRemaining();
 
     const DaemonOptions& options_;
@@ -56,6 +60,7 @@ private:
     Spawner spawner_;
     WorkerTable workers_;
     View view_;
+    std::optional<WireCapture> capture_;
     Controller controller_{spawner_, workers_, view_};
     std::optional<Deadline> end_;
     std::optional<Deadline> stopLimit_;  // set when the stop begins

@@ -51,6 +51,9 @@ void AddOptions(CLI::App& app, DaemonOptions& options, std::vector<std::string>&
     AddSeconds(app, "--grace", options.grace, "Time for the workers to shut down when this daemon ends (3)");
     AddSeconds(app, "--for", options.duration, "End after this time");
     app.add_flag("--json", options.json, "Print one JSON object per line");
+    app.add_option("--write", options.capture,
+                   "Write what the connections carry to a pcap file, for gakppctl decode, replay and Wireshark")
+        ->type_name("FILE");
     app.add_option("--log", options.log,
                    "Append log lines to this file (default: standard error; nowhere when that is the table's terminal)")
         ->type_name("FILE");
