@@ -168,9 +168,9 @@ TEST(DecodeTest, CapturesOfBothByteOrdersAndPrecisionsAreRead)
 TEST(DecodeTest, TimesUpToTheYear2106AreRead)
 {
     PcapRecord record = Heartbeat();
-    record.seconds = 0x7FFFFFFF;
+    record.seconds = 0xFFFFFFFF;
     WriteFile("/home/late.pcap", PcapFile().Add(record).bytes());
-    EXPECT_EQ(Ctl({"decode", "/home/late.pcap"}).out.find("2038-01-19T03:14:07.000000Z #7"), 0u);
+    EXPECT_EQ(Ctl({"decode", "/home/late.pcap"}).out.find("2106-02-07T06:28:15.000000Z #7"), 0u);
 }
 
 TEST(DecodeTest, TruncatedCaptureShowsWholeRecordsAndFails)

@@ -50,16 +50,22 @@ timeval ToTimeval(SystemTime time)
     return result;
 }
 
+// The format's 32 bits of seconds last until 2106, but libpcap takes them for signed.
+int64_t SecondsOf(const timeval& time)
+{
+    return time.tv_sec < 0 ? int64_t{static_cast<uint32_t>(time.tv_sec)} : int64_t{time.tv_sec};
+}
+
 SystemTime ToSystemTime(const timeval& time)
 {
-    const std::chrono::nanoseconds count(int64_t{time.tv_sec} * kNanosecondsPerSecond + time.tv_usec);
+    const std::chrono::nanoseconds count(SecondsOf(time) * kNanosecondsPerSecond + time.tv_usec);
     return SystemTime(std::chrono::duration_cast<SystemTime::duration>(count));
 }
 
 // Whether a packet with these lengths and this time can be decoded.
 bool IsSound(const pcap_pkthdr& header)
 {
-    return header.ts.tv_sec >= 0 && header.ts.tv_sec <= kLastSecond && header.ts.tv_usec >= 0 &&
+    return header.ts.tv_sec >= INT32_MIN && header.ts.tv_sec <= kLastSecond && header.ts.tv_usec >= 0 &&
            header.ts.tv_usec < kNanosecondsPerSecond && header.caplen >= kPseudoHeaderSize &&
            header.caplen <= header.len;
 }
