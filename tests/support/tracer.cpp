@@ -223,18 +223,19 @@ struct Attached {
 };
 Attached attached;
 
-void Write(uintptr_t location, Instruction instruction)
+bool Write(uintptr_t location, Instruction instruction)
 {
     const auto page = static_cast<uintptr_t>(sysconf(_SC_PAGESIZE));
     // NOLINTNEXTLINE(performance-no-int-to-ptr)
     auto* const code = reinterpret_cast<char*>(location);
     char* const start = code - location % page;
     if (mprotect(start, page, PROT_READ | PROT_WRITE | PROT_EXEC) != 0) {
-        throw std::runtime_error("a breakpoint cannot be placed");
+        return false;
     }
-    memcpy(code, &instruction, sizeof(instruction));
+    *reinterpret_cast<volatile Instruction*>(code) = instruction;
     mprotect(start, page, PROT_READ | PROT_EXEC);
     __builtin___clear_cache(code, code + sizeof(instruction));
+    return true;
 }
 
 // Where the thread has met the breakpoint. Lets it go on behind it.
@@ -289,7 +290,9 @@ Tracer::Tracer(const std::vector<std::string>& names, Action action)
     handler.sa_flags = SA_SIGINFO | SA_NODEFER;
     sigaction(SIGTRAP, &handler, &attached.before);
     for (const Tracepoint& tracepoint : attached.tracepoints) {
-        Write(tracepoint.location, kBreakpoint);
+        if (!Write(tracepoint.location, kBreakpoint)) {
+            throw std::runtime_error("a breakpoint cannot be placed");
+        }
         __atomic_fetch_add(tracepoint.semaphore, 1, __ATOMIC_SEQ_CST);
     }
 }
@@ -306,7 +309,11 @@ Tracer::~Tracer()
 
 bool Tracer::CanAttach()
 {
+#ifdef __SANITIZE_THREAD__
+    return false;
+#else
     return !FindTracepoints().empty();
+#endif
 }
 
 TracepointLog::TracepointLog(const std::vector<std::string>& names)
