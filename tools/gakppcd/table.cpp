@@ -9,6 +9,7 @@
 #include <map>
 
 #include "common/message.h"
+#include "common/terminal.h"
 
 namespace tools {
 namespace {
@@ -37,24 +38,10 @@ fmt::text_style StyleOf(WorkerState state)
     }
 }
 
-// In at most six columns.
 std::string ShortAge(const Worker& worker)
 {
-    const double seconds = worker.HeartbeatAge().value_or(-1);
-    const auto whole = static_cast<int64_t>(seconds);
-    if (seconds < 0) {
-        return "-";
-    }
-    if (whole < 100) {
-        return fmt::format("{}.{} s", whole, static_cast<int64_t>(seconds * 10) % 10);
-    }
-    if (whole < 1000) {
-        return fmt::format("{} s", whole);
-    }
-    if (whole < 100 * 60) {
-        return fmt::format("{} min", whole / 60);
-    }
-    return whole < 100 * 3600 ? fmt::format("{} h", whole / 3600) : fmt::format("{} d", whole / 86400);
+    const auto seconds = worker.HeartbeatAge();
+    return seconds.has_value() ? ShortDuration(*seconds) : "-";
 }
 
 std::string TypeText(int type, size_t width)
@@ -109,15 +96,6 @@ std::string Summary(size_t leftOut, const Workers& ended)
 }
 
 }  // namespace
-
-std::string Cut(const std::string& text, size_t width)
-{
-    const std::string dots = "...";
-    if (text.size() <= width) {
-        return text;
-    }
-    return width <= dots.size() ? text.substr(0, width) : text.substr(0, width - dots.size()) + dots;
-}
 
 std::vector<std::string> TableLines(const WorkerTable::Map& workers, size_t height, size_t width, bool coloured)
 {

@@ -9,9 +9,6 @@
 
 namespace tools {
 
-// `text` in at most `width` columns; "..." stands for what is cut off its end.
-std::string Cut(const std::string& text, size_t width);
-
 // A header and a line for each worker, running ones first, in at most `height` lines of at most `width` columns. When
 // they do not fit, the last line counts those that are left out, and all that have ended. Below 66 columns the lines
 // are shorter: 34 columns hold them.

@@ -1,7 +1,6 @@
 #include "view.h"
 
 #include <fmt/format.h>
-#include <sys/ioctl.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -25,20 +24,9 @@ constexpr size_t kEventsShown = 5;
 constexpr size_t kRowsForEachEvent = 4;   // of the screen
 constexpr size_t kRowsForBlankLine = 16;  // with fewer rows nothing separates the table from the events
 constexpr size_t kLongestEvent = 1000;
-constexpr char kClearScreen[] = "\033[2J";
 constexpr char kSaveCursorAndHome[] = "\0337\033[H";
 constexpr char kClearLineRest[] = "\033[K\r\n";
-constexpr char kClearLine[] = "\033[K";
 constexpr char kRestoreCursor[] = "\0338";
-
-ScreenSize TerminalSize()
-{
-    winsize size{};
-    if (ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) == -1 || size.ws_row == 0 || size.ws_col == 0) {
-        return {24, 80};
-    }
-    return {size.ws_row, size.ws_col};
-}
 
 std::string UtcTimeOfDay()
 {

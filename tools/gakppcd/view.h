@@ -6,14 +6,10 @@
 #include <string>
 #include <vector>
 
+#include "common/terminal.h"
 #include "workers.h"
 
 namespace tools {
-
-struct ScreenSize {
-    size_t rows = 0;
-    size_t columns = 0;
-};
 
 // The daemon's output: on a terminal a table that is redrawn in place, in a pipe one line for each event, or JSON.
 class View {
