@@ -39,6 +39,7 @@ gakppc_man_page(gakppctl-watch gakppctl "show the control messages of a process 
 gakppc_man_page(gakppctl-replay gakppctl "send recorded control messages once more" replay)
 gakppc_man_page(gakppctl-decode gakppctl "show recorded control messages" decode)
 gakppc_man_page(gakppctl-status gakppctl "explain status numbers" status)
+gakppc_man_page(gakppctl-list gakppctl "show who is connected to the daemon" list)
 gakppc_man_page(gakppctl-doctor gakppctl "find what keeps a daemon and its workers apart" doctor)
 
 add_custom_target(gakppc_man ALL DEPENDS ${pages})

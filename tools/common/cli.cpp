@@ -160,17 +160,27 @@ std::string VersionText(const std::string& program)
                        qel::PPCMessage::descriptor()->file()->name(), qel::PPCMessage::descriptor()->full_name());
 }
 
+const char* SuccessText(OnSignal onSignal)
+{
+    switch (onSignal) {
+        case OnSignal::kDone:
+            return "  0    success, also when --for, SIGINT, SIGTERM or SIGHUP ends it\n";
+        case OnSignal::kDoneIfWatch:
+            return "  0    success, also when --for, SIGINT, SIGTERM or SIGHUP ends --watch\n";
+        default:
+            return "  0    success\n";
+    }
+}
+
 std::string StatusesText(const std::vector<ExitCode>& others, OnSignal onSignal)
 {
-    const bool isService = onSignal == OnSignal::kDone;
-    std::string text =
-        isService ? "  0    success, also when --for, SIGINT, SIGTERM or SIGHUP ends it\n" : "  0    success\n";
+    std::string text = SuccessText(onSignal);
     text += kFailures;
     for (const ExitCode status : others) {
         text +=
             fmt::format("  {:<3}  {}\n", static_cast<int>(status), status == kExitNoDaemon ? "no daemon" : "time-out");
     }
-    return isService ? text : text + kSignals;
+    return onSignal == OnSignal::kDone ? text : text + kSignals;
 }
 
 }  // namespace

@@ -21,6 +21,7 @@ struct Subcommand {
 enum class OnSignal {
     kInterrupted,  // it has not finished its task: exit status 128 and the signal's number
     kDone,         // running until a signal comes is its task: exit status 0
+    kDoneIfWatch,  // the one or the other, as --watch is given
 };
 
 // Gives `app` what every program and subcommand has: -V, and examples and exit statuses at the end of --help. Besides

@@ -13,6 +13,7 @@ Subcommand AddWatch(CLI::App& program);
 Subcommand AddReplay(CLI::App& program);
 Subcommand AddDecode(CLI::App& program);
 Subcommand AddStatus(CLI::App& program);
+Subcommand AddList(CLI::App& program);
 Subcommand AddDoctor(CLI::App& program);
 
 }  // namespace tools
