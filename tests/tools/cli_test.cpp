@@ -60,9 +60,9 @@ TEST_P(EveryCommand, HelpShowsExamplesAndExitStatuses)
     EXPECT_EQ(StatusesIn(outcome.out), GetParam().statuses) << outcome.out;
     const bool runsUntilASignal = GetParam().statuses.back() < 130;
     const std::string ends = ", also when --for, SIGINT, SIGTERM or SIGHUP ends ";
-    const std::string success = *GetParam().subcommand == std::string("list") ? ends + "--watch"
-                                : runsUntilASignal                            ? ends + "it"
-                                                                              : "";
+    const std::string success = GetParam().subcommand == std::string("list") ? ends + "--watch"
+                                : runsUntilASignal                           ? ends + "it"
+                                                                             : "";
     EXPECT_NE(outcome.out.find("\nExit status:\n  0    success" + success + "\n"), std::string::npos);
     for (const std::string line : {"  1    failed", "  2    wrong usage", "  3    no daemon", "  124  time-out",
                                    "  130  ended by SIGINT", "  143  ended by SIGTERM"}) {
@@ -205,7 +205,7 @@ TEST(GakppctlTest, UnknownCommandIsAnsweredWithTheNearestOne)
     EXPECT_TRUE(IsWrongUsage(Ctl({"workr"}), "did you mean worker?"));
     EXPECT_TRUE(IsWrongUsage(Ctl({"dance"}),
                              "unknown command dance, commands are worker, send, tap, watch, replay, decode, "
-                             "status, doctor, help"));
+                             "status, list, doctor, help"));
     EXPECT_TRUE(IsWrongUsage(Ctl({"doc"}), "unknown command doc, commands are worker, "))
         << "three letters are missing";
     EXPECT_TRUE(IsWrongUsage(Ctl({""}), "unknown command"));
@@ -225,14 +225,14 @@ TEST(GakppctlTest, HelpListsEachCommandInOneLine)
         EXPECT_NE(line[2], ' ') << line;
         EXPECT_LE(line.size(), 120U) << line;
     }
-    EXPECT_EQ(commands, 9U);
+    EXPECT_EQ(commands, 10U);
     EXPECT_NE(Ctl({"doctor", "--help"}).out.find("repaired\n\nThe connection is closed at once"), std::string::npos);
 }
 
 TEST(GakppctlTest, HelpOfACommand)
 {
     EXPECT_EQ(Ctl({"help"}).out, Ctl({"--help"}).out);
-    for (const char* name : {"worker", "send", "tap", "watch", "replay", "decode", "status", "doctor"}) {
+    for (const char* name : {"worker", "send", "tap", "watch", "replay", "decode", "status", "list", "doctor"}) {
         const Outcome outcome = Ctl({"help", name});
         EXPECT_TRUE(outcome.status.ExitedWith(0)) << name;
         EXPECT_EQ(outcome.out, Ctl({name, "--help"}).out);
@@ -268,25 +268,26 @@ INSTANTIATE_TEST_SUITE_P(
                     WrongValue{"tap", "--for", "-1"}, WrongValue{"tap", "--for", "1s"},
                     WrongValue{"tap", "--for", kLongNumber}, WrongValue{"tap", "--count", "0"},
                     WrongValue{"tap", "--count", kLongNumber}, WrongValue{"tap", "--linger", "nan"},
-                    WrongValue{"tap", "--device", "x"}, WrongValue{"tap", "--device", "-1"},
-                    WrongValue{"tap", "--device", kLongNumber}, WrongValue{"tap", "--pid", "4711,x"},
-                    WrongValue{"tap", "--pid", "4711x"}, WrongValue{"tap", "--type", "HEARTBEAT"},
-                    WrongValue{"watch", "--pid", "0"}, WrongValue{"watch", "--pid", "4711,4712"},
-                    WrongValue{"watch", "--pid", kLongNumber}, WrongValue{"watch", "--worker", "-4"},
-                    WrongValue{"tap", "--message", "ZOLT"}, WrongValue{"tap", "--message", "5x"},
-                    WrongValue{"tap", "--type", "1x"}, WrongValue{"decode", "--device", kLongNumber},
-                    WrongValue{"decode", "--type", ""}, WrongValue{"decode", "--pid", "-4"},
-                    WrongValue{"worker", "--device", kLongNumber}, WrongValue{"worker", "--count", "0"},
-                    WrongValue{"worker", "--count", kLongNumber}, WrongValue{"worker", "--count", "10001"},
-                    WrongValue{"worker", "--host-pid", kLongNumber}, WrongValue{"worker", "--type", "dance"},
-                    WrongValue{"worker", "--heartbeat", "nan"}, WrongValue{"send", "--count", "0"},
-                    WrongValue{"send", "--count", kLongNumber}, WrongValue{"send", "--pid", kLongNumber},
-                    WrongValue{"send", "--interval", "nan"}, WrongValue{"replay", "--speed", "nan"},
-                    WrongValue{"replay", "--speed", kLongNumber}, WrongValue{"replay", "--connection", "0"},
-                    WrongValue{"", "--for", "nan"}, WrongValue{"", "--grace", kLongNumber},
-                    WrongValue{"", "--spawn", "0:ZOLT:" + kLongNumber}, WrongValue{"", "--spawn", kLongNumber},
-                    WrongValue{"", "--spawn", "0:ZOLT:10001"}, WrongValue{"", "--spawn", "0:ZOLT:0"},
-                    WrongValue{"", "--spawn", kLongNumber + ":ZOLT"}));
+                    WrongValue{"list", "--watch", "0"}, WrongValue{"list", "--watch", "nan"},
+                    WrongValue{"list", "--for", "-1"}, WrongValue{"tap", "--device", "x"},
+                    WrongValue{"tap", "--device", "-1"}, WrongValue{"tap", "--device", kLongNumber},
+                    WrongValue{"tap", "--pid", "4711,x"}, WrongValue{"tap", "--pid", "4711x"},
+                    WrongValue{"tap", "--type", "HEARTBEAT"}, WrongValue{"watch", "--pid", "0"},
+                    WrongValue{"watch", "--pid", "4711,4712"}, WrongValue{"watch", "--pid", kLongNumber},
+                    WrongValue{"watch", "--worker", "-4"}, WrongValue{"tap", "--message", "ZOLT"},
+                    WrongValue{"tap", "--message", "5x"}, WrongValue{"tap", "--type", "1x"},
+                    WrongValue{"decode", "--device", kLongNumber}, WrongValue{"decode", "--type", ""},
+                    WrongValue{"decode", "--pid", "-4"}, WrongValue{"worker", "--device", kLongNumber},
+                    WrongValue{"worker", "--count", "0"}, WrongValue{"worker", "--count", kLongNumber},
+                    WrongValue{"worker", "--count", "10001"}, WrongValue{"worker", "--host-pid", kLongNumber},
+                    WrongValue{"worker", "--type", "dance"}, WrongValue{"worker", "--heartbeat", "nan"},
+                    WrongValue{"send", "--count", "0"}, WrongValue{"send", "--count", kLongNumber},
+                    WrongValue{"send", "--pid", kLongNumber}, WrongValue{"send", "--interval", "nan"},
+                    WrongValue{"replay", "--speed", "nan"}, WrongValue{"replay", "--speed", kLongNumber},
+                    WrongValue{"replay", "--connection", "0"}, WrongValue{"", "--for", "nan"},
+                    WrongValue{"", "--grace", kLongNumber}, WrongValue{"", "--spawn", "0:ZOLT:" + kLongNumber},
+                    WrongValue{"", "--spawn", kLongNumber}, WrongValue{"", "--spawn", "0:ZOLT:10001"},
+                    WrongValue{"", "--spawn", "0:ZOLT:0"}, WrongValue{"", "--spawn", kLongNumber + ":ZOLT"}));
 
 TEST(GakppctlTest, LongStatusQueryIsAnsweredInOneLine)
 {
@@ -401,6 +402,7 @@ TEST(Completion, OffersOptionsOfTheSubcommand)
     EXPECT_EQ(Completions("gakppctl", std::string(kGakppctl) + " tap --li"), " --linger \n");
     EXPECT_EQ(Completions("gakppctl", std::string(kGakppctl) + " watch --pi"), " --pid \n");
     EXPECT_EQ(Completions("gakppctl", std::string(kGakppctl) + " worker --cr"), " --crash-after \n");
+    EXPECT_EQ(Completions("gakppctl", std::string(kGakppctl) + " list --w"), " --watch \n");
 }
 
 TEST(Completion, OffersValues)

@@ -261,7 +261,10 @@ TEST_F(ListTest, UserWhoMayNotSeeTheProcesses)
     const auto worker = StartWorker();
     const auto nobody = StartCtlAsNobody({"list"});
     EXPECT_TRUE(nobody->Finish().ExitedWith(0)) << nobody->err();
-    EXPECT_EQ(nobody->out().find("daemon of an unknown process, user root: 1 connection\n"), 0U) << nobody->out();
+    EXPECT_EQ(
+        nobody->out().find("daemon of an unknown process, user root: 1 connection; whether it is reached is unknown"),
+        0U)
+        << nobody->out();
     EXPECT_NE(nobody->out().find("  unknown  root  unknown  unknown          0          0\n"), std::string::npos)
         << nobody->out();
     EXPECT_NE(nobody->out().find("not all processes can be seen: "), std::string::npos) << nobody->out();
@@ -336,7 +339,6 @@ TEST_F(ListTest, FiveHundredWorkersAndOnePassOverProc)
     std::ifstream in("/home/trace");
     const std::string trace{std::istreambuf_iterator<char>(in), {}};
     EXPECT_EQ(CountOf(trace, "\"/proc\","), 1U) << trace;
-    EXPECT_EQ(CountOf(trace, "\"" + std::to_string(getpid()) + "\", O_RDONLY"), 0U);
     EXPECT_EQ(CountOf(trace, "\"" + std::to_string(getpid()) + "\", O_"), 1U) << trace;
 }
 
@@ -391,11 +393,12 @@ TEST_F(ListTest, WatchEndsOnASignalAlthoughNobodyReads)
     ASSERT_EQ(mkfifo("/home/pipe", 0600), 0);
     Tool stuck("sh", {"-c", "exec \"$0\" list --watch 0.1 > /home/pipe", kGakppctl});
     const Fd reader(open("/home/pipe", O_RDONLY | O_CLOEXEC));
+    ASSERT_EQ(fcntl(reader.get(), F_SETPIPE_SZ, 4096), 4096) << "less than one list takes";
     ASSERT_TRUE(WaitUntil(
         [&reader] {
             int bytes = 0;
             ioctl(reader.get(), FIONREAD, &bytes);
-            return bytes > 60000;
+            return bytes == 4096;
         },
         kLimit));
     stuck.Kill(SIGTERM);
@@ -405,7 +408,7 @@ TEST_F(ListTest, WatchEndsOnASignalAlthoughNobodyReads)
 TEST_F(ListTest, WatchOnATerminalStaysInPlace)
 {
     Connect();
-    const TerminalSize size{10, 60};
+    const TerminalSize size{10, 80};
     Tool tool(kGakppctl, {"list", "--watch", "0.1"}, Tool::Output::kTerminal, {"TERM=xterm", "NO_COLOR="}, size);
     const auto shows = [&](const std::string& text) {
         return tool.WaitUntilOutput([&] { return Screen(tool.out(), size).Shows(text); }, kLimit);
