@@ -61,6 +61,7 @@ uint32_t BytesToRead(const Fd& socket)
 std::vector<pid_t> PidsOf(const std::vector<SocketHolder>& holders)
 {
     std::vector<pid_t> pids;
+    pids.reserve(holders.size());
     for (const SocketHolder& holder : holders) {
         pids.push_back(holder.pid);
     }

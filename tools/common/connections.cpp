@@ -122,6 +122,7 @@ std::vector<Family> FamiliesOf(const Seen& seen, const Files& files)
         }
     }
     std::vector<Family> found;
+    found.reserve(families.size());
     for (const auto& [file, family] : families) {
         found.push_back(family);
     }

@@ -99,8 +99,10 @@ std::vector<ListeningProcess> ListenersAt(const std::string& path)
 
 std::vector<pid_t> ProcessesWithSocket(uint32_t number)
 {
+    const std::vector<SocketHolder> holders = FindSocketHolders().Of(number);
     std::vector<pid_t> processes;
-    for (const SocketHolder& holder : FindSocketHolders().Of(number)) {
+    processes.reserve(holders.size());
+    for (const SocketHolder& holder : holders) {
         processes.push_back(holder.pid);
     }
     return processes;

@@ -97,6 +97,7 @@ pid_t PidOf(const Connection& connection)
 Connections Sorted(const ServerSocket& server)
 {
     Connections sorted;
+    sorted.reserve(server.connections.size());
     for (const Connection& connection : server.connections) {
         sorted.push_back(&connection);
     }
@@ -128,6 +129,7 @@ std::string NoteCell(const Connection& connection, const std::set<pid_t>& taps)
         notes.emplace_back("tap");
     }
     std::vector<pid_t> others;
+    others.reserve(connection.worker.processes.size());
     for (const SocketHolder& holder : connection.worker.processes) {
         others.push_back(holder.pid);
     }
@@ -189,6 +191,7 @@ std::vector<std::string> Align(const std::vector<Cells>& rows)
 {
     const std::vector<size_t> widths = WidthsOf(rows);
     std::vector<std::string> lines;
+    lines.reserve(rows.size());
     for (const Cells& row : rows) {
         std::string line;
         for (size_t i = 0; i < row.size(); ++i) {
