@@ -147,12 +147,11 @@ int drvPpcSend(PpcSession* session, PpcMsg* msg, uint32_t flag)
 int drvPpcSocketSend(int fd, const void* buf, int len)
 {
     static const auto next = tools::Next(&drvPpcSocketSend, "drvPpcSocketSend");
-    const bool recorded = tools::UseSession(fd);
-    const int result = next(fd, buf, len);
-    if (recorded && result == PPC_OK) {
+    // Before it is sent: the answer must not come first.
+    if (tools::UseSession(fd) && buf != nullptr && len >= 0) {
         tools::RecordBytes(tools::Direction::kToWorker, tools::StreamItemKind::kFrame, tools::WholeFrame(buf, len));
     }
-    return result;
+    return next(fd, buf, len);
 }
 
 int drvPpcSessionClose(PpcSession* session)

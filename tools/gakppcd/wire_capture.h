@@ -19,7 +19,8 @@ namespace tools {
 // A thread of its own writes, so neither a slow file nor a full disk reaches a worker.
 //
 // What it cannot know: how far a frame had come that its sender never completed. Of that one the length field is
-// recorded; a frame to a worker that could not be sent whole is not.
+// recorded. A frame to a worker is recorded before it is sent, so that it stands in front of its answer, and therefore
+// also when the worker has just gone.
 class WireCapture {
 public:
     // There is one at a time. Throws ExitError when the file cannot be written.
