@@ -170,6 +170,15 @@ TEST_F(TraceParserTest, LostReportsAreCountedAndEndWhatIsUnfinished)
     EXPECT_EQ(events_[1].lost, 42U);
 }
 
+TEST_F(TraceParserTest, TotalTellsWhatIsMissing)
+{
+    Feed(Printf("O 1 7 4711") + Printf("S 1 2 7 0 0 0 0 0 0 0") + R"({"type": "map", "data": {"@reports": 12}})" +
+         "\n");
+    ASSERT_EQ(events_.size(), 3U);
+    EXPECT_EQ(events_[2].kind, Kind::kTotal);
+    EXPECT_EQ(events_[2].lost, 10U);
+}
+
 TEST_F(TraceParserTest, WhatBpftraceSaysOfItselfIsPassedOver)
 {
     Feed(
@@ -210,6 +219,15 @@ TEST_P(HostileLine, IsRejectedAndChangesNothing)
     EXPECT_EQ(events_[0].kind, Kind::kOpened);
 }
 
+TEST_F(TraceParserTest, LossWithoutANumberIsALoss)
+{
+    Feed("{\"type\": \"lost_events\", \"data\": {\"events\": -5}}\n");
+    Feed("{\"type\": \"lost_events\", \"data\": {\"events\": \"5\"}}\n");
+    EXPECT_EQ(parser_.Rejected(), 2U);
+    ASSERT_EQ(events_.size(), 2U);
+    EXPECT_EQ(events_[0].kind, Kind::kLost);
+}
+
 // While a message of this thread waits for its four bytes.
 TEST_F(TraceParserTest, PieceThatIsLongerThanItsMessageIsPassedOver)
 {
@@ -237,8 +255,8 @@ INSTANTIATE_TEST_SUITE_P(
         R"({"type": "printf", "data": "P 1 2 0 \\x0\n"})", R"({"type": "printf", "data": "P 1 2 0 \\x0g\n"})",
         R"({"type": "printf", "data": "P 1 2 0 abcd\n"})", R"({"type": "printf", "data": "P 1 2 0 \\x00 \\x00\n"})",
         R"({"type": "printf", "data": "P 1 2 0 \\x00 \\x00 \n"})", R"({"type": "lost_events", "data": 5})",
-        R"({"type": "lost_events", "data": {"events": -5}})", R"({"type": "lost_events", "data": {"events": "5"}})",
-        "{\"type\": \"printf\", \"data\": \"\xff\\n\"}", "[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[["));
+        R"({"type": "map", "data": "@reports"})", "{\"type\": \"printf\", \"data\": \"\xff\\n\"}",
+        "[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[["));
 
 }  // namespace
 }  // namespace gaktest

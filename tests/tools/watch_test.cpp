@@ -269,6 +269,42 @@ TEST_F(WatchTest, DaemonIsUnharmedByTwentyWatchesTwoAtATime)
     EXPECT_TRUE(daemon_->Finish().ExitedWith(0)) << daemon_->err();
 }
 
+// The code of the library as it is in the memory of a process, where probes are breakpoints.
+std::string CodeOfLibrary(pid_t pid)
+{
+    const std::string folder = "/proc/" + std::to_string(pid);
+    std::ifstream maps(folder + "/maps");
+    for (std::string line; std::getline(maps, line);) {
+        if (line.find(" r-xp ") != std::string::npos && line.find("/libgakppc.so") != std::string::npos) {
+            const size_t begin = std::stoull(line, nullptr, 16);
+            const size_t end = std::stoull(line.substr(line.find('-') + 1), nullptr, 16);
+            std::string code(end - begin, '\0');
+            std::ifstream memory(folder + "/mem", std::ios::binary);
+            memory.seekg(static_cast<std::streamoff>(begin));
+            memory.read(code.data(), static_cast<std::streamsize>(code.size()));
+            return code;
+        }
+    }
+    return "";
+}
+
+class WatchEnd : public WatchTest, public testing::WithParamInterface<int> {};
+
+TEST_P(WatchEnd, LeavesTheCodeAsItWas)
+{
+    const std::string before = CodeOfLibrary(daemon_->pid());
+    ASSERT_FALSE(before.empty());
+    const auto watch = Watch();
+    const auto tracers = ChildrenOf(watch->pid());
+    ASSERT_EQ(tracers.size(), 1U);
+    EXPECT_NE(CodeOfLibrary(daemon_->pid()), before) << "nothing is attached";
+    watch->Kill(GetParam());
+    watch->Finish(kAttachLimit);
+    EXPECT_TRUE(WaitUntil([&] { return CodeOfLibrary(daemon_->pid()) == before; }, kLimit));
+}
+
+INSTANTIATE_TEST_SUITE_P(Signals, WatchEnd, testing::Values(SIGINT, SIGKILL));
+
 class WatchedProgramTest : public WatchTest {
 protected:
     void SetUp() override

@@ -11,6 +11,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <memory>
+#include <optional>
 #include <sstream>
 #include <utility>
 
@@ -26,6 +27,7 @@ namespace tools {
 namespace {
 
 constexpr int kTickMs = 200;
+constexpr std::chrono::seconds kLossReportTime{1};
 constexpr std::chrono::seconds kEndTime{5};  // for what is still on its way
 
 struct Options {
@@ -50,14 +52,13 @@ public:
     int Run();
 
 private:
-    enum class Wake { kTime, kSignal };
-
     void OnEvent(TraceEvent&& event);
     bool Step(int timeoutMs);
     bool ShouldStop();
     bool IsGone() const;
     void End();
     void ReportProblems();
+    void ReportLost();
 
     const WatchedProcess& process_;
     SignalFd signals_{SIGINT, SIGTERM, SIGHUP};
@@ -68,7 +69,10 @@ private:
     std::string complaints_;
     bool attached_ = false;
     bool tracerRuns_ = true;
-    uint64_t lost_ = 0;
+    uint64_t lost_ = 0;                // reports
+    std::optional<uint64_t> missing_;  // messages, and begins and ends of connections; unknown before the end
+    uint64_t lostReported_ = 0;
+    Deadline nextLossReport_{Clock::duration::zero()};
     int exit_ = kExitOk;
 };
 
@@ -98,7 +102,9 @@ void Watch::OnEvent(TraceEvent&& event)
             break;
         case TraceEvent::Kind::kLost:
             lost_ += event.lost;
-            PrintError(fmt::format("{} report(s) were lost: more came than could be read", event.lost));
+            break;
+        case TraceEvent::Kind::kTotal:
+            missing_ = event.lost;
             break;
         default:
             recorder_.Push(std::move(event));
@@ -157,6 +163,16 @@ bool Watch::ShouldStop()
     return !tracerRuns_;
 }
 
+// Not each time: more than can be read comes in bursts.
+void Watch::ReportLost()
+{
+    if (lost_ > lostReported_ && nextLossReport_.Passed()) {
+        PrintError(fmt::format("{} report(s) were lost: more came than could be read", lost_ - lostReported_));
+        lostReported_ = lost_;
+        nextLossReport_ = Deadline(kLossReportTime);
+    }
+}
+
 // What the tracer says of itself, less what means nothing here.
 void Watch::ReportProblems()
 {
@@ -178,6 +194,10 @@ void Watch::End()
         while (tracerRuns_ && !deadline.Passed() && signals_.Next() == 0) {
             Step(std::min(kTickMs, deadline.RemainingMs()));
         }
+        if (tracerRuns_) {
+            PrintError("bpftrace has not reported all in time: the last messages may be missing");
+            exit_ = kExitFailed;
+        }
     }
     parser_.Finish();
     recorder_.PassOnAll();
@@ -187,14 +207,17 @@ int Watch::Run()
 {
     while (!ShouldStop()) {
         Step(kTickMs);
+        ReportLost();
     }
     End();
     if (parser_.Rejected() > 0) {
         PrintError(fmt::format("{} line(s) of bpftrace were not understood", parser_.Rejected()));
         exit_ = kExitFailed;
     }
-    if (lost_ > 0) {
-        PrintError(fmt::format("{} report(s) were lost in all", lost_));
+    if (lost_ > 0 || missing_.value_or(0) > 0) {
+        PrintError(missing_.value_or(0) > 0
+                       ? fmt::format("at least {} message(s) or ends of connections are missing", *missing_)
+                       : "messages are cut or missing: more came than bpftrace could read");
         exit_ = kExitFailed;
     }
     return output_.Finish() ? exit_ : kExitFailed;

@@ -16,6 +16,7 @@ struct TraceEvent {
     enum class Kind {
         kAttached,  // the tracer: from here on nothing is missed
         kLost,      // the tracer: `lost` reports did not reach it
+        kTotal,     // the tracer, at its end: `lost` connections and messages have not been reported in all
         kOpened,
         kEnded,
         kSent,

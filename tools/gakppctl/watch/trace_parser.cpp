@@ -57,6 +57,13 @@ private:
     std::string_view text_;
 };
 
+std::optional<uint64_t> NumberIn(const nlohmann::json& object, const char* name)
+{
+    const auto found = object.find(name);
+    const bool isNumber = found != object.end() && found->is_number_unsigned();
+    return isNumber ? std::optional<uint64_t>(found->get<uint64_t>()) : std::nullopt;
+}
+
 uint64_t Wanted(const TraceEvent& event)
 {
     return std::min<uint64_t>(event.length, kTraceLimit);
@@ -98,19 +105,35 @@ void TraceParser::OnLine(const std::string& line)
     const auto json = line.size() > kLongestLine ? nlohmann::json() : nlohmann::json::parse(line, nullptr, false);
     const auto type = json.is_object() ? json.value("type", nlohmann::json()) : nlohmann::json();
     const auto data = json.is_object() ? json.value("data", nlohmann::json()) : nlohmann::json();
-    bool isUnderstood = type == "attached_probes" || type == "map";
+    bool isUnderstood = type == "attached_probes";
     if (type == "printf" && data.is_string()) {
         isUnderstood = OnReport(data.get<std::string>());
-    } else if (type == "lost_events" && data.is_object() && data.contains("events") &&
-               data["events"].is_number_unsigned()) {
-        Finish();  // pieces may be among them
-        TraceEvent event;
-        event.kind = TraceEvent::Kind::kLost;
-        event.lost = data["events"].get<uint64_t>();
-        sink_(std::move(event));
-        isUnderstood = true;
+    } else if (type == "lost_events" && data.is_object()) {
+        isUnderstood = OnLost(NumberIn(data, "events"));
+    } else if (type == "map" && data.is_object()) {
+        isUnderstood = !data.contains(kTraceTotal) || OnTotal(NumberIn(data, kTraceTotal));
     }
     rejected_ += isUnderstood ? 0 : 1;
+}
+
+bool TraceParser::OnLost(std::optional<uint64_t> lost)
+{
+    Finish();  // pieces may be among them
+    TraceEvent event;
+    event.kind = TraceEvent::Kind::kLost;
+    event.lost = lost.value_or(0);
+    sink_(std::move(event));
+    return lost.has_value();
+}
+
+// The tracer's own counter: of the last reports that were lost, nothing else tells.
+bool TraceParser::OnTotal(std::optional<uint64_t> total)
+{
+    TraceEvent event;
+    event.kind = TraceEvent::Kind::kTotal;
+    event.lost = total.value_or(0) - std::min(total.value_or(0), reported_);
+    sink_(std::move(event));
+    return total.has_value();
 }
 
 bool TraceParser::OnReport(const std::string& text)
@@ -144,6 +167,7 @@ bool TraceParser::OnConnection(const std::string& text, TraceEvent::Kind kind)
     if (!words.Read(event.time, 16) || !words.Read(event.fd) || !words.Read(event.peer) || !words.IsAtEnd()) {
         return false;
     }
+    ++reported_;
     sink_(std::move(event));
     return true;
 }
@@ -161,6 +185,7 @@ bool TraceParser::OnMessage(const std::string& text, TraceEvent::Kind kind)
         !words.Read(type) || !words.Read(processType) || !words.IsAtEnd()) {
         return false;
     }
+    ++reported_;
     event.message.set_src_id(source);
     event.message.set_dest_id(destination);
     event.message.set_sub_proc_pid(pid);

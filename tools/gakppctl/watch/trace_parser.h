@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <functional>
 #include <map>
+#include <optional>
 #include <string>
 
 #include "trace_event.h"
@@ -12,8 +13,8 @@
 namespace tools {
 
 // Reads what bpftrace prints of the program in trace_program.h, as `bpftrace -f json` does it: one JSON object a line,
-// of which those of type "printf" and "lost_events" matter. A message is a line of its own, its payload follows in
-// pieces.
+// of which those of type "printf", "lost_events" and "map" matter. A message is a line of its own, its payload follows
+// in pieces.
 class TraceParser {
 public:
     using Sink = std::function<void(TraceEvent&&)>;
@@ -31,6 +32,8 @@ public:
 
 private:
     void OnLine(const std::string& line);
+    bool OnLost(std::optional<uint64_t> lost);
+    bool OnTotal(std::optional<uint64_t> total);
     bool OnReport(const std::string& text);
     bool OnConnection(const std::string& text, TraceEvent::Kind kind);
     bool OnMessage(const std::string& text, TraceEvent::Kind kind);
@@ -41,6 +44,7 @@ private:
     std::string line_;
     bool skipping_ = false;  // the rest of a line that is too long
     size_t rejected_ = 0;
+    uint64_t reported_ = 0;
     std::map<uint64_t, TraceEvent> unfinished_;  // messages whose pieces are still coming, by thread
 };
 

@@ -28,7 +28,8 @@ std::string Probe(const std::string& library, const std::string& name, int onlyP
 
 std::string ReportConnection(const std::string& probe, char letter)
 {
-    return fmt::format("{} {{ printf(\"{} %llx %d %d\\n\", nsecs, arg0, arg1); }}\n", probe, letter);
+    return fmt::format("{} {{ {} = count(); printf(\"{} %llx %d %d\\n\", nsecs, arg0, arg1); }}\n", probe, kTraceTotal,
+                       letter);
 }
 
 // bpftrace can read no more of a payload than `kTracePiece` bytes with one call.
@@ -48,12 +49,13 @@ std::string ReportMessage(const std::string& probe, char letter, const std::stri
 {
     return fmt::format(
                "{} {{\n"
+               "    {} = count();\n"
                "    {}\n"
                "    $m = (struct gakppc_message *)arg4;\n"
                "    $n = (uint64)$m->length;\n"
                "    printf(\"{} %d %llx %d %u %u %u %u %u %d %d\\n\", tid, $t, arg3, arg5, $m->length, $m->src_id,"
                " $m->dest_id, arg2, arg0, $m->proc_type);\n",
-               probe, time, letter) +
+               probe, kTraceTotal, time, letter) +
            ReportPieces() + "}\n";
 }
 

@@ -17,6 +17,8 @@ constexpr char kTraceEnded = 'E';           // time fd peer
 constexpr char kTraceSent = 'S';            // thread time fd status length src dest pid type process-type
 constexpr char kTraceReceived = 'R';        // likewise
 constexpr char kTracePieceOfPayload = 'P';  // thread time offset bytes: of the thread's last message
+// A counter of the lines with O, E, S and R, which bpftrace prints by itself when it ends.
+constexpr char kTraceTotal[] = "@reports";
 
 // The bpftrace program for the tracepoints in the file `library`. With `onlyPid` other than 0 it reports nothing of
 // other processes; bpftrace itself sees to that where it is started with -p.
