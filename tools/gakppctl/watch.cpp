@@ -28,7 +28,9 @@ namespace {
 
 constexpr int kTickMs = 200;
 constexpr std::chrono::seconds kLossReportTime{1};
-constexpr std::chrono::seconds kEndTime{5};  // for what is still on its way
+constexpr std::chrono::milliseconds kReadTime{300};
+constexpr std::chrono::milliseconds kRequestTime{1000};
+constexpr std::chrono::seconds kEndTime{10};  // for what is still on its way
 
 struct Options {
     RecordOptions records;
@@ -56,9 +58,11 @@ private:
     bool Step(int timeoutMs);
     bool ShouldStop();
     bool IsGone() const;
+    void WaitForTracer(std::chrono::milliseconds time);
     void End();
     void ReportProblems();
     void ReportLost();
+    void ReportMissing();
 
     const WatchedProcess& process_;
     SignalFd signals_{SIGINT, SIGTERM, SIGHUP};
@@ -69,6 +73,7 @@ private:
     std::string complaints_;
     bool attached_ = false;
     bool tracerRuns_ = true;
+    bool interrupted_ = false;         // while it ends
     uint64_t lost_ = 0;                // reports
     std::optional<uint64_t> missing_;  // messages, and begins and ends of connections; unknown before the end
     uint64_t lostReported_ = 0;
@@ -185,14 +190,26 @@ void Watch::ReportProblems()
     }
 }
 
-// What has been reported so far is still shown; a second signal ends that.
+// Until the tracer has ended, the time has passed, or a signal comes.
+void Watch::WaitForTracer(std::chrono::milliseconds time)
+{
+    const Deadline deadline(time);
+    while (tracerRuns_ && !interrupted_ && !deadline.Passed()) {
+        Step(std::min(kTickMs, deadline.RemainingMs()));
+        interrupted_ = signals_.Next() != 0;
+    }
+}
+
+// What has happened so far is still shown; a second signal ends that. bpftrace ends by itself after its process, gives
+// up reading when a signal interrupts it in that, and misses one that comes while it does not wait.
 void Watch::End()
 {
-    const Deadline deadline(kEndTime);
     if (attached_ && !output_.IsFull()) {
-        tracer_.RequestEnd();
-        while (tracerRuns_ && !deadline.Passed() && signals_.Next() == 0) {
-            Step(std::min(kTickMs, deadline.RemainingMs()));
+        WaitForTracer(kReadTime);
+        const Deadline deadline(kEndTime);
+        while (tracerRuns_ && !interrupted_ && !deadline.Passed()) {
+            tracer_.RequestEnd();
+            WaitForTracer(kRequestTime);
         }
         if (tracerRuns_) {
             PrintError("bpftrace has not reported all in time: the last messages may be missing");
@@ -201,6 +218,19 @@ void Watch::End()
     }
     parser_.Finish();
     recorder_.PassOnAll();
+}
+
+// Without a loss before, what is missing has passed after bpftrace was asked to end.
+void Watch::ReportMissing()
+{
+    const uint64_t missing = missing_.value_or(0);
+    if (lost_ > 0) {
+        PrintError(missing > 0 ? fmt::format("at least {} message(s) or ends of connections are missing", missing)
+                               : "messages are cut or missing: more came than bpftrace could read");
+        exit_ = kExitFailed;
+    } else if (missing > 0) {
+        PrintError(fmt::format("{} message(s) or ends of connections at the very end are not shown", missing));
+    }
 }
 
 int Watch::Run()
@@ -214,12 +244,7 @@ int Watch::Run()
         PrintError(fmt::format("{} line(s) of bpftrace were not understood", parser_.Rejected()));
         exit_ = kExitFailed;
     }
-    if (lost_ > 0 || missing_.value_or(0) > 0) {
-        PrintError(missing_.value_or(0) > 0
-                       ? fmt::format("at least {} message(s) or ends of connections are missing", *missing_)
-                       : "messages are cut or missing: more came than bpftrace could read");
-        exit_ = kExitFailed;
-    }
+    ReportMissing();
     return output_.Finish() ? exit_ : kExitFailed;
 }
 
