@@ -86,6 +86,8 @@ class Demonstration:
         self.tap_notice = ""
         self.watched = set()  # the process ids whose heartbeats the watch has shown
         self.watch_notice = ""
+        self.listed = set()  # the process ids that the list has shown
+        self.list = Program()
         self.skipped = set()  # steps that are not possible here
         self.daemon_socket = None
         self.tap_socket = None
@@ -127,6 +129,8 @@ class Demonstration:
                       lambda: self.tapped_texts[" ".join(["NOTIFY_VEXOINFO", *LIBRARIES])]),
             "told": ("its custom worker is started, and its call of CreateOrFindCustPid returns", 4,
                      lambda: len(self.custom_ready)),
+            "listed": ("the list of connections, from the kernel, names the process of each worker", WORKERS,
+                       lambda: fleet.count(lambda worker: worker.pid in self.listed and self.list.end == "exit 0")),
             "watched": ("a watch on the daemon shows a heartbeat of each healthy worker, all older than itself",
                         WORKERS - 1, watched),
             "unwatched": ("the watch ends with status 0", 1, lambda: int(self.watch.end == "exit 0")),
@@ -190,6 +194,11 @@ class Demonstration:
     def on_tap_error_line(self, line):
         self.programs.log(line)
         self.tap_notice = self.tap_notice or line.partition(": ")[2]
+
+    def on_list_line(self, line):
+        entry = json.loads(line)
+        if entry["kind"] == "connection":
+            self.listed.add(entry["pid"])
 
     def on_watch_line(self, line):
         record = json.loads(line)
@@ -279,7 +288,11 @@ class Demonstration:
 
     def attach(self):
         """True where it cannot be done here."""
-        self.screen.begin("4 A watch attaches to the daemon that runs. Device 0's workers, which were there before it:")
+        self.screen.begin("4 Who is connected, and a watch on the daemon. Device 0's workers, older than the watch:")
+        self.list = self.start(["gakppctl", "list", "--json"], self.on_list_line)
+        if not self.reach("listed"):
+            return False
+        self.screen.event(self.now(), "list", f"{len(self.listed)} processes have a connection")
         mount_tracefs()
         self.watch = self.start(["gakppctl", "watch", "--json", "--pid", str(self.daemon.pid)], self.on_watch_line,
                                 self.on_watch_error_line)
