@@ -188,6 +188,7 @@ TEST_F(WatchTest, LongMessageIsWholeAndALongerOneIsMarkedAsCut)
     EXPECT_EQ(cut.find("libnumber10100.so"), std::string::npos) << cut;
     EXPECT_EQ(CountOf(watch->out(), "\n"), 2U) << watch->out();
     EXPECT_TRUE(FitsSchema(watch->out(), "record"));
+    EXPECT_EQ(Ctl({"decode", "--json", "/home/trace"}).out, watch->out());
 }
 
 TEST_F(WatchTest, FiltersDecideWhatIsShownAndCounted)
