@@ -40,11 +40,11 @@ bool WaitFor(int fd, short events, const Deadline& deadline)
 
 }  // namespace
 
-Peer PeerOf(const Fd& socket)
+Peer PeerOf(int socket)
 {
     ucred credentials{};
     socklen_t length = sizeof(credentials);
-    if (getsockopt(socket.get(), SOL_SOCKET, SO_PEERCRED, &credentials, &length) == -1) {
+    if (getsockopt(socket, SOL_SOCKET, SO_PEERCRED, &credentials, &length) == -1) {
         return {};
     }
     return {credentials.pid, credentials.uid};
@@ -88,18 +88,18 @@ Held IsHeld(const char* path)
     }
 }
 
-Fd ConnectToDaemon(const Deadline& deadline)
+Fd ConnectToDaemon(const Deadline& deadline, const char* path)
 {
     for (;;) {
-        Fd socket = TryConnect(kSocketPath);
+        Fd socket = TryConnect(path);
         if (socket.valid()) {
             return socket;
         }
         if (errno == ENOENT || errno == ECONNREFUSED || errno == ENOTDIR) {
-            throw ExitError(kExitNoDaemon, fmt::format("no daemon listens at {}: {}", kSocketPath, strerror(errno)));
+            throw ExitError(kExitNoDaemon, fmt::format("no daemon listens at {}: {}", path, strerror(errno)));
         }
         if (errno != EAGAIN) {
-            throw ExitError(kExitFailed, fmt::format("{}: {}", kSocketPath, strerror(errno)));
+            throw ExitError(kExitFailed, fmt::format("{}: {}", path, strerror(errno)));
         }
         if (deadline.Passed()) {
             throw ExitError(kExitTimeLimit, "the daemon takes no connections");

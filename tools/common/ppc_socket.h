@@ -26,7 +26,11 @@ struct Peer {
     pid_t pid = 0;
     uid_t uid = 0;
 };
-Peer PeerOf(const Fd& socket);
+Peer PeerOf(int socket);
+inline Peer PeerOf(const Fd& socket)
+{
+    return PeerOf(socket.get());
+}
 
 // connect() to the socket at `path`, also when a signal interrupts it: 0 or the errno.
 int ConnectTo(const Fd& socket, const char* path);
@@ -42,7 +46,7 @@ Held IsHeld(const char* path);
 
 // TryConnect until there is room in the queue. ExitError kExitNoDaemon when nobody listens, kExitTimeLimit when the
 // deadline comes first.
-Fd ConnectToDaemon(const Deadline& deadline);
+Fd ConnectToDaemon(const Deadline& deadline, const char* path = kSocketPath);
 
 // A non-blocking socket that listens at `path`, which must not exist. Throws ExitError.
 Fd ListenAt(const char* path, int backlog);

@@ -9,13 +9,15 @@
 
 namespace tools {
 
-// What may be written to the daemon's standard input, one command a line.
+// What may be written to the daemon's standard input, one command a line. gakppctl gives the same commands through the
+// control socket (control_order.h).
 extern const char kCommandHelp[];
 
 enum class CommandKind {
     kShutdown,     // one worker
     kShutdownAll,  // every worker
     kStartCustom,  // the custom process that a worker has asked for
+    kWorkers,      // the table, which is only asked for through the control socket
     kHelp,         // these commands
     kQuit,         // the daemon
 };

@@ -5,7 +5,6 @@
 #include <gakppc/ppc_server.h>
 #include <gakppc/status_table.h>
 
-#include <stdexcept>
 #include <utility>
 
 #include "common/exit_error.h"
@@ -18,70 +17,91 @@ namespace {
 using qel::PPCMessage;
 using qel::PpcServer;
 
+bool IsShuttingDown(const Worker& worker)
+{
+    return worker.state == WorkerState::kStopping || worker.state == WorkerState::kStopped;
+}
+
 }  // namespace
+
+void Controller::Note(const std::string& problem)
+{
+    if (!problem.empty()) {
+        view_.Note(problem);
+    }
+}
 
 void Controller::Spawn(uint32_t device, int type)
 {
+    Note(TrySpawn(device, type));
+}
+
+std::string Controller::TrySpawn(uint32_t device, int type)
+{
     try {
         view_.Event("SPAWNED", &workers_.OnSpawned(device, type, spawner_.Start(device, type)));
+        return {};
     } catch (const ExitError& error) {
         spawnFailed_ = true;
-        view_.Note(error.what());
+        return error.what();
     }
 }
 
 void Controller::OnStarted(Worker& worker)
 {
     if (stopping_) {
-        OrderShutdown(worker);
+        Note(OrderShutdown(worker));
     }
     if (worker.type != PPCMessage::CUSTOM_COMPUTE) {
         return;
     }
     for (auto& [key, asker] : workers_.All()) {
         if (asker.device == worker.device && std::exchange(asker.waitsForCustom, false)) {
-            Send(PPCMessage::START_RSP, PPCMessage::CUSTOM_COMPUTE, asker);
+            Note(Send(PPCMessage::START_RSP, PPCMessage::CUSTOM_COMPUTE, asker));
         }
+    }
+}
+
+void Controller::OnCustomRequest(Worker& worker)
+{
+    if (!IsShuttingDown(worker)) {
+        Note(ProvideCustom(worker));
     }
 }
 
 // A device has at most one custom process. The worker that asks gets the answer when that process has reported its
 // start.
-void Controller::ProvideCustom(Worker& asker)
+std::string Controller::ProvideCustom(Worker& asker)
 {
-    if (asker.state == WorkerState::kStopping || asker.state == WorkerState::kStopped) {
-        return;
-    }
     const Worker* const custom = workers_.FindCustom(asker.device);
     if (custom != nullptr && custom->state != WorkerState::kSpawned) {
-        Send(PPCMessage::START_RSP, PPCMessage::CUSTOM_COMPUTE, asker);
-        return;
+        return Send(PPCMessage::START_RSP, PPCMessage::CUSTOM_COMPUTE, asker);
     }
     asker.waitsForCustom = true;
-    if (custom == nullptr && !stopping_) {
-        Spawn(asker.device, PPCMessage::CUSTOM_COMPUTE);
-    }
+    return custom == nullptr && !stopping_ ? TrySpawn(asker.device, PPCMessage::CUSTOM_COMPUTE) : "";
 }
 
-void Controller::Execute(const Command& command)
+Outcome Controller::Execute(const Command& command)
 {
     if (command.kind == CommandKind::kShutdownAll) {
-        ShutdownAll();
-        return;
+        return ShutdownAll();
     }
     Worker* const worker = workers_.Find(command.device, command.pid);
     if (worker == nullptr) {
-        throw std::invalid_argument(fmt::format("no worker with device {} and pid {}", command.device, command.pid));
+        return {{}, fmt::format("no worker with device {} and pid {}", command.device, command.pid)};
     }
-    if (command.kind == CommandKind::kShutdown) {
-        OrderShutdown(*worker);
-    } else {
-        ProvideCustom(*worker);
+    if (!worker->connected) {
+        return {{}, fmt::format("device {} pid {} is not connected", command.device, command.pid)};
     }
+    if (command.kind == CommandKind::kStartCustom && IsShuttingDown(*worker)) {
+        return {{}, fmt::format("device {} pid {} is shutting down", command.device, command.pid)};
+    }
+    return {{{command.device, command.pid}},
+            command.kind == CommandKind::kShutdown ? OrderShutdown(*worker) : ProvideCustom(*worker)};
 }
 
 // A worker is addressed by its device and process id. `about` is the process type that the message speaks of.
-bool Controller::Send(PPCMessage::MsgType type, int about, Worker& to)
+std::string Controller::Send(PPCMessage::MsgType type, int about, Worker& to)
 {
     PPCMessage message;
     message.set_type(type);
@@ -92,36 +112,41 @@ bool Controller::Send(PPCMessage::MsgType type, int about, Worker& to)
     const uint32_t status = PpcServer::GetInstance().SendData(message);
     if (status != qel::kStatusOk) {
         workers_.OnUnreachable(to);
-        view_.Note(fmt::format("{} cannot be sent to device {} pid {}: {}", TypeName(type), to.device, to.pid,
-                               StatusLabel(status)));
-        return false;
+        return fmt::format("{} cannot be sent to device {} pid {}: {}", TypeName(type), to.device, to.pid,
+                           StatusLabel(status));
     }
     view_.Event("SENT_" + TypeName(type), &to);
-    return true;
+    return {};
 }
 
-void Controller::OrderShutdown(Worker& worker)
+// The order is the last message, and comes once: a worker that leaves with a message unread resets its connection, and
+// nothing tells of the end of that.
+std::string Controller::OrderShutdown(Worker& worker)
 {
-    if (!worker.connected) {
-        view_.Note(fmt::format("device {} pid {} is not connected", worker.device, worker.pid));
-        return;
+    if (IsShuttingDown(worker)) {
+        return {};
     }
-    // The order is the last message: a worker that leaves with one unread resets its connection, and nothing tells of
-    // the end of that.
     worker.waitsForCustom = false;
     const WorkerState before = std::exchange(worker.state, WorkerState::kStopping);
-    if (!Send(PPCMessage::SHUTDOWN, worker.type, worker) && worker.state == WorkerState::kStopping) {
+    std::string problem = Send(PPCMessage::SHUTDOWN, worker.type, worker);
+    if (!problem.empty() && worker.state == WorkerState::kStopping) {
         worker.state = before;
     }
+    return problem;
 }
 
-void Controller::ShutdownAll()
+Outcome Controller::ShutdownAll()
 {
+    Outcome outcome;
     for (auto& [key, worker] : workers_.All()) {
-        if (worker.connected && worker.state != WorkerState::kStopping && worker.state != WorkerState::kStopped) {
-            OrderShutdown(worker);
+        if (!worker.connected) {
+            continue;
         }
+        outcome.workers.push_back(key);
+        const std::string problem = OrderShutdown(worker);
+        outcome.problem += (outcome.problem.empty() || problem.empty() ? "" : "; ") + problem;
     }
+    return outcome;
 }
 
 }  // namespace tools

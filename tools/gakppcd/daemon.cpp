@@ -7,17 +7,21 @@
 #include <gakppc/ppc_server.h>
 #include <gakppc/status_table.h>
 #include <poll.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <stdexcept>
 
+#include "common/control_path.h"
 #include "common/exit_error.h"
 #include "common/killed_tap.h"
 #include "common/listeners.h"
 #include "common/message.h"
 #include "common/ppc_socket.h"
-#include "message_queue.h"
+#include "control_answer.h"
+#include "control_order.h"
+#include "session_peer.h"
 
 namespace tools {
 namespace {
@@ -27,6 +31,7 @@ using qel::PpcServer;
 
 constexpr int kTickMs = 500;
 constexpr std::chrono::seconds kKillTime{2};
+constexpr std::chrono::seconds kAnswerTime{1};
 
 MessageQueue& ReceivedMessages()
 {
@@ -36,7 +41,7 @@ MessageQueue& ReceivedMessages()
 
 void QueueMessage(const PPCMessage& message)
 {
-    ReceivedMessages().Push(message);
+    ReceivedMessages().Push({message, SessionPeer()});
 }
 
 View::Mode ModeOf(const DaemonOptions& options)
@@ -64,6 +69,7 @@ void Daemon::Open()
         throw ExitError(kExitFailed, fmt::format("process {} listens at {} already (--replace replaces its socket)",
                                                  others.front().pid, kSocketPath));
     }
+    OpenControl();
     if (RemoveSavedSocket()) {
         view_.Note(fmt::format("removed {}, which a killed tap has left", kSavedSocketPath));
     }
@@ -80,6 +86,27 @@ void Daemon::Open()
     }
 }
 
+// Whoever names a path relies on it. The default one is a courtesy, as for a second daemon of the same user.
+void Daemon::OpenControl()
+{
+    const std::string path = options_.control.empty() ? DefaultControlPath() : options_.control;
+    const auto handler = [this](const std::string& line) { return OnOrder(line); };
+    try {
+        if (path.empty()) {
+            throw ExitError(kExitFailed, fmt::format("no control socket: {} (--control names one)", kNoControlPath));
+        }
+        if (options_.control.empty()) {
+            mkdir(path.substr(0, path.rfind('/')).c_str(), 0700);  // unless it exists; or binding says why not
+        }
+        control_ = std::make_unique<ControlServer>(path, handler);
+    } catch (const ExitError& error) {
+        if (!options_.control.empty()) {
+            throw;
+        }
+        view_.Note(error.what());
+    }
+}
+
 void Daemon::SpawnWorkers()
 {
     for (const SpawnRequest& request : options_.spawn) {
@@ -93,24 +120,37 @@ int Daemon::Run()
 {
     Open();
     view_.Event("SERVING", nullptr, fmt::format("process {} at {}", getpid(), kSocketPath));
+    serviceManager_.Ready();
+    Serve();
+    KillRemaining();
+    PpcServer::GetInstance().Destroy();
+    for (const ReceivedMessage& received : ReceivedMessages().PopAll()) {
+        OnMessage(received);
+    }
+    orderly_ = FinishCapture() && orderly_;
+    view_.Event("ENDED", nullptr, orderly_ ? "in order" : "not in order");
+    hasEnded_ = true;
+    if (control_ != nullptr) {
+        control_->Finish(Deadline(kAnswerTime));
+    }
+    return orderly_ && !view_.HasLostEvents() ? kExitOk : kExitFailed;
+}
+
+void Daemon::Serve()
+{
     SpawnWorkers();
     LineReader input(STDIN_FILENO);
     while (!stopLimit_.has_value() || (!IsStopped() && !stopLimit_->Passed())) {
         Step(input);
     }
-    KillRemaining();
-    PpcServer::GetInstance().Destroy();
-    for (const PPCMessage& message : ReceivedMessages().PopAll()) {
-        OnMessage(message);
-    }
-    orderly_ = FinishCapture() && orderly_;
-    view_.Event("ENDED", nullptr, orderly_ ? "in order" : "not in order");
-    return orderly_ && !view_.HasLostEvents() ? kExitOk : kExitFailed;
 }
 
 int Daemon::StepTimeoutMs() const
 {
-    int timeout = kTickMs;
+    if (control_ != nullptr && control_->HasWork()) {
+        return 0;
+    }
+    int timeout = serviceManager_.TimeoutMs(kTickMs);
     for (const auto& deadline : {end_, stopLimit_}) {
         timeout = deadline.has_value() ? std::min(timeout, deadline->RemainingMs()) : timeout;
     }
@@ -120,16 +160,23 @@ int Daemon::StepTimeoutMs() const
 void Daemon::Step(LineReader& input)
 {
     view_.Refresh();
-    pollfd events[] = {{signals_.get(), POLLIN, 0},
-                       {ReceivedMessages().Descriptor(), POLLIN, 0},
-                       {input.CanRead() ? STDIN_FILENO : -1, POLLIN, 0}};
-    poll(events, 3, StepTimeoutMs());
-    for (const PPCMessage& message : ReceivedMessages().PopAll()) {
-        OnMessage(message);
+    serviceManager_.Alive(CountRunning());
+    std::vector<pollfd> events{{signals_.get(), POLLIN, 0},
+                               {ReceivedMessages().Descriptor(), POLLIN, 0},
+                               {input.CanRead() ? STDIN_FILENO : -1, POLLIN, 0}};
+    if (control_ != nullptr) {
+        control_->AddTo(events);
+    }
+    poll(events.data(), events.size(), StepTimeoutMs());
+    for (const ReceivedMessage& received : ReceivedMessages().PopAll()) {
+        OnMessage(received);
     }
     OnSignals();
     if (events[2].revents != 0) {
         OnInput(input);
+    }
+    if (control_ != nullptr) {
+        control_->Serve();
     }
     if (HasPassed(end_) || view_.HasLostEvents()) {
         BeginStop();
@@ -154,6 +201,14 @@ bool Daemon::FinishCapture()
     return complete;
 }
 
+size_t Daemon::CountRunning() const
+{
+    const auto& workers = workers_.All();
+    return static_cast<size_t>(
+        std::count_if(workers.begin(), workers.end(),
+                      [](const WorkerTable::Map::value_type& entry) { return !entry.second.HasEnded(); }));
+}
+
 void Daemon::OnSignals()
 {
     for (int signal = 0; (signal = signals_.Next()) != 0;) {
@@ -171,9 +226,10 @@ void Daemon::OnSignals()
     }
 }
 
-void Daemon::OnMessage(const PPCMessage& message)
+void Daemon::OnMessage(const ReceivedMessage& received)
 {
-    Worker* const worker = workers_.OnMessage(message);
+    const PPCMessage& message = received.message;
+    Worker* const worker = workers_.OnMessage(message, received.peer);
     if (worker == nullptr) {
         view_.Event(TypeName(message.type()), nullptr, "a connection that brought no message");
         return;
@@ -186,7 +242,7 @@ void Daemon::OnMessage(const PPCMessage& message)
     if (message.type() == PPCMessage::START_RSP) {
         controller_.OnStarted(*worker);
     } else if (message.type() == PPCMessage::NOTIFY_VEXOINFO && options_.autoCustom) {
-        controller_.ProvideCustom(*worker);
+        controller_.OnCustomRequest(*worker);
     }
 }
 
@@ -206,16 +262,57 @@ void Daemon::OnCommand(const std::string& line)
 {
     try {
         const Command command = ParseCommand(line);
-        if (command.kind == CommandKind::kQuit) {
-            BeginStop();
-        } else if (command.kind == CommandKind::kHelp) {
-            view_.Answer(std::string("commands:\n") + kCommandHelp);
-        } else {
-            controller_.Execute(command);
-        }
+        view_.Answer(command.kind == CommandKind::kHelp ? std::string("commands:\n") + kCommandHelp
+                                                        : Execute(command).problem);
     } catch (const std::invalid_argument& error) {
         view_.Answer(error.what());
     }
+}
+
+ControlAnswer Daemon::OnOrder(const std::string& line)
+{
+    const auto now = [](const std::string& text) { return [text] { return std::optional<std::string>(text); }; };
+    ControlOrder order;
+    try {
+        order = ParseOrder(line);
+    } catch (const std::invalid_argument& error) {
+        return now(RefusalText(error.what()));
+    }
+    const Outcome outcome = Execute(order.command);
+    if (!outcome.problem.empty()) {
+        return now(RefusalText(outcome.problem));
+    }
+    if (!order.wait) {
+        return now(AnswerText(workers_, outcome.workers));
+    }
+    if (order.command.kind == CommandKind::kQuit) {
+        return [this] { return StopAnswerText(); };
+    }
+    return [this, workers = outcome.workers] { return ShutdownAnswerText(workers_, workers); };
+}
+
+Outcome Daemon::Execute(const Command& command)
+{
+    if (command.kind == CommandKind::kQuit) {
+        BeginStop();
+        return {};
+    }
+    if (command.kind == CommandKind::kWorkers) {
+        Outcome all;
+        for (const auto& [key, worker] : workers_.All()) {
+            all.workers.push_back(key);
+        }
+        return all;
+    }
+    return controller_.Execute(command);
+}
+
+std::optional<std::string> Daemon::StopAnswerText() const
+{
+    if (!hasEnded_) {
+        return std::nullopt;
+    }
+    return orderly_ ? AnswerText(workers_, {}) : RefusalText("the daemon has ended, but not in order");
 }
 
 void Daemon::Reap()
@@ -236,8 +333,11 @@ void Daemon::BeginStop()
     end_.reset();
     stopLimit_.emplace(Seconds(options_.grace));
     view_.Event("STOPPING");
+    serviceManager_.Stopping();
     controller_.BeginStop();
-    controller_.ShutdownAll();
+    if (const Outcome outcome = controller_.ShutdownAll(); !outcome.problem.empty()) {
+        view_.Note(outcome.problem);
+    }
 }
 
 bool Daemon::IsStopped() const

@@ -1,6 +1,7 @@
 #ifndef GAKPPC_DAEMON_H
 #define GAKPPC_DAEMON_H
 
+#include <memory>
 #include <optional>
 #include <string>
 #include <vector>
@@ -8,7 +9,10 @@
 #include "commands.h"
 #include "common/deadline.h"
 #include "common/signals.h"
+#include "control_server.h"
 #include "controller.h"
+#include "message_queue.h"
+#include "service_manager.h"
 #include "spawner.h"
 #include "view.h"
 #include "wire_capture.h"
@@ -26,10 +30,11 @@ struct DaemonOptions {
     double duration = -1;
     std::string log;
     std::string capture;
+    std::string control;  // empty: the default path
 };
 
-// The daemon: serves the socket until a signal, a command or its time limit ends it. All decisions are taken on the
-// main thread; the server's threads only fill the queue of received messages.
+// The daemon: serves the socket until a signal, a command, an order or its time limit ends it. All decisions are taken
+// on the main thread; the server's threads only fill the queue of received messages.
 class Daemon {
 public:
     explicit Daemon(const DaemonOptions& options);
@@ -39,14 +44,21 @@ public:
 
 private:
     void Open();
+    void OpenControl();
+    void Serve();
     void SpawnWorkers();
     void Step(LineReader& input);
+    size_t CountRunning() const;
     int StepTimeoutMs() const;
 
-    void OnMessage(const qel::PPCMessage& message);
+    void OnMessage(const ReceivedMessage& received);
     void OnSignals();
     void OnInput(LineReader& input);
     void OnCommand(const std::string& line);
+    ControlAnswer OnOrder(const std::string& line);
+    // Any command but kHelp, wherever it has come from.
+    Outcome Execute(const Command& command);
+    std::optional<std::string> StopAnswerText() const;
     void Reap();
 
     void BeginStop();
@@ -65,6 +77,9 @@ private:
     std::optional<Deadline> end_;
     std::optional<Deadline> stopLimit_;  // set when the stop begins
     bool orderly_ = true;
+    bool hasEnded_ = false;
+    ServiceManager serviceManager_;
+    std::unique_ptr<ControlServer> control_;  // null when there is no control socket
 };
 
 }  // namespace tools

@@ -1,6 +1,7 @@
-// The driver's functions by which the server receives, sends and ends sessions, wrapped for the capture. They have the
-// names of the library's own, whose calls therefore come here, and pass everything on. drvPpcRecv and drvPpcSend know
-// the session; the calls that they make in the same thread know the descriptor and the bytes.
+// The driver's functions by which the server receives, sends and ends sessions, wrapped for the capture, and to know
+// who sends. They have the names of the library's own, whose calls therefore come here, and pass everything on.
+// drvPpcRecv and drvPpcSend know the session; the calls that they make in the same thread know the descriptor and the
+// bytes.
 
 #include <dlfcn.h>
 #include <gakppc/ppc.h>
@@ -9,6 +10,7 @@
 #include <cstdlib>
 #include <utility>
 
+#include "session_peer.h"
 #include "wire_capture.h"
 
 namespace tools {
@@ -130,6 +132,7 @@ int drvPpcSocketRecvPeek(int fd, uint32_t* len)
 int drvPpcSocketRecv(int fd, void* buf, int expected, uint32_t* got)
 {
     static const auto next = tools::Next(&drvPpcSocketRecv, "drvPpcSocketRecv");
+    tools::SetSessionPeer(fd);
     const int result = next(fd, buf, expected, got);
     if (tools::currentConnection.number > 0) {  // as of the peek in front of it
         tools::RecordReceived(result, buf, expected);

@@ -9,6 +9,7 @@
 #include <cstring>
 
 #include "common/cli.h"
+#include "common/control_path.h"
 #include "common/output.h"
 #include "daemon.h"
 
@@ -54,6 +55,10 @@ void AddOptions(CLI::App& app, DaemonOptions& options, std::vector<std::string>&
     app.add_option("--write", options.capture,
                    "Write what the connections carry to a pcap file, for gakppctl decode, replay and Wireshark")
         ->type_name("FILE");
+    app.add_option("--control", options.control,
+                   fmt::format("Listen here for the orders of gakppctl {}", kDefaultControlPathHelp))
+        ->type_name("PATH")
+        ->check(CLI::Validator([](const std::string& path) { return path.empty() ? "is empty" : std::string(); }, ""));
     app.add_option("--log", options.log,
                    "Append log lines to this file (default: standard error; nowhere when that is the table's terminal)")
         ->type_name("FILE");

@@ -9,21 +9,27 @@
 #include <utility>
 
 #include "common/fd.h"
+#include "common/ppc_socket.h"
 
 namespace tools {
+
+struct ReceivedMessage {
+    qel::PPCMessage message;
+    Peer peer;  // who sent it; of an end of a connection, whose it was
+};
 
 // Carries messages from the server's receive threads, on which handlers run and must not block, to the main thread,
 // which polls Descriptor().
 class MessageQueue {
 public:
-    void Push(const qel::PPCMessage& message)
+    void Push(ReceivedMessage message)
     {
         std::lock_guard<std::mutex> lock(mutex_);
-        messages_.push_back(message);
+        messages_.push_back(std::move(message));
         eventfd_write(fd_.get(), 1);
     }
 
-    std::deque<qel::PPCMessage> PopAll()
+    std::deque<ReceivedMessage> PopAll()
     {
         std::lock_guard<std::mutex> lock(mutex_);
         eventfd_t ignored = 0;
@@ -36,7 +42,7 @@ public:
 private:
     const Fd fd_{eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)};
     std::mutex mutex_;
-    std::deque<qel::PPCMessage> messages_;
+    std::deque<ReceivedMessage> messages_;
 };
 
 }  // namespace tools

@@ -16,6 +16,7 @@
 #include "common/message.h"
 #include "common/output.h"
 #include "table.h"
+#include "worker_json.h"
 
 namespace tools {
 namespace {
@@ -143,13 +144,7 @@ std::string View::JsonEvent(const std::string& event, const Worker* worker, cons
     line["time"] = UtcTime(std::chrono::system_clock::now());
     line["event"] = event;
     if (worker != nullptr) {
-        const auto age = worker->HeartbeatAge();
-        line["device"] = worker->device;
-        line["process_type"] = ProcessName(worker->type);
-        line["pid"] = worker->pid;
-        line["state"] = Name(worker->state);
-        line["heartbeats"] = worker->heartbeats;
-        line["heartbeat_age"] = age.has_value() ? Json(*age) : Json();
+        AddWorker(line, *worker);
     }
     if (!detail.empty()) {
         line["detail"] = detail;

@@ -11,15 +11,6 @@ namespace {
 
 constexpr std::chrono::seconds kWriteTime{5};
 
-// Of a descriptor that stays the driver's.
-Peer PeerOfSession(int fd)
-{
-    Fd socket(fd);
-    const Peer peer = PeerOf(socket);
-    socket.Release();
-    return peer;
-}
-
 std::mutex currentMutex;
 WireCapture* current = nullptr;
 
@@ -88,7 +79,7 @@ WireCapture::Connection WireCapture::Use(const PpcSession* session, int fd)
         return {};
     }
     if (found->second.number == 0) {
-        found->second = {++lastNumber_, PeerOfSession(fd)};
+        found->second = {++lastNumber_, PeerOf(fd)};
         Push(RecordKind::kOpen, found->second, {});
     }
     return found->second;

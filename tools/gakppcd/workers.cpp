@@ -72,7 +72,7 @@ std::optional<double> Worker::HeartbeatAge() const
     return std::chrono::duration<double>(Clock::now() - *lastHeartbeat).count();
 }
 
-Worker* WorkerTable::OnMessage(const PPCMessage& message)
+Worker* WorkerTable::OnMessage(const PPCMessage& message, const Peer& peer)
 {
     Worker* worker = Find(message.src_id(), message.sub_proc_pid());
     if (worker == nullptr) {
@@ -89,6 +89,10 @@ Worker* WorkerTable::OnMessage(const PPCMessage& message)
     if (message.type() != PPCMessage::SOCKET_CLOSE && message.type() != PPCMessage::NOTIFY_VEXOINFO) {
         worker->type = message.proc_type();
     }
+    if (message.type() != PPCMessage::SOCKET_CLOSE) {
+        worker->since = worker->HasEnded() ? std::chrono::system_clock::now() : worker->since;
+        worker->peer = peer;
+    }
     Update(*worker, message.type());
     return worker;
 }
@@ -101,6 +105,7 @@ Worker& WorkerTable::OnSpawned(uint32_t device, int type, pid_t pid)
     worker.device = device;
     worker.pid = static_cast<uint32_t>(pid);
     worker.type = type;
+    worker.since = std::chrono::system_clock::now();
     worker.spawned = true;
     worker.living = true;
     return worker;

@@ -11,6 +11,8 @@
 #include <utility>
 
 #include "common/deadline.h"
+#include "common/output.h"
+#include "common/ppc_socket.h"
 
 namespace tools {
 
@@ -28,8 +30,10 @@ const char* Name(WorkerState state);
 
 struct Worker {
     uint32_t device = 0;
-    uint32_t pid = 0;
-    int type = 0;  // a PPCMessage::ProcessType
+    uint32_t pid = 0;          // as its messages claim
+    std::optional<Peer> peer;  // who sent the last one
+    SystemTime since;          // it was spawned or, with another daemon's workers, its first message came
+    int type = 0;              // a PPCMessage::ProcessType
     WorkerState state = WorkerState::kSpawned;
     uint64_t heartbeats = 0;
     std::optional<Clock::time_point> lastHeartbeat;
@@ -45,11 +49,12 @@ struct Worker {
 // The workers, by device and process id. Those that have ended are kept to be shown, up to a limit.
 class WorkerTable {
 public:
-    using Map = std::map<std::pair<uint32_t, uint32_t>, Worker>;
+    using Key = std::pair<uint32_t, uint32_t>;
+    using Map = std::map<Key, Worker>;
 
     // The entry of the worker that a message names, updated by it. Null for the end of a connection that
     // never carried a message.
-    Worker* OnMessage(const qel::PPCMessage& message);
+    Worker* OnMessage(const qel::PPCMessage& message, const Peer& peer);
     Worker& OnSpawned(uint32_t device, int type, pid_t pid);
     // Null when the process is none of the spawned ones.
     Worker* OnReaped(pid_t pid, bool orderly);
