@@ -41,6 +41,10 @@ gakppc_man_page(gakppctl-decode gakppctl "show recorded control messages" decode
 gakppc_man_page(gakppctl-status gakppctl "explain status numbers" status)
 gakppc_man_page(gakppctl-list gakppctl "show who is connected to the daemon" list)
 gakppc_man_page(gakppctl-doctor gakppctl "find what keeps a daemon and its workers apart" doctor)
+gakppc_man_page(gakppctl-workers gakppctl "show the workers of a running gakppcd" workers)
+gakppc_man_page(gakppctl-shutdown gakppctl "tell workers of a running gakppcd to shut down" shutdown)
+gakppc_man_page(gakppctl-start-custom gakppctl "let a running gakppcd start a custom process" start-custom)
+gakppc_man_page(gakppctl-stop gakppctl "stop a running gakppcd and its workers" stop)
 
 add_custom_target(gakppc_man ALL DEPENDS ${pages})
 install(FILES ${pages} DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)

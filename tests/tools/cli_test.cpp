@@ -106,12 +106,19 @@ std::string ContentOf(const std::string& file)
     return {std::istreambuf_iterator<char>(in), {}};
 }
 
+// The file that tests a subcommand, or gakppcd. Those for a running gakppcd are one source file.
+std::string TestFileOf(const std::string& subcommand)
+{
+    const std::vector<std::string> orders{"workers", "shutdown", "start-custom", "stop"};
+    const bool isOrder = std::find(orders.begin(), orders.end(), subcommand) != orders.end();
+    return isOrder ? "control" : subcommand.empty() ? "gakppcd" : subcommand;
+}
+
 // --help and --version are this file's.
 TEST_P(EveryCommand, EveryOptionIsUsedByATest)
 {
     const std::string subcommand = GetParam().subcommand;
-    const std::string tests =
-        ContentOf(GAKPPC_TOOL_TEST_DIR "/" + (subcommand.empty() ? "gakppcd" : subcommand) + "_test.cpp");
+    const std::string tests = ContentOf(GAKPPC_TOOL_TEST_DIR "/" + TestFileOf(subcommand) + "_test.cpp");
     std::istringstream help(RunTool(GetParam().program, Arguments(GetParam(), {"--help"})).out);
     size_t found = 0;
     for (std::string words, line; std::getline(help, line);) {
@@ -179,18 +186,18 @@ TEST_P(EveryCommand, ManualPageSaysWhatHelpSays)
     EXPECT_NE(text.find("\n\\f(CW$ "), std::string::npos) << "the examples are not on lines of their own:\n" << text;
 }
 
-INSTANTIATE_TEST_SUITE_P(Commands, EveryCommand,
-                         testing::Values(Command{kGakppctl, "", {0, 1, 2, 3, 124, 130, 143}},
-                                         Command{kGakppctl, "worker", {0, 1, 2, 3, 124, 130, 143}},
-                                         Command{kGakppctl, "send", {0, 1, 2, 3, 124, 130, 143}},
-                                         Command{kGakppctl, "tap", {0, 1, 2, 3}},
-                                         Command{kGakppctl, "watch", {0, 1, 2, 3}},
-                                         Command{kGakppctl, "replay", {0, 1, 2, 3, 124, 130, 143}},
-                                         Command{kGakppctl, "decode", {0, 1, 2, 130, 143}},
-                                         Command{kGakppctl, "status", {0, 1, 2, 130, 143}},
-                                         Command{kGakppctl, "list", {0, 1, 2, 3, 130, 143}},
-                                         Command{kGakppctl, "doctor", {0, 1, 2, 3, 130, 143}},
-                                         Command{kGakppcd, "", {0, 1, 2}}));
+INSTANTIATE_TEST_SUITE_P(
+    Commands, EveryCommand,
+    testing::Values(
+        Command{kGakppctl, "", {0, 1, 2, 3, 124, 130, 143}}, Command{kGakppctl, "worker", {0, 1, 2, 3, 124, 130, 143}},
+        Command{kGakppctl, "send", {0, 1, 2, 3, 124, 130, 143}}, Command{kGakppctl, "tap", {0, 1, 2, 3}},
+        Command{kGakppctl, "watch", {0, 1, 2, 3}}, Command{kGakppctl, "replay", {0, 1, 2, 3, 124, 130, 143}},
+        Command{kGakppctl, "decode", {0, 1, 2, 130, 143}}, Command{kGakppctl, "status", {0, 1, 2, 130, 143}},
+        Command{kGakppctl, "list", {0, 1, 2, 3, 130, 143}}, Command{kGakppctl, "doctor", {0, 1, 2, 3, 130, 143}},
+        Command{kGakppctl, "workers", {0, 1, 2, 3, 124, 130, 143}},
+        Command{kGakppctl, "shutdown", {0, 1, 2, 3, 124, 130, 143}},
+        Command{kGakppctl, "start-custom", {0, 1, 2, 3, 124, 130, 143}},
+        Command{kGakppctl, "stop", {0, 1, 2, 3, 124, 130, 143}}, Command{kGakppcd, "", {0, 1, 2}}));
 
 TEST(GakppctlTest, NeedsASubcommand)
 {
@@ -205,7 +212,7 @@ TEST(GakppctlTest, UnknownCommandIsAnsweredWithTheNearestOne)
     EXPECT_TRUE(IsWrongUsage(Ctl({"workr"}), "did you mean worker?"));
     EXPECT_TRUE(IsWrongUsage(Ctl({"dance"}),
                              "unknown command dance, commands are worker, send, tap, watch, replay, decode, "
-                             "status, list, doctor, help"));
+                             "status, list, doctor, workers, shutdown, start-custom, stop, help"));
     EXPECT_TRUE(IsWrongUsage(Ctl({"doc"}), "unknown command doc, commands are worker, "))
         << "three letters are missing";
     EXPECT_TRUE(IsWrongUsage(Ctl({""}), "unknown command"));
@@ -232,7 +239,8 @@ TEST(GakppctlTest, HelpListsEachCommandInOneLine)
 TEST(GakppctlTest, HelpOfACommand)
 {
     EXPECT_EQ(Ctl({"help"}).out, Ctl({"--help"}).out);
-    for (const char* name : {"worker", "send", "tap", "watch", "replay", "decode", "status", "list", "doctor"}) {
+    for (const char* name : {"worker", "send", "tap", "watch", "replay", "decode", "status", "list", "doctor",
+                             "workers", "shutdown", "start-custom", "stop"}) {
         const Outcome outcome = Ctl({"help", name});
         EXPECT_TRUE(outcome.status.ExitedWith(0)) << name;
         EXPECT_EQ(outcome.out, Ctl({name, "--help"}).out);
@@ -264,30 +272,30 @@ TEST_P(WrongValueTest, IsWrongUsageInOneLine)
 const std::string kLongNumber(300, '9');
 INSTANTIATE_TEST_SUITE_P(
     Values, WrongValueTest,
-    testing::Values(WrongValue{"tap", "--for", "nan"}, WrongValue{"tap", "--for", "inf"},
-                    WrongValue{"tap", "--for", "-1"}, WrongValue{"tap", "--for", "1s"},
-                    WrongValue{"tap", "--for", kLongNumber}, WrongValue{"tap", "--count", "0"},
-                    WrongValue{"tap", "--count", kLongNumber}, WrongValue{"tap", "--linger", "nan"},
-                    WrongValue{"list", "--watch", "0"}, WrongValue{"list", "--watch", "nan"},
-                    WrongValue{"list", "--for", "-1"}, WrongValue{"tap", "--device", "x"},
-                    WrongValue{"tap", "--device", "-1"}, WrongValue{"tap", "--device", kLongNumber},
-                    WrongValue{"tap", "--pid", "4711,x"}, WrongValue{"tap", "--pid", "4711x"},
-                    WrongValue{"tap", "--type", "HEARTBEAT"}, WrongValue{"watch", "--pid", "0"},
-                    WrongValue{"watch", "--pid", "4711,4712"}, WrongValue{"watch", "--pid", kLongNumber},
-                    WrongValue{"watch", "--worker", "-4"}, WrongValue{"tap", "--message", "ZOLT"},
-                    WrongValue{"tap", "--message", "5x"}, WrongValue{"tap", "--type", "1x"},
-                    WrongValue{"decode", "--device", kLongNumber}, WrongValue{"decode", "--type", ""},
-                    WrongValue{"decode", "--pid", "-4"}, WrongValue{"worker", "--device", kLongNumber},
-                    WrongValue{"worker", "--count", "0"}, WrongValue{"worker", "--count", kLongNumber},
-                    WrongValue{"worker", "--count", "10001"}, WrongValue{"worker", "--host-pid", kLongNumber},
-                    WrongValue{"worker", "--type", "dance"}, WrongValue{"worker", "--heartbeat", "nan"},
-                    WrongValue{"send", "--count", "0"}, WrongValue{"send", "--count", kLongNumber},
-                    WrongValue{"send", "--pid", kLongNumber}, WrongValue{"send", "--interval", "nan"},
-                    WrongValue{"replay", "--speed", "nan"}, WrongValue{"replay", "--speed", kLongNumber},
-                    WrongValue{"replay", "--connection", "0"}, WrongValue{"", "--for", "nan"},
-                    WrongValue{"", "--grace", kLongNumber}, WrongValue{"", "--spawn", "0:ZOLT:" + kLongNumber},
-                    WrongValue{"", "--spawn", kLongNumber}, WrongValue{"", "--spawn", "0:ZOLT:10001"},
-                    WrongValue{"", "--spawn", "0:ZOLT:0"}, WrongValue{"", "--spawn", kLongNumber + ":ZOLT"}));
+    testing::Values(
+        WrongValue{"tap", "--for", "nan"}, WrongValue{"tap", "--for", "inf"}, WrongValue{"tap", "--for", "-1"},
+        WrongValue{"tap", "--for", "1s"}, WrongValue{"tap", "--for", kLongNumber}, WrongValue{"tap", "--count", "0"},
+        WrongValue{"tap", "--count", kLongNumber}, WrongValue{"tap", "--linger", "nan"},
+        WrongValue{"list", "--watch", "0"}, WrongValue{"list", "--watch", "nan"}, WrongValue{"list", "--for", "-1"},
+        WrongValue{"tap", "--device", "x"}, WrongValue{"tap", "--device", "-1"},
+        WrongValue{"tap", "--device", kLongNumber}, WrongValue{"tap", "--pid", "4711,x"},
+        WrongValue{"tap", "--pid", "4711x"}, WrongValue{"tap", "--type", "HEARTBEAT"},
+        WrongValue{"watch", "--pid", "0"}, WrongValue{"watch", "--pid", "4711,4712"},
+        WrongValue{"watch", "--pid", kLongNumber}, WrongValue{"watch", "--worker", "-4"},
+        WrongValue{"tap", "--message", "ZOLT"}, WrongValue{"tap", "--message", "5x"}, WrongValue{"tap", "--type", "1x"},
+        WrongValue{"decode", "--device", kLongNumber}, WrongValue{"decode", "--type", ""},
+        WrongValue{"decode", "--pid", "-4"}, WrongValue{"worker", "--device", kLongNumber},
+        WrongValue{"worker", "--count", "0"}, WrongValue{"worker", "--count", kLongNumber},
+        WrongValue{"worker", "--count", "10001"}, WrongValue{"worker", "--host-pid", kLongNumber},
+        WrongValue{"worker", "--type", "dance"}, WrongValue{"worker", "--heartbeat", "nan"},
+        WrongValue{"send", "--count", "0"}, WrongValue{"send", "--count", kLongNumber},
+        WrongValue{"send", "--pid", kLongNumber}, WrongValue{"send", "--interval", "nan"},
+        WrongValue{"replay", "--speed", "nan"}, WrongValue{"replay", "--speed", kLongNumber},
+        WrongValue{"replay", "--connection", "0"}, WrongValue{"workers", "--timeout", "soon"},
+        WrongValue{"stop", "--timeout", "-1"}, WrongValue{"", "--control", ""}, WrongValue{"", "--for", "nan"},
+        WrongValue{"", "--grace", kLongNumber}, WrongValue{"", "--spawn", "0:ZOLT:" + kLongNumber},
+        WrongValue{"", "--spawn", kLongNumber}, WrongValue{"", "--spawn", "0:ZOLT:10001"},
+        WrongValue{"", "--spawn", "0:ZOLT:0"}, WrongValue{"", "--spawn", kLongNumber + ":ZOLT"}));
 
 TEST(GakppctlTest, LongStatusQueryIsAnsweredInOneLine)
 {
@@ -392,7 +400,7 @@ std::string Completions(const std::string& program, const std::string& words)
 
 TEST(Completion, OffersSubcommands)
 {
-    EXPECT_EQ(Completions("gakppctl", std::string(kGakppctl) + " s"), " send status \n");
+    EXPECT_EQ(Completions("gakppctl", std::string(kGakppctl) + " s"), " send status shutdown start-custom stop \n");
     EXPECT_NE(Completions("gakppctl", std::string(kGakppctl) + " ''").find(" doctor "), std::string::npos);
     EXPECT_EQ(Completions("gakppctl", std::string(kGakppctl) + " help re"), " replay \n");
 }
@@ -412,6 +420,10 @@ TEST(Completion, OffersValues)
     EXPECT_EQ(Completions("gakppctl", std::string(kGakppctl) + " send --expect A"), " ABNORMAL \n");
     EXPECT_EQ(Completions("gakppctl", std::string(kGakppctl) + " tap --message H"), " HEARTBEAT \n");
     EXPECT_EQ(Completions("gakppctl", std::string(kGakppctl) + " send --message H"), "  \n") << "JSON";
+    EXPECT_EQ(Completions("gakppctl", std::string(kGakppctl) + " shutdown a"), " all \n");
+    EXPECT_EQ(Completions("gakppctl", std::string(kGakppctl) + " start-custom 3"), " 3 \n");
+    EXPECT_NE(Completions("gakppctl", std::string(kGakppctl) + " stop --control /et").find(" /etc "),
+              std::string::npos);
     EXPECT_NE(Completions("gakppctl", std::string(kGakppctl) + " doctor --user roo").find(" root "), std::string::npos);
 }
 

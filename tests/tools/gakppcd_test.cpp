@@ -273,6 +273,13 @@ TEST(Gakppcd, NothingIsSentBehindTheOrderToShutDown)
     EXPECT_TRUE(ExpectEof(asker, kLimit));
 }
 
+TEST(Gakppcd, ListensForOrdersWhereItIsTold)
+{
+    const auto daemon = StartDaemon({"--control", "/home/orders"});
+    EXPECT_TRUE(Ctl({"stop", "--control", "/home/orders"}).status.ExitedWith(0));
+    EXPECT_TRUE(daemon->Finish().ExitedWith(0));
+}
+
 TEST(Gakppcd, SecondDaemonIsRefusedUnlessItReplaces)
 {
     const auto first = StartDaemon();

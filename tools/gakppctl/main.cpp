@@ -7,9 +7,10 @@ int main(int argc, char** argv)
 {
     using namespace tools;
     CLI::App app("Works on the control messages between the process-manager daemon and its workers.", "gakppctl");
-    const std::vector<Subcommand> subcommands{AddWorker(app), AddSend(app),   AddTap(app),
-                                              AddWatch(app),  AddReplay(app), AddDecode(app),
-                                              AddStatus(app), AddList(app),   AddDoctor(app)};
+    const std::vector<Subcommand> subcommands{AddWorker(app), AddSend(app),    AddTap(app),      AddWatch(app),
+                                              AddReplay(app), AddDecode(app),  AddStatus(app),   AddList(app),
+                                              AddDoctor(app), AddWorkers(app), AddShutdown(app), AddStartCustom(app),
+                                              AddStop(app)};
     app.add_subcommand("help", "Print the help of a command");
     app.require_subcommand(1);
     AddStandardOptions(app,

@@ -15,6 +15,10 @@ Subcommand AddDecode(CLI::App& program);
 Subcommand AddStatus(CLI::App& program);
 Subcommand AddList(CLI::App& program);
 Subcommand AddDoctor(CLI::App& program);
+Subcommand AddWorkers(CLI::App& program);
+Subcommand AddShutdown(CLI::App& program);
+Subcommand AddStartCustom(CLI::App& program);
+Subcommand AddStop(CLI::App& program);
 
 }  // namespace tools
 
