@@ -388,7 +388,8 @@ const std::vector<Scenario> kHealthyScenarios{
      "root krova member     | 0 unknown:daemon\n"
      "root:krova root:member| 0 unknown:daemon\n"
      "outsider              | 1 fault:connection\n"
-     "root:outsider         | 1 fault:connection unknown:daemon | usermod -aG krova outsider => 0 unknown:daemon\n"},
+     "root:outsider         | 1 fault:connection unknown:daemon | usermod -aG krova outsider => 0 unknown:daemon\n",
+     "root | unknown of the daemon: its umask, its descriptors, its library\n"},
 
     {"DaemonInAnotherNetwork", [](Machine& m) { m.StartDaemon(kKrova, kKrova, "0007", "unshare --net"); },
      "root krova            | 0\n"
@@ -449,7 +450,8 @@ const std::vector<Scenario> kHealthyScenarios{
          fs::copy(library, library + ".new");
          fs::rename(library + ".new", library);
      },
-     kOnlyTheLibraryIsNoted},
+     kOnlyTheLibraryIsNoted,
+     "root | still runs a library that has been replaced: /home/elsewhere/prefix/lib/libgakppc.so.1 (deleted)\n"},
 
     {"OtherProgramOfTheDaemonsUser",
      [](Machine& m) {
@@ -577,6 +579,18 @@ const std::vector<Scenario> kFaultyScenarios{
      "root:member root:outsider | 1 fault:connection\n",
      "root:member | these files belong to the group nogroup, which nobody should join\n"},
 
+    {"DaemonOfNogroupInADirectoryOfAnotherGroup",
+     [](Machine& m) {
+         Machine::Make(kDir, 0350, kKrova, kKrova);
+         m.StartDaemon(kKrova, kNogroup, "0007");
+     },
+     "root root:krova       | 0\n"
+     "krova                 | 0 unknown:daemon\n"
+     "member                | 1 fault:connection unknown:daemon\n"
+     "outsider              | 1 fault:connection\n"
+     "root:member root:outsider | 1 fault:connection\n",
+     "root:outsider | these files belong to the group nogroup, which nobody should join\n"},
+
     {"DirectoryOfNogroup",
      [](Machine& m) {
          Machine::Make(kDir, 0350, kKrova, kNogroup);
@@ -609,6 +623,19 @@ const std::vector<Scenario> kFaultyScenarios{
      "member outsider       | 1 fault:connection\n"
      "root:member root:outsider | 1 fault:connection\n",
      "root:outsider | outsider has to join the group 4005\n"},
+
+    {"SecondGroupThatHasNoName",
+     [](Machine& m) {
+         Machine::Make(kDir, 0350, kKrova, kKrova);
+         m.StartDaemon(kKrova, kNameless, "0007");
+     },
+     "root root:krova       | 0\n"
+     "krova                 | 0 unknown:daemon\n"
+     "member                | 1 fault:connection unknown:daemon\n"
+     "outsider              | 1 fault:connection\n"
+     "root:member root:outsider | 1 fault:connection\n",
+     "root:member | member has to join the group 4005\n"
+     "root:outsider | outsider has to join the groups krova, 4005\n"},
 
     {"CallerThatHasNoName",
      [](Machine& m) {
@@ -717,6 +744,14 @@ const std::vector<Scenario> kFaultyScenarios{
          Machine::Chown(kHome, kNameless, kNameless);
      },
      kDirectoryIsMadeForANamelessUser},
+
+    {"NoDirectoryBelowAParentThatOthersMayNotEnter", [](Machine&) { Machine::Chmod(kHome, 01752); },
+     "root krova root:krova | 3 note:connection note:directory\n"
+     "member root:member    | 1 note:connection fault:directory | install -d -m 0350 -o krova -g krova $DIR "
+     "=> 3 note:connection\n"
+     "outsider              | 1 fault:connection\n"
+     "root:outsider         | 1 fault:connection fault:directory | install -d -m 0350 -o krova -g krova $DIR "
+     "=> 1 fault:connection\n"},
 
     {"NoDirectoryInAFullFileSystem",
      [](Machine&) {

@@ -102,6 +102,14 @@ std::string JoinCommand(const Identity& user, const std::vector<gid_t>& groups)
     return IsLocalName(name, "/etc/passwd") ? fmt::format("usermod -aG {} {}", fmt::join(names, ","), name) : "";
 }
 
+// "the group krova", "the groups krova, staff".
+std::string GroupsText(const std::vector<gid_t>& groups)
+{
+    std::vector<std::string> names(groups.size());
+    std::transform(groups.begin(), groups.end(), names.begin(), GroupName);
+    return fmt::format("the group{} {}", names.size() > 1 ? "s" : "", fmt::join(names, ", "));
+}
+
 std::string ModeCommand(const Identity& user, const Requirement& requirement)
 {
     const char who = user.uid == requirement.file->status.st_uid ? 'u' : 'g';
@@ -129,8 +137,7 @@ Admission CommandsFor(const Facts& facts, const Requirements& way)
     if (!groups.empty()) {
         commands.push_back(JoinCommand(user, groups));
         if (commands.back().empty()) {
-            return WithoutRepair(
-                fmt::format("{} has to join the group {}", UserName(user.uid), GroupName(groups.front())));
+            return WithoutRepair(fmt::format("{} has to join {}", UserName(user.uid), GroupsText(groups)));
         }
         user.groups.insert(user.groups.end(), groups.begin(), groups.end());
         advice.emplace_back("the group counts for processes that the user starts after logging in anew");

@@ -39,9 +39,8 @@ std::optional<std::string> LoadedLibrary(const fs::path& process)
         return std::nullopt;
     }
     do {
-        const size_t path = line.find('/');
-        if (path != std::string::npos && line.find("/libgakppc.so", path) != std::string::npos) {
-            return line.substr(path);
+        if (line.find("/libgakppc.so") != std::string::npos) {
+            return line.substr(line.find('/'));
         }
     } while (std::getline(maps, line));
     return "";
