@@ -297,6 +297,11 @@ INSTANTIATE_TEST_SUITE_P(
         WrongValue{"", "--spawn", kLongNumber}, WrongValue{"", "--spawn", "0:ZOLT:10001"},
         WrongValue{"", "--spawn", "0:ZOLT:0"}, WrongValue{"", "--spawn", kLongNumber + ":ZOLT"}));
 
+INSTANTIATE_TEST_SUITE_P(EmptyValues, WrongValueTest,
+                         testing::Values(WrongValue{"doctor", "--user", ""}, WrongValue{"tap", "--write", ""},
+                                         WrongValue{"", "--log", ""}, WrongValue{"", "--write", ""},
+                                         WrongValue{"", "--worker-program", ""}));
+
 TEST(GakppctlTest, LongStatusQueryIsAnsweredInOneLine)
 {
     const Outcome outcome = Ctl({"status", kLongNumber});
@@ -371,6 +376,13 @@ TEST(GakppctlTest, OptionWithoutItsValueIsTold)
     EXPECT_TRUE(IsWrongUsage(Ctl({"worker", "--device"}), "gakppctl: --device needs a value N; see "));
     EXPECT_TRUE(IsWrongUsage(Ctl({"doctor", "--user"}), "gakppctl: --user needs a value NAME; see "));
     EXPECT_TRUE(IsWrongUsage(Ctl({"tap", "--pid"}), "gakppctl: --pid needs a value PID; see "));
+}
+
+TEST(GakppctlTest, UnexpectedWordsAreNamedInTheirOrder)
+{
+    EXPECT_TRUE(IsWrongUsage(Ctl({"worker", "--heartbeats", "3"}),
+                             "gakppctl: unexpected: --heartbeats 3; see gakppctl worker --help\n"));
+    EXPECT_TRUE(IsWrongUsage(RunTool(kGakppcd, {"one", "two"}), "gakppcd: unexpected: one two; see gakppcd --help\n"));
 }
 
 TEST(GakppctlTest, ColoursOnlyOnATerminalThatWantsThem)

@@ -289,6 +289,18 @@ TEST(Gakppcd, SecondDaemonIsRefusedUnlessItReplaces)
     EXPECT_TRUE(RunTool(kGakppcd, {"--replace", "--for", "0.1"}).status.ExitedWith(0));
 }
 
+TEST(Gakppcd, DaemonThatCannotBeSeenIsNotCalledProcessZero)
+{
+    if (!MapsOtherUsers()) {
+        GTEST_SKIP() << "an ordinary user's namespace has no second user";
+    }
+    const auto first = StartDaemon();
+    const auto second = StartAsNobody(kGakppcd, {});
+    EXPECT_TRUE(second->Finish().ExitedWith(1));
+    EXPECT_EQ(second->err().rfind("gakppcd: a process that cannot be seen from here listens at ", 0), 0U)
+        << second->err();
+}
+
 TEST(Gakppcd, TimeEndsIt)
 {
     const Outcome outcome = RunTool(kGakppcd, {"--for", "0.1"});

@@ -174,13 +174,13 @@ Outcome Ctl(const std::vector<std::string>& arguments, const std::string& input)
     return RunTool(kGakppctl, arguments, input);
 }
 
-std::unique_ptr<Tool> StartCtlAsNobody(const std::vector<std::string>& arguments)
+std::unique_ptr<Tool> StartAsNobody(const std::string& program, const std::vector<std::string>& arguments)
 {
     const std::string script =
         "mkdir -p /home/copy && cd /home/copy && "
         "cp \"$0\" $(LD_TRACE_LOADED_OBJECTS=1 \"$0\" | sed -n 's/.* => \\(.*\\) (.*/\\1/p') . && "
-        "exec setpriv --reuid=65534 --regid=65534 --clear-groups env LD_LIBRARY_PATH=. ./gakppctl \"$@\"";
-    std::vector<std::string> words{"-c", script, kGakppctl};
+        "exec setpriv --reuid=65534 --regid=65534 --clear-groups env LD_LIBRARY_PATH=. \"./${0##*/}\" \"$@\"";
+    std::vector<std::string> words{"-c", script, program};
     words.insert(words.end(), arguments.begin(), arguments.end());
     return std::make_unique<Tool>("sh", words);
 }
@@ -192,6 +192,11 @@ testing::AssertionResult FitsSchema(const std::string& text, const std::string& 
     return check.status.ExitedWith(0) ? testing::AssertionSuccess()
                                       : testing::AssertionFailure() << check.out << check.err << "in:\n"
                                                                     << text;
+}
+
+std::unique_ptr<Tool> StartCtlAsNobody(const std::vector<std::string>& arguments)
+{
+    return StartAsNobody(kGakppctl, arguments);
 }
 
 bool MapsOtherUsers()

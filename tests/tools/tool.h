@@ -76,7 +76,8 @@ struct Outcome {
 Outcome RunTool(const std::string& program, const std::vector<std::string>& arguments, const std::string& input = "");
 Outcome Ctl(const std::vector<std::string>& arguments, const std::string& input = "");
 
-// Starts gakppctl as the user nobody: from a copy, because the checkout may lie where only its owner comes to.
+// Starts a program as the user nobody: from a copy, because the checkout may lie where only its owner comes to.
+std::unique_ptr<Tool> StartAsNobody(const std::string& program, const std::vector<std::string>& arguments);
 std::unique_ptr<Tool> StartCtlAsNobody(const std::vector<std::string>& arguments);
 
 // Whether every line of `text`, and there is at least one, is JSON that docs/schema/<name>.json accepts.

@@ -87,9 +87,13 @@ std::string Shorten(const std::string& text)
     return result;
 }
 
-// CLI11 says of an option without its value "--user: 1 required NAME missing".
-std::string TextOf(const CLI::ParseError& error)
+// CLI11's own words, but for "--user: 1 required NAME missing" of an option without its value and a reversed list of
+// arguments that it does not know.
+std::string TextOf(const CLI::App& app, const CLI::ParseError& error)
 {
+    if (error.get_exit_code() == static_cast<int>(CLI::ExitCodes::ExtrasError)) {
+        return fmt::format("unexpected: {}", fmt::join(app.remaining(true), " "));
+    }
     std::istringstream words(error.what());
     std::string option, number, required, value, missing;
     words >> option >> number >> required >> value >> missing;
@@ -105,7 +109,7 @@ int ExitOfParse(const CLI::App& app, const CLI::ParseError& error, bool hasOutpu
     if (error.get_exit_code() != 0) {
         const auto parsed = app.get_subcommands();
         const std::string name = app.get_name() + (parsed.empty() ? "" : " " + parsed.front()->get_name());
-        PrintError(Shorten(fmt::format("{}; see {} --help", TextOf(error), name)));
+        PrintError(Shorten(fmt::format("{}; see {} --help", TextOf(app, error), name)));
         return kExitUsage;
     }
     std::ostringstream out;
@@ -224,6 +228,11 @@ CLI::Validator NumberUpTo(double highest)
                    : fmt::format("{} is not a number from 0 to {}", text, highest);
     };
     return CLI::Validator(check, "");
+}
+
+CLI::Validator NotEmpty()
+{
+    return CLI::Validator([](const std::string& text) { return text.empty() ? "the value is empty" : ""; }, "");
 }
 
 CLI::Option* AddSeconds(CLI::App& app, const std::string& name, double& seconds, const std::string& help)

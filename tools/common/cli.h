@@ -36,6 +36,9 @@ int RunProgram(CLI::App& app, const std::vector<Subcommand>& subcommands, int ar
 // Accepts decimal numbers from 0 to `highest`, no infinity and no NaN.
 CLI::Validator NumberUpTo(double highest);
 
+// Accepts any text but none, which a variable that is not set leaves.
+CLI::Validator NotEmpty();
+
 // Adds an option that takes a time in seconds.
 CLI::Option* AddSeconds(CLI::App& app, const std::string& name, double& seconds, const std::string& help);
 

@@ -66,8 +66,11 @@ void Daemon::Open()
 {
     const auto others = ListenersAt(kSocketPath);
     if (!others.empty() && !options_.replace) {
-        throw ExitError(kExitFailed, fmt::format("process {} listens at {} already (--replace replaces its socket)",
-                                                 others.front().pid, kSocketPath));
+        const pid_t pid = others.front().pid;
+        const std::string process =
+            pid == 0 ? "a process that cannot be seen from here" : fmt::format("process {}", pid);
+        throw ExitError(kExitFailed,
+                        fmt::format("{} listens at {} already (--replace replaces its socket)", process, kSocketPath));
     }
     OpenControl();
     if (RemoveSavedSocket()) {

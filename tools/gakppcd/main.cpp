@@ -45,6 +45,7 @@ void AddOptions(CLI::App& app, DaemonOptions& options, std::vector<std::string>&
         ->expected(1)
         ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll);
     app.add_option("--worker-program", options.workerProgram, "What is started (the gakppctl next to this program)")
+        ->check(NotEmpty())
         ->type_name("FILE");
     app.add_flag("--auto-custom", options.autoCustom,
                  "Start the custom process as soon as a worker asks for it, without waiting for start-custom");
@@ -54,6 +55,7 @@ void AddOptions(CLI::App& app, DaemonOptions& options, std::vector<std::string>&
     app.add_flag("--json", options.json, "Print one JSON object per line");
     app.add_option("--write", options.capture,
                    "Write what the connections carry to a pcap file, for gakppctl decode, replay and Wireshark")
+        ->check(NotEmpty())
         ->type_name("FILE");
     app.add_option("--control", options.control,
                    fmt::format("Listen here for the orders of gakppctl {}", kDefaultControlPathHelp))
@@ -61,6 +63,7 @@ void AddOptions(CLI::App& app, DaemonOptions& options, std::vector<std::string>&
         ->check(CLI::Validator([](const std::string& path) { return path.empty() ? "is empty" : std::string(); }, ""));
     app.add_option("--log", options.log,
                    "Append log lines to this file (default: standard error; nowhere when that is the table's terminal)")
+        ->check(NotEmpty())
         ->type_name("FILE");
 }
 

@@ -121,6 +121,7 @@ Subcommand AddDoctor(CLI::App& program)
         "no fault, 1 faults, 3 no fault, but no daemon listens");
     auto options = std::make_shared<Options>();
     app->add_option("--user", options->user, "Answer for this user; needs root (default: who runs the doctor)")
+        ->check(NotEmpty())
         ->type_name("NAME");
     app->add_flag("--all", options->all, "Print also what is as it should be and what is unknown");
     app->add_flag("--json", options->json, "Print one JSON object per line");

@@ -33,6 +33,7 @@ void AddRecordOptions(CLI::App& app, RecordOptions& options)
     app.add_flag("--json", options.style.json, "Print one JSON object per line");
     app.add_flag("--hex", options.style.hex, "Print the bytes as well");
     app.add_option("--write", options.capture, "Write what is shown to a pcap file, for decode, replay and Wireshark")
+        ->check(NotEmpty())
         ->type_name("FILE");
     AddCount(app, "--count", options.count, "Stop after so many messages have been shown");
     AddSeconds(app, "--for", options.duration, "Stop after this time");
