@@ -30,9 +30,8 @@ bool IsBehind(const UnixSocket& socket, const FileInfo& file, const FileInfo& di
 
 const UnixSocket* SocketBehind(const FileInfo& file, const Facts& facts, const Sockets& sockets)
 {
-    const auto found = std::find_if(sockets.begin(), sockets.end(), [&](const UnixSocket& socket) {
-        return IsBehind(socket, file, facts.directory);
-    });
+    const auto found = std::find_if(sockets.begin(), sockets.end(),
+                                    [&](const UnixSocket& socket) { return IsBehind(socket, file, facts.directory); });
     return found == sockets.end() ? nullptr : &*found;
 }
 
