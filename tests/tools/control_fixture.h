@@ -25,6 +25,18 @@ inline std::unique_ptr<Tool> StartDaemon(const std::vector<std::string>& argumen
     return daemon;
 }
 
+// A socket that is no gakppcd: it listens, and a test says what it does.
+inline Fd FakeDaemon(const std::string& path)
+{
+    Fd listener(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    strncpy(address.sun_path, path.c_str(), sizeof(address.sun_path) - 1);
+    EXPECT_EQ(bind(listener.get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)), 0);
+    EXPECT_EQ(listen(listener.get(), 10), 0);
+    return listener;
+}
+
 // A worker of the daemon that has reported its start.
 inline Fd StartWorker(Tool& daemon, uint32_t device = 0, uint32_t pid = 4711)
 {

@@ -3,7 +3,9 @@
 #include <sys/stat.h>
 
 #include <csignal>
+#include <filesystem>
 #include <nlohmann/json.hpp>
+#include <set>
 
 #include "control_fixture.h"
 
@@ -11,18 +13,6 @@ namespace gaktest {
 namespace {
 
 using Json = nlohmann::ordered_json;
-
-// A socket that is no gakppcd: it listens, and a test says what it does.
-Fd FakeDaemon(const std::string& path)
-{
-    Fd listener(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    strncpy(address.sun_path, path.c_str(), sizeof(address.sun_path) - 1);
-    EXPECT_EQ(bind(listener.get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)), 0);
-    EXPECT_EQ(listen(listener.get(), 10), 0);
-    return listener;
-}
 
 // The message that a worker gets.
 RawMessage ReadMessage(const Fd& worker)
@@ -72,6 +62,42 @@ TEST(WorkersVerb, JsonFitsItsSchemaAndKnowsTheRealProcess)
     EXPECT_LE(spawned["since"], claimed["since"]);
 }
 
+// The numbers of the sockets that a process has open.
+std::set<uint64_t> SocketsOf(pid_t pid)
+{
+    std::set<uint64_t> numbers;
+    for (const auto& entry : std::filesystem::directory_iterator("/proc/" + std::to_string(pid) + "/fd")) {
+        struct stat status {};
+        if (stat(entry.path().c_str(), &status) == 0 && S_ISSOCK(status.st_mode)) {
+            numbers.insert(status.st_ino);
+        }
+    }
+    return numbers;
+}
+
+TEST(WorkersVerb, NamesTheDaemonsEndOfEachConnection)
+{
+    const auto daemon = StartDaemon();
+    const std::set<uint64_t> before = SocketsOf(daemon->pid());
+    const Fd first = StartWorker(*daemon, 1, 100);
+    const std::set<uint64_t> between = SocketsOf(daemon->pid());
+    Fd second = StartWorker(*daemon, 2, 200);
+    const std::set<uint64_t> after = SocketsOf(daemon->pid());
+    Json workers = Json::parse(Ctl({"workers", "--json"}).out)["workers"];
+    ASSERT_EQ(workers.size(), 2U);
+    const uint64_t firstEnd = workers[0]["socket"];
+    const uint64_t secondEnd = workers[1]["socket"];
+    EXPECT_EQ(before.count(firstEnd) + before.count(secondEnd) + between.count(secondEnd), 0U);
+    EXPECT_EQ(between.count(firstEnd) + after.count(secondEnd), 2U);
+    second.Reset();
+    ASSERT_TRUE(daemon->WaitForOut("SOCKET_CLOSE"));
+    second = StartWorker(*daemon, 2, 200);
+    ASSERT_TRUE(daemon->WaitUntilOutput([&] { return CountOf(daemon->out(), "pid 200 STARTED") == 2; }, kLimit));
+    workers = Json::parse(Ctl({"workers", "--json"}).out)["workers"];
+    EXPECT_EQ(workers[0]["socket"], firstEnd);
+    EXPECT_NE(workers[1]["socket"], secondEnd) << "it has connected anew";
+}
+
 TEST(WorkersVerb, RealProcessIsUnknownBeforeTheFirstMessage)
 {
     const auto daemon = StartDaemon({"--spawn", "0:ZOLT", "--worker-program", "/bin/cat"});
@@ -79,6 +105,7 @@ TEST(WorkersVerb, RealProcessIsUnknownBeforeTheFirstMessage)
     const Outcome outcome = Ctl({"workers", "--json"});
     EXPECT_TRUE(FitsSchema(outcome.out, "control_answer"));
     EXPECT_EQ(Json::parse(outcome.out)["workers"][0]["real_pid"], nullptr);
+    EXPECT_EQ(Json::parse(outcome.out)["workers"][0]["socket"], nullptr);
     EXPECT_NE(Ctl({"workers"}).out.find("         -  DIED "), std::string::npos) << Ctl({"workers"}).out;
 }
 

@@ -232,7 +232,7 @@ void Daemon::OnSignals()
 void Daemon::OnMessage(const ReceivedMessage& received)
 {
     const PPCMessage& message = received.message;
-    Worker* const worker = workers_.OnMessage(message, received.peer);
+    Worker* const worker = workers_.OnMessage(message, received.sender);
     if (worker == nullptr) {
         view_.Event(TypeName(message.type()), nullptr, "a connection that brought no message");
         return;

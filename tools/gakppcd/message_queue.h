@@ -9,13 +9,13 @@
 #include <utility>
 
 #include "common/fd.h"
-#include "common/ppc_socket.h"
+#include "session_peer.h"
 
 namespace tools {
 
 struct ReceivedMessage {
     qel::PPCMessage message;
-    Peer peer;  // who sent it; of an end of a connection, whose it was
+    Sender sender;  // of an end of a connection, whose it was
 };
 
 // Carries messages from the server's receive threads, on which handlers run and must not block, to the main thread,

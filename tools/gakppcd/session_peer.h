@@ -1,13 +1,20 @@
 #ifndef GAKPPC_SESSION_PEER_H
 #define GAKPPC_SESSION_PEER_H
 
+#include <cstdint>
+
 #include "common/ppc_socket.h"
 
 namespace tools {
 
-// In a handler: the process at the other end of the session that brought the message, as the kernel knows it. A message
-// only claims a process id.
-Peer SessionPeer();
+// Who sent a message, as the kernel knows it. The message only claims a process id.
+struct Sender {
+    Peer peer;
+    uint32_t socket = 0;  // the kernel's number of this daemon's end of the connection; 0: not known
+};
+
+// In a handler: the sender of the message.
+Sender SessionPeer();
 
 // A message is read from this descriptor, by the thread that runs its handler (driver_calls.cpp).
 void SetSessionPeer(int fd);

@@ -27,9 +27,10 @@ Json ToJson(const Worker& worker)
 {
     Json line;
     AddWorker(line, worker);
-    const Peer peer = worker.peer.value_or(Peer{});
-    line["real_pid"] = OrNull(peer.pid != 0, peer.pid);
-    line["real_uid"] = OrNull(peer.pid != 0, peer.uid);
+    const Sender sender = worker.sender.value_or(Sender{});
+    line["real_pid"] = OrNull(sender.peer.pid != 0, sender.peer.pid);
+    line["real_uid"] = OrNull(sender.peer.pid != 0, sender.peer.uid);
+    line["socket"] = OrNull(sender.socket != 0, sender.socket);
     line["since"] = UtcTime(worker.since);
     line["connected"] = worker.connected;
     line["spawned"] = worker.spawned;

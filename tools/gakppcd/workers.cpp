@@ -72,7 +72,7 @@ std::optional<double> Worker::HeartbeatAge() const
     return std::chrono::duration<double>(Clock::now() - *lastHeartbeat).count();
 }
 
-Worker* WorkerTable::OnMessage(const PPCMessage& message, const Peer& peer)
+Worker* WorkerTable::OnMessage(const PPCMessage& message, const Sender& sender)
 {
     Worker* worker = Find(message.src_id(), message.sub_proc_pid());
     if (worker == nullptr) {
@@ -91,7 +91,7 @@ Worker* WorkerTable::OnMessage(const PPCMessage& message, const Peer& peer)
     }
     if (message.type() != PPCMessage::SOCKET_CLOSE) {
         worker->since = worker->HasEnded() ? std::chrono::system_clock::now() : worker->since;
-        worker->peer = peer;
+        worker->sender = sender;
     }
     Update(*worker, message.type());
     return worker;

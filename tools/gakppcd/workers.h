@@ -12,7 +12,7 @@
 
 #include "common/deadline.h"
 #include "common/output.h"
-#include "common/ppc_socket.h"
+#include "session_peer.h"
 
 namespace tools {
 
@@ -30,10 +30,10 @@ const char* Name(WorkerState state);
 
 struct Worker {
     uint32_t device = 0;
-    uint32_t pid = 0;          // as its messages claim
-    std::optional<Peer> peer;  // who sent the last one
-    SystemTime since;          // it was spawned or, with another daemon's workers, its first message came
-    int type = 0;              // a PPCMessage::ProcessType
+    uint32_t pid = 0;              // as its messages claim
+    std::optional<Sender> sender;  // of the last one
+    SystemTime since;              // it was spawned or, with another daemon's workers, its first message came
+    int type = 0;                  // a PPCMessage::ProcessType
     WorkerState state = WorkerState::kSpawned;
     uint64_t heartbeats = 0;
     std::optional<Clock::time_point> lastHeartbeat;
@@ -54,7 +54,7 @@ public:
 
     // The entry of the worker that a message names, updated by it. Null for the end of a connection that
     // never carried a message.
-    Worker* OnMessage(const qel::PPCMessage& message, const Peer& peer);
+    Worker* OnMessage(const qel::PPCMessage& message, const Sender& sender);
     Worker& OnSpawned(uint32_t device, int type, pid_t pid);
     // Null when the process is none of the spawned ones.
     Worker* OnReaped(pid_t pid, bool orderly);
