@@ -232,7 +232,7 @@ TEST(GakppctlTest, HelpListsEachCommandInOneLine)
         EXPECT_NE(line[2], ' ') << line;
         EXPECT_LE(line.size(), 120U) << line;
     }
-    EXPECT_EQ(commands, 10U);
+    EXPECT_EQ(commands, 14U);
     EXPECT_NE(Ctl({"doctor", "--help"}).out.find("repaired\n\nThe connection is closed at once"), std::string::npos);
 }
 
@@ -300,7 +300,8 @@ INSTANTIATE_TEST_SUITE_P(
 INSTANTIATE_TEST_SUITE_P(EmptyValues, WrongValueTest,
                          testing::Values(WrongValue{"doctor", "--user", ""}, WrongValue{"tap", "--write", ""},
                                          WrongValue{"", "--log", ""}, WrongValue{"", "--write", ""},
-                                         WrongValue{"", "--worker-program", ""}));
+                                         WrongValue{"", "--worker-program", ""}, WrongValue{"list", "--control", ""},
+                                         WrongValue{"workers", "--control", ""}));
 
 TEST(GakppctlTest, LongStatusQueryIsAnsweredInOneLine)
 {
@@ -423,6 +424,7 @@ TEST(Completion, OffersOptionsOfTheSubcommand)
     EXPECT_EQ(Completions("gakppctl", std::string(kGakppctl) + " watch --pi"), " --pid \n");
     EXPECT_EQ(Completions("gakppctl", std::string(kGakppctl) + " worker --cr"), " --crash-after \n");
     EXPECT_EQ(Completions("gakppctl", std::string(kGakppctl) + " list --w"), " --watch \n");
+    EXPECT_EQ(Completions("gakppctl", std::string(kGakppctl) + " list --c"), " --control \n");
 }
 
 TEST(Completion, OffersValues)
@@ -434,8 +436,10 @@ TEST(Completion, OffersValues)
     EXPECT_EQ(Completions("gakppctl", std::string(kGakppctl) + " send --message H"), "  \n") << "JSON";
     EXPECT_EQ(Completions("gakppctl", std::string(kGakppctl) + " shutdown a"), " all \n");
     EXPECT_EQ(Completions("gakppctl", std::string(kGakppctl) + " start-custom 3"), " 3 \n");
-    EXPECT_NE(Completions("gakppctl", std::string(kGakppctl) + " stop --control /et").find(" /etc "),
-              std::string::npos);
+    for (const std::string verb : {"stop", "list"}) {
+        EXPECT_NE(Completions("gakppctl", kGakppctl + (" " + verb) + " --control /et").find(" /etc "),
+                  std::string::npos);
+    }
     EXPECT_NE(Completions("gakppctl", std::string(kGakppctl) + " doctor --user roo").find(" root "), std::string::npos);
 }
 

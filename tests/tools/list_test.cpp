@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <gmock/gmock.h>
+#include <poll.h>
 #include <sys/ioctl.h>
 #include <sys/prctl.h>
 #include <sys/stat.h>
@@ -13,6 +14,7 @@
 #include <nlohmann/json.hpp>
 #include <sstream>
 
+#include "control_fixture.h"
 #include "sanitizer_options.h"
 #include "screen.h"
 #include "tap_fixture.h"
@@ -431,6 +433,383 @@ TEST_F(ListTest, WatchOnATerminalStaysInPlace)
     EXPECT_EQ(screen.Wraps(), 0U);
     EXPECT_EQ(screen.Scrolls(), 0U);
     EXPECT_FALSE(screen.Shows("4321")) << screen.Text();
+}
+
+// The kernel's number of a socket.
+uint64_t NumberOf(const Fd& socket)
+{
+    struct stat status {};
+    EXPECT_EQ(fstat(socket.get(), &status), 0);
+    return status.st_ino;
+}
+
+// What a connection's worker claims.
+std::string ClaimOf(const Json& connection)
+{
+    if (connection["device"].is_null()) {
+        EXPECT_TRUE(connection["process_type"].is_null() && connection["claimed_pid"].is_null()) << connection;
+        return "unknown";
+    }
+    return connection["device"].dump() + " " + connection["process_type"].get<std::string>() + " " +
+           connection["claimed_pid"].dump();
+}
+
+// By the number of the worker's end, or the daemon's.
+using ClaimMap = std::map<uint64_t, std::string>;
+ClaimMap ClaimsBy(const char* end, const Lists& lists)
+{
+    ClaimMap claims;
+    for (const Json& connection : lists.connections) {
+        claims[connection[end]["socket"]] = ClaimOf(connection);
+    }
+    return claims;
+}
+
+Fd ReportStart(Tool& daemon, uint32_t device, uint32_t type, uint32_t pid)
+{
+    Fd worker = RawConnect(kServer);
+    RawMessage message = FromWorker(0, device, pid);
+    message.proc_type = type;
+    EXPECT_TRUE(WriteAll(worker, PpcFrame(message)));
+    EXPECT_TRUE(daemon.WaitForOut(" pid " + std::to_string(pid) + " STARTED"));
+    return worker;
+}
+
+// A gakppcd listens.
+class ListOfGakppcdTest : public ListTest {
+protected:
+    void SetUp() override
+    {
+        ListTest::SetUp();
+        listener_.Reset();
+    }
+
+    // On a busy machine it does not always answer in the time that it is given.
+    static Lists ListedOnceItAnswers(std::vector<std::string> more = {})
+    {
+        more.insert(more.begin(), {"list", "--json"});
+        Lists lists;
+        std::string text;
+        EXPECT_TRUE(WaitUntil(
+            [&] {
+                text = Ctl(more).out;
+                lists = Parse(text);
+                return std::any_of(lists.connections.begin(), lists.connections.end(),
+                                   [](const Json& connection) { return ClaimOf(connection) != "unknown"; });
+            },
+            kLimit));
+        EXPECT_TRUE(FitsSchema(text, "list"));
+        return lists;
+    }
+
+    static void ExpectNoClaims(const std::vector<std::string>& more, size_t connections = 1)
+    {
+        std::vector<std::string> words{"list", "--json"};
+        words.insert(words.end(), more.begin(), more.end());
+        const Outcome outcome = Ctl(words);
+        EXPECT_TRUE(outcome.status.ExitedWith(0)) << outcome.status << outcome.err;
+        EXPECT_EQ(outcome.err, "");
+        EXPECT_TRUE(FitsSchema(outcome.out, "list"));
+        const Lists lists = Parse(outcome.out);
+        EXPECT_EQ(lists.connections.size(), connections);
+        for (const Json& connection : lists.connections) {
+            EXPECT_EQ(ClaimOf(connection), "unknown") << testing::PrintToString(more);
+        }
+    }
+};
+
+TEST_F(ListOfGakppcdTest, WorkersOfSeveralDevicesAndTypes)
+{
+    const auto daemon = StartDaemon();
+    const Fd compute = ReportStart(*daemon, 0, 1, 4711);
+    const Fd zolt = ReportStart(*daemon, 1, 0, 4712);
+    const Fd custom = ReportStart(*daemon, 0, 2, 4713);
+    const Fd silent = RawConnect(kServer);
+    Tool other(kGakppctl, {"worker", "--device", "2", "--type", "ZOLT", "--for", "300"});
+    const std::string otherPid = std::to_string(other.pid());
+    ASSERT_TRUE(daemon->WaitForOut(" pid " + otherPid + " STARTED"));
+    const Lists lists = ListedOnceItAnswers();
+    ClaimMap claims = ClaimsBy("worker", lists);
+    ASSERT_EQ(claims.size(), 5U);
+    EXPECT_EQ(claims[NumberOf(compute)], "0 COMPUTE 4711");
+    EXPECT_EQ(claims[NumberOf(zolt)], "1 ZOLT 4712");
+    EXPECT_EQ(claims[NumberOf(custom)], "0 CUSTOM_COMPUTE 4713");
+    EXPECT_EQ(claims[NumberOf(silent)], "unknown");
+    for (const Json& connection : lists.connections) {
+        EXPECT_EQ(connection["pid"] == other.pid(), ClaimOf(connection) == "2 ZOLT " + otherPid) << connection;
+    }
+    ClaimMap byDaemonsEnd = ClaimsBy("daemon", lists);
+    for (const Json& worker : Json::parse(Ctl({"workers", "--json"}).out)["workers"]) {
+        EXPECT_EQ(
+            byDaemonsEnd[worker["socket"]],
+            worker["device"].dump() + " " + worker["process_type"].get<std::string>() + " " + worker["pid"].dump());
+    }
+}
+
+TEST_F(ListOfGakppcdTest, ClaimsInTheTable)
+{
+    const auto daemon = StartDaemon();
+    const Fd worker = ReportStart(*daemon, 3, 0, 4711);
+    const Fd silent = RawConnect(kServer);
+    std::string text;
+    ASSERT_TRUE(WaitUntil([&] { return (text = Text()).find("CLAIMS") != std::string::npos; }, kLimit));
+    EXPECT_NE(text.find("  TO DAEMON  TO WORKER   DEVICE  TYPE      CLAIMS  NOTE\n"), std::string::npos) << text;
+    EXPECT_NE(text.find("          0          0        3  ZOLT        4711\n"), std::string::npos) << text;
+    EXPECT_NE(text.find("          0          0  unknown  unknown  unknown\n"), std::string::npos) << text;
+    Tool watch(kGakppctl, {"list", "--watch", "0.1"});
+    EXPECT_TRUE(watch.WaitForOut("  ZOLT        4711\n"));
+}
+
+TEST_F(ListOfGakppcdTest, ConnectionOfTwoClaimsHasNone)
+{
+    const auto daemon = StartDaemon();
+    const Fd first = ReportStart(*daemon, 0, 1, 4711);
+    const Fd second = ReportStart(*daemon, 1, 1, 4712);
+    ASSERT_TRUE(WriteAll(first, PpcFrame(FromWorker(0, 2, 4713))));
+    ASSERT_TRUE(daemon->WaitForOut(" pid 4713 STARTED"));
+    ClaimMap claims = ClaimsBy("worker", ListedOnceItAnswers());
+    EXPECT_EQ(claims[NumberOf(first)], "unknown");
+    EXPECT_EQ(claims[NumberOf(second)], "1 COMPUTE 4712");
+}
+
+TEST_F(ListOfGakppcdTest, ClaimOfTwoConnectionsIsTheLastOnes)
+{
+    const auto daemon = StartDaemon();
+    const Fd first = ReportStart(*daemon, 0, 1, 4711);
+    const Fd second = RawConnect(kServer);
+    ASSERT_TRUE(WriteAll(second, PpcFrame(FromWorker(2, 0, 4711))));
+    ASSERT_TRUE(daemon->WaitForOut("HEARTBEAT"));
+    ClaimMap claims = ClaimsBy("worker", ListedOnceItAnswers());
+    EXPECT_EQ(claims[NumberOf(first)], "unknown");
+    EXPECT_EQ(claims[NumberOf(second)], "0 COMPUTE 4711");
+}
+
+TEST_F(ListOfGakppcdTest, ClaimsThroughATapBelongToItsConnections)
+{
+    const auto daemon = StartDaemon();
+    const Fd early = ReportStart(*daemon, 0, 1, 4711);
+    Start();
+    const Fd late = ReportStart(*daemon, 1, 0, 4712);
+    const Lists lists = ListedOnceItAnswers();
+    EXPECT_EQ(lists.connections.size(), 3U);
+    for (const Json& connection : lists.connections) {
+        const bool isTap = connection["is_tap"];
+        const bool isOfTap = connection["server"] == 1;
+        EXPECT_EQ(ClaimOf(connection), isTap ? "1 ZOLT 4712" : isOfTap ? "unknown" : "0 COMPUTE 4711") << connection;
+    }
+}
+
+TEST_F(ListOfGakppcdTest, ReplacedDaemonKnowsItsOwnWorkers)
+{
+    const auto former = StartDaemon({"--control", "/home/former"});
+    const Fd early = ReportStart(*former, 0, 1, 4711);
+    const auto daemon = StartDaemon({"--replace", "--control", "/home/control"});
+    const Fd late = ReportStart(*daemon, 1, 1, 4712);
+    ExpectNoClaims({}, 2);
+    EXPECT_EQ(ClaimsBy("worker", ListedOnceItAnswers({"--control", "/home/control"})),
+              (ClaimMap{{NumberOf(early), "unknown"}, {NumberOf(late), "1 COMPUTE 4712"}}));
+    EXPECT_EQ(ClaimsBy("worker", ListedOnceItAnswers({"--control", "/home/former"})),
+              (ClaimMap{{NumberOf(early), "0 COMPUTE 4711"}, {NumberOf(late), "unknown"}}));
+}
+
+TEST_F(ListOfGakppcdTest, DaemonThatHangsIsShownWithoutClaims)
+{
+    const auto daemon = StartDaemon();
+    const Fd worker = ReportStart(*daemon, 0, 1, 4711);
+    ListedOnceItAnswers();
+    daemon->Kill(SIGSTOP);
+    ExpectNoClaims({});
+    Tool watch(kGakppctl, {"list", "--watch", "0.1"});
+    EXPECT_TRUE(watch.WaitUntilOutput([&] { return CountOf(watch.out(), ": 1 connection\n") == 2; }, kLimit));
+    daemon->Kill(SIGCONT);
+    EXPECT_TRUE(watch.WaitForOut("  COMPUTE    4711\n"));
+}
+
+TEST_F(ListOfGakppcdTest, ControlSocketThatCannotBeReached)
+{
+    const auto daemon = StartDaemon();
+    const Fd worker = ReportStart(*daemon, 0, 1, 4711);
+    FakeDaemon("/home/left").Reset();
+    std::ofstream("/home/file") << "no socket";
+    for (const std::string path : {"/nowhere", "/home/left", "/home/file", "/home", "/dev/null"}) {
+        ExpectNoClaims({"--control", path});
+    }
+    ExpectNoClaims({"--control", "/" + std::string(200, 'x')});
+    const auto nobody = StartCtlAsNobody({"list", "--control", kControlPath});
+    EXPECT_TRUE(nobody->Finish().ExitedWith(0)) << nobody->err();
+    EXPECT_EQ(nobody->out().find("CLAIMS"), std::string::npos) << nobody->out();
+}
+
+// A daemon that the test plays, with a control socket of its own.
+class ListOfFakeTest : public ListTest {
+protected:
+    void SetUp() override
+    {
+        ListTest::SetUp();
+        Connect();
+    }
+
+    Json Worker() const { return {{"device", 3}, {"process_type", "ZOLT"}, {"pid", 9}, {"socket", NumberOf(daemon_)}}; }
+    static std::string AnswerOf(const Json& worker)
+    {
+        return Json({{"ok", true}, {"daemon", getpid()}, {"workers", {worker}}}).dump() + "\n";
+    }
+    std::string AnswerWith(const std::string& member, const Json& value) const
+    {
+        Json worker = Worker();
+        worker[member] = value;
+        return AnswerOf(worker);
+    }
+
+    // What is listed when the order gets this answer.
+    Lists ListedAfter(const std::string& answer) const
+    {
+        Tool tool(kGakppctl, {"list", "--json"});
+        const Fd session = RawAccept(control_, kLimit);
+        EXPECT_EQ(ReadExactly(session, kOrder.size(), kLimit), ToBytes(kOrder));
+        WriteAll(session, ToBytes(answer));
+        EXPECT_TRUE(tool.Finish().ExitedWith(0)) << tool.err() << answer.substr(0, 1000);
+        EXPECT_EQ(tool.err(), "");
+        return Parse(tool.out());
+    }
+
+    std::vector<std::string> ClaimsAfter(const std::string& answer) const
+    {
+        std::vector<std::string> claims;
+        for (const Json& connection : ListedAfter(answer).connections) {
+            claims.push_back(ClaimOf(connection));
+        }
+        return claims;
+    }
+
+    const std::string kOrder = "{\"order\":\"workers\"}\n";
+    const int made_ = mkdir("/home/gakppcd", 0700);
+    const Fd control_ = FakeDaemon(kControlPath);
+};
+
+const std::vector<std::string> kOneUnknown{"unknown"};
+
+TEST_F(ListOfFakeTest, AnswerIsBelieved)
+{
+    std::vector<std::string> claims;
+    ASSERT_TRUE(WaitUntil([&] { return (claims = ClaimsAfter(AnswerOf(Worker()))) != kOneUnknown; }, kLimit));
+    EXPECT_EQ(claims, std::vector<std::string>{"3 ZOLT 9"});
+    EXPECT_EQ(ClaimsAfter(AnswerWith("socket", nullptr)), kOneUnknown);
+    EXPECT_EQ(ClaimsAfter(AnswerWith("socket", NumberOf(worker_))), kOneUnknown) << "the other end";
+    EXPECT_EQ(ClaimsAfter(AnswerWith("socket", NumberOf(listener_))), kOneUnknown);
+}
+
+TEST_F(ListOfFakeTest, AnswerThatIsWrongIsIgnored)
+{
+    Json nobodys = Worker();
+    nobodys.erase("socket");
+    Json broken = Worker();
+    broken["device"] = "x";
+    const std::string right = AnswerOf(Worker());
+    for (const std::string& answer : std::vector<std::string>{
+             "\n", "no\n", "[]\n", "{}\n", "7\n", "null\n", "{\"ok\":true}\n", "{\"ok\":1}\n", "\xff\xfe\n",
+             std::string("\0\n", 2), right.substr(0, right.size() / 2) + "\n", "\n" + right.substr(0, 9) + "\n",
+             "{\"ok\":false,\"error\":\"no\"}\n", AnswerOf(nobodys),
+             Json({{"ok", true}, {"daemon", getpid() + 1}, {"workers", {Worker()}}}).dump() + "\n",
+             Json({{"ok", true}, {"daemon", std::to_string(getpid())}, {"workers", {Worker()}}}).dump() + "\n",
+             Json({{"ok", true}, {"daemon", getpid()}, {"workers", {Worker(), broken}}}).dump() + "\n",
+             Json({{"ok", true}, {"daemon", getpid()}, {"workers", {7, nullptr, "x"}}}).dump() + "\n",
+             Json({{"ok", true}, {"daemon", getpid()}, {"workers", 7}}).dump() + "\n"}) {
+        EXPECT_EQ(ClaimsAfter(answer), kOneUnknown) << answer;
+    }
+    for (const Json& wrong :
+         std::vector<Json>{nullptr, true, -1, 3.0, "3", 4294967296, Json::array(), Json::object()}) {
+        for (const std::string member : {"device", "pid"}) {
+            EXPECT_EQ(ClaimsAfter(AnswerWith(member, wrong)), kOneUnknown) << member << wrong;
+        }
+    }
+    EXPECT_EQ(ClaimsAfter(AnswerWith("socket", std::to_string(NumberOf(daemon_)))), kOneUnknown);
+    EXPECT_EQ(ClaimsAfter(AnswerWith("socket", NumberOf(daemon_) + 4294967296)), kOneUnknown);
+    EXPECT_EQ(ClaimsAfter(AnswerWith("process_type", 0)), kOneUnknown);
+    EXPECT_EQ(ClaimsAfter(AnswerWith("process_type", nullptr)), kOneUnknown);
+}
+
+TEST_F(ListOfFakeTest, AnswerThatIsHugeIsIgnored)
+{
+    constexpr size_t kHuge = 20UL * 1024 * 1024;
+    const std::string right = AnswerOf(Worker());
+    EXPECT_EQ(ClaimsAfter(std::string(kHuge, ' ') + right), kOneUnknown);
+    EXPECT_EQ(ClaimsAfter(std::string(kHuge, '[')), kOneUnknown);
+    EXPECT_EQ(ClaimsAfter("{\"ok\":true,\"daemon\":" + std::string(1000000, '[') + "\n"), kOneUnknown);
+    EXPECT_EQ(ClaimsAfter("{\"ok\":true,\"x\":" + std::string(1000000, '[') + std::string(1000000, ']') + "}\n"),
+              kOneUnknown);
+}
+
+TEST_F(ListOfFakeTest, DaemonThatDoesNotAnswerIsWaitedForForASecond)
+{
+    EXPECT_EQ(OnlyConnection()["device"], nullptr) << "it does not accept";
+    RawAccept(control_, kLimit).Reset();
+    Tool tool(kGakppctl, {"list", "--json"});
+    const Fd session = RawAccept(control_, kLimit);
+    while (WriteAll(session, {' '})) {
+        poll(nullptr, 0, 1);
+    }
+    EXPECT_TRUE(tool.Finish().ExitedWith(0)) << "it never ends its answer";
+    EXPECT_EQ(ClaimOf(Parse(tool.out()).connections.at(0)), "unknown");
+    EXPECT_EQ(ClaimsAfter(""), kOneUnknown) << "it is silent";
+}
+
+TEST_F(ListOfFakeTest, ConnectionThatAnotherProcessServesStaysUnknown)
+{
+    const Fd shared = std::move(daemon_);
+    const Fd worker = std::move(worker_);
+    Connect();
+    const uint64_t given = NumberOf(daemon_);
+    const ChildProcess child([] {
+        pause();
+        return 0;
+    });
+    daemon_.Reset();
+    const Json both{{"device", 3}, {"process_type", "ZOLT"}, {"pid", 9}, {"socket", NumberOf(shared)}};
+    const Json notOurs{{"device", 3}, {"process_type", "ZOLT"}, {"pid", 9}, {"socket", given}};
+    const std::string answer = Json({{"ok", true}, {"daemon", getpid()}, {"workers", {both, notOurs}}}).dump() + "\n";
+    ClaimMap claims;
+    ASSERT_TRUE(WaitUntil(
+        [&] { return (claims = ClaimsBy("daemon", ListedAfter(answer)))[NumberOf(shared)] != "unknown"; }, kLimit));
+    EXPECT_EQ(claims[given], "unknown");
+}
+
+TEST_F(ListOfFakeTest, ProcessThatServesNoConnectionIsNotAsked)
+{
+    ASSERT_EQ(unlink(kControlPath), 0);
+    auto [ready, other] = SocketPair();
+    const std::string answer = AnswerOf(Worker());
+    const ChildProcess child([this, &other = other, &answer] {
+        listener_.Reset();
+        daemon_.Reset();
+        const Fd control = FakeDaemon(kControlPath);
+        WriteAll(other, {1});
+        const Fd session = RawAccept(control, kLimit);
+        WriteAll(session, ToBytes(answer));
+        WriteAll(other, ReadExactly(session, 1, kLimit).empty() ? Bytes{2} : Bytes{3});
+        return 0;
+    });
+    EXPECT_EQ(ReadExactly(ready, 1, kLimit), Bytes{1});
+    EXPECT_EQ(OnlyConnection()["device"], nullptr);
+    EXPECT_EQ(ReadExactly(ready, 1, kLimit), Bytes{2});
+}
+
+TEST_F(ListOfFakeTest, HostileTypeNeverReachesTheTerminalRaw)
+{
+    const std::string answer = AnswerWith("process_type", "\033[2J\nZOLT");
+    std::string text;
+    ASSERT_TRUE(WaitUntil(
+        [&] {
+            Tool tool(kGakppctl, {"list"});
+            const Fd session = RawAccept(control_, kLimit);
+            WriteAll(session, ToBytes(answer));
+            EXPECT_TRUE(tool.Finish().ExitedWith(0));
+            text = tool.out();
+            return text.find("CLAIMS") != std::string::npos;
+        },
+        kLimit));
+    EXPECT_EQ(text.find('\033'), std::string::npos) << text;
+    EXPECT_NE(text.find("  \\x1b[2J\\nZOLT"), std::string::npos) << text;
 }
 
 TEST_F(ListTest, OptionsThatDoNotFit)

@@ -1,27 +1,19 @@
 // gakppctl workers, shutdown, start-custom, stop: the orders of a running gakppcd, through its control socket.
 
 #include <fmt/format.h>
-#include <sys/socket.h>
-#include <sys/un.h>
-#include <unistd.h>
 
-#include <cerrno>
 #include <charconv>
-#include <cstring>
 #include <memory>
 #include <nlohmann/json.hpp>
-#include <optional>
 
-#include "common/control_path.h"
 #include "common/deadline.h"
 #include "common/message.h"
-#include "common/ppc_socket.h"
+#include "control_client.h"
 #include "subcommands.h"
 
 namespace tools {
 namespace {
 
-constexpr size_t kLongestAnswer = 64UL * 1024 * 1024;
 constexpr char kRow[] = "{:>6}  {:<14}  {:>8}  {:>8}  {:<9}  {:>10}  {:>10}  {}\n";
 
 struct Options {
@@ -31,67 +23,6 @@ struct Options {
     bool wait = false;
     bool json = false;
     double timeout = 5;
-};
-
-std::string ControlPath(const Options& options)
-{
-    const std::string path = options.control.empty() ? DefaultControlPath() : options.control;
-    if (path.empty()) {
-        throw ExitError(kExitUsage, fmt::format("--control is needed: {}", kNoControlPath));
-    }
-    if (path.size() >= sizeof(sockaddr_un::sun_path)) {
-        throw ExitError(kExitUsage, fmt::format("--control: {:.40}... is too long for a socket", path));
-    }
-    return path;
-}
-
-// One connection to the daemon's control socket. What fails, or takes longer than the deadline, is an ExitError.
-class Connection {
-public:
-    Connection(const std::string& path, const Deadline& deadline)
-        : deadline_(deadline), socket_(ConnectToDaemon(deadline, path.c_str()))
-    {
-    }
-
-    // Sends an order and returns the line that answers it, with its newline.
-    std::string Ask(const std::string& order)
-    {
-        SendAll(socket_, Bytes(order.begin(), order.end()), deadline_);
-        std::string answer;
-        while (answer.empty() || answer.back() != '\n') {
-            if (!Read(answer)) {
-                throw ExitError(kExitFailed, "the daemon has ended the connection without an answer");
-            }
-        }
-        return answer;
-    }
-
-    // Returns when the daemon has ended the connection.
-    void WaitForEnd()
-    {
-        std::string rest;
-        while (Read(rest)) {
-        }
-    }
-
-private:
-    // Appends what comes; false at the end of the connection.
-    bool Read(std::string& text)
-    {
-        char buffer[65536];
-        if (text.size() > kLongestAnswer) {
-            throw ExitError(kExitFailed, "the answer is too long");
-        }
-        if (!WaitReadable(socket_.get(), deadline_)) {
-            throw ExitError(kExitTimeLimit, "the daemon has not answered in time");
-        }
-        const ssize_t count = recv(socket_.get(), buffer, sizeof(buffer), MSG_DONTWAIT);
-        text.append(buffer, count > 0 ? static_cast<size_t>(count) : 0);
-        return count > 0 || (count == -1 && (errno == EAGAIN || errno == EINTR));
-    }
-
-    const Deadline deadline_;
-    const Fd socket_;
 };
 
 uint32_t ParseNumber(const std::string& name, const std::string& text)
@@ -119,24 +50,15 @@ Json OrderOf(const char* name, const Options& options)
     return order;
 }
 
-Json ParseAnswer(const std::string& line)
-{
-    Json answer = Json::parse(line, nullptr, false);
-    if (!answer.is_object() || !answer["ok"].is_boolean()) {
-        throw ExitError(kExitFailed, "what answers there is no gakppcd");
-    }
-    return answer;
-}
-
 // The daemon's answer, which is printed with --json.
 Json Give(const char* name, const Options& options)
 {
-    Connection connection(ControlPath(options), Deadline(Seconds(options.timeout)));
+    ControlClient client(options.control, Deadline(Seconds(options.timeout)));
     const Json order = OrderOf(name, options);
-    const std::string line = connection.Ask(JsonLine(order));
-    Json answer = ParseAnswer(line);
+    const std::string line = client.Ask(JsonLine(order));
+    Json answer = ParseControlAnswer(line);
     if (order["order"] == "stop" && options.wait) {
-        connection.WaitForEnd();
+        client.WaitForEnd();
     }
     if (options.json) {
         Print(line);
@@ -155,8 +77,8 @@ std::string AgeText(const Json& seconds)
 std::string Row(const Json& worker)
 {
     const Json& realPid = worker.at("real_pid");
-    return fmt::format(kRow, worker.at("device").get<uint32_t>(), worker.at("process_type").get<std::string>(),
-                       worker.at("pid").get<uint32_t>(), realPid.is_null() ? "-" : realPid.dump(),
+    return fmt::format(kRow, NumberIn(worker, "device"), worker.at("process_type").get<std::string>(),
+                       NumberIn(worker, "pid"), realPid.is_null() ? "-" : realPid.dump(),
                        worker.at("state").get<std::string>(), worker.at("heartbeats").get<uint64_t>(),
                        AgeText(worker.at("heartbeat_age")), worker.at("since").get<std::string>());
 }
@@ -182,8 +104,8 @@ int Order(const char* name, const Options& options)
     const Json answer = Give(name, options);
     std::string text;
     for (const Json& worker : answer.at("workers")) {
-        text += fmt::format("device {} {} pid {} {}\n", worker.at("device").get<uint32_t>(),
-                            worker.at("process_type").get<std::string>(), worker.at("pid").get<uint32_t>(),
+        text += fmt::format("device {} {} pid {} {}\n", NumberIn(worker, "device"),
+                            worker.at("process_type").get<std::string>(), NumberIn(worker, "pid"),
                             worker.at("state").get<std::string>());
     }
     if (!options.json && !text.empty()) {
@@ -195,9 +117,7 @@ int Order(const char* name, const Options& options)
 std::shared_ptr<Options> AddOptions(CLI::App& app)
 {
     auto options = std::make_shared<Options>();
-    app.add_option("--control", options->control,
-                   fmt::format("The daemon's control socket {}", kDefaultControlPathHelp))
-        ->type_name("PATH");
+    AddControlOption(app, options->control);
     AddSeconds(app, "--timeout", options->timeout, "Limit for connecting, the answer and --wait (5)");
     app.add_flag("--json", options->json, "Print the daemon's answer, one line of JSON");
     return options;

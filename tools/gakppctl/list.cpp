@@ -1,4 +1,5 @@
-// gakppctl list: who is connected to whatever daemon listens, asked of the kernel (common/connections.h).
+// gakppctl list: who is connected to whatever daemon listens, asked of the kernel (common/connections.h), and what
+// the workers claim, asked of the daemon if it is a gakppcd.
 
 #include <fmt/format.h>
 #include <poll.h>
@@ -15,6 +16,7 @@
 #include "common/ppc_socket.h"
 #include "common/signals.h"
 #include "common/terminal.h"
+#include "control_client.h"
 #include "list/list_printer.h"
 #include "subcommands.h"
 
@@ -26,16 +28,18 @@ constexpr double kShortestInterval = 0.1;
 constexpr size_t kPieceSize = 4096;
 
 struct Options {
+    std::string control;
     bool json = false;
     double watch = -1;
     double duration = -1;
 };
 
-Listing Look()
+Listing Look(const Options& options)
 {
     Listing listing;
     listing.time = std::chrono::system_clock::now();
     listing.found = FindServerSockets();
+    listing.claims = AskForClaims(listing.found, options.control);
     return listing;
 }
 
@@ -65,7 +69,7 @@ std::string Joined(const std::vector<std::string>& lines)
 
 int ListOnce(const Options& options)
 {
-    const Listing listing = Look();
+    const Listing listing = Look(options);
     if (listing.found.servers.empty()) {
         ThrowNoServer();
     }
@@ -91,7 +95,7 @@ public:
     {
         do {
             next_ = Deadline(Seconds(options_.watch));
-            Write(Show(Look()));
+            Write(Show(Look(options_)));
         } while (Wait());
         return kExitOk;
     }
@@ -182,13 +186,15 @@ Subcommand AddList(CLI::App& program)
     CLI::App* app = program.add_subcommand(
         "list",
         "Show who is connected to the daemon, and how many bytes wait to be read\n\n"
-        "The kernel is asked, not the daemon, which may be any program that uses the library. PID, PROGRAM and AGE are "
+        "The kernel is asked, so the daemon may be any program that uses the library. PID, PROGRAM and AGE are "
         "of the process that holds the worker's end of a connection (the oldest one, if there are several), USER is "
-        "who made that end. TO DAEMON and TO WORKER count the bytes that were sent and not read yet. What cannot be "
-        "seen is called unknown: the processes of other users, unless root looks. Nothing is changed and nobody "
-        "notices.");
+        "who made that end. TO DAEMON and TO WORKER count the bytes that were sent and not read yet. DEVICE, TYPE and "
+        "CLAIMS (a process id) are what the worker says of itself; only a gakppcd that answers at its control socket "
+        "within a second can tell. What cannot be seen is called unknown: the processes of other users, unless root "
+        "looks. Nothing is changed.");
     auto options = std::make_shared<Options>();
     app->add_flag("--json", options->json, "Print one JSON object per line");
+    AddControlOption(*app, options->control);
     auto* watch = AddSeconds(*app, "--watch", options->watch,
                              "Look again and again, at these intervals: on a terminal in place, else one list after "
                              "the other");

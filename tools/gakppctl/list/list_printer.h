@@ -2,25 +2,14 @@
 #define GAKPPC_LIST_PRINTER_H
 
 #include <cstddef>
-#include <cstdint>
-#include <map>
 #include <string>
 #include <vector>
 
 #include "common/connections.h"
 #include "common/output.h"
+#include "worker_claims.h"
 
 namespace tools {
-
-// What a worker has told its daemon of itself.
-struct Claim {
-    uint32_t device = 0;
-    std::string processType;
-    uint32_t pid = 0;
-};
-
-// By the kernel's number of the daemon's end of the connection.
-using Claims = std::map<uint32_t, Claim>;
 
 // Everything that was seen at one time.
 struct Listing {
