@@ -11,7 +11,7 @@ file(READ "${BUILD}/install_prefix.txt" prefix)
 # Below /usr and /usr/local even empty folders belong to the system, unless they bear the library's name.
 function(is_ours result folder)
     string(FIND "${folder}/" "$ENV{DESTDIR}${prefix}/" position)
-    if(position EQUAL 0 AND (folder MATCHES "/gakppc$" OR NOT prefix MATCHES "^/+(usr(/+local)?)?/*$"))
+    if(position EQUAL 0 AND (folder MATCHES "/gakppc(/|$)" OR NOT prefix MATCHES "^/+(usr(/+local)?)?/*$"))
         set(${result} ON PARENT_SCOPE)
     else()
         set(${result} OFF PARENT_SCOPE)
