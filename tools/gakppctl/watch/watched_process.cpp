@@ -142,10 +142,10 @@ pid_t TheOnly(const std::vector<pid_t>& daemons, bool isHidden)
 
 }  // namespace
 
-WatchedProcess::WatchedProcess(pid_t pid) : name_(Printable(ValueInFile(Folder(pid) + "/status", "Name")))
+WatchedProcess::WatchedProcess(pid_t pid)
+    : name_(Printable(ValueInFile(Folder(pid) + "/status", "Name"))), pidfd_(OpenPid(pid))
 {
     struct stat folder {};
-    pidfd_ = OpenPid(pid);
     if (!pidfd_.valid() || stat(Folder(pid).c_str(), &folder) == -1) {
         throw ExitError(kExitFailed, fmt::format("process {}: {}", pid, strerror(errno)));
     }
