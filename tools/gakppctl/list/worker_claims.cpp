@@ -18,13 +18,13 @@ bool IsHeldBy(const ConnectionEnd& end, pid_t process)
                        [process](const SocketHolder& holder) { return holder.pid == process; });
 }
 
-// The numbers of the daemon's ends that a process holds. A tap's workers are the tap's.
+// The numbers of the daemon's ends that a process holds.
 std::set<uint32_t> EndsOf(pid_t process, const ServerSockets& found)
 {
     std::set<uint32_t> ends;
     for (const ServerSocket& server : found.servers) {
         for (const Connection& connection : server.connections) {
-            if (!server.isTap && connection.daemon.socket != 0 && IsHeldBy(connection.daemon, process)) {
+            if (connection.daemon.socket != 0 && IsHeldBy(connection.daemon, process)) {
                 ends.insert(connection.daemon.socket);
             }
         }
