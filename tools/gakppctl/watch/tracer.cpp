@@ -11,6 +11,7 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <sstream>
 #include <vector>
 
@@ -103,11 +104,30 @@ std::vector<const char*> EnvironmentWith(const std::vector<std::string>& setting
     return environment;
 }
 
+// bpftrace's programs know a process by its number in the kernel's first pid namespace.
+bool IsInFirstPidNamespace()
+{
+    constexpr char kFirst[] = "pid:[4026531836]";  // PROC_PID_INIT_INO
+    std::error_code error;
+    return std::filesystem::read_symlink("/proc/self/ns/pid", error) == kFirst;
+}
+
+void RequireOwnPids(const WatchedProcess& process)
+{
+    if (!process.library().isAtPath && !IsInFirstPidNamespace()) {
+        throw ExitError(kExitFailed,
+                        fmt::format("process {} uses a library that is no longer at {}; watch it from outside of this "
+                                    "pid namespace, or see gakppctl tap",
+                                    process.pid(), process.library().path));
+    }
+}
+
 }  // namespace
 
 Tracer::Tracer(const WatchedProcess& process, const sigset_t& mask)
 {
     const std::string bpftrace = RequireBpftrace();
+    RequireOwnPids(process);
     Pipe reports = MakePipe();
     Pipe complaints = MakePipe();
     // With -p it finds only what is at its path; without, it attaches to all processes that use the file.
