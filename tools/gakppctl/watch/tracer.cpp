@@ -114,11 +114,11 @@ bool IsInFirstPidNamespace()
 
 void RequireOwnPids(const WatchedProcess& process)
 {
-    if (!process.library().isAtPath && !IsInFirstPidNamespace()) {
+    if (!process.loaded().isAtPath && !IsInFirstPidNamespace()) {
         throw ExitError(kExitFailed,
                         fmt::format("process {} uses a library that is no longer at {}; watch it from outside of this "
                                     "pid namespace, or see gakppctl tap",
-                                    process.pid(), process.library().path));
+                                    process.pid(), process.loaded().path));
     }
 }
 
@@ -131,7 +131,7 @@ Tracer::Tracer(const WatchedProcess& process, const sigset_t& mask)
     Pipe reports = MakePipe();
     Pipe complaints = MakePipe();
     // With -p it finds only what is at its path; without, it attaches to all processes that use the file.
-    const LoadedLibrary& library = process.library();
+    const LoadedLibrary& library = process.loaded();
     const std::string program =
         library.isAtPath ? TraceProgram(library.path, 0) : TraceProgram(library.file, process.pid());
     const std::string pid = std::to_string(process.pid());

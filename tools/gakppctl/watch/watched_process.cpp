@@ -153,10 +153,10 @@ WatchedProcess::WatchedProcess(pid_t pid)
         ThrowNotRoot();
     }
     self_ = {pid, folder.st_uid};
-    library_ = FindLibrary(pid, name_);
-    if (!HasTracepoints(library_.file)) {
+    loaded_ = FindLibrary(pid, name_);
+    if (!HasTracepoints(loaded_.file)) {
         throw ExitError(kExitFailed, fmt::format("{}, which process {} ({}) has loaded, has no tracepoints; {}",
-                                                 library_.path, pid, name_, kInstead));
+                                                 loaded_.path, pid, name_, kInstead));
     }
     isDaemon_ = ListensAtDaemonsPath();
 }
@@ -188,7 +188,7 @@ bool WatchedProcess::HasProgram() const
 bool WatchedProcess::HasLibrary() const
 {
     struct stat file {};
-    return lstat(library_.file.c_str(), &file) == 0;
+    return lstat(loaded_.file.c_str(), &file) == 0;
 }
 
 Fd WatchedProcess::Duplicate(int descriptor) const

@@ -35,7 +35,7 @@ public:
     pid_t pid() const { return self_.pid; }
     const Peer& self() const { return self_; }
     const std::string& name() const { return name_; }
-    const LoadedLibrary& library() const { return library_; }
+    const LoadedLibrary& loaded() const { return loaded_; }
 
     // Whether it listens at the daemon's path.
     bool IsDaemon() const { return isDaemon_; }
@@ -62,7 +62,7 @@ private:
     Peer self_;
     std::string name_;
     Fd pidfd_;
-    LoadedLibrary library_;
+    LoadedLibrary loaded_;
     bool isDaemon_ = false;
 };
 
