@@ -33,9 +33,11 @@ function(gakppc_base_options target)
     endif()
 endfunction()
 
-# What hand-written code gets: warnings.
+# What hand-written code gets: warnings. Files are compiled one by one, also with CMAKE_UNITY_BUILD: those of the library
+# have names for the same thing in common, such as the path in their log lines.
 function(gakppc_own_code target)
     gakppc_base_options(${target})
+    set_target_properties(${target} PROPERTIES UNITY_BUILD OFF)
     target_compile_options(${target} PRIVATE -Wall -Wextra -Wpedantic -Wshadow
                            $<$<CXX_COMPILER_ID:Clang>:-Wthread-safety>
                            $<$<BOOL:${GAKPPC_WERROR}>:-Werror>)
