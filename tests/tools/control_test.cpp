@@ -119,6 +119,8 @@ TEST(ShutdownVerb, TellsOneWorker)
     EXPECT_EQ(outcome.out, "device 2 COMPUTE pid 4711 STOPPING\n");
     EXPECT_EQ(ReadMessage(worker).type, 5U);
     EXPECT_FALSE(WaitReadable(other, std::chrono::milliseconds(0)));
+    EXPECT_TRUE(Ctl({"shutdown", "2", "4711"}).status.ExitedWith(0));
+    EXPECT_FALSE(WaitReadable(worker, std::chrono::milliseconds(0))) << "it is told once";
     const Outcome unknown = Ctl({"shutdown", "2", "4712"});
     EXPECT_TRUE(unknown.status.ExitedWith(1));
     EXPECT_EQ(unknown.err, "gakppctl: no worker with device 2 and pid 4712\n");
@@ -209,6 +211,16 @@ TEST(StartCustomVerb, ProcessThatCannotBeStartedIsAFailure)
     const Outcome outcome = Ctl({"start-custom", "1", "4711", "--control", kControlPath});
     EXPECT_TRUE(outcome.status.ExitedWith(1));
     EXPECT_EQ(outcome.err, "gakppctl: /nowhere: No such file or directory\n");
+}
+
+TEST(StartCustomVerb, WorkerThatIsShuttingDownIsRefused)
+{
+    const auto daemon = StartDaemon();
+    const Fd worker = StartWorker(*daemon, 1);
+    ASSERT_TRUE(Ctl({"shutdown", "1", "4711"}).status.ExitedWith(0));
+    const Outcome outcome = Ctl({"start-custom", "1", "4711"});
+    EXPECT_TRUE(outcome.status.ExitedWith(1));
+    EXPECT_EQ(outcome.err, "gakppctl: device 1 pid 4711 is shutting down\n");
 }
 
 TEST(StopVerb, EndsTheDaemonAsQuitDoes)

@@ -273,6 +273,22 @@ TEST(Gakppcd, NothingIsSentBehindTheOrderToShutDown)
     EXPECT_TRUE(ExpectEof(asker, kLimit));
 }
 
+TEST(Gakppcd, CustomProcessDoesNotStartWhileTheDaemonStops)
+{
+    const auto daemon = StartDaemon({"--grace", "600", "--worker-program", "/bin/true", "--auto-custom"});
+    const Fd worker = RawConnect(kServer);
+    ASSERT_TRUE(WriteAll(worker, PpcFrame(FromWorker(0, 1))));
+    ASSERT_TRUE(daemon->WaitForOut("STARTED"));
+    daemon->Kill(SIGTERM);
+    EXPECT_EQ(ReadOrder(worker).type, 5u);
+    const Fd asker = RawConnect(kServer);
+    ASSERT_TRUE(WriteAll(asker, PpcFrame(FromWorker(3, 2))));
+    EXPECT_TRUE(daemon->WaitForOut("NOTIFY_VEXOINFO"));
+    daemon->Kill(SIGTERM);  // enough waited
+    daemon->Finish();
+    EXPECT_EQ(CountOf(daemon->out(), "SPAWNED"), 0u) << daemon->out();
+}
+
 TEST(Gakppcd, ListensForOrdersWhereItIsTold)
 {
     const auto daemon = StartDaemon({"--control", "/home/orders"});
