@@ -127,12 +127,8 @@ std::string Controller::OrderShutdown(Worker& worker)
         return {};
     }
     worker.waitsForCustom = false;
-    const WorkerState before = std::exchange(worker.state, WorkerState::kStopping);
-    std::string problem = Send(PPCMessage::SHUTDOWN, worker.type, worker);
-    if (!problem.empty() && worker.state == WorkerState::kStopping) {
-        worker.state = before;
-    }
-    return problem;
+    worker.state = WorkerState::kStopping;
+    return Send(PPCMessage::SHUTDOWN, worker.type, worker);
 }
 
 Outcome Controller::ShutdownAll()
