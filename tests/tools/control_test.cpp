@@ -298,6 +298,18 @@ TEST_P(EveryVerb, DaemonThatDoesNotAnswerIsATimeOut)
     EXPECT_EQ(outcome.err, "gakppctl: the daemon has not answered in time\n");
 }
 
+TEST_P(EveryVerb, AnswerThatNeverComesToItsEndIsATimeOut)
+{
+    const Fd listener = FakeDaemon("/home/trickle");
+    std::vector<std::string> words = GetParam();
+    words.insert(words.end(), {"--control", "/home/trickle", "--timeout", "0.2"});
+    Tool tool(kGakppctl, words);
+    const Fd session = RawAccept(listener, kLimit);
+    while (WriteAll(session, ToBytes("x"))) {  // there is always something to read
+    }
+    EXPECT_TRUE(tool.Finish().ExitedWith(124)) << tool.err();
+}
+
 TEST_P(EveryVerb, AnswerThatIsNoneIsAFailure)
 {
     for (const std::string answer : {"", "half", "no\n", "[]\n", "{\"ok\":1}\n", "{}\n", "{\"ok\":true}\n",

@@ -393,9 +393,9 @@ TEST_F(ListTest, WatchEndsOnASignalAlthoughNobodyReads)
         ends.push_back(std::move(daemon_));
     }
     ASSERT_EQ(mkfifo("/home/pipe", 0600), 0);
-    Tool stuck("sh", {"-c", "exec \"$0\" list --watch 0.1 > /home/pipe", kGakppctl});
-    const Fd reader(open("/home/pipe", O_RDONLY | O_CLOEXEC));
+    const Fd reader(open("/home/pipe", O_RDONLY | O_NONBLOCK | O_CLOEXEC));
     ASSERT_EQ(fcntl(reader.get(), F_SETPIPE_SZ, 4096), 4096) << "less than one list takes";
+    Tool stuck("sh", {"-c", "exec \"$0\" list --watch 0.1 > /home/pipe", kGakppctl});
     ASSERT_TRUE(WaitUntil(
         [&reader] {
             int bytes = 0;

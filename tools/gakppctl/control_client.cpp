@@ -76,7 +76,7 @@ bool ControlClient::Read(std::string& text)
     if (text.size() > kLongestAnswer) {
         throw ExitError(kExitFailed, "the answer is too long");
     }
-    if (!WaitReadable(socket_.get(), deadline_) || deadline_.Passed()) {
+    if (!WaitReadable(socket_.get(), deadline_)) {
         throw ExitError(kExitTimeLimit, "the daemon has not answered in time");
     }
     const ssize_t count = recv(socket_.get(), buffer, sizeof(buffer), MSG_DONTWAIT);
