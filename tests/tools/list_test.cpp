@@ -74,8 +74,8 @@ protected:
 
     std::unique_ptr<Tool> StartWorker(const std::string& device = "1")
     {
-        auto worker =
-            std::make_unique<Tool>(kGakppctl, std::vector<std::string>{"worker", "--device", device, "--for", "300"});
+        auto worker = std::make_unique<Tool>(
+            kGakppctl, std::vector<std::string>{"worker", "--device", device, "--heartbeat", "0", "--for", "300"});
         daemon_ = RawAccept(listener_, kLimit);
         EXPECT_TRUE(ReadPpcFrame(daemon_, kLimit).has_value());
         return worker;
@@ -621,6 +621,7 @@ TEST_F(ListOfGakppcdTest, DaemonThatHangsIsShownWithoutClaims)
     ExpectNoClaims({});
     Tool watch(kGakppctl, {"list", "--watch", "0.1"});
     EXPECT_TRUE(watch.WaitUntilOutput([&] { return CountOf(watch.out(), ": 1 connection\n") == 2; }, kLimit));
+    EXPECT_TRUE(Ctl({"list", "--watch", "0.1", "--for", "0.3"}).status.ExitedWith(0)) << "a look takes longer";
     daemon->Kill(SIGCONT);
     EXPECT_TRUE(watch.WaitForOut("  COMPUTE    4711\n"));
 }

@@ -160,10 +160,10 @@ void Watch::Write(const std::string& text)
     }
 }
 
-// Whether it is time for the next look, and not for the end.
+// Whether it is time for the next look, and not for the end. Both have passed when a look took long.
 bool Watch::Wait()
 {
-    const bool isLast = end_.has_value() && end_->RemainingMs() < next_.RemainingMs();
+    const bool isLast = end_.has_value() && end_->RemainingMs() <= next_.RemainingMs();
     pollfd wanted{signals_.get(), POLLIN, 0};
     const Deadline& deadline = isLast ? *end_ : next_;
     while (!deadline.Passed()) {
