@@ -2,7 +2,8 @@
 // connections at once. Each line must get one answer of its own, in its order, as a model says. GAKPPC_SEARCH_SEED and
 // GAKPPC_SEARCH_ROUNDS in the environment repeat a search or make it longer.
 
-#include <poll.h>
+#include <linux/sockios.h>
+#include <sys/ioctl.h>
 
 #include <cstdlib>
 #include <iostream>
@@ -105,6 +106,17 @@ struct Client {
     bool leaves = false;  // without having read its answers
 };
 
+// When the daemon has taken everything, it sees the next piece by itself.
+void WaitUntilTaken(const Fd& socket)
+{
+    EXPECT_TRUE(WaitUntil(
+        [&socket] {
+            int left = 0;
+            return ioctl(socket.get(), SIOCOUTQ, &left) == -1 || left == 0;
+        },
+        kLimit));
+}
+
 // Sends what all clients have to send, in pieces of random length and in random turns.
 void SendInPieces(std::vector<std::unique_ptr<Client>>& clients, Random& random)
 {
@@ -119,8 +131,10 @@ void SendInPieces(std::vector<std::unique_ptr<Client>>& clients, Random& random)
             client->sent += piece;
             isMore = isMore || client->sent < client->bytes.size();
         }
-        if (Below(random, 4) == 0) {
-            poll(nullptr, 0, 1);  // lets the daemon see the pieces one by one
+        for (const auto& client : clients) {
+            if (Below(random, 4) == 0) {
+                WaitUntilTaken(client->peer.socket());
+            }
         }
     }
 }
