@@ -1,6 +1,5 @@
 #include "socket_diag.h"
 
-#include <fcntl.h>
 #include <fmt/format.h>
 #include <linux/netlink.h>
 #include <linux/rtnetlink.h>
@@ -15,6 +14,8 @@
 #include <cerrno>
 #include <cstring>
 #include <functional>
+#include <system_error>
+#include <thread>
 
 #include "deadline.h"
 #include "exit_error.h"
@@ -180,19 +181,21 @@ Fd OpenSocketDiag()
     return Fd(socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC, NETLINK_SOCK_DIAG));
 }
 
-// A socket stays in the namespace in which it was made.
+// A socket stays in the namespace in which it was made. The thread that enters one ends there: who may enter it may not
+// always return.
 Fd OpenSocketDiagIn(const Fd& network)
 {
-    const Fd ours(open("/proc/thread-self/ns/net", O_RDONLY | O_CLOEXEC));
-    if (!ours.valid() || setns(network.get(), CLONE_NEWNET) == -1) {
-        return Fd();
+    Fd diag;
+    const auto open = [&network, &diag] {
+        if (setns(network.get(), CLONE_NEWNET) == 0) {
+            diag = OpenSocketDiag();
+        }
+    };
+    try {
+        std::thread(open).join();
+    } catch (const std::system_error&) {
+        return Fd();  // no more threads
     }
-    Fd diag = OpenSocketDiag();
-    const int error = errno;
-    if (setns(ours.get(), CLONE_NEWNET) == -1) {
-        throw ExitError(kExitFailed, fmt::format("setns: {}", strerror(errno)));
-    }
-    errno = error;
     return diag;
 }
 
