@@ -223,6 +223,14 @@ std::vector<std::string> ThreadIds(const std::string& namePrefix)
     return ids;
 }
 
+bool MapsOtherUsers()
+{
+    std::ifstream map("/proc/self/uid_map");
+    uint32_t inside = 0, outside = 0, count = 0;
+    map >> inside >> outside >> count;
+    return count > 1;
+}
+
 bool WaitUntil(const std::function<bool()>& condition, Deadline deadline)
 {
     while (!condition()) {

@@ -71,6 +71,9 @@ size_t OpenDescriptors();
 size_t ThreadCount();
 std::vector<std::string> ThreadNames();
 
+// Whether there are other users, whom files can be given to: not in the user namespace of an ordinary user's test run.
+bool MapsOtherUsers();
+
 // The ids of the threads whose names begin like this.
 std::vector<std::string> ThreadIds(const std::string& namePrefix);
 

@@ -21,6 +21,7 @@
 #include <cstdio>
 #include <cstring>
 #include <filesystem>
+#include <fstream>
 #include <functional>
 #include <memory>
 #include <set>
@@ -353,6 +354,9 @@ TEST_F(ConnectionsTest, WorkerInAnotherNetworkNamespace)
     EXPECT_EQ(PidsOf(connection.worker.processes), std::vector{worker.pid()});
     EXPECT_EQ(connection.worker.user, 0U);
     EXPECT_EQ(connection.worker.unread, 5U);
+    if (!MapsOtherUsers()) {
+        GTEST_SKIP() << "this test's user namespace has no other user";
+    }
     EXPECT_TRUE(FindServerSockets().complete);
     ChildProcess nobody([] {
         EXPECT_EQ(close_range(3, ~0U, 0), 0);
@@ -362,6 +366,30 @@ TEST_F(ConnectionsTest, WorkerInAnotherNetworkNamespace)
         return 0;
     });
     EXPECT_TRUE(nobody.WaitExit(kLimit).ExitedWith(0));
+}
+
+// As for an ordinary user's containers.
+TEST_F(ConnectionsTest, NetworkNamespaceThatCanBeEnteredButNotLeft)
+{
+    ChildProcess rootOfItsOwn([this] {
+        if (unshare(CLONE_NEWUSER) == -1) {
+            return 77;
+        }
+        std::ofstream("/proc/self/uid_map") << "0 0 1";
+        const Waiting worker([this] {
+            listener_.Reset();
+            ASSERT_EQ(unshare(CLONE_NEWNET), 0);
+            static const Fd connection = RawConnect(kServer);
+            ASSERT_TRUE(connection.valid());
+        });
+        EXPECT_EQ(PidsOf(OnlyConnection().worker.processes), std::vector{worker.pid()});
+        return testing::Test::HasFailure() ? 1 : 0;
+    });
+    const auto status = rootOfItsOwn.WaitExit(kLimit);
+    if (status.ExitedWith(77)) {
+        GTEST_SKIP() << "user namespaces are not permitted";
+    }
+    EXPECT_TRUE(status.ExitedWith(0)) << status;
 }
 
 TEST_F(ConnectionsTest, DaemonInAnotherNetworkNamespace)
@@ -402,6 +430,9 @@ TEST_F(ConnectionsTest, ProcessesInAnotherPidNamespace)
 
 TEST_F(ConnectionsTest, UserWhoMayNotSeeTheProcesses)
 {
+    if (!MapsOtherUsers()) {
+        GTEST_SKIP() << "this test's user namespace has no other user";
+    }
     Connect();
     ASSERT_TRUE(WriteAll(worker_, Bytes(5)));
     ChildProcess nobody([] {
@@ -421,6 +452,9 @@ TEST_F(ConnectionsTest, UserWhoMayNotSeeTheProcesses)
 
 TEST_F(ConnectionsTest, UserWhoMayNotSeeTheSocket)
 {
+    if (!MapsOtherUsers()) {
+        GTEST_SKIP() << "this test's user namespace has no other user";
+    }
     Connect();
     ASSERT_EQ(chmod(kSocketDir, 0350), 0);
     ChildProcess nobody([] {

@@ -199,14 +199,6 @@ std::unique_ptr<Tool> StartCtlAsNobody(const std::vector<std::string>& arguments
     return StartAsNobody(kGakppctl, arguments);
 }
 
-bool MapsOtherUsers()
-{
-    std::ifstream map("/proc/self/uid_map");
-    uint32_t inside = 0, outside = 0, count = 0;
-    map >> inside >> outside >> count;
-    return count > 1;
-}
-
 bool IsAsleep(pid_t pid)
 {
     std::ifstream in("/proc/" + std::to_string(pid) + "/stat");

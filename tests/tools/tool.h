@@ -83,9 +83,6 @@ std::unique_ptr<Tool> StartCtlAsNobody(const std::vector<std::string>& arguments
 // Whether every line of `text`, and there is at least one, is JSON that docs/schema/<name>.json accepts.
 testing::AssertionResult FitsSchema(const std::string& text, const std::string& name);
 
-// Whether files can be given to other users: not in the user namespace of an ordinary user's test run.
-bool MapsOtherUsers();
-
 // Whether the main thread of a process waits in a system call.
 bool IsAsleep(pid_t pid);
 
