@@ -213,7 +213,7 @@ std::string ReasonToSkip()
     return "the emulator knows neither the kernel's table of sockets nor the groups of a peer";
 #endif
     if (!MapsOtherUsers()) {
-        return "an ordinary user's namespace has no second user";
+        return "there is no other user in the namespace of an ordinary user's test run";
     }
     ChildProcess other([] {
         return unshare(CLONE_NEWNET) == 0 && setgroups(0, nullptr) == 0 && setresuid(3001, 3001, 3001) == 0 ? 0 : 1;

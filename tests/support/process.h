@@ -71,16 +71,22 @@ size_t OpenDescriptors();
 size_t ThreadCount();
 std::vector<std::string> ThreadNames();
 
-// Whether there are other users, whom files can be given to: not in the user namespace of an ordinary user's test run.
-bool MapsOtherUsers();
-
 // The ids of the threads whose names begin like this.
 std::vector<std::string> ThreadIds(const std::string& namePrefix);
+
+// Whether there are other users, whom files can be given to: not in the user namespace of an ordinary user's test run.
+bool MapsOtherUsers();
 
 // Waits until `condition` holds, asking every few milliseconds. False when the deadline came first. Only for state that
 // has no event to wait for, such as the system's tables of threads and descriptors.
 bool WaitUntil(const std::function<bool()>& condition, Deadline deadline);
 
 }  // namespace gaktest
+
+// In a test that becomes another user.
+#define GAKPPC_SKIP_WITHOUT_OTHER_USERS() \
+    if (!gaktest::MapsOtherUsers()) { \
+        GTEST_SKIP() << "there is no other user in the namespace of an ordinary user's test run"; \
+    }
 
 #endif

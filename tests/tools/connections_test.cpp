@@ -354,9 +354,7 @@ TEST_F(ConnectionsTest, WorkerInAnotherNetworkNamespace)
     EXPECT_EQ(PidsOf(connection.worker.processes), std::vector{worker.pid()});
     EXPECT_EQ(connection.worker.user, 0U);
     EXPECT_EQ(connection.worker.unread, 5U);
-    if (!MapsOtherUsers()) {
-        GTEST_SKIP() << "this test's user namespace has no other user";
-    }
+    GAKPPC_SKIP_WITHOUT_OTHER_USERS();
     EXPECT_TRUE(FindServerSockets().complete);
     ChildProcess nobody([] {
         EXPECT_EQ(close_range(3, ~0U, 0), 0);
@@ -430,9 +428,7 @@ TEST_F(ConnectionsTest, ProcessesInAnotherPidNamespace)
 
 TEST_F(ConnectionsTest, UserWhoMayNotSeeTheProcesses)
 {
-    if (!MapsOtherUsers()) {
-        GTEST_SKIP() << "this test's user namespace has no other user";
-    }
+    GAKPPC_SKIP_WITHOUT_OTHER_USERS();
     Connect();
     ASSERT_TRUE(WriteAll(worker_, Bytes(5)));
     ChildProcess nobody([] {
@@ -452,9 +448,7 @@ TEST_F(ConnectionsTest, UserWhoMayNotSeeTheProcesses)
 
 TEST_F(ConnectionsTest, UserWhoMayNotSeeTheSocket)
 {
-    if (!MapsOtherUsers()) {
-        GTEST_SKIP() << "this test's user namespace has no other user";
-    }
+    GAKPPC_SKIP_WITHOUT_OTHER_USERS();
     Connect();
     ASSERT_EQ(chmod(kSocketDir, 0350), 0);
     ChildProcess nobody([] {

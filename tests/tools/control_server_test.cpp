@@ -314,9 +314,7 @@ TEST(ControlProtocol, SecondOrderToShutDownSendsNothingMore)
 
 TEST(ControlHarm, OtherUsersAreRefused)
 {
-    if (!MapsOtherUsers()) {
-        GTEST_SKIP() << "this test's user namespace has no other user";
-    }
+    GAKPPC_SKIP_WITHOUT_OTHER_USERS();
     const auto daemon = StartDaemon({"--control", "/home/orders"});
     ASSERT_EQ(chmod("/home/orders", 0666), 0);  // as if somebody had opened it
     Tool other("setpriv", {"--reuid=65534", "--regid=65534", "--clear-groups", "env", "PATH=/usr/bin", "python3", "-c",

@@ -341,9 +341,7 @@ TEST_P(EveryVerb, DefaultPathIsThatOfTheDaemon)
 
 TEST_P(EveryVerb, OrdinaryUsersHaveAPathOfTheirOwn)
 {
-    if (!MapsOtherUsers()) {
-        GTEST_SKIP() << "this test's user namespace has no other user";
-    }
+    GAKPPC_SKIP_WITHOUT_OTHER_USERS();
     for (const bool hasOwn : {true, false}) {
         setenv("RUNTIME_DIRECTORY", "", 1);
         setenv("XDG_RUNTIME_DIR", hasOwn ? "/home/own" : "", 1);

@@ -159,9 +159,7 @@ TEST_F(Doctor, NameThatNobodyHasIsWrongUsage)
 
 TEST_F(Doctor, OtherUserIsTriedAsThatUser)
 {
-    if (!MapsOtherUsers()) {
-        GTEST_SKIP() << "an ordinary user's namespace has no second user";
-    }
+    GAKPPC_SKIP_WITHOUT_OTHER_USERS();
     const Outcome outcome = Ctl({"doctor", "--user", "nobody"});
     EXPECT_TRUE(outcome.status.ExitedWith(1)) << outcome.status;
     EXPECT_NE(outcome.out.find("fault   connection: user nobody may not connect to " + kSock +
@@ -181,9 +179,7 @@ TEST_F(Doctor, UserThatMayNotBeTakenIsAnErrorWithoutAFinding)
 
 TEST_F(Doctor, OnlyRootAnswersForOthers)
 {
-    if (!MapsOtherUsers()) {
-        GTEST_SKIP() << "an ordinary user's namespace has no second user";
-    }
+    GAKPPC_SKIP_WITHOUT_OTHER_USERS();
     const auto other = StartCtlAsNobody({"doctor", "--user", "root"});
     EXPECT_TRUE(other->Finish().ExitedWith(2)) << other->out();
     EXPECT_EQ(other->err(), "gakppctl: only root can find out what another user gets\n");

@@ -307,9 +307,7 @@ TEST(Gakppcd, SecondDaemonIsRefusedUnlessItReplaces)
 
 TEST(Gakppcd, DaemonThatCannotBeSeenIsNotCalledProcessZero)
 {
-    if (!MapsOtherUsers()) {
-        GTEST_SKIP() << "an ordinary user's namespace has no second user";
-    }
+    GAKPPC_SKIP_WITHOUT_OTHER_USERS();
     const auto first = StartDaemon();
     const auto second = StartAsNobody(kGakppcd, {});
     EXPECT_TRUE(second->Finish().ExitedWith(1));

@@ -270,9 +270,7 @@ TEST_F(ListTest, DaemonThatWasReplacedKeepsItsWorkers)
 
 TEST_F(ListTest, UserWhoMayNotSeeTheProcesses)
 {
-    if (!MapsOtherUsers()) {
-        GTEST_SKIP() << "this test's user namespace has no other user";
-    }
+    GAKPPC_SKIP_WITHOUT_OTHER_USERS();
     const auto worker = StartWorker();
     const auto nobody = StartCtlAsNobody({"list"});
     EXPECT_TRUE(nobody->Finish().ExitedWith(0)) << nobody->err();
@@ -301,9 +299,7 @@ TEST_F(ListTest, SystemThatHidesProcesses)
 
 TEST_F(ListTest, DaemonInANetworkThatMayNotBeSeen)
 {
-    if (!MapsOtherUsers()) {
-        GTEST_SKIP() << "this test's user namespace has no other user";
-    }
+    GAKPPC_SKIP_WITHOUT_OTHER_USERS();
     listener_.Reset();
     Tool daemon("unshare", {"--net", "sh", "-c", "umask 0; exec \"$0\" --json", kGakppcd});
     ASSERT_TRUE(daemon.WaitForOut("SERVING"));
@@ -655,9 +651,7 @@ TEST_F(ListOfGakppcdTest, ControlSocketThatCannotBeReached)
         ExpectNoClaims({"--control", path});
     }
     ExpectNoClaims({"--control", "/" + std::string(200, 'x')});
-    if (!MapsOtherUsers()) {
-        GTEST_SKIP() << "this test's user namespace has no other user";
-    }
+    GAKPPC_SKIP_WITHOUT_OTHER_USERS();
     const auto nobody = StartCtlAsNobody({"list", "--control", kControlPath});
     EXPECT_TRUE(nobody->Finish().ExitedWith(0)) << nobody->err();
     EXPECT_EQ(nobody->out().find("CLAIMS"), std::string::npos) << nobody->out();

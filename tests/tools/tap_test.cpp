@@ -373,9 +373,7 @@ TEST(TapStandaloneTest, NoDaemonIsTold)
 
 TEST_F(TapTest, UserWhoMayNotLookForADaemonIsToldSo)
 {
-    if (!MapsOtherUsers()) {
-        GTEST_SKIP() << "an ordinary user's namespace has no second user";
-    }
+    GAKPPC_SKIP_WITHOUT_OTHER_USERS();
     ASSERT_EQ(chmod("/home/KrovaUser/qel_ppc", 0350), 0);
     const auto tap = StartCtlAsNobody({"tap"});
     EXPECT_TRUE(tap->Finish().ExitedWith(1)) << "a daemon may well listen there";
@@ -384,9 +382,7 @@ TEST_F(TapTest, UserWhoMayNotLookForADaemonIsToldSo)
 
 TEST_F(TapTest, DaemonThatCannotBeLookedForHasNotEnded)
 {
-    if (!MapsOtherUsers()) {
-        GTEST_SKIP() << "an ordinary user's namespace has no second user";
-    }
+    GAKPPC_SKIP_WITHOUT_OTHER_USERS();
     ASSERT_EQ(chown("/home/KrovaUser/qel_ppc", 65534, 65534), 0);
     ASSERT_EQ(chown(kSock.c_str(), 65534, 65534), 0);
     const auto tap = StartCtlAsNobody({"tap"});

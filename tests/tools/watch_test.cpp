@@ -470,9 +470,7 @@ TEST(WatchRefusal, RootOfAUserNamespace)
 
 TEST(WatchRefusal, UserWhoIsNotRoot)
 {
-    if (!MapsOtherUsers()) {
-        GTEST_SKIP() << "an ordinary user's namespace has no second user";
-    }
+    GAKPPC_SKIP_WITHOUT_OTHER_USERS();
     Tool daemon(kGakppcd, {});
     ASSERT_TRUE(daemon.WaitForOut("SERVING"));
     for (const auto& arguments : {std::vector<std::string>{"watch"},
