@@ -107,29 +107,6 @@ TEST(ControlSocket, StoppedDaemonKeepsItsOwn)
     EXPECT_TRUE(IsGranted(ControlPeer().Ask(kWorkersOrder)));
 }
 
-TEST(ControlSocket, OneOfManyDaemonsGetsALeftover)
-{
-    {
-        const auto killed = StartDaemon();
-        killed->Kill(SIGKILL);
-        killed->Finish();
-    }
-    std::vector<std::unique_ptr<Tool>> daemons;
-    for (int i = 0; i < 6; ++i) {
-        daemons.push_back(std::make_unique<Tool>(kGakppcd, std::vector<std::string>{"--replace"}));
-    }
-    size_t warned = 0;
-    for (const auto& daemon : daemons) {
-        EXPECT_TRUE(daemon->WaitForOut("SERVING"));
-    }
-    for (const auto& daemon : daemons) {
-        daemon->Kill(SIGTERM);
-        EXPECT_TRUE(daemon->Finish().ended);
-        warned += CountOf(daemon->err(), "another daemon listens there");
-    }
-    EXPECT_EQ(warned, daemons.size() - 1);
-}
-
 TEST(ControlSocket, FileThatIsNoSocketIsNeverReplaced)
 {
     std::ofstream("/home/precious") << "data";
