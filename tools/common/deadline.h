@@ -25,12 +25,14 @@ public:
 
     bool Passed() const { return Clock::now() >= when_; }
 
-    // For poll(2): rounded up, 0 when the deadline has passed.
+    // For poll(2): rounded up, 0 when the deadline has passed, no more than it can wait.
     int RemainingMs() const
     {
         const auto left = std::chrono::ceil<std::chrono::milliseconds>(when_ - Clock::now()).count();
         return static_cast<int>(std::clamp<long long>(left, 0, INT_MAX));
     }
+
+    friend bool operator<(const Deadline& left, const Deadline& right) { return left.when_ < right.when_; }
 
 private:
     Clock::time_point when_;

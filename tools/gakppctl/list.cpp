@@ -163,15 +163,14 @@ void Watch::Write(const std::string& text)
 // Whether it is time for the next look, and not for the end. Both have passed when a look took long.
 bool Watch::Wait()
 {
-    const bool isLast = end_.has_value() && end_->RemainingMs() <= next_.RemainingMs();
+    const Deadline& deadline = end_.has_value() && *end_ < next_ ? *end_ : next_;
     pollfd wanted{signals_.get(), POLLIN, 0};
-    const Deadline& deadline = isLast ? *end_ : next_;
     while (!deadline.Passed()) {
         if (poll(&wanted, 1, deadline.RemainingMs()) > 0) {
             return false;
         }
     }
-    return !isLast && signals_.Next() == 0;
+    return !HasPassed(end_) && signals_.Next() == 0;
 }
 
 int Run(const Options& options)
