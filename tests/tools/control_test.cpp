@@ -305,8 +305,10 @@ TEST_P(EveryVerb, AnswerThatNeverComesToItsEndIsATimeOut)
     words.insert(words.end(), {"--control", "/home/trickle", "--timeout", "0.2"});
     Tool tool(kGakppctl, words);
     const Fd session = RawAccept(listener, kLimit);
-    while (WriteAll(session, ToBytes("x"))) {  // there is always something to read
+    const Deadline limit(kLimit);
+    while (!limit.Passed() && WriteAll(session, ToBytes("x"))) {  // there is always something to read
     }
+    EXPECT_FALSE(limit.Passed());
     EXPECT_TRUE(tool.Finish().ExitedWith(124)) << tool.err();
 }
 
