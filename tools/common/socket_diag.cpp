@@ -186,13 +186,13 @@ Fd OpenSocketDiag()
 Fd OpenSocketDiagIn(const Fd& network)
 {
     Fd diag;
-    const auto open = [&network, &diag] {
+    const auto enter = [&network, &diag] {
         if (setns(network.get(), CLONE_NEWNET) == 0) {
             diag = OpenSocketDiag();
         }
     };
     try {
-        std::thread(open).join();
+        std::thread(enter).join();
     } catch (const std::system_error&) {
         return Fd();  // no more threads
     }

@@ -30,9 +30,9 @@ struct UnixSocket {
 // questions.
 std::optional<std::vector<UnixSocket>> ListeningSockets();
 
-// For questions about the sockets of this network namespace or, which only root may ask, of another one. Invalid when
-// the kernel refuses that; the first one sets errno. An accepted socket belongs to the namespace of the process that
-// connected.
+// For questions about the sockets of this network namespace or of another one, which root and the owner of that
+// namespace may ask: a thread enters it for a moment. Invalid when the kernel refuses that; the first one sets errno.
+// An accepted socket belongs to the namespace of the process that connected.
 Fd OpenSocketDiag();
 Fd OpenSocketDiagIn(const Fd& network);
 
