@@ -29,8 +29,8 @@ namespace {
 constexpr int kTickMs = 200;
 constexpr std::chrono::seconds kLossReportTime{1};
 constexpr std::chrono::milliseconds kReadTime{300};
-constexpr std::chrono::milliseconds kRequestTime{1000};
-constexpr std::chrono::seconds kEndTime{10};  // for what is still on its way
+constexpr std::chrono::seconds kRequestTime{1};
+constexpr std::chrono::seconds kLongestRequestTime{32};
 
 struct Options {
     RecordOptions records;
@@ -200,16 +200,17 @@ void Watch::WaitForTracer(std::chrono::milliseconds time)
     }
 }
 
-// What has happened so far is still shown; a second signal ends that. bpftrace ends by itself after its process, gives
-// up reading when a signal interrupts it in that, and misses one that comes while it does not wait.
+// What has happened so far is still shown; a second signal ends that. bpftrace ends by itself after its process. It
+// misses a signal that comes while it does not wait, and gives up reading when another one interrupts it in that: so it
+// is asked again, and each time later. The kernel removes its probes, one by one, when all programs let it: a minute is
+// not too long on a busy machine.
 void Watch::End()
 {
     if (attached_ && !output_.IsFull()) {
         WaitForTracer(kReadTime);
-        const Deadline deadline(kEndTime);
-        while (tracerRuns_ && !interrupted_ && !deadline.Passed()) {
+        for (auto time = kRequestTime; tracerRuns_ && !interrupted_ && time <= kLongestRequestTime; time *= 2) {
             tracer_.RequestEnd();
-            WaitForTracer(kRequestTime);
+            WaitForTracer(time);
         }
         if (tracerRuns_) {
             PrintError("bpftrace has not reported all in time: the last messages may be missing");
