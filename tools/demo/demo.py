@@ -106,8 +106,8 @@ class Demonstration:
         def heard(what):
             return lambda: fleet.count(lambda worker: what in worker.heard)
 
-        def watched():
-            return sum(worker.pid in self.watched for worker in fleet.others(ABNORMAL_DEVICE, "ZOLT"))
+        def healthy_in(pids):
+            return sum(worker.pid in pids for worker in fleet.others(ABNORMAL_DEVICE, "ZOLT"))
 
         def ended(device, what, end):
             worker = fleet.at(device, "ZOLT")
@@ -129,10 +129,10 @@ class Demonstration:
                       lambda: self.tapped_texts[" ".join(["NOTIFY_VEXOINFO", *LIBRARIES])]),
             "told": ("its custom worker is started, and its call of CreateOrFindCustPid returns", 4,
                      lambda: len(self.custom_ready)),
-            "listed": ("the list of connections, from the kernel, names the process of each worker", WORKERS,
-                       lambda: fleet.count(lambda worker: worker.pid in self.listed and self.list.end == "exit 0")),
+            "listed": ("the list of connections, from the kernel, names the process of each healthy worker",
+                       WORKERS - 1, lambda: healthy_in(self.listed) if self.list.end == "exit 0" else 0),
             "watched": ("a watch on the daemon shows a heartbeat of each healthy worker, all older than itself",
-                        WORKERS - 1, watched),
+                        WORKERS - 1, lambda: healthy_in(self.watched)),
             "unwatched": ("the watch ends with status 0", 1, lambda: int(self.watch.end == "exit 0")),
             "abnormal": (f"ABNORMAL from device {ABNORMAL_DEVICE} ZOLT, which exits with status 1", 1,
                          ended(ABNORMAL_DEVICE, "ABNORMAL", "exit 1")),
