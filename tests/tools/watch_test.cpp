@@ -519,19 +519,49 @@ TEST_F(WithoutTracerTest, TracefsIsNamed)
     EXPECT_NE(watch.err().find("mount -t tracefs tracefs /sys/kernel/tracing\n"), std::string::npos) << watch.err();
 }
 
-// A program in bpftrace's place says what bpftrace does when the kernel refuses.
-TEST_F(WithoutTracerTest, WhatBpftraceSaysIsPassedOn)
-{
-    const std::string reason = PrepareTracing();
-    if (!reason.empty()) {
-        GTEST_SKIP() << reason;
+// A program in bpftrace's place does what bpftrace rarely does.
+class OtherTracerTest : public WatchTest {
+protected:
+    static std::unique_ptr<Tool> WatchWith(const std::string& tracer)
+    {
+        std::filesystem::create_directory("/home/bin");
+        std::ofstream("/home/bin/bpftrace") << "#!/bin/sh\n" << tracer;
+        std::filesystem::permissions("/home/bin/bpftrace", std::filesystem::perms::all);
+        return std::make_unique<Tool>(kGakppctl, std::vector<std::string>{"watch"}, Tool::Output::kPipe,
+                                      std::vector<std::string>{"PATH=/home/bin:/bin"});
     }
-    std::filesystem::create_directory("/home/bin");
-    std::ofstream("/home/bin/bpftrace") << "#!/bin/sh\necho 'ERROR: no such luck' >&2\nexit 1\n";
-    std::filesystem::permissions("/home/bin/bpftrace", std::filesystem::perms::all);
-    Tool watch(kGakppctl, {"watch"}, Tool::Output::kPipe, {"PATH=/home/bin:/bin"});
-    EXPECT_TRUE(watch.Finish().ExitedWith(1));
-    EXPECT_EQ(watch.err(), "gakppctl: bpftrace could not attach\ngakppctl: bpftrace: ERROR: no such luck\n");
+};
+
+constexpr char kReportsAttached[] = R"(printf '%s\n' '{"type": "printf", "data": "A\n"}')";
+
+TEST_F(OtherTracerTest, WhatItSaysIsPassedOnWhenTheKernelRefuses)
+{
+    const auto watch = WatchWith("echo 'ERROR: no such luck' >&2; exit 1\n");
+    EXPECT_TRUE(watch->Finish().ExitedWith(1));
+    EXPECT_EQ(watch->err(), "gakppctl: bpftrace could not attach\ngakppctl: bpftrace: ERROR: no such luck\n");
+}
+
+TEST_F(OtherTracerTest, OneThatMissesASignalGetsAnotherOne)
+{
+    const auto watch = WatchWith("trap 'taken=$((taken + 1))' INT\n" + std::string(kReportsAttached) +
+                                 "\nwhile [ \"${taken:-0}\" -lt 2 ]; do sleep 0.1; done\n");
+    EXPECT_TRUE(watch->WaitForErr("watching process"));
+    ExpectOrderlyEnd(*watch);
+}
+
+TEST_F(OtherTracerTest, OneThatDoesNotEndIsKilledAfterASecondSignal)
+{
+    const auto watch = WatchWith("trap '' INT\n" + std::string(kReportsAttached) + "\nexec sleep 1000\n");
+    EXPECT_TRUE(watch->WaitForErr("watching process"));
+    const auto tracers = ChildrenOf(watch->pid());
+    ASSERT_EQ(tracers.size(), 1U);
+    watch->Kill(SIGINT);
+    watch->Kill(SIGTERM);
+    EXPECT_TRUE(watch->Finish().ExitedWith(1));
+    EXPECT_NE(watch->err().find("bpftrace has not reported all in time: the last messages may be missing\n"),
+              std::string::npos)
+        << watch->err();
+    EXPECT_FALSE(Runs(tracers.front()));
 }
 
 }  // namespace
