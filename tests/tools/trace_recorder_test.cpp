@@ -5,6 +5,7 @@
 
 #include <ctime>
 #include <map>
+#include <random>
 #include <string>
 #include <vector>
 
@@ -143,6 +144,62 @@ TEST_F(TraceRecorderTest, DescriptorThatIsUsedAgainIsAnotherConnection)
     EXPECT_EQ(records_[3].connection, 2U);
     EXPECT_EQ(records_[4].connection, 2U);
     EXPECT_EQ(records_[4].peer.pid, 4712);
+}
+
+TEST_F(TraceRecorderTest, EndThatOvertakesAMessageLeavesItItsSender)
+{
+    ends_[7] = {true, {4711, 33}};
+    auto recorder = Recorder();
+    recorder.Push(Event(Kind::kReceived, 7, 1));
+    ends_.clear();
+    recorder.Push(Event(Kind::kEnded, 7, 3, 4711));
+    recorder.Push(Event(Kind::kReceived, 7, 2));
+    recorder.PassOnAll();
+    ASSERT_EQ(records_.size(), 3U);
+    EXPECT_EQ(records_[1].kind, RecordKind::kFrame);
+    EXPECT_EQ(records_[1].peer.pid, 4711);
+    EXPECT_EQ(records_[1].peer.uid, 33U);
+}
+
+TEST_F(TraceRecorderTest, SessionWhoseBeginWasLostIsNotTheFormerOne)
+{
+    ends_[7] = {true, {4711, 0}};
+    auto recorder = Recorder();
+    recorder.Push(Event(Kind::kOpened, 7, 1, 4711));
+    recorder.Push(Event(Kind::kEnded, 7, 2, 4711));
+    ends_[7] = {true, {4712, 0}};
+    recorder.Push(Event(Kind::kReceived, 7, 3));
+    recorder.PassOnAll();
+    ASSERT_EQ(records_.size(), 3U);
+    EXPECT_EQ(records_[2].peer.pid, 4712);
+}
+
+// Sessions on one descriptor, whose reports come late by up to a session's length.
+TEST_F(TraceRecorderTest, NoOrderOfTheReportsMixesUpTheirSessions)
+{
+    constexpr uint64_t kLength = 10;
+    for (unsigned seed = 0; seed < 500; ++seed) {
+        std::mt19937 random(seed);
+        std::multimap<uint64_t, TraceEvent> arrivals;
+        for (uint64_t time = 0; time < 10 * kLength; ++time) {
+            const Kind kind = time % kLength == 0   ? Kind::kOpened
+                              : time % kLength == 9 ? Kind::kEnded
+                                                    : Kind::kReceived;
+            const pid_t peer = kind == Kind::kReceived ? 0 : static_cast<pid_t>(1 + time / kLength);
+            arrivals.emplace(time + random() % kLength, Event(kind, 7, time, peer));
+        }
+        records_.clear();
+        auto recorder = Recorder();
+        for (auto& [now, event] : arrivals) {
+            ends_[7] = {true, {static_cast<pid_t>(1 + now / kLength), 0}};
+            recorder.Push(std::move(event));
+        }
+        recorder.PassOnAll();
+        for (size_t i = 0; i < records_.size(); ++i) {
+            EXPECT_EQ(records_[i].peer.pid, static_cast<pid_t>(1 + i / kLength)) << "seed " << seed << ", report " << i;
+            EXPECT_EQ(records_[i].connection, 1 + i / kLength) << "seed " << seed << ", report " << i;
+        }
+    }
 }
 
 TEST_F(TraceRecorderTest, ReportsAreShownInTheOrderOfTheirTimes)

@@ -39,6 +39,19 @@ bool IsMessage(const TraceEvent& event)
     return event.kind == TraceEvent::Kind::kSent || event.kind == TraceEvent::Kind::kReceived;
 }
 
+// Of the event's session: what is known of it, otherwise what `look` finds.
+WatchedEnd EndOf(const TraceEvent& event, std::map<int, WatchedEnd>& sessions, const std::function<WatchedEnd()>& look)
+{
+    const auto known = sessions.find(event.fd);
+    const bool isKnown = event.kind != TraceEvent::Kind::kOpened && known != sessions.end();
+    const WatchedEnd end = isKnown ? known->second : look();
+    sessions[event.fd] = end;
+    if (event.kind == TraceEvent::Kind::kEnded) {
+        sessions.erase(event.fd);
+    }
+    return end;
+}
+
 }  // namespace
 
 void TraceRecorder::Push(TraceEvent&& event)
@@ -51,14 +64,7 @@ void TraceRecorder::Push(TraceEvent&& event)
 // At once, because the connection may soon be gone.
 WatchedEnd TraceRecorder::LookAt(const TraceEvent& event)
 {
-    const auto known = ends_.find(event.fd);
-    const bool isKnown = event.kind != TraceEvent::Kind::kOpened && known != ends_.end();
-    const WatchedEnd end = isKnown ? known->second : LookAgain(event);
-    ends_[event.fd] = end;
-    if (event.kind == TraceEvent::Kind::kEnded) {
-        ends_.erase(event.fd);
-    }
-    return end;
+    return EndOf(event, seen_, [&] { return LookAgain(event); });
 }
 
 // The descriptor may be gone, or be another connection's by now.
@@ -89,10 +95,12 @@ int TraceRecorder::TimeoutMs(int timeoutMs) const
     return waiting_.empty() ? timeoutMs : std::min(timeoutMs, waiting_.begin()->second.deadline.RemainingMs());
 }
 
+// The processors' reports do not come in the order of their times: in that order a session begins and ends.
 void TraceRecorder::PassOnFirst()
 {
     Waiting first = std::move(waiting_.extract(waiting_.begin()).mapped());
-    sink_(RecordOf(std::move(first.event), first.end));
+    const WatchedEnd end = EndOf(first.event, passedOn_, [&] { return first.end; });
+    sink_(RecordOf(std::move(first.event), end));
 }
 
 // A session that has ended keeps its number, for a thread that was still about to report a message of it.

@@ -55,8 +55,11 @@ private:
     Watched watched_;
     Sink sink_;
     std::multimap<uint64_t, Waiting> waiting_;  // by time
-    std::map<int, WatchedEnd> ends_;            // by descriptor: sessions that have been looked at and not ended since
-    std::map<int, uint32_t> connections_;       // by descriptor: the number that is shown
+    // By descriptor: the sessions that have not ended, according to the reports that have come, and to those that have
+    // been passed on.
+    std::map<int, WatchedEnd> seen_;
+    std::map<int, WatchedEnd> passedOn_;
+    std::map<int, uint32_t> connections_;  // by descriptor: the number that is shown
     uint32_t lastNumber_ = 0;
 };
 
