@@ -109,9 +109,9 @@ class Demonstration:
         def healthy_in(pids):
             return sum(worker.pid in pids for worker in fleet.others(ABNORMAL_DEVICE, "ZOLT"))
 
-        def ended(device, what, end):
+        def ended(device, end, *what):
             worker = fleet.at(device, "ZOLT")
-            return lambda: int(what in worker.heard and worker.end == end)
+            return lambda: int(all(text in worker.heard for text in what) and worker.end == end)
 
         def beats_after_the_kill():
             others = {(ABNORMAL_DEVICE, "ZOLT"), (KILLED_DEVICE, "ZOLT")}
@@ -135,9 +135,9 @@ class Demonstration:
                         WORKERS - 1, lambda: healthy_in(self.watched)),
             "unwatched": ("the watch ends with status 0", 1, lambda: int(self.watch.end == "exit 0")),
             "abnormal": (f"ABNORMAL from device {ABNORMAL_DEVICE} ZOLT, which exits with status 1", 1,
-                         ended(ABNORMAL_DEVICE, "ABNORMAL", "exit 1")),
+                         ended(ABNORMAL_DEVICE, "exit 1", "ABNORMAL", "SOCKET_CLOSE")),
             "killed": (f"SOCKET_CLOSE of device {KILLED_DEVICE} ZOLT, which is killed with SIGKILL", 1,
-                       ended(KILLED_DEVICE, "SOCKET_CLOSE", "signal 9")),
+                       ended(KILLED_DEVICE, "signal 9", "SOCKET_CLOSE")),
             "going on": ("the others go on: another heartbeat from each", LEFT, beats_after_the_kill),
             "ordered": ("SHUTDOWN to each worker that is left", LEFT, heard("SENT_SHUTDOWN")),
             "answered": ("SHUTDOWN_RSP from each of them", LEFT, heard("SHUTDOWN_RSP")),
