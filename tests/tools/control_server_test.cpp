@@ -1,5 +1,6 @@
 // The control socket of gakppcd: its file, its protocol, and peers that mean harm.
 
+#include <poll.h>
 #include <sys/stat.h>
 
 #include <array>
@@ -142,9 +143,12 @@ TEST(ControlProtocol, AnswersFitTheirSchema)
     const auto daemon = StartDaemon();
     const Fd worker = StartWorker(*daemon, 1);
     const ControlPeer peer;
-    const std::string answers = peer.Ask(kWorkersOrder) + peer.Ask(R"({"order":"shutdown","device":1,"pid":4711})") +
-                                peer.Ask(R"({"order":"shutdown-all"})") + peer.Ask(R"({"order":"stop"})") +
-                                peer.Ask("nonsense");
+    std::string answers;
+    for (const std::string& order :
+         std::vector<std::string>{kWorkersOrder, R"({"order":"shutdown","device":1,"pid":4711})",
+                                  R"({"order":"shutdown-all"})", "nonsense", R"({"order":"stop"})"}) {
+        answers += peer.Ask(order);
+    }
     EXPECT_TRUE(FitsSchema(answers, "control_answer"));
     EXPECT_EQ(CountOf(answers, R"({"ok":true,"daemon":)" + std::to_string(daemon->pid())), 4U) << answers;
 }
@@ -314,6 +318,29 @@ TEST(ControlHarm, HundredConnectionsAtOnceAreAllServed)
     while (!peers.empty()) {
         EXPECT_TRUE(IsGranted(peers.front().ReadLine()));
         peers.pop_front();
+    }
+}
+
+// The daemon stands still for longer than a peer may be silent, and new peers want the places.
+TEST(ControlHarm, OrdersThatCameWhileTheDaemonWasStoppedAreServed)
+{
+    const auto daemon = StartDaemon();
+    std::list<ControlPeer> peers;
+    for (int i = 0; i < 64; ++i) {
+        peers.emplace_back();
+        ASSERT_TRUE(IsGranted(peers.back().Ask(kWorkersOrder)));
+    }
+    daemon->Kill(SIGSTOP);
+    for (int i = 0; i < 10; ++i) {
+        peers.emplace_back();
+    }
+    for (const ControlPeer& peer : peers) {
+        ASSERT_TRUE(peer.Send(kWorkersOrder + "\n"));
+    }
+    poll(nullptr, 0, 1200);
+    daemon->Kill(SIGCONT);
+    for (const ControlPeer& peer : peers) {
+        EXPECT_TRUE(IsGranted(peer.ReadLine()));
     }
 }
 

@@ -46,6 +46,7 @@ void ControlServer::Serve()
     Accept();
     std::vector<pollfd> events;
     AddTo(events);
+    looked_ = Clock::now();
     poll(events.data(), events.size(), 0);
     auto event = events.begin();
     for (auto connection = connections_.begin(); connection != connections_.end();) {
@@ -68,7 +69,7 @@ void ControlServer::Finish(const Deadline& deadline)
 
 ControlServer::Connections::const_iterator ControlServer::FindSilent() const
 {
-    const auto latest = Clock::now() - kSilence;
+    const auto latest = looked_ - kSilence;
     auto found = connections_.end();
     for (auto connection = connections_.begin(); connection != connections_.end(); ++connection) {
         const auto since = connection->SilentSince();

@@ -18,7 +18,8 @@ namespace tools {
 class ControlServer {
 public:
     // So many connections at a time; others wait to be accepted. When all places are taken, the connection that has
-    // been silent for the longest time, and for a second at least, loses its place to a new one.
+    // been silent for the longest time, and for a second at least, loses its place to a new one. Silence ends with the
+    // last look at the sockets: an order that waits because the daemon does not run is none.
     static constexpr size_t kMostConnections = 64;
 
     // Throws ExitError.
@@ -47,6 +48,7 @@ private:
     Connections connections_;
     ControlSocket socket_;  // its file goes before a peer learns of the end by that of its connection
     bool acceptFailed_ = false;
+    Clock::time_point looked_ = Clock::now();  // at the connections' sockets, most recently
 };
 
 }  // namespace tools
