@@ -32,7 +32,8 @@ LEFT = WORKERS - 2
 HEARTBEATS = 2
 STRETCH = int(os.environ.get("GAKPPC_TEST_TIME_SCALE") or 1)  # of all time limits, for slow machines
 WATCH_SECONDS = 10 * STRETCH
-STOP_SECONDS = 8 * STRETCH  # more than the daemon gives its workers
+GRACE_SECONDS = 3 * STRETCH  # that the daemon gives its workers
+STOP_SECONDS = 8 * STRETCH
 LOG_LINES_SHOWN = 10
 
 
@@ -253,7 +254,8 @@ class Demonstration:
     def serve(self):
         self.screen.begin("1 The daemon serves the socket.")
         self.directory.prepare()
-        self.daemon = self.start(["gakppcd", "--json", "--auto-custom"], self.on_daemon_line, has_input=True)
+        words = ["gakppcd", "--json", "--auto-custom", "--grace", str(GRACE_SECONDS)]
+        self.daemon = self.start(words, self.on_daemon_line, has_input=True)
         if not self.reach("serving"):
             return False
         self.daemon_socket = identity(SOCKET)
