@@ -332,6 +332,8 @@ TEST(ExitStatusTest, InterruptedProgramsReportTheSignal)
             tool.Kill(number);
             const ExitStatus status = tool.Finish();
             EXPECT_TRUE(status.ExitedWith(128 + number)) << arguments.front() << ": " << status << tool.err();
+            while (ReadPpcFrame(worker, kLimit).has_value()) {  // it may have sent more before the signal came
+            }
             EXPECT_TRUE(ExpectEof(worker, kLimit));
         }
     }

@@ -571,7 +571,9 @@ TEST_F(ListOfGakppcdTest, ClaimsInTheTable)
     const Fd worker = ReportStart(*daemon, 3, 0, 4711);
     const Fd silent = RawConnect(kServer);
     std::string text;
-    ASSERT_TRUE(WaitUntil([&] { return (text = Text()).find("CLAIMS") != std::string::npos; }, kLimit));
+    const auto shows = [&text](const char* part) { return text.find(part) != std::string::npos; };
+    ASSERT_TRUE(WaitUntil([&] { return text = Text(), shows(": 2 connections\n") && shows("CLAIMS"); }, kLimit))
+        << "one is pending at first, and the daemon may answer late: " << text;
     EXPECT_NE(text.find("  TO DAEMON  TO WORKER   DEVICE  TYPE      CLAIMS  NOTE\n"), std::string::npos) << text;
     EXPECT_NE(text.find("          0          0        3  ZOLT        4711\n"), std::string::npos) << text;
     EXPECT_NE(text.find("          0          0  unknown  unknown  unknown\n"), std::string::npos) << text;

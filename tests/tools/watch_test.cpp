@@ -268,7 +268,9 @@ TEST_F(WatchTest, DaemonIsUnharmedByTwentyWatchesTwoAtATime)
         EXPECT_EQ(second->out().find("MALFORMED"), std::string::npos) << second->out();
     }
     EXPECT_TRUE(DaemonStillHears(*worker));
-    daemon_->Write("shutdown all\nquit\n");
+    daemon_->Write("shutdown all\n");
+    EXPECT_TRUE(worker->Finish().ExitedWith(0)) << worker->err();
+    daemon_->Write("quit\n");
     EXPECT_TRUE(daemon_->Finish().ExitedWith(0)) << daemon_->err();
 }
 

@@ -74,6 +74,7 @@ TEST_F(WireCaptureTest, HoldsTheBytesThatATapRecords)
     ASSERT_TRUE(daemon_->WaitForOut("pid 4711 STOPPED"));
     worker.Reset();
     ASSERT_TRUE(tap.WaitForOut(" close\n"));
+    ASSERT_TRUE(daemon_->WaitForOut("SOCKET_CLOSE"));
     tap.Kill(SIGTERM);
     EXPECT_TRUE(tap.Finish().ExitedWith(0)) << tap.err();
     EXPECT_TRUE(Stop().ExitedWith(0)) << daemon_->err();

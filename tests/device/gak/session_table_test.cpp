@@ -1,7 +1,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <atomic>
+#include <future>
 #include <optional>
 #include <utility>
 
@@ -154,31 +154,34 @@ int DescriptorOf(void* session)
 
 TEST_F(SessionTableTest, StaleEntryNeverReachesANewWorkerWithTheSameDescriptor)
 {
-    Create();
-    Fd former = ConnectAs(1, 7);
-    void* const stale = server_.GetPpcSession(1, 7);
-    const int descriptor = DescriptorOf(stale);
-    former.Reset();
-    ASSERT_TRUE(WaitForExits(1));
-    // The system reserves the number of the next session when accept is called, and it gives the lowest free one. The
-    // old number is kept from the workers' own ends and let go right before such a call.
-    ASSERT_EQ(fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, descriptor), descriptor);
-    std::atomic<bool> kept{true};
-    accepts_.OnCall([&](uint64_t, PpcServerHead*, PpcSession**) -> std::optional<int> {
-        if (kept.exchange(false)) {
+    // The system reserves a session's number when accept is called, and it gives the lowest free one. So the old number
+    // is kept from the new worker's own end and let go right before that call, while nothing else can take it.
+    int descriptor = -1;
+    std::promise<void> workerWaits;
+    accepts_.OnCall([&, goOn = workerWaits.get_future().share()](uint64_t number, PpcServerHead*,
+                                                                 PpcSession**) -> std::optional<int> {
+        if (number == 2) {
+            goOn.wait();
             close(descriptor);
         }
         return std::nullopt;
     });
-    const Fd between = Connect();
-    const Fd worker = ConnectAs(1, 8);
+    Create();
+    Fd former = ConnectAs(1, 7);
+    void* const stale = server_.GetPpcSession(1, 7);
+    descriptor = DescriptorOf(stale);
+    former.Reset();
+    ASSERT_TRUE(WaitForExits(1));
+    ASSERT_EQ(fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, descriptor), descriptor);
+    const Fd worker = Dial();
+    workerWaits.set_value();
+    Say(worker, Report(1, 8));
     ASSERT_EQ(DescriptorOf(server_.GetPpcSession(1, 8)), descriptor);
     EXPECT_NE(server_.GetPpcSession(1, 8), stale);
     EXPECT_EQ(server_.SendData(Order(1, 7)), 0x1093037u);
     EXPECT_EQ(server_.SendData(Order(1, 8)), kOk);
     EXPECT_EQ(ReadPpcFrame(worker, 10s), (RawMessage{5, 0, 1, 0, 8, 0, {}}));
     EXPECT_EQ(server_.Destroy(), kOk);
-    EXPECT_TRUE(ExpectEof(between, 10s));
 }
 
 // More sessions end meanwhile than the driver remembers.
