@@ -31,6 +31,7 @@ WORKERS = 12
 LEFT = WORKERS - 2
 HEARTBEATS = 2
 STRETCH = int(os.environ.get("GAKPPC_TEST_TIME_SCALE") or 1)  # of all time limits, for slow machines
+ABNORMAL_SECONDS = 4 * STRETCH
 WATCH_SECONDS = 10 * STRETCH
 GRACE_SECONDS = 3 * STRETCH  # that the daemon gives its workers
 STOP_SECONDS = 8 * STRETCH
@@ -280,7 +281,7 @@ class Demonstration:
     def work(self):
         self.screen.begin("3 Twelve workers, three on each device. Device 0's messages, as the tap sees them:")
         for device in DEVICES:
-            more = ["--abnormal-after", "4"] if device == ABNORMAL_DEVICE else []
+            more = ["--abnormal-after", str(ABNORMAL_SECONDS)] if device == ABNORMAL_DEVICE else []
             self.start_worker(device, "ZOLT", "--heartbeat", "0.5", *more)
             self.start_worker(device, "COMPUTE", "--heartbeat", "0.5", "--libs", ",".join(LIBRARIES))
         self.screen.remark("and so on; each COMPUTE asks for a CUSTOM_COMPUTE, which the daemon starts")
