@@ -346,6 +346,7 @@ TEST_F(WatchedProgramTest, ForkedChildGoesItsOwnWay)
 TEST_F(WatchedProgramTest, ProgramThatExecutesAnotherOneEndsIt)
 {
     Tell("report");
+    ASSERT_TRUE(watch_->WaitForOut("HEARTBEAT"));
     program_.Write("exec\n");
     EXPECT_TRUE(watch_->Finish(kAttachLimit).ExitedWith(0));
     EXPECT_NE(watch_->err().find("process " + std::to_string(program_.pid()) + " has executed another program"),
