@@ -16,6 +16,8 @@
 #include <functional>
 #include <system_error>
 #include <thread>
+#include <unordered_set>
+#include <utility>
 
 #include "deadline.h"
 #include "exit_error.h"
@@ -158,15 +160,52 @@ UnixSocket SocketOf(const nlmsghdr* header)
     return socket;
 }
 
-std::optional<Sockets> SocketsInStates(const Fd& diag, uint32_t states)
+unix_diag_req RequestOf(uint32_t states)
 {
     unix_diag_req request{};
     request.udiag_states = states;
     request.udiag_show = UDIAG_SHOW_NAME | UDIAG_SHOW_VFS | UDIAG_SHOW_PEER | UDIAG_SHOW_RQLEN | UDIAG_SHOW_UID;
+    return request;
+}
+
+// Each one once. The kernel gives them in parts and counts its way to the next part, so that it skips some sockets and
+// tells of some again when others have come or gone in between.
+std::optional<Sockets> SocketsInStates(const Fd& diag, uint32_t states)
+{
     Sockets sockets;
-    const bool answered =
-        Query(diag, request, NLM_F_DUMP, [&sockets](const nlmsghdr* header) { sockets.push_back(SocketOf(header)); });
+    std::unordered_set<uint32_t> numbers;
+    const bool answered = Query(diag, RequestOf(states), NLM_F_DUMP, [&](const nlmsghdr* header) {
+        if (UnixSocket socket = SocketOf(header); numbers.insert(socket.number).second) {
+            sockets.push_back(std::move(socket));
+        }
+    });
     return answered ? std::optional<Sockets>(std::move(sockets)) : std::nullopt;
+}
+
+// What was skipped is known by its peer, unless that was skipped as well, which is in another place of the kernel's
+// tables.
+void AddSkipped(const Fd& diag, Sockets& sockets)
+{
+    std::unordered_set<uint32_t> known{0};
+    for (const UnixSocket& socket : sockets) {
+        known.insert(socket.number);
+    }
+    std::vector<uint32_t> skipped;
+    for (const UnixSocket& socket : sockets) {
+        if (known.insert(socket.peer).second) {
+            skipped.push_back(socket.peer);
+        }
+    }
+    for (const uint32_t number : skipped) {
+        unix_diag_req request = RequestOf(0);
+        request.udiag_ino = number;
+        request.udiag_cookie[0] = request.udiag_cookie[1] = kAnyCookie;
+        Query(diag, request, 0, [&sockets](const nlmsghdr* header) {
+            if (static_cast<const unix_diag_msg*>(NLMSG_DATA(header))->udiag_state == kEstablishedState) {
+                sockets.push_back(SocketOf(header));
+            }
+        });
+    }
 }
 
 }  // namespace
@@ -199,9 +238,17 @@ Fd OpenSocketDiagIn(const Fd& network)
     return diag;
 }
 
+// The listeners, which nothing else leads to, by themselves: they are few and fit into one part of an answer.
 std::optional<Sockets> ListeningAndConnectedSockets(const Fd& diag)
 {
-    return SocketsInStates(diag, 1U << kListenState | 1U << kEstablishedState);
+    auto sockets = SocketsInStates(diag, 1U << kListenState);
+    const auto connected = SocketsInStates(diag, 1U << kEstablishedState);
+    if (!sockets.has_value() || !connected.has_value()) {
+        return std::nullopt;
+    }
+    sockets->insert(sockets->end(), connected->begin(), connected->end());
+    AddSkipped(diag, *sockets);
+    return sockets;
 }
 
 std::optional<std::vector<uint32_t>> PendingClients(const Fd& diag, uint32_t listener)
