@@ -185,7 +185,7 @@ void Apply(const std::string& option)
     const size_t equals = option.find('=');
     const std::string name = option.substr(0, equals);
     const char* value = option.c_str() + equals + 1;
-    const auto number = static_cast<unsigned>(atoi(value));
+    const auto number = static_cast<unsigned>(strtoul(value, nullptr, 10));
     if (name == "memory") {
         LimitMemory(number);
     } else if (name == "files") {
@@ -360,8 +360,8 @@ int main(int argc, char** argv)
     if (argc < 4) {
         return 2;
     }
-    reportFd = atoi(argv[2]);
-    controlFd = atoi(argv[3]);
+    reportFd = std::stoi(argv[2]);
+    controlFd = std::stoi(argv[3]);
     for (int i = 4; i < argc; ++i) {
         Apply(argv[i]);
     }

@@ -67,7 +67,7 @@ void BlockForever()
 
 void Misbehave(const char* line)
 {
-    static const int stuckAt = atoi(Mode());
+    static const long stuckAt = strtol(Mode(), nullptr, 10);
     static thread_local int lines = 0;
     // The line of a connect is written under the client's session mutex, as all of the connect is: whoever is stuck
     // there holds up the client's other sessions, in the log as in the daemon's queue.

@@ -290,7 +290,7 @@ int main(int count, char** words)
 {
     using namespace gaktest;
     const rl::iteration_t iterations = count > 1 ? strtoull(words[1], nullptr, 10) : 20000;
-    chosenWeakening = count > 2 ? atoi(words[2]) : 0;
+    chosenWeakening = count > 2 ? static_cast<int>(strtol(words[2], nullptr, 10)) : 0;
     const bool passed = Passes<EndAgainstCalls>("EndAgainstCalls", iterations) &&
                         Passes<CopiesOfAReference>("CopiesOfAReference", iterations) &&
                         Passes<EndsOnce>("EndsOnce", iterations) &&

@@ -14,7 +14,7 @@ namespace gaktest {
 inline int TimeScale()
 {
     const char* scale = getenv("GAKPPC_TEST_TIME_SCALE");
-    return scale == nullptr ? 1 : std::max(1, atoi(scale));
+    return scale == nullptr ? 1 : std::max(1, static_cast<int>(strtol(scale, nullptr, 10)));
 }
 
 // The limit for what takes no Deadline.
