@@ -1,6 +1,6 @@
 // Preloaded into the programs of the tests (scripts/under-load --slow-threads), it makes every other thread slow: such
-// a thread waits now and then, for up to a third of a second, before or after it uses a socket. A test in which one
-// thread or process relies on another one's speed fails soon.
+// a thread waits now and then, for up to a third of a second, before or after it uses a socket or removes one's file. A
+// test in which one thread or process relies on another one's speed fails soon.
 
 #include <dlfcn.h>
 #include <poll.h>

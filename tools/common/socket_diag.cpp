@@ -29,6 +29,7 @@ namespace {
 constexpr uint32_t kEstablishedState = 1;  // TCP_ESTABLISHED and TCP_LISTEN, which Unix sockets use as well
 constexpr uint32_t kListenState = 10;
 constexpr uint32_t kAnyCookie = ~0U;
+constexpr uint32_t kShown = UDIAG_SHOW_NAME | UDIAG_SHOW_VFS | UDIAG_SHOW_PEER | UDIAG_SHOW_RQLEN | UDIAG_SHOW_UID;
 constexpr unsigned kMinorBits = 20;  // of a device number inside the kernel
 constexpr std::chrono::seconds kAnswerTime{2};
 
@@ -160,21 +161,16 @@ UnixSocket SocketOf(const nlmsghdr* header)
     return socket;
 }
 
-unix_diag_req RequestOf(uint32_t states)
-{
-    unix_diag_req request{};
-    request.udiag_states = states;
-    request.udiag_show = UDIAG_SHOW_NAME | UDIAG_SHOW_VFS | UDIAG_SHOW_PEER | UDIAG_SHOW_RQLEN | UDIAG_SHOW_UID;
-    return request;
-}
-
 // Each one once. The kernel gives them in parts and counts its way to the next part, so that it skips some sockets and
 // tells of some again when others have come or gone in between.
 std::optional<Sockets> SocketsInStates(const Fd& diag, uint32_t states)
 {
+    unix_diag_req request{};
+    request.udiag_states = states;
+    request.udiag_show = kShown;
     Sockets sockets;
     std::unordered_set<uint32_t> numbers;
-    const bool answered = Query(diag, RequestOf(states), NLM_F_DUMP, [&](const nlmsghdr* header) {
+    const bool answered = Query(diag, request, NLM_F_DUMP, [&](const nlmsghdr* header) {
         if (UnixSocket socket = SocketOf(header); numbers.insert(socket.number).second) {
             sockets.push_back(std::move(socket));
         }
@@ -182,8 +178,17 @@ std::optional<Sockets> SocketsInStates(const Fd& diag, uint32_t states)
     return answered ? std::optional<Sockets>(std::move(sockets)) : std::nullopt;
 }
 
-// What was skipped is known by its peer, unless that was skipped as well, which is in another place of the kernel's
-// tables.
+bool QueryOne(const Fd& diag, uint32_t number, uint32_t show, const TakeSocket& take)
+{
+    unix_diag_req request{};
+    request.udiag_ino = number;
+    request.udiag_show = show;
+    request.udiag_cookie[0] = request.udiag_cookie[1] = kAnyCookie;
+    return Query(diag, request, 0, take);
+}
+
+// A socket that was skipped is known by its peer. The peer is elsewhere in the kernel's table, so that hardly ever both
+// are skipped.
 void AddSkipped(const Fd& diag, Sockets& sockets)
 {
     std::unordered_set<uint32_t> known{0};
@@ -197,10 +202,7 @@ void AddSkipped(const Fd& diag, Sockets& sockets)
         }
     }
     for (const uint32_t number : skipped) {
-        unix_diag_req request = RequestOf(0);
-        request.udiag_ino = number;
-        request.udiag_cookie[0] = request.udiag_cookie[1] = kAnyCookie;
-        Query(diag, request, 0, [&sockets](const nlmsghdr* header) {
+        QueryOne(diag, number, kShown, [&sockets](const nlmsghdr* header) {
             if (static_cast<const unix_diag_msg*>(NLMSG_DATA(header))->udiag_state == kEstablishedState) {
                 sockets.push_back(SocketOf(header));
             }
@@ -253,12 +255,8 @@ std::optional<Sockets> ListeningAndConnectedSockets(const Fd& diag)
 
 std::optional<std::vector<uint32_t>> PendingClients(const Fd& diag, uint32_t listener)
 {
-    unix_diag_req request{};
-    request.udiag_ino = listener;
-    request.udiag_show = UDIAG_SHOW_ICONS;
-    request.udiag_cookie[0] = request.udiag_cookie[1] = kAnyCookie;
     std::vector<uint32_t> clients;
-    const bool answered = Query(diag, request, 0, [&clients](const nlmsghdr* header) {
+    const bool answered = QueryOne(diag, listener, UDIAG_SHOW_ICONS, [&clients](const nlmsghdr* header) {
         ForEachAttribute(header, [&clients](const rtattr* attribute) {
             if (attribute->rta_type == UNIX_DIAG_ICONS) {
                 clients.resize(RTA_PAYLOAD(attribute) / sizeof(uint32_t));

@@ -31,10 +31,10 @@ WORKERS = 12
 LEFT = WORKERS - 2
 HEARTBEATS = 2
 STRETCH = int(os.environ.get("GAKPPC_TEST_TIME_SCALE") or 1)  # of all time limits, for slow machines
-ABNORMAL_SECONDS = 4 * STRETCH
+ABNORMAL_SECONDS = 4 * STRETCH  # until the failing worker reports its abnormal end
 WATCH_SECONDS = 10 * STRETCH
 GRACE_SECONDS = 3 * STRETCH  # that the daemon gives its workers
-STOP_SECONDS = 8 * STRETCH
+STOP_SECONDS = 8 * STRETCH  # more than the grace
 LOG_LINES_SHOWN = 10
 
 
