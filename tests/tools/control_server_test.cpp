@@ -253,7 +253,7 @@ TEST(ControlProtocol, LineWithoutEndIsRefused)
 {
     const auto daemon = StartDaemon();
     const ControlPeer peer;
-    WriteAll(peer.socket(), Bytes(1024 * 1024, 'x'));  // fails as soon as the daemon has had enough
+    WriteAll(peer.socket(), Bytes(1U << 20, 'x'));  // fails as soon as the daemon has had enough
     EXPECT_TRUE(IsRefused(peer.ReadLine(), "an order has at most 4096 bytes"));
     EXPECT_TRUE(IsGranted(ControlPeer().Ask(kWorkersOrder)));
 }
@@ -298,9 +298,10 @@ TEST(ControlHarm, OtherUsersAreRefused)
     GAKPPC_SKIP_WITHOUT_OTHER_USERS();
     const auto daemon = StartDaemon({"--control", "/home/orders"});
     ASSERT_EQ(chmod("/home/orders", 0666), 0);  // as if somebody had opened it
-    Tool other("setpriv", {"--reuid=65534", "--regid=65534", "--clear-groups", "env", "PATH=/usr/bin", "python3", "-c",
-                           "import socket; s = socket.socket(socket.AF_UNIX); s.connect('/home/orders');"
-                           "print(s.makefile().read())"});
+    const std::string script =
+        "import socket; s = socket.socket(socket.AF_UNIX); s.connect('/home/orders'); print(s.makefile().read())";
+    Tool other("setpriv",
+               {"--reuid=65534", "--regid=65534", "--clear-groups", "env", "PATH=/usr/bin", "python3", "-c", script});
     other.Finish();
     EXPECT_TRUE(IsRefused(other.out().substr(0, other.out().find('\n') + 1), "only the daemon's user and root"))
         << other.err();

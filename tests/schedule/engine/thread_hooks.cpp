@@ -33,7 +33,7 @@ Function* Real(Function*, const char* name)
 // The real function of that name and type.
 #define REAL(function) \
     ([] { \
-        static const auto real = Real(&function, #function); \
+        static const auto real = Real(&(function), #function); \
         return real; \
     }())
 
