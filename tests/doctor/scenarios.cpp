@@ -643,8 +643,8 @@ const std::vector<Scenario> kFaultyScenarios{
          m.StartDaemon(kKrova, kStaff, "0007");
          m.SetGroups(kMember, "--groups=4001");
          m.SetWrapper({"unshare", "--mount", "sh", "-c",
-                       "grep -v ^member: /etc/passwd > /etc/others && mount --bind /etc/others /etc/passwd && "
-                       "exec \"$@\"",
+                       std::string("grep -v ^member: /etc/passwd > /etc/others && ") +
+                           "mount --bind /etc/others /etc/passwd && exec \"$@\"",
                        "sh"});
      },
      "root root:krova       | 0\n"

@@ -25,8 +25,8 @@
 
 #include <atomic>
 #include <cerrno>
-#include <cinttypes>
 #include <csignal>
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -100,9 +100,10 @@ void LimitMemory(uint64_t left)
 {
     FILE* file = fopen("/proc/self/statm", "r");
     Require(file != nullptr, "/proc/self/statm");
-    uint64_t pages = 0;
-    Require(fscanf(file, "%" SCNu64, &pages) == 1, "statm");
+    char line[128];
+    Require(fgets(line, sizeof(line), file) != nullptr, "statm");
     fclose(file);
+    const uint64_t pages = strtoull(line, nullptr, 10);
     Limit(RLIMIT_AS, pages * static_cast<uint64_t>(sysconf(_SC_PAGESIZE)) + left * 1024);
 }
 

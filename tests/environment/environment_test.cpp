@@ -338,7 +338,7 @@ void BlockSigpipe(bool andRaise)
 
 void LimitStack()
 {
-    const rlimit limit = {64 * 1024, 64 * 1024};
+    const rlimit limit = {64UL * 1024, 64UL * 1024};
     Check(setrlimit(RLIMIT_STACK, &limit) == 0, "setrlimit");
 }
 

@@ -37,7 +37,7 @@ void FreeRecord(void* record, const rl::debug_info& caller);
 #undef pthread_mutex_init
 #define pthread_mutex_init(handle, attributes) static_cast<void>(handle)
 #define std relacy_std
-#include "ppc_record.cpp"
+#include "ppc_record.cpp"  // NOLINT(bugprone-suspicious-include): the source that ships
 #undef std
 #undef pthread_mutex_init
 #undef pthread_mutex_lock
@@ -199,7 +199,7 @@ struct CopiesOfAReference : RecordSuite<CopiesOfAReference, 3> {
     void thread(unsigned index)
     {
         const PpcSessionRef own = std::move(held[index]);
-        const PpcSessionRef copy = own;
+        const PpcSessionRef copy = own;  // NOLINT(performance-unnecessary-copy-initialization)
         if (index == 0) {
             RL_ASSERT(End(session));
         }

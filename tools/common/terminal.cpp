@@ -35,10 +35,10 @@ std::string ShortDuration(double seconds)
     if (whole < 1000) {
         return fmt::format("{} s", whole);
     }
-    if (whole < 100 * 60) {
+    if (whole < 100L * 60) {
         return fmt::format("{} min", whole / 60);
     }
-    return whole < 100 * 3600 ? fmt::format("{} h", whole / 3600) : fmt::format("{} d", whole / 86400);
+    return whole < 100L * 3600 ? fmt::format("{} h", whole / 3600) : fmt::format("{} d", whole / 86400);
 }
 
 }  // namespace tools

@@ -86,6 +86,7 @@ std::string Summary(size_t leftOut, const Workers& ended)
         ++states[worker->state];
     }
     std::vector<std::string> counts;
+    counts.reserve(states.size());
     for (const auto& [state, count] : states) {
         counts.push_back(fmt::format("{} {}", count, Name(state)));
     }

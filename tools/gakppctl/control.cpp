@@ -139,7 +139,10 @@ constexpr char kAboutStop[] =
     "As its command quit and SIGTERM do: it orders its workers to shut down, gives them the time of its --grace, and "
     "ends.";
 
-const std::vector<ExitCode> kStatuses{kExitNoDaemon, kExitTimeLimit};
+std::vector<ExitCode> Statuses()
+{
+    return {kExitNoDaemon, kExitTimeLimit};
+}
 
 }  // namespace
 
@@ -154,7 +157,7 @@ Subcommand AddWorkers(CLI::App& program)
     AddStandardOptions(*app,
                        "  $ gakppctl workers\n"
                        "  $ gakppctl workers --json --control /run/gakppcd/control",
-                       kStatuses);
+                       Statuses());
     return {app, [options] { return ShowWorkers(*options); }};
 }
 
@@ -176,7 +179,7 @@ Subcommand AddShutdown(CLI::App& program)
     AddStandardOptions(*app,
                        "  $ gakppctl shutdown 0 4711\n"
                        "  $ gakppctl shutdown all --wait --timeout 30",
-                       kStatuses);
+                       Statuses());
     return {app, [options] { return Order(options->pid.empty() ? "shutdown-all" : "shutdown", *options); }};
 }
 
@@ -191,7 +194,7 @@ Subcommand AddStartCustom(CLI::App& program)
     AddStandardOptions(*app,
                        "  $ gakppctl start-custom 0 4711\n"
                        "  $ gakppctl start-custom 0 4711 --json",
-                       kStatuses);
+                       Statuses());
     return {app, [options] { return Order("start-custom", *options); }};
 }
 
@@ -203,7 +206,7 @@ Subcommand AddStop(CLI::App& program)
     AddStandardOptions(*app,
                        "  $ gakppctl stop\n"
                        "  $ gakppctl stop --wait --timeout 10",
-                       kStatuses);
+                       Statuses());
     return {app, [options] { return Order("stop", *options); }};
 }
 

@@ -21,7 +21,7 @@ constexpr int kDeepest = 3;
 
 std::string ControlPath(const std::string& given)
 {
-    const std::string path = given.empty() ? DefaultControlPath() : given;
+    std::string path = given.empty() ? DefaultControlPath() : given;
     if (path.empty()) {
         throw ExitError(kExitUsage, fmt::format("--control is needed: {}", kNoControlPath));
     }

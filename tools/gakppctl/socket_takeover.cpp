@@ -131,6 +131,7 @@ Fd SocketTakeover::TakeOverAgain()
         if (error.code() != kExitNoDaemon) {
             throw;
         }
+        return Fd();
     }
     return former;
 }

@@ -26,13 +26,6 @@
 namespace gaktest {
 
 using namespace std::chrono_literals;
-using gaktest::Bytes;
-using gaktest::CountingHook;
-using gaktest::Deadline;
-using gaktest::Fd;
-using gaktest::LogSink;
-using gaktest::OpenDescriptors;
-namespace calls = gaktest::calls;
 
 // ---- Log lines ----
 

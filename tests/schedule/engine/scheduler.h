@@ -68,7 +68,7 @@ struct Thread {
 };
 
 // The running thread; null outside a run, in threads that the run does not know, and inside the run time itself.
-extern __thread Thread* self;  // NOLINT(bugprone-dynamic-static-initializers): only declared here
+extern __thread Thread* self;
 
 // ---- A run ----
 

@@ -12,7 +12,7 @@ struct SocketLimits {
     size_t largestPiece = 0;    // the kernel takes no more at once, and others come in between; 0: all
 };
 
-extern SocketLimits socketLimits;  // NOLINT(bugprone-dynamic-static-initializers): only declared here
+extern SocketLimits socketLimits;
 
 }  // namespace gaktest
 

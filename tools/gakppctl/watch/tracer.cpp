@@ -41,7 +41,7 @@ std::string FindProgram(const std::string& name)
     const char* path = getenv("PATH");
     std::istringstream folders(path != nullptr ? path : "/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin");
     for (std::string folder; std::getline(folders, folder, ':');) {
-        std::string program = folder + "/" + name;
+        std::string program = fmt::format("{}/{}", folder, name);
         if (access(program.c_str(), X_OK) == 0) {
             return program;
         }
@@ -92,6 +92,7 @@ std::string RequireBpftrace()
 std::vector<const char*> EnvironmentWith(const std::vector<std::string>& settings)
 {
     std::vector<const char*> environment;
+    environment.reserve(settings.size());
     for (const std::string& setting : settings) {
         environment.push_back(setting.c_str());
     }
