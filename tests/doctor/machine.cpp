@@ -229,7 +229,7 @@ Machine::Machine()
     Make(kHome, 0755, kKrova, kKrova);
 }
 
-Machine::~Machine()  // NOLINT(bugprone-exception-escape): what cannot be removed ends the tests
+Machine::~Machine()  // NOLINT(bugprone-exception-escape): as declared
 {
     tap_.reset();
     daemon_.reset();

@@ -642,10 +642,9 @@ const std::vector<Scenario> kFaultyScenarios{
          Machine::Make(kDir, 0350, kKrova, kKrova);
          m.StartDaemon(kKrova, kStaff, "0007");
          m.SetGroups(kMember, "--groups=4001");
-         m.SetWrapper({"unshare", "--mount", "sh", "-c",
-                       std::string("grep -v ^member: /etc/passwd > /etc/others && ") +
-                           "mount --bind /etc/others /etc/passwd && exec \"$@\"",
-                       "sh"});
+         const std::string hideMember =
+             "grep -v ^member: /etc/passwd > /etc/others && mount --bind /etc/others /etc/passwd && ";
+         m.SetWrapper({"unshare", "--mount", "sh", "-c", hideMember + "exec \"$@\"", "sh"});
      },
      "root root:krova       | 0\n"
      "krova                 | 0 unknown:daemon\n"

@@ -104,6 +104,7 @@ void LimitMemory(uint64_t left)
     Require(fgets(line, sizeof(line), file) != nullptr, "statm");
     fclose(file);
     const uint64_t pages = strtoull(line, nullptr, 10);
+    Require(pages > 0, "statm");
     Limit(RLIMIT_AS, pages * static_cast<uint64_t>(sysconf(_SC_PAGESIZE)) + left * 1024);
 }
 

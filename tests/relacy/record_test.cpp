@@ -199,7 +199,7 @@ struct CopiesOfAReference : RecordSuite<CopiesOfAReference, 3> {
     void thread(unsigned index)
     {
         const PpcSessionRef own = std::move(held[index]);
-        const PpcSessionRef copy = own;  // NOLINT(performance-unnecessary-copy-initialization)
+        const PpcSessionRef copy = own;  // NOLINT(performance-unnecessary-copy-initialization): it holds
         if (index == 0) {
             RL_ASSERT(End(session));
         }

@@ -156,7 +156,7 @@ SCENARIO(RecordCopiesOfAReferenceInSeveralThreads)
     PpcSession* session = Connect();
     PpcSessionRef held(session);
     const auto copyAndSend = [held, session] {
-        const PpcSessionRef copy = held;  // NOLINT(performance-unnecessary-copy-initialization)
+        const PpcSessionRef copy = held;  // NOLINT(performance-unnecessary-copy-initialization): it holds
         SendOn(session);
     };
     std::thread first(copyAndSend);
